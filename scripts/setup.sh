@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs everything the build, the tests and the demo need on Debian 12.
+set -euo pipefail
+packages=(
+  build-essential cmake ninja-build ccache clang-format git pkg-config
+  libicu-dev nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev uuid-dev
+  libatspi2.0-dev libglib2.0-dev libx11-dev libxtst-dev libpng-dev libturbojpeg0-dev libjpeg62-turbo-dev
+  nodejs xvfb dbus dbus-x11 at-spi2-core
+)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  sudo=""
+  [ "$(id -u)" -ne 0 ] && sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

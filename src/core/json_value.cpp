@@ -1,0 +1,212 @@
+#include "core/json_value.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+
+#include "core/errors.h"
+
+namespace glimmerstrand::core {
+
+const JSONValue* JSONValue::find(std::string_view key) const {
+  auto object = asObject();
+  if (!object) return nullptr;
+  for (const auto& [k, v] : *object)
+    if (k == key) return &v;
+  return nullptr;
+}
+
+std::optional<std::string> optionalString(const JSONValue& object, std::string_view key) {
+  auto v = object.find(key);
+  if (!v || !v->asString()) return std::nullopt;
+  return *v->asString();
+}
+
+std::optional<double> optionalNumber(const JSONValue& object, std::string_view key) {
+  auto v = object.find(key);
+  if (!v) return std::nullopt;
+  if (auto d = v->asNumber()) return *d;
+  if (auto b = v->asBool()) return *b ? 1.0 : 0.0;
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> optionalInt(const JSONValue& object, std::string_view key) {
+  auto d = optionalNumber(object, key);
+  // Out-of-range and NaN numbers have no integer reading.
+  if (!d || !(*d > -9.3e18 && *d < 9.3e18)) return std::nullopt;
+  return static_cast<std::int64_t>(*d);
+}
+
+std::optional<bool> optionalBool(const JSONValue& object, std::string_view key) {
+  auto v = object.find(key);
+  if (!v) return std::nullopt;
+  if (auto b = v->asBool()) return *b;
+  if (auto d = v->asNumber()) return *d != 0;
+  return std::nullopt;
+}
+
+void appendJSONString(std::string& out, std::string_view text) {
+  static constexpr char hex[] = "0123456789abcdef";
+  out += '"';
+  for (char ch : text) {
+    auto c = static_cast<unsigned char>(ch);
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\b': out += "\\b"; break;
+      case '\t': out += "\\t"; break;
+      case '\n': out += "\\n"; break;
+      case '\f': out += "\\f"; break;
+      case '\r': out += "\\r"; break;
+      default:
+        if (c < 0x20) {
+          out += "\\u00";
+          out += hex[c >> 4];
+          out += hex[c & 0xf];
+        } else {
+          out += ch;
+        }
+    }
+  }
+  out += '"';
+}
+
+std::string jsonString(std::string_view text) {
+  std::string out;
+  out.reserve(text.size() + 2);
+  appendJSONString(out, text);
+  return out;
+}
+
+void appendJSONText(std::string& out, const JSONValue& value) {
+  std::visit(
+      [&](const auto& x) {
+        using T = std::decay_t<decltype(x)>;
+        if constexpr (std::is_same_v<T, bool>) {
+          out += x ? "true" : "false";
+        } else if constexpr (std::is_same_v<T, double>) {
+          out += std::isfinite(x) ? cypher::numberText(x) : "null";
+        } else if constexpr (std::is_same_v<T, std::string>) {
+          appendJSONString(out, x);
+        } else if constexpr (std::is_same_v<T, JSONValue::Array>) {
+          out += '[';
+          for (std::size_t i = 0; i < x.size(); ++i) {
+            if (i) out += ',';
+            appendJSONText(out, x[i]);
+          }
+          out += ']';
+        } else if constexpr (std::is_same_v<T, JSONValue::Object>) {
+          out += '{';
+          for (std::size_t i = 0; i < x.size(); ++i) {
+            if (i) out += ',';
+            appendJSONString(out, x[i].first);
+            out += ':';
+            appendJSONText(out, x[i].second);
+          }
+          out += '}';
+        } else {
+          out += "null";
+        }
+      },
+      value.value);
+}
+
+std::string jsonText(const JSONValue& value) {
+  std::string out;
+  appendJSONText(out, value);
+  return out;
+}
+
+JSONValue jsonValue(const cypher::RowValue& value) {
+  if (auto s = value.asScalar()) {
+    if (auto b = s->asBool()) return *b;
+    if (auto d = s->asNumber()) return *d;
+    if (auto t = s->asString()) return *t;
+    return nullptr;
+  }
+  if (auto l = value.asList()) {
+    JSONValue::Array out;
+    out.reserve(l->size());
+    for (const auto& e : *l) out.push_back(jsonValue(e));
+    return out;
+  }
+  return jsonValue(*value.asMap());
+}
+
+JSONValue jsonValue(const cypher::Row& row) {
+  JSONValue::Object out;
+  out.reserve(row.count());
+  row.forEach([&](const std::string& k, const cypher::RowValue& v) { out.emplace_back(k, jsonValue(v)); });
+  return out;
+}
+
+namespace {
+
+// Builds a JSONValue straight from parser events, so that key order and
+// duplicate keys survive (a DOM would sort or merge them).
+class Builder : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  JSONValue result;
+
+  bool null() override { return put(nullptr); }
+  bool boolean(bool v) override { return put(v); }
+  bool number_integer(number_integer_t v) override { return put(static_cast<double>(v)); }
+  bool number_unsigned(number_unsigned_t v) override { return put(static_cast<double>(v)); }
+  bool number_float(number_float_t v, const string_t&) override { return put(v); }
+  bool string(string_t& v) override { return put(std::move(v)); }
+  bool binary(binary_t&) override { return false; }
+  bool start_object(std::size_t) override { return open(JSONValue::Object{}); }
+  bool key(string_t& k) override {
+    pendingKey_ = std::move(k);
+    return true;
+  }
+  bool end_object() override { return close(); }
+  bool start_array(std::size_t) override { return open(JSONValue::Array{}); }
+  bool end_array() override { return close(); }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+
+ private:
+  // Deeper texts are refused: values are destroyed and printed recursively.
+  static constexpr std::size_t maxDepth = 512;
+
+  struct Open {
+    JSONValue container;
+    std::string keyInParent;
+  };
+
+  bool put(JSONValue v) { return place(std::move(v), std::move(pendingKey_)); }
+  bool place(JSONValue v, std::string key) {
+    if (stack_.empty()) {
+      result = std::move(v);
+    } else if (auto a = stack_.back().container.asArray()) {
+      a->push_back(std::move(v));
+    } else {
+      stack_.back().container.asObject()->emplace_back(std::move(key), std::move(v));
+    }
+    return true;
+  }
+  bool open(JSONValue container) {
+    if (stack_.size() >= maxDepth) return false;
+    stack_.push_back({std::move(container), std::move(pendingKey_)});
+    return true;
+  }
+  bool close() {
+    Open done = std::move(stack_.back());
+    stack_.pop_back();
+    return place(std::move(done.container), std::move(done.keyInParent));
+  }
+
+  std::vector<Open> stack_;
+  std::string pendingKey_;
+};
+
+}  // namespace
+
+JSONValue parseJSON(std::string_view text) {
+  Builder builder;
+  bool ok = nlohmann::json::sax_parse(text.begin(), text.end(), &builder, nlohmann::json::input_format_t::json, true);
+  if (!ok) throw GlimmerstrandError(codes::invalidArgument, "JSON ではありません");
+  return std::move(builder.result);
+}
+
+}  // namespace glimmerstrand::core
