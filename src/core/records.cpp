@@ -149,16 +149,11 @@ JSONValue toJSON(const AxNode& v) {
 }
 
 JSONValue toJSON(const AxSnapshot& v) {
-  return JSONValue::Object{{"app", toJSON(v.app)},
-                           {"pid", v.pid},
-                           {"generation", v.generation},
-                           {"ageMs", v.ageMs},
-                           {"walkMs", v.walkMs},
-                           {"dirty", v.dirty},
-                           {"truncated", v.truncated},
-                           {"notifications", v.notifications},
-                           {"nodes", nodesJSON(v.nodes)},
-                           {"elapsedMs", v.elapsedMs}};
+  return JSONValue::Object{{"app", toJSON(v.app)},        {"pid", v.pid},
+                           {"generation", v.generation},  {"ageMs", v.ageMs},
+                           {"walkMs", v.walkMs},          {"dirty", v.dirty},
+                           {"truncated", v.truncated},    {"notifications", v.notifications},
+                           {"nodes", nodesJSON(v.nodes)}, {"elapsedMs", v.elapsedMs}};
 }
 
 JSONValue toJSON(const AxMenus& v) {
@@ -208,18 +203,16 @@ JSONValue toJSON(const QuitResult& v) {
 }
 
 JSONValue toJSON(const WindowInfo& v) {
-  return JSONValue::Object{{"index", v.index},
-                           {"title", v.title},
-                           {"main", v.main},
-                           {"focused", v.focused},
-                           {"minimized", v.minimized}};
+  return JSONValue::Object{
+      {"index", v.index}, {"title", v.title}, {"main", v.main}, {"focused", v.focused}, {"minimized", v.minimized}};
 }
 
 JSONValue toJSON(const ReadTextResult& v) { return JSONValue::Object{{"text", v.text}, {"truncated", v.truncated}}; }
 
 JSONValue toJSON(const InspectResult& v) {
   JSONValue::Array actions, attributes;
-  for (const auto& a : v.actions) actions.push_back(JSONValue::Object{{"name", a.name}, {"description", a.description}});
+  for (const auto& a : v.actions)
+    actions.push_back(JSONValue::Object{{"name", a.name}, {"description", a.description}});
   for (const auto& a : v.attributes)
     attributes.push_back(JSONValue::Object{{"name", a.name}, {"value", a.value}, {"settable", a.settable}});
   return JSONValue::Object{{"actions", std::move(actions)}, {"attributes", std::move(attributes)}};

@@ -139,8 +139,8 @@ std::string mapKeyOf(std::string_view key) {
   UErrorCode status = U_ZERO_ERROR;
   const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
   if (U_FAILURE(status)) return std::string(key);
-  icu::UnicodeString normal =
-      nfc->normalize(icu::UnicodeString::fromUTF8(icu::StringPiece(key.data(), static_cast<int32_t>(key.size()))), status);
+  icu::UnicodeString normal = nfc->normalize(
+      icu::UnicodeString::fromUTF8(icu::StringPiece(key.data(), static_cast<int32_t>(key.size()))), status);
   if (U_FAILURE(status)) return std::string(key);
   std::string out;
   normal.toUTF8String(out);

@@ -108,8 +108,10 @@ class OrderedMap {
 
   /// Writing none removes, as the language's "write by key, given none".
   void set(std::string_view key, std::optional<V> value) {
-    if (value) set(key, std::move(*value));
-    else remove(key);
+    if (value)
+      set(key, std::move(*value));
+    else
+      remove(key);
   }
 
   /// Pairs in key order.
@@ -128,9 +130,7 @@ class OrderedMap {
   }
 
  private:
-  static bool sameKey(const std::string& a, const std::string& b) {
-    return a == b || mapKeyOf(a) == mapKeyOf(b);
-  }
+  static bool sameKey(const std::string& a, const std::string& b) { return a == b || mapKeyOf(a) == mapKeyOf(b); }
   // Maps of the language are small (a row, a literal), so a scan beats an
   // index and keeps the type usable with an incomplete V.
   std::optional<std::size_t> find(std::string_view key) const {
@@ -231,7 +231,5 @@ struct std::hash<glimmerstrand::cypher::ScalarValue> {
 };
 template <>
 struct std::hash<glimmerstrand::cypher::RowValue> {
-  std::size_t operator()(const glimmerstrand::cypher::RowValue& v) const {
-    return glimmerstrand::cypher::hashValue(v);
-  }
+  std::size_t operator()(const glimmerstrand::cypher::RowValue& v) const { return glimmerstrand::cypher::hashValue(v); }
 };

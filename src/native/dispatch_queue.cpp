@@ -52,8 +52,7 @@ void work(std::shared_ptr<DispatchQueue::State> state) {
 
 }  // namespace
 
-DispatchQueue::DispatchQueue(std::string label, Kind kind)
-    : state_(std::make_shared<State>(std::move(label), kind)) {}
+DispatchQueue::DispatchQueue(std::string label, Kind kind) : state_(std::make_shared<State>(std::move(label), kind)) {}
 
 DispatchQueue::~DispatchQueue() = default;
 

@@ -16,8 +16,10 @@ std::string successLine(const JSONValue& id, const HandlerResult& result) {
   std::string line = "{\"id\":";
   core::appendJSONText(line, id);
   line += ",\"ok\":true,\"result\":";
-  if (auto raw = std::get_if<RawJSON>(&result)) line += raw->text;
-  else core::appendJSONText(line, std::get<JSONValue>(result));
+  if (auto raw = std::get_if<RawJSON>(&result))
+    line += raw->text;
+  else
+    core::appendJSONText(line, std::get<JSONValue>(result));
   line += '}';
   return line;
 }

@@ -19,8 +19,7 @@ int main(int argc, char** argv) {
   static native::Queues queues;
 
   if (argc > 1 && std::strcmp(argv[1], "daemon") == 0) {
-    const char message[] =
-        "{\"level\":\"error\",\"name\":\"daemon\",\"message\":\"daemon mode is not built yet\"}\n";
+    const char message[] = "{\"level\":\"error\",\"name\":\"daemon\",\"message\":\"daemon mode is not built yet\"}\n";
     [[maybe_unused]] auto ignored = ::write(2, message, sizeof message - 1);
     return 1;
   }

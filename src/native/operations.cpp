@@ -7,8 +7,9 @@
 namespace glimmerstrand::native {
 
 const std::unordered_set<std::string>& inputOperations() {
-  static const std::unordered_set<std::string> names{"click", "move",  "scroll",   "drag",  "type",     "key",
-                                                     "activate", "press", "setValue", "focus", "showMenu", "raiseWindow"};
+  static const std::unordered_set<std::string> names{"click",    "move",  "scroll",   "drag",
+                                                     "type",     "key",   "activate", "press",
+                                                     "setValue", "focus", "showMenu", "raiseWindow"};
   return names;
 }
 

@@ -42,9 +42,7 @@ class TaskRunLoop final : public RunLoop {
     Clock::time_point due;
     std::uint64_t order;  // keeps tasks with equal due times in posting order
     Task task;
-    bool operator>(const Timed& other) const {
-      return due != other.due ? due > other.due : order > other.order;
-    }
+    bool operator>(const Timed& other) const { return due != other.due ? due > other.due : order > other.order; }
   };
 
   std::mutex lock_;  // guards everything below
