@@ -106,8 +106,8 @@ class OrderedMap {
     }
   }
 
-  /// Writing none removes, as the language's "write by key, given none".
-  void set(std::string_view key, std::optional<V> value) {
+  /// Writes the value, or removes the key when given none.
+  void setOrRemove(std::string_view key, std::optional<V> value) {
     if (value)
       set(key, std::move(*value));
     else
