@@ -2,10 +2,75 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
+#include "core/errors.h"
+
 namespace glimmerstrand::core {
 namespace {
 
-TEST(JsonText, KeepsPairOrder) { EXPECT_EQ(jsonText(JSONValue::Object{{"b", 1}, {"a", 2}}), "{\"b\":1,\"a\":2}"); }
+TEST(JsonString, EscapesOnlyWhatJsonNeeds) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"a\tb\"c\\次へ", R"("a\tb\"c\\次へ")"},
+      {"\x1f", R"("\u001f")"},
+      {"\b\f\n\r", R"("\b\f\n\r")"},
+      {"a/b\x7f", "\"a/b\x7f\""},
+      {"", R"("")"},
+  };
+  for (const auto& [text, json] : cases) EXPECT_EQ(jsonString(text), json);
+}
+
+TEST(JsonText, IsCompactOrderedAndPrintsNumbersAsTheLanguageDoes) {
+  const double inf = std::numeric_limits<double>::infinity();
+  const std::pair<JSONValue, std::string> cases[] = {
+      {JSONValue::Object{{"b", 1}, {"a", 2}}, R"({"b":1,"a":2})"},
+      {JSONValue::Object{{"a", 1}, {"a", 2}}, R"({"a":1,"a":2})"},
+      {JSONValue(inf), "null"},
+      {JSONValue(3.0), "3"},
+      {JSONValue(1e21), "1e+21"},
+      {JSONValue::Array{true, nullptr, "x", JSONValue::Array{}}, R"([true,null,"x",[]])"},
+  };
+  for (const auto& [value, text] : cases) EXPECT_EQ(jsonText(value), text);
+}
+
+TEST(JsonValueOfRow, KeepsMapOrderAndCases) {
+  cypher::Row row{{"z", 1}, {"a", cypher::RowValue::List{"t", nullptr, false}}};
+  EXPECT_EQ(jsonText(jsonValue(row)), R"({"z":1,"a":["t",null,false]})");
+}
+
+TEST(ParseJson, KeepsOrderAndDuplicatesAndRefusesGarbage) {
+  auto v = parseJSON(R"({"b":{"y":1,"x":[1,2.5,"s"]},"a":null,"b":true})");
+  EXPECT_EQ(jsonText(v), R"({"b":{"y":1,"x":[1,2.5,"s"]},"a":null,"b":true})");
+  for (const char* bad : {"", "{", "[1,]", "{\"a\" 1}", "nul", "\"\xff\"", "1 2"})
+    EXPECT_THROW(parseJSON(bad), GlimmerstrandError) << bad;
+  std::string deep(100000, '[');
+  EXPECT_THROW(parseJSON(deep + std::string(100000, ']')), GlimmerstrandError) << "deep nesting is refused";
+}
+
+TEST(LenientReaders, TreatWrongTypesAsAbsentAndMixBoolsWithNumbers) {
+  auto params = parseJSON(R"({"s":"t","n":2,"b":true,"z":0,"o":{}})");
+  EXPECT_EQ(optionalString(params, "s"), "t");
+  EXPECT_EQ(optionalString(params, "n"), std::nullopt);
+  EXPECT_EQ(optionalNumber(params, "b"), 1.0);
+  EXPECT_EQ(optionalBool(params, "n"), true);
+  EXPECT_EQ(optionalBool(params, "z"), false);
+  EXPECT_EQ(optionalInt(params, "o"), std::nullopt);
+  EXPECT_EQ(optionalInt(params, "missing"), std::nullopt);
+}
+
+TEST(Errors, CodeAndMessageOfEachKind) {
+  GlimmerstrandError g("not_found", "x");
+  EXPECT_STREQ(g.what(), "GlimmerstrandError(not_found): x");
+  EXPECT_EQ(errorCode(g), "not_found");
+  EXPECT_TRUE(hasCode(g, codes::notFound));
+  cypher::BadRequestError b("だめ", std::string("hint"));
+  EXPECT_EQ(errorCode(b), "invalid_argument");
+  EXPECT_EQ(errorMessage(b), "だめ");
+  std::runtime_error other("plain");
+  EXPECT_EQ(errorCode(other), std::nullopt);
+  EXPECT_EQ(errorMessage(other), "plain");
+  EXPECT_FALSE(hasCode(other, "internal"));
+}
 
 }  // namespace
 }  // namespace glimmerstrand::core
