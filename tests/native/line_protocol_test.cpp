@@ -1,12 +1,189 @@
 #include "native/line_protocol.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "core/errors.h"
+#include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
 namespace {
 
-TEST(LineProtocol, SuccessLineCarriesRawResultVerbatim) {
-  EXPECT_EQ(successLine(core::JSONValue(1), RawJSON{"{\"a\" : 1}"}), "{\"id\":1,\"ok\":true,\"result\":{\"a\" : 1}}");
+using core::JSONValue;
+using namespace std::chrono_literals;
+
+// A host over a table of test operations, collecting reply lines.
+class HostFixture : public ::testing::Test {
+ protected:
+  HostFixture()
+      : output_([this](std::string_view line) {
+          std::lock_guard guard(linesLock_);
+          lines_.emplace_back(line.substr(0, line.size() - 1));  // without its line feed
+        }) {
+    addProcessOperations(table_);
+    table_.add("fail", [](const JSONValue& params) -> HandlerResult {
+      auto kind = requiredString("kind", params);
+      if (kind == "rpc") throw RPCError("timeout", "遅い");
+      if (kind == "core") throw core::GlimmerstrandError("stale", "古い");
+      throw std::runtime_error("boom");
+    });
+    table_.add("echo", [](const JSONValue& params) -> HandlerResult { return params; });
+    table_.add("number", [](const JSONValue& params) -> HandlerResult { return requiredNumber("n", params); });
+    table_.add("type", [this](const JSONValue& params) -> HandlerResult {
+      std::this_thread::sleep_for(std::chrono::milliseconds(requiredNumber("ms", params) > 0 ? 20 : 0));
+      typed_.push_back(requiredString("text", params));
+      return true;
+    });
+  }
+
+  // Sends lines and waits for every reply.
+  std::vector<std::string> exchange(std::initializer_list<std::string_view> requests) {
+    for (auto line : requests) host_.handleLine(line);
+    EXPECT_TRUE(host_.waitForReplies(5s));
+    std::lock_guard guard(linesLock_);
+    std::vector<std::string> out;
+    out.swap(lines_);
+    return out;
+  }
+
+  OperationTable table_;
+  Queues queues_;
+  std::size_t lineCount() {
+    std::lock_guard guard(linesLock_);
+    return lines_.size();
+  }
+
+  std::mutex linesLock_;  // guards lines_, written by the queues' workers
+  std::vector<std::string> lines_;
+  Output output_;
+  std::vector<std::string> typed_;  // only the serial input queue writes it
+  LineHost host_{table_, queues_, output_};
+};
+
+TEST_F(HostFixture, RepliesToEachWellFormedRequest) {
+  const std::string pid = std::to_string(::getpid());
+  const std::pair<std::string_view, std::string> cases[] = {
+      {R"({"id":1,"method":"ping"})", R"({"id":1,"ok":true,"result":{"pong":true,"pid":)" + pid + "}}"},
+      {R"({"id":null,"method":"ping"})", R"({"id":null,"ok":true,"result":{"pong":true,"pid":)" + pid + "}}"},
+      {R"({"id":"p","method":"ping","params":"x"})",
+       R"({"id":"p","ok":true,"result":{"pong":true,"pid":)" + pid + "}}"},
+      {R"({"id":"x","method":"nope"})",
+       R"({"id":"x","ok":false,"error":{"code":"invalid_argument","message":"未知のメソッドです: nope"}})"},
+      {R"({"id":2})", R"({"id":2,"ok":false,"error":{"code":"invalid_argument","message":"未知のメソッドです: "}})"},
+      {R"({"id":3,"method":7})",
+       R"({"id":3,"ok":false,"error":{"code":"invalid_argument","message":"未知のメソッドです: "}})"},
+      {R"({"id":[1,{"a":2}],"method":"echo","params":{"b":1,"a":"/"}})",
+       R"({"id":[1,{"a":2}],"ok":true,"result":{"b":1,"a":"/"}})"},
+      {R"({"id":4,"method":"echo","params":[1]})", R"({"id":4,"ok":true,"result":{}})"},
+      {R"({"id":5,"method":"fail","params":{"kind":"rpc"}})",
+       R"({"id":5,"ok":false,"error":{"code":"timeout","message":"遅い"}})"},
+      {R"({"id":6,"method":"fail","params":{"kind":"core"}})",
+       R"({"id":6,"ok":false,"error":{"code":"stale","message":"古い"}})"},
+      {R"({"id":7,"method":"fail","params":{"kind":"other"}})",
+       R"({"id":7,"ok":false,"error":{"code":"native","message":"boom"}})"},
+      {R"({"id":8,"method":"fail"})",
+       R"({"id":8,"ok":false,"error":{"code":"invalid_argument","message":"kind が必要です"}})"},
+      {R"({"id":9,"method":"number","params":{"n":"1"}})",
+       R"({"id":9,"ok":false,"error":{"code":"invalid_argument","message":"n が必要です"}})"},
+      {R"({"id":10,"method":"number","params":{"n":2.5}})", R"({"id":10,"ok":true,"result":2.5})"},
+  };
+  for (const auto& [request, reply] : cases) EXPECT_EQ(exchange({request}), std::vector<std::string>{reply}) << request;
+}
+
+TEST_F(HostFixture, MalformedLinesGetNoReply) {
+  EXPECT_TRUE(exchange({"", "not json", "[1]", "{}", R"({"method":"ping"})", "{\"id\":1", "\"text\"", "null"}).empty());
+}
+
+TEST_F(HostFixture, InputOperationsRunInArrivalOrder) {
+  exchange({R"({"id":1,"method":"type","params":{"text":"a","ms":1}})",
+            R"({"id":2,"method":"type","params":{"text":"b","ms":0}})",
+            R"({"id":3,"method":"type","params":{"text":"c","ms":1}})"});
+  EXPECT_EQ(typed_, (std::vector<std::string>{"a", "b", "c"}));
+}
+
+TEST_F(HostFixture, SurvivesRandomAndTruncatedLines) {
+  const std::string seeds[] = {R"({"id":1,"method":"echo","params":{"a":[1,2,{"b":"c\u00e9"}]}})",
+                               R"({"id":"x","method":"fail","params":{"kind":"rpc"}})", R"([{"id":1}])"};
+  std::mt19937 random(7);
+  std::vector<std::string> lines;
+  for (int i = 0; i < 3000; ++i) {
+    std::string line = seeds[random() % 3];
+    switch (random() % 3) {
+      case 0:
+        line.resize(random() % line.size());
+        break;
+      case 1:
+        for (int k = 0; k < 3; ++k) line[random() % line.size()] = static_cast<char>(random() % 256);
+        break;
+      default:
+        line.assign(random() % 64, ' ');
+        for (auto& c : line) c = static_cast<char>(random() % 256);
+    }
+    if (line.find('\n') == std::string::npos) lines.push_back(line);
+  }
+  for (const auto& line : lines) host_.handleLine(line);
+  ASSERT_TRUE(host_.waitForReplies(10s));
+  exchange({});
+  EXPECT_EQ(exchange({R"({"id":"last","method":"ping"})"}).size(), 1u);
+}
+
+TEST_F(HostFixture, WaitForRepliesGivesUpOnAHangingOperation) {
+  std::atomic<bool> release{false};
+  table_.add("hang", [&](const JSONValue&) -> HandlerResult {
+    while (!release) std::this_thread::sleep_for(1ms);
+    return true;
+  });
+  host_.handleLine(R"({"id":1,"method":"hang"})");
+  EXPECT_FALSE(host_.waitForReplies(50ms));
+  host_.handleLine(R"({"id":2,"method":"ping"})");  // the work queue is concurrent: ping is not held up
+  for (int i = 0; i < 500 && lineCount() == 0; ++i) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(lineCount(), 1u);
+  release = true;
+  EXPECT_TRUE(host_.waitForReplies(5s));
+}
+
+// The process itself: the done-when exchange of the line protocol.
+std::filesystem::path nativeBinary() {
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../../src/native/glimmerstrand-native";
+}
+
+TEST(LineProcess, AnswersAndExitsZeroAtEndOfInput) {
+  int in[2], out[2];
+  ASSERT_EQ(::pipe(in), 0);
+  ASSERT_EQ(::pipe(out), 0);
+  pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(in[0], 0);
+    ::dup2(out[1], 1);
+    ::close(in[1]);
+    ::close(out[0]);
+    ::execl(nativeBinary().c_str(), "glimmerstrand-native", nullptr);
+    ::_exit(127);
+  }
+  ::close(in[0]);
+  ::close(out[1]);
+  std::string requests =
+      "{\"id\":1,\"method\":\"ping\"}\n{\"method\":\"ping\"}\n[1]\n{\"id\":\"x\",\"method\":\"nope\"}\n";
+  ASSERT_EQ(::write(in[1], requests.data(), requests.size()), static_cast<ssize_t>(requests.size()));
+  ::close(in[1]);
+  std::string replies;
+  char buffer[4096];
+  for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) replies.append(buffer, static_cast<std::size_t>(n));
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  std::string pong = "{\"id\":1,\"ok\":true,\"result\":{\"pong\":true,\"pid\":" + std::to_string(child) + "}}\n";
+  std::string unknown =
+      R"({"id":"x","ok":false,"error":{"code":"invalid_argument","message":"未知のメソッドです: nope"}})"
+      "\n";
+  EXPECT_TRUE(replies == pong + unknown || replies == unknown + pong) << replies;
 }
 
 }  // namespace
