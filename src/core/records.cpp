@@ -20,6 +20,7 @@ struct Feed {
     mix(v ? 3 : 4);
     if (v) (*this)(*v);
   }
+  void operator()(const NodeList& v) { (*this)(v.vector()); }
   template <typename T>
   void operator()(const std::vector<T>& v) {
     mix(v.size());
@@ -44,7 +45,7 @@ std::size_t hashAll(const Fields&... fields) {
   return feed.state;
 }
 
-JSONValue::Array nodesJSON(const std::vector<AxNode>& nodes) {
+JSONValue::Array nodesJSON(const NodeList& nodes) {
   JSONValue::Array out;
   out.reserve(nodes.size());
   for (const auto& n : nodes) out.push_back(toJSON(n));

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
@@ -77,6 +79,36 @@ struct AxNode {
   bool operator==(const AxNode&) const = default;
 };
 
+/// An immutable, shared list of nodes: copying a snapshot out of a mirror, into
+/// a graph or into a pending write costs a reference, not 10,000 node copies.
+/// Reads like a const std::vector; compares by contents.
+class NodeList {
+ public:
+  NodeList() : nodes_(noNodes()) {}
+  NodeList(std::vector<AxNode> nodes) : nodes_(std::make_shared<const std::vector<AxNode>>(std::move(nodes))) {}
+  NodeList(std::initializer_list<AxNode> nodes) : NodeList(std::vector<AxNode>(nodes)) {}
+  explicit NodeList(std::shared_ptr<const std::vector<AxNode>> nodes) : nodes_(nodes ? std::move(nodes) : noNodes()) {}
+
+  const std::vector<AxNode>& vector() const { return *nodes_; }
+  const std::shared_ptr<const std::vector<AxNode>>& shared() const { return nodes_; }
+  std::size_t size() const { return nodes_->size(); }
+  bool empty() const { return nodes_->empty(); }
+  const AxNode& operator[](std::size_t at) const { return (*nodes_)[at]; }
+  std::vector<AxNode>::const_iterator begin() const { return nodes_->begin(); }
+  std::vector<AxNode>::const_iterator end() const { return nodes_->end(); }
+
+  friend bool operator==(const NodeList& a, const NodeList& b) {
+    return a.nodes_ == b.nodes_ || *a.nodes_ == *b.nodes_;
+  }
+
+ private:
+  static const std::shared_ptr<const std::vector<AxNode>>& noNodes() {
+    static const auto none = std::make_shared<const std::vector<AxNode>>();
+    return none;
+  }
+  std::shared_ptr<const std::vector<AxNode>> nodes_;
+};
+
 struct AxSnapshot {
   AppInfo app;
   std::int64_t pid = 0;
@@ -86,7 +118,7 @@ struct AxSnapshot {
   bool dirty = false;
   bool truncated = false;
   std::int64_t notifications = 0;
-  std::vector<AxNode> nodes;
+  NodeList nodes;
   double elapsedMs = 0;
   bool operator==(const AxSnapshot&) const = default;
 };
@@ -95,7 +127,7 @@ struct AxSnapshot {
 struct AxMenus {
   AppInfo app;
   std::int64_t pid = 0;
-  std::vector<AxNode> nodes;
+  NodeList nodes;
   bool operator==(const AxMenus&) const = default;
 };
 
