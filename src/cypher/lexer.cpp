@@ -1,0 +1,226 @@
+#include "cypher/lexer.h"
+
+#include <unicode/locid.h>
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
+
+#include <array>
+
+#include "cypher/utf16.h"
+#include "cypher/values.h"
+
+namespace glimmerstrand::cypher {
+namespace {
+
+constexpr std::array<std::string_view, 25> kKeywords = {
+    "MATCH",    "WHERE", "RETURN", "LIMIT", "AND", "OR",   "NOT", "CONTAINS", "STARTS", "ENDS",   "AS",   "WITH", "IN",
+    "DISTINCT", "ORDER", "BY",     "SKIP",  "ASC", "DESC", "SET", "CREATE",   "DELETE", "DETACH", "COPY", "CALL"};
+
+constexpr std::array<std::string_view, 6> kTwoUnitPunct = {"->", "..", ">=", "<=", "<>", "=~"};
+constexpr std::string_view kOneUnitPunct = "()[]{}:,.*=<>|-;";
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+bool isLetter(char32_t cp) {
+  switch (u_charType(static_cast<UChar32>(cp))) {
+    case U_UPPERCASE_LETTER:
+    case U_LOWERCASE_LETTER:
+    case U_TITLECASE_LETTER:
+    case U_MODIFIER_LETTER:
+    case U_OTHER_LETTER:
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool isNumberChar(char32_t cp) {
+  switch (u_charType(static_cast<UChar32>(cp))) {
+    case U_DECIMAL_DIGIT_NUMBER:
+    case U_LETTER_NUMBER:
+    case U_OTHER_NUMBER:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Classification goes by single UTF-16 unit: a supplementary code point is a
+// surrogate pair and never a word character.
+bool startsWord(CodePoint cp) {
+  if (cp.value < 0x80) return cp.value == '_' || (cp.value | 0x20) - 'a' < 26u;
+  return cp.units() == 1 && isLetter(cp.value);
+}
+
+bool continuesWord(CodePoint cp) {
+  if (cp.value < 0x80) return startsWord(cp) || isDigit(static_cast<char>(cp.value));
+  return cp.units() == 1 && (isLetter(cp.value) || isNumberChar(cp.value));
+}
+
+std::string fullUpperCase(std::string_view word) {
+  bool ascii = true;
+  for (unsigned char c : word) ascii = ascii && c < 0x80;
+  std::string out;
+  if (ascii) {
+    out.assign(word);
+    for (char& c : out)
+      if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    return out;
+  }
+  icu::UnicodeString::fromUTF8(icu::StringPiece(word.data(), static_cast<int32_t>(word.size())))
+      .toUpper(icu::Locale::getRoot())
+      .toUTF8String(out);
+  return out;
+}
+
+class Lexer {
+ public:
+  explicit Lexer(std::string_view text) : text_(text) {}
+
+  std::vector<Token> run() {
+    while (at_ < text_.size()) step();
+    return std::move(tokens_);
+  }
+
+ private:
+  void step() {
+    char c = text_[at_];
+    if (c == ' ' || c == '\t' || c == '\n' || c == '\r') {
+      advance(1, 1);
+    } else if (c == '"' || c == '\'') {
+      readString(c);
+    } else if (isDigit(c) || (c == '-' && at_ + 1 < text_.size() && isDigit(text_[at_ + 1]))) {
+      readNumber();
+    } else if (CodePoint cp = decodeAt(text_, at_); startsWord(cp)) {
+      readWord();
+    } else if (!readPunct()) {
+      // A surrogate pair fails on its first unit, which alone prints as U+FFFD.
+      std::string shown = cp.units() == 2 ? encodeUtf8(0xFFFD) : std::string(text_.substr(at_, cp.bytes));
+      throw BadRequestError("Unexpected character \"" + shown + "\" at position " + std::to_string(unit_));
+    }
+  }
+
+  void advance(std::size_t bytes, std::int64_t units) {
+    at_ += bytes;
+    unit_ += units;
+  }
+
+  void emit(TokenType type, std::string value, std::int64_t start, std::optional<std::string> raw = std::nullopt) {
+    tokens_.push_back(Token{type, std::move(value), start, std::move(raw)});
+  }
+
+  void readString(char quote) {
+    const std::int64_t start = unit_;
+    advance(1, 1);
+    std::string value;
+    std::size_t runStart = at_;
+    while (at_ < text_.size()) {
+      char c = text_[at_];
+      if (c == quote) {
+        value.append(text_.substr(runStart, at_ - runStart));
+        advance(1, 1);
+        emit(TokenType::string, std::move(value), start);
+        return;
+      }
+      if (c == '\\' && at_ + 1 < text_.size()) {
+        value.append(text_.substr(runStart, at_ - runStart));
+        advance(1, 1);
+        runStart = at_;  // the escaped unit is taken literally with the run
+      }
+      CodePoint cp = decodeAt(text_, at_);
+      advance(cp.bytes, static_cast<std::int64_t>(cp.units()));
+    }
+    throw BadRequestError("Unterminated string literal at position " + std::to_string(start));
+  }
+
+  void readNumber() {
+    const std::int64_t start = unit_;
+    std::size_t begin = at_;
+    std::size_t i = at_ + (text_[at_] == '-' ? 1 : 0);
+    while (i < text_.size() && isDigit(text_[i])) ++i;
+    if (i + 1 < text_.size() && text_[i] == '.' && isDigit(text_[i + 1])) {
+      ++i;
+      while (i < text_.size() && isDigit(text_[i])) ++i;
+    }
+    advance(i - begin, static_cast<std::int64_t>(i - begin));
+    emit(TokenType::number, std::string(text_.substr(begin, i - begin)), start);
+  }
+
+  void readWord() {
+    const std::int64_t start = unit_;
+    std::size_t begin = at_;
+    while (at_ < text_.size()) {
+      CodePoint cp = decodeAt(text_, at_);
+      if (!continuesWord(cp)) break;
+      advance(cp.bytes, 1);
+    }
+    std::string word(text_.substr(begin, at_ - begin));
+    std::string upper = fullUpperCase(word);
+    if (upper == "TRUE" || upper == "FALSE") {
+      emit(TokenType::boolean, upper == "TRUE" ? "true" : "false", start);
+    } else if (upper == "NULL") {
+      emit(TokenType::null, "null", start);
+    } else if (isKeyword(upper)) {
+      emit(TokenType::keyword, std::move(upper), start, std::move(word));
+    } else {
+      emit(TokenType::identifier, std::move(word), start);
+    }
+  }
+
+  static bool isKeyword(std::string_view upper) {
+    for (auto k : kKeywords)
+      if (k == upper) return true;
+    return false;
+  }
+
+  bool readPunct() {
+    if (at_ + 1 < text_.size()) {
+      std::string_view two = text_.substr(at_, 2);
+      for (auto p : kTwoUnitPunct) {
+        if (p == two) {
+          emit(TokenType::punct, std::string(p), unit_);
+          advance(2, 2);
+          return true;
+        }
+      }
+    }
+    if (kOneUnitPunct.find(text_[at_]) == std::string_view::npos) return false;
+    emit(TokenType::punct, std::string(1, text_[at_]), unit_);
+    advance(1, 1);
+    return true;
+  }
+
+  std::string_view text_;
+  std::size_t at_ = 0;
+  std::int64_t unit_ = 0;
+  std::vector<Token> tokens_;
+};
+
+}  // namespace
+
+std::string_view typeName(TokenType type) {
+  switch (type) {
+    case TokenType::keyword:
+      return "keyword";
+    case TokenType::identifier:
+      return "identifier";
+    case TokenType::number:
+      return "number";
+    case TokenType::string:
+      return "string";
+    case TokenType::boolean:
+      return "boolean";
+    case TokenType::null:
+      return "null";
+    case TokenType::punct:
+      return "punct";
+  }
+  return "";
+}
+
+std::vector<Token> tokenize(std::string_view text) {
+  if (auto repaired = repairedUtf8(text)) return Lexer(*repaired).run();
+  return Lexer(text).run();
+}
+
+}  // namespace glimmerstrand::cypher
