@@ -1,0 +1,78 @@
+// A snapshot as the graph the statement language matches against: labels,
+// ids (e12, m12), properties, CHILD and PARENT, and the one-line form of a
+// node. Built once per snapshot and never changed, so one graph may be read
+// by several threads.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "core/records.h"
+#include "cypher/graph_adapter.h"
+
+namespace glimmerstrand::core {
+
+struct GraphNode {
+  AxNode node;                         // after the fix-ups of construction
+  std::vector<std::int64_t> children;  // `i` of each child, in node order
+};
+
+/// Roles that count as controls: the label `Control`, outlines and element
+/// resolution share this table.
+const std::unordered_set<std::string>& controlRoles();
+
+/// The label of a node: its role without "AX" ("AXUnknown" when absent), with
+/// "App" in front for menu bar nodes.
+std::string labelOf(const AxNode& node);
+/// "m" or "e", then `uid` when present, else `i`.
+std::string idText(const AxNode& node);
+/// The non-empty ones of title, description, value, placeholder.
+std::vector<std::string> nodeText(const AxNode& node);
+/// title, else description, else placeholder, else value of a static text.
+std::optional<std::string> nameOf(const AxNode& node);
+/// `e12 Button "Play"`, `e7 TextField "Search" = "abc" focused`.
+std::string rowLine(const AxNode& node);
+
+class AxGraph final : public cypher::GraphAdapter {
+ public:
+  AxGraph(AxSnapshot snapshot, const std::vector<AxNode>& menus);
+
+  const AxSnapshot& snapshot() const { return snapshot_; }
+  const std::vector<GraphNode>& nodes() const { return nodes_; }
+  const GraphNode* byIndex(std::int64_t i) const;
+  const GraphNode* byId(std::string_view id) const;
+  /// The children of a node, through byIndex.
+  std::vector<const GraphNode*> children(const GraphNode& node) const;
+
+  /// The language's handle of a node of this graph, and back.
+  cypher::Node handle(const GraphNode& node) const;
+  const GraphNode& graphNode(cypher::Node node) const { return nodes_[node.handle]; }
+
+  // GraphAdapter
+  std::vector<cypher::Node> nodes(std::optional<std::string_view> label) const override;
+  std::vector<cypher::Node> neighbors(cypher::Node node, std::span<const std::string> types) const override;
+  std::optional<std::string> inverseType(std::string_view type) const override;
+  std::string labelName(cypher::Node node) const override;
+  bool hasLabel(cypher::Node node, std::string_view label) const override;
+  cypher::ScalarValue property(cypher::Node node, std::string_view name) const override;
+  cypher::Row rowObject(cypher::Node node) const override;
+  std::int64_t identity(cypher::Node node) const override;
+
+ private:
+  void nameRows();
+  std::optional<std::string> descendantText(const GraphNode& node) const;
+
+  AxSnapshot snapshot_;
+  std::vector<GraphNode> nodes_;
+  std::vector<std::string> labels_;  // label of each node, computed once
+  std::unordered_map<std::int64_t, std::size_t> byIndex_;
+  std::unordered_map<std::string, std::size_t> byId_;
+};
+
+}  // namespace glimmerstrand::core

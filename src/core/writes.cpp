@@ -1,0 +1,207 @@
+// SET statements: each assignment is a command to the driver, one action per
+// target, recorded as it happens and reported by the next settle.
+#include <cmath>
+
+#include "core/errors.h"
+#include "core/runner.h"
+#include "cypher/targets.h"
+
+namespace glimmerstrand::core {
+
+const std::string_view typedNote =
+    "the keys were sent, but the text could not be seen in the tree (some fields, such as those in web dialogs, do "
+    "not expose it); assume it was typed, and check with ui.screenshot before typing again";
+
+namespace {
+
+using cypher::ScalarValue;
+using cypher::WriteValue;
+
+constexpr std::size_t maxTargets = 10;
+
+constexpr std::string_view usageLines[] = {
+    "SET b.pressed = true presses; rows and text that cannot be pressed select the nearest row",
+    "SET r.selected = true selects a row",
+    "SET f.focused = true focuses",
+    "SET f.value = \"text\" replaces the value of a text field",
+};
+
+std::string notWritable(const std::string& property) {
+  std::string message = property + " は書き換えられません。使えるのは ";
+  for (std::size_t k = 0; k < std::size(usageLines); ++k) {
+    if (k) message += "、";
+    message += usageLines[k];
+  }
+  return message + " です";
+}
+
+std::string scalarJSON(const ScalarValue& v) {
+  if (auto d = v.asNumber()) return std::isfinite(*d) ? cypher::numberText(*d) : "null";
+  if (auto s = v.asString()) return jsonString(*s);
+  return v.text();  // true, false, null
+}
+
+std::string scalarText(const ScalarValue& v) { return v.isNull() ? "" : v.text(); }
+
+bool isTrue(const WriteValue* value) {
+  if (!value) return false;
+  auto s = value->asScalar();
+  return s && s->asBool() && *s->asBool();
+}
+
+}  // namespace
+
+std::string writeValueJSON(const WriteValue* value) {
+  if (!value) return "undefined";
+  if (auto s = value->asScalar()) return scalarJSON(*s);
+  std::string out = "[";
+  if (auto list = value->asList()) {
+    for (std::size_t k = 0; k < list->size(); ++k) out += (k ? "," : "") + scalarJSON((*list)[k]);
+  } else {
+    const auto& maps = *value->asMaps();
+    for (std::size_t k = 0; k < maps.size(); ++k) {
+      out += k ? ",{" : "{";
+      bool first = true;
+      maps[k].forEach([&](const std::string& key, const ScalarValue& v) {
+        out += (first ? "" : ",") + jsonString(key) + ":" + scalarJSON(v);
+        first = false;
+      });
+      out += '}';
+    }
+  }
+  return out + "]";
+}
+
+std::string writeValueText(const WriteValue* value) {
+  if (!value) return "";
+  if (auto s = value->asScalar()) return scalarText(*s);
+  std::string out;
+  if (auto list = value->asList()) {
+    for (std::size_t k = 0; k < list->size(); ++k) out += (k ? "," : "") + scalarText((*list)[k]);
+  } else {
+    for (std::size_t k = 0; k < value->asMaps()->size(); ++k) out += k ? ",[object Object]" : "[object Object]";
+  }
+  return out;
+}
+
+namespace {
+
+bool belongsTo(const std::string& variable, const cypher::AggregateArg& arg) {
+  if (auto v = std::get_if<cypher::AggregateArg::Variable>(&arg.value)) return v->name == variable;
+  if (auto p = std::get_if<cypher::PropertyRef>(&arg.value)) return p->variable == variable;
+  return true;  // *
+}
+
+bool returnsOnly(const cypher::Query& query, const std::string& variable) {
+  for (const auto& item : query.returns) {
+    if (std::holds_alternative<cypher::ReturnItem::All>(item.value)) return false;
+    if (auto v = std::get_if<cypher::ReturnItem::Variable>(&item.value); v && v->variable != variable) return false;
+    if (auto p = std::get_if<cypher::ReturnItem::Property>(&item.value); p && p->variable != variable) return false;
+    if (auto a = std::get_if<cypher::AggregateItem>(&item.value); a && !belongsTo(variable, a->arg)) return false;
+  }
+  for (const auto& order : query.orderBy) {
+    if (auto v = std::get_if<cypher::OrderKey::Variable>(&order.key.value); v && v->name != variable) return false;
+    if (auto p = std::get_if<cypher::OrderKey::Property>(&order.key.value); p && p->variable != variable) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+cypher::Query narrowToWritten(const cypher::Query& query, const std::optional<std::string>& variable,
+                              const std::vector<std::string>& ids) {
+  if (!variable || !returnsOnly(query, *variable)) return query;
+  cypher::Query narrowed = query;
+  narrowed.pattern = cypher::PatternPart{cypher::NodePattern{*variable, std::nullopt, {}}, {}};
+  narrowed.more.clear();
+  cypher::ComparisonOperand::List list(ids.begin(), ids.end());
+  narrowed.where = cypher::WhereExpr{
+      cypher::ComparisonExpr{cypher::PropertyRef{*variable, "id"}, cypher::ComparisonOperator::in, {std::move(list)}}};
+  return narrowed;
+}
+
+StatementResultRef ScriptRun::runSet(const cypher::SetStatement& statement) {
+  settlePending();
+  ensureOpen();
+  auto result = std::make_shared<StatementResult>("set");
+  std::vector<std::vector<cypher::Node>> targets;
+  for (const auto& assignment : statement.assignments)
+    targets.push_back(cypher::resolveTargets(statement.match, assignment.variable, *graph));
+  bool any = false;
+  for (const auto& list : targets) {
+    if (list.size() > maxTargets)
+      throw GlimmerstrandError(codes::invalidArgument, std::to_string(list.size()) + " 個の要素が当てはまりました。" +
+                                                           std::to_string(maxTargets) +
+                                                           " 個以下になるよう、MATCH の条件を絞ってください");
+    any = any || !list.empty();
+  }
+  if (!any) throw GlimmerstrandError(codes::notFound, "MATCH に当てはまる要素がありません。query で探し直してください");
+  markPending(result);
+
+  const auto written = graph;  // writes may not replace it, but the references must outlive any change
+  std::vector<std::string> ids;
+  for (std::size_t a = 0; a < statement.assignments.size(); ++a) {
+    const auto& assignment = statement.assignments[a];
+    for (auto node : targets[a]) {
+      const auto& target = written->graphNode(node);
+      ids.push_back(idText(target.node));
+      writeProperty(target, assignment.property, &assignment.value, written->snapshot(), result);
+    }
+  }
+  partial.reset();
+  if (!statement.then) return result;
+
+  settlePending();
+  auto read = runRead(narrowToWritten(*statement.then, statement.assignments.front().variable, ids));
+  result->rows = std::move(read->rows);
+  result->returns = true;
+  if (read->total) result->total = read->total;
+  return result;
+}
+
+void ScriptRun::writeProperty(const GraphNode& node, const std::string& property, const WriteValue* value,
+                              const AxSnapshot& snapshot, const StatementResultRef& result) {
+  const ElementRef ref = elementRefOf(snapshot, node.node);
+  const std::string id = idText(node.node);
+  std::string action = property == "value" ? "value=" + writeValueJSON(value) : property;
+  try {
+    if ((property == "pressed" || property == "selected") && isTrue(value)) {
+      driver().press(ref);
+    } else if (property == "focused" && isTrue(value)) {
+      driver().focus(ref);
+      focusedRef = ref;
+    } else if (property == "value") {
+      const std::string text = writeValueText(value);
+      bool applied = false;
+      try {
+        applied = driver().setValue(ref, text).applied;
+      } catch (const std::exception& e) {
+        if (!hasCode(e, codes::noAction)) throw;
+      }
+      if (!applied) {
+        action += " by keys";
+        driver().focus(ref);
+        focusedRef = ref;
+        selectAllIn(ref);
+        if (!driver().type(text, ref.pid)) result->addNote(std::string(typedNote));
+      }
+    } else {
+      throw GlimmerstrandError(codes::invalidArgument, notWritable(property));
+    }
+  } catch (const std::exception& e) {
+    result->actions.push_back(ActionRecord{id, action, false, errorMessage(e)});
+    partial = result;
+    throw;
+  }
+  result->actions.push_back(ActionRecord{id, action, true, std::nullopt});
+}
+
+void ScriptRun::selectAllIn(const ElementRef& ref) {
+  try {
+    driver().selectAll(ref);
+  } catch (const std::exception&) {
+    driver().key("cmd+a", ref.pid);  // the keyboard way when the element has no selection of its own
+  }
+}
+
+}  // namespace glimmerstrand::core

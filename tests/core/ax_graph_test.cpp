@@ -1,0 +1,116 @@
+#include "core/ax_graph.h"
+
+#include <gtest/gtest.h>
+
+#include "cypher/parser.h"
+#include "cypher/projection.h"
+#include "fake_driver.h"
+
+namespace glimmerstrand::core {
+namespace {
+
+using testing::node;
+
+AxSnapshot snapshotOf(std::vector<AxNode> nodes) {
+  AxSnapshot s;
+  s.app = AppInfo{7, "b", "App"};
+  s.pid = 7;
+  s.nodes = NodeList(std::move(nodes));
+  return s;
+}
+
+std::string rowsOf(const AxGraph& graph, const std::string& query) {
+  auto statement = cypher::parseStatement(query);
+  std::string out;
+  for (const auto& row : cypher::executeQuery(*statement.asRead(), graph)) out += jsonText(jsonValue(row)) + "\n";
+  return out;
+}
+
+TEST(AxGraphIds, UidOrIndexAndMenuOffset) {
+  AxNode noUid = node(3, -1, "AXWindow");
+  noUid.uid.reset();
+  std::vector<AxNode> nodes{noUid};
+  for (int k = 1; k < 10; ++k) nodes.push_back(node(k + 10, 3, "AXButton"));
+  AxNode menuRoot = node(0, -1, "AXMenuBar");
+  menuRoot.uid.reset();
+  AxNode menuItem = node(1, 0, "AXMenuBarItem", "File");
+  menuItem.uid = 7;
+  AxGraph graph(snapshotOf(nodes), {menuRoot, menuItem});
+  EXPECT_EQ(idText(graph.nodes()[0].node), "e3");
+  EXPECT_EQ(idText(graph.nodes()[1].node), "e111");
+  ASSERT_NE(graph.byId("m10"), nullptr) << "a menu node without uid takes its shifted index";
+  EXPECT_EQ(graph.byId("m10")->node.parent, -1);
+  EXPECT_EQ(graph.byId("m7")->node.parent, 10);
+  EXPECT_EQ(labelOf(graph.byId("m7")->node), "AppMenuBarItem");
+  EXPECT_EQ(graph.children(*graph.byId("m10")).size(), 1u);
+  EXPECT_EQ(graph.snapshot().nodes.size(), 10u) << "the snapshot keeps only its own nodes";
+}
+
+TEST(AxGraphRows, RowsTakeTextFromUpToThreeLevelsDown) {
+  auto deep = [](int levels) {
+    std::vector<AxNode> nodes{node(0, -1, "AXTable"), node(1, 0, "AXRow")};
+    for (int k = 0; k < levels - 1; ++k) nodes.push_back(node(2 + k, 1 + k, "AXGroup"));
+    AxNode text = node(1 + levels, levels, "AXStaticText", std::nullopt, "Inbox");
+    nodes.push_back(text);
+    return AxGraph(snapshotOf(nodes), {});
+  };
+  auto near = deep(2);
+  EXPECT_EQ(nameOf(near.byId("e101")->node), "Inbox");
+  EXPECT_EQ(rowLine(near.byId("e101")->node), "e101 Row \"Inbox\"");
+  auto far = deep(4);
+  EXPECT_EQ(nameOf(far.byId("e101")->node), std::nullopt);
+}
+
+TEST(AxGraphRowLine, Examples) {
+  AxNode field = node(7, -1, "AXTextField", std::nullopt, "abc");
+  field.uid.reset();
+  field.placeholder = "Search";
+  field.focused = true;
+  AxNode close = node(5, -1, "AXButton");
+  close.uid.reset();
+  close.subrole = "AXCloseButton";
+  AxNode text = node(1, -1, "AXStaticText", std::nullopt, "Hello");
+  AxNode item = node(3, -1, "AXMenuItem", "Copy");
+  item.menu = true;
+  item.enabled = false;
+  item.uid.reset();
+  AxNode unknownRole = node(2, -1, "AXGroup");
+  unknownRole.role.reset();
+  const std::pair<AxNode, std::string> cases[] = {
+      {field, R"(e7 TextField "Search" = "abc" focused)"},
+      {close, "e5 Button (CloseButton)"},
+      {text, R"(e101 StaticText "Hello")"},
+      {item, R"(m3 AppMenuItem "Copy" disabled)"},
+      {unknownRole, "e102 Unknown"},
+  };
+  for (const auto& [n, line] : cases) EXPECT_EQ(rowLine(n), line);
+}
+
+TEST(AxGraphQueries, LabelsPropertiesAndRowObjects) {
+  AxNode window = node(0, -1, "AXWindow", "Main");
+  AxNode button = node(1, 0, "AXButton");
+  button.description = "Play";
+  button.frame = Rect{10, 20, 30, 40};
+  AxNode bare = node(2, 0, "AXGroup");
+  bare.role.reset();
+  AxNode link = node(3, 0, "AXLink", "Song");
+  link.url = "https://xpui.app.spotify.com/track/1";
+  AxGraph graph(snapshotOf({window, button, bare, link}), {});
+  EXPECT_EQ(rowsOf(graph, "MATCH (b:Button) RETURN b"), R"({"b":{"_label":"Button","id":"e101","name":"Play"}})"
+                                                        "\n");
+  EXPECT_EQ(rowsOf(graph, "MATCH (n:Unknown) RETURN n.id, n.x, n.enabled, n.expanded"),
+            R"({"n.id":"e102","n.x":null,"n.enabled":true,"n.expanded":null})"
+            "\n");
+  EXPECT_EQ(rowsOf(graph, "MATCH (w:Window)-[:CHILD]->(c:Control) RETURN c.id, c.x, c.text"),
+            R"({"c.id":"e101","c.x":10,"c.text":"Play"})"
+            "\n"
+            R"({"c.id":"e103","c.x":null,"c.text":"Song"})"
+            "\n");
+  EXPECT_EQ(rowsOf(graph, "MATCH (l:Link) RETURN l.url"), R"({"l.url":"https://open.spotify.com/track/1"})"
+                                                          "\n");
+  EXPECT_EQ(rowsOf(graph, "MATCH (b:Button)-[:PARENT]->(w) RETURN w.name"), R"({"w.name":"Main"})"
+                                                                            "\n");
+}
+
+}  // namespace
+}  // namespace glimmerstrand::core

@@ -1,0 +1,175 @@
+#include "fake_driver.h"
+
+namespace glimmerstrand::core::testing {
+
+AxNode node(std::int64_t i, std::int64_t parent, std::string role, std::optional<std::string> title,
+            std::optional<std::string> value) {
+  AxNode n;
+  n.i = i;
+  n.uid = i + 100;
+  n.parent = parent;
+  n.role = std::move(role);
+  n.title = std::move(title);
+  n.value = std::move(value);
+  return n;
+}
+
+void FakeDriver::record(const std::string& name, const std::string& args) {
+  {
+    std::lock_guard guard(lock_);
+    calls.push_back(args.empty() ? name : name + " " + args);
+  }
+  if (auto failure = failures.find(name); failure != failures.end())
+    throw GlimmerstrandError(failure->second, name + " failed");
+}
+
+std::vector<std::string> FakeDriver::callNames() const {
+  std::vector<std::string> names;
+  for (const auto& c : calls) names.push_back(c.substr(0, c.find(' ')));
+  return names;
+}
+
+AxNode& FakeDriver::byUid(std::int64_t uid) {
+  for (auto& n : nodes)
+    if (n.uid == uid) return n;
+  throw std::logic_error("no node with uid " + std::to_string(uid));
+}
+
+AxSnapshot FakeDriver::axSnapshot(const SnapshotOptions& options) {
+  record("axSnapshot", jsonText(toJSON(options)));
+  if (onSnapshot) onSnapshot(*this);
+  if (!running) throw GlimmerstrandError(codes::notFound, "アプリケーションが見つかりません");
+  AxSnapshot s;
+  s.app = app;
+  s.pid = app.pid;
+  s.generation = generation;
+  s.notifications = counter;
+  s.nodes = NodeList(nodes);
+  return s;
+}
+
+std::pair<std::int64_t, std::int64_t> FakeDriver::axCounter(const AppSelector& selector) {
+  record("axCounter", jsonText(toJSON(selector)));
+  return {app.pid, counter};
+}
+
+AxMenus FakeDriver::axMenus(const AppSelector& selector, std::optional<std::int64_t> maxAgeMs) {
+  record("axMenus", jsonText(toJSON(selector)) + " " + std::to_string(maxAgeMs.value_or(-1)));
+  return AxMenus{app, app.pid, NodeList(menuNodes)};
+}
+
+PressResult FakeDriver::press(const ElementRef& ref) {
+  record("press", jsonText(toJSON(ref)));
+  if (onPress) onPress(*this, ref);
+  return PressResult{"AXPress", true, counter, 1};
+}
+
+void FakeDriver::focus(const ElementRef& ref) {
+  record("focus", jsonText(toJSON(ref)));
+  if (onFocus) onFocus(*this, ref);
+}
+
+SetValueResult FakeDriver::setValue(const ElementRef& ref, const std::string& text) {
+  record("setValue", jsonText(toJSON(ref)) + " " + jsonString(text));
+  return SetValueResult{valueApplied};
+}
+
+void FakeDriver::selectAll(const ElementRef& ref) { record("selectAll", jsonText(toJSON(ref))); }
+
+SettleResult FakeDriver::waitSettle(const SettleOptions& options) {
+  record("waitSettle", jsonText(toJSON(options)));
+  return SettleResult{true, true, 1, 5};
+}
+
+void FakeDriver::key(const std::string& keys, std::optional<std::int64_t> pid) {
+  record("key", jsonString(keys) + " " + std::to_string(pid.value_or(-1)));
+}
+
+bool FakeDriver::type(const std::string& text, std::optional<std::int64_t> pid) {
+  record("type", jsonString(text) + " " + std::to_string(pid.value_or(-1)));
+  return typedSeen;
+}
+
+void FakeDriver::click(double x, double y, const ClickOptions& options) {
+  record("click",
+         std::to_string(x) + "," + std::to_string(y) + " " + options.button + " " + std::to_string(options.count));
+}
+void FakeDriver::move(double x, double y) { record("move", std::to_string(x) + "," + std::to_string(y)); }
+void FakeDriver::drag(double x1, double y1, double x2, double y2) {
+  record("drag", std::to_string(x1) + "," + std::to_string(y1) + " " + std::to_string(x2) + "," + std::to_string(y2));
+}
+void FakeDriver::scroll(const ScrollDelta& delta) {
+  record("scroll", std::to_string(delta.dx.value_or(0)) + "," + std::to_string(delta.dy.value_or(0)));
+}
+void FakeDriver::axRefresh(const AppSelector& selector) { record("axRefresh", jsonText(toJSON(selector))); }
+
+AppInfo FakeDriver::frontmost() {
+  record("frontmost", "");
+  return front;
+}
+
+std::vector<RunningApp> FakeDriver::apps() {
+  record("apps", "");
+  return {RunningApp{app.pid, app.bundleId, app.name, front.pid == app.pid, false}};
+}
+
+AppInfo FakeDriver::launch(const std::string& name) {
+  record("launch", jsonString(name));
+  running = true;
+  return app;
+}
+
+QuitResult FakeDriver::quit(const AppSelector& selector) {
+  record("quit", jsonText(toJSON(selector)));
+  running = false;
+  return QuitResult{app.name, app.pid, true};
+}
+
+AppInfo FakeDriver::activate(const AppSelector& selector) {
+  record("activate", jsonText(toJSON(selector)));
+  front = app;
+  return app;
+}
+
+std::vector<WindowInfo> FakeDriver::windows(const AppSelector& selector) {
+  record("windows", jsonText(toJSON(selector)));
+  return {WindowInfo{1, "Main", true, true, false}};
+}
+
+std::string FakeDriver::raiseWindow(const AppSelector& selector, const WindowSelector&) {
+  record("raiseWindow", jsonText(toJSON(selector)));
+  return "Main";
+}
+
+ReadTextResult FakeDriver::readText(const ElementRef& ref) {
+  record("readText", jsonText(toJSON(ref)));
+  return ReadTextResult{"text", false};
+}
+
+InspectResult FakeDriver::inspect(const ElementRef& ref) {
+  record("inspect", jsonText(toJSON(ref)));
+  return InspectResult{};
+}
+
+void FakeDriver::showMenu(const ElementRef& ref) { record("showMenu", jsonText(toJSON(ref))); }
+
+std::optional<std::string> FakeDriver::clipboard() {
+  record("clipboard", "");
+  return std::nullopt;
+}
+
+void FakeDriver::setClipboard(const std::string& text) { record("setClipboard", jsonString(text)); }
+void FakeDriver::copyImage(const std::vector<std::uint8_t>& png) { record("copyImage", std::to_string(png.size())); }
+
+std::optional<AppInfo> FakeDriver::openURL(const std::string& url) {
+  record("openURL", jsonString(url));
+  return app;
+}
+
+Capture FakeDriver::captureRegion(double x, double y, double width, double height, const CaptureOptions& options) {
+  record("captureRegion", std::to_string(x) + "," + std::to_string(y) + "," + std::to_string(width) + "," +
+                              std::to_string(height) + " " + options.format);
+  return Capture{options.format, {1, 2, 3}, 2, 2, Rect{x, y, width, height}};
+}
+
+}  // namespace glimmerstrand::core::testing

@@ -1,0 +1,252 @@
+#include "core/runner.h"
+
+#include <gtest/gtest.h>
+
+#include "fake_driver.h"
+
+namespace glimmerstrand::core {
+namespace {
+
+using testing::FakeDriver;
+using testing::ManualClock;
+using testing::node;
+using Lines = std::vector<std::string>;
+
+const char* const firstRead = R"(axSnapshot {"fresh":true,"all":true,"maxAgeMs":1500})";
+const char* const settle = R"(waitSettle {"pid":501,"since":10,"quietMs":60,"firstMs":150})";
+const char* const freshRead = R"(axSnapshot {"pid":501,"fresh":true,"all":true,"timeoutMs":5000})";
+const char* const counterCall = R"(axCounter {"pid":501})";
+
+// A mail window: a "To" field, a "Send" button, a list of rows.
+class RunnerTest : public ::testing::Test {
+ protected:
+  RunnerTest() {
+    driver.nodes = {node(0, -1, "AXWindow", "Mail"), node(1, 0, "AXTextField", "To", "a"),
+                    node(2, 0, "AXButton", "Send"), node(3, 0, "AXList")};
+    for (int k = 0; k < 40; ++k) driver.nodes.push_back(node(4 + k, 3, "AXStaticText", std::nullopt, "r"));
+  }
+
+  CypherResult run(std::string_view script, bool readOnly = false) {
+    return runner.run(script, std::nullopt, readOnly);
+  }
+  std::string json(const CypherResult& r) {
+    auto copy = r;
+    copy.elapsedMs = 0;
+    return jsonText(resultJSON(copy));
+  }
+  std::string ref(std::int64_t i) {
+    return R"({"pid":501,"generation":1,"i":)" + std::to_string(i) + R"(,"uid":)" + std::to_string(i + 100) + "}";
+  }
+
+  FakeDriver driver;
+  GraphMemory memory;
+  ManualClock clock;
+  CypherRunner runner{driver, memory, clock};
+};
+
+TEST_F(RunnerTest, RefusalsComeBeforeAnyDriverCall) {
+  const std::tuple<const char*, bool, const char*> cases[] = {
+      {R"(CALL ui.key("a"))", true, "query は読み取りだけを受け付けます。操作するときは do を使ってください"},
+      {"CREATE (n:Note)", true, "query は読み取りだけを受け付けます。操作するときは do を使ってください"},
+      {"CREATE (n:Note)", false, "create は使えません。MATCH、SET、CALL を使ってください"},
+      {"MATCH (n) RETURN n; MATCH (n) DELETE n", false, "delete は使えません。MATCH、SET、CALL を使ってください"},
+  };
+  for (const auto& [script, readOnly, message] : cases) {
+    try {
+      run(script, readOnly);
+      ADD_FAILURE() << script;
+    } catch (const GlimmerstrandError& e) {
+      EXPECT_EQ(e.code(), "invalid_argument");
+      EXPECT_EQ(e.message(), message);
+    }
+  }
+  EXPECT_TRUE(driver.calls.empty());
+}
+
+TEST_F(RunnerTest, ReadsAreCappedAtAHundredRowsWithoutALimit) {
+  for (int k = 0; k < 110; ++k) driver.nodes.push_back(node(44 + k, 3, "AXStaticText", std::nullopt, "x"));
+  auto capped = run("MATCH (t:StaticText) RETURN t.id", true);
+  EXPECT_EQ(capped.results[0]->rows.size(), 100u);
+  EXPECT_EQ(capped.results[0]->total, 150);
+  auto limited = run("MATCH (t:StaticText) RETURN t.id LIMIT 150", true);
+  EXPECT_EQ(limited.results[0]->rows.size(), 150u);
+  EXPECT_EQ(limited.results[0]->total, std::nullopt);
+  auto exact = run("MATCH (t:StaticText) RETURN t.id LIMIT 100");
+  EXPECT_EQ(exact.results[0]->total, std::nullopt);
+  EXPECT_EQ(driver.calls, (Lines{firstRead, firstRead, firstRead}));
+}
+
+TEST_F(RunnerTest, ResultJsonHasItsKeysInOrder) {
+  auto r = run(R"(MATCH (b:Button) RETURN b.name)");
+  EXPECT_EQ(json(r), R"({"fresh":true,"app":"Calculator","pid":501,"generation":1,"results":[{"kind":"read",)"
+                     R"("rows":[{"b.name":"Send"}],"actions":[]}],"elapsedMs":0})");
+}
+
+TEST_F(RunnerTest, ASecondStatementThatFailsKeepsTheFirstResult) {
+  auto r = run(R"(MATCH (b:Button) RETURN b.name; MATCH (b:Button) SET b.pressed = false)");
+  ASSERT_EQ(r.results.size(), 2u) << "the failed write shows as a partial result";
+  EXPECT_EQ(r.error->statement, 2);
+  EXPECT_EQ(r.errorCode, "invalid_argument");
+  EXPECT_EQ(r.results[0]->rows.size(), 1u);
+  const auto& failed = r.results[1]->actions.at(0);
+  EXPECT_EQ(failed.id, "e102");
+  EXPECT_EQ(failed.action, "pressed");
+  EXPECT_FALSE(failed.ok);
+  EXPECT_EQ(*failed.error,
+            "pressed は書き換えられません。使えるのは SET b.pressed = true presses; rows and text that cannot be "
+            "pressed select the nearest row、SET r.selected = true selects a row、SET f.focused = true focuses、SET "
+            "f.value = \"text\" replaces the value of a text field です");
+  EXPECT_EQ(driver.callNames(), (Lines{"axSnapshot", "axCounter", "waitSettle", "axSnapshot"}))
+      << "no press for a value that is not true; the settle still runs";
+}
+
+TEST_F(RunnerTest, AFirstStatementThatFailsWithNothingToShowThrows) {
+  EXPECT_THROW(run("MATCH (b:Ghost) SET b.pressed = true"), GlimmerstrandError);
+  EXPECT_THROW(run("MATCH (b:Button) RETURN c"), cypher::BadRequestError);
+  // A failed action is something to show: it comes back as a partial result.
+  auto r = run("MATCH (b:Button) SET b.pressed = 1");
+  EXPECT_EQ(r.error->statement, 1);
+  ASSERT_EQ(r.results.size(), 1u);
+  EXPECT_FALSE(r.results[0]->actions.at(0).ok);
+}
+
+TEST_F(RunnerTest, WritesShareOneSettleAndTheReadSeesTheNewGraph) {
+  driver.onFocus = [](FakeDriver& d, const ElementRef&) { d.byUid(101).focused = true; };
+  auto r = run(R"(MATCH (f:TextField {name:"To"}) SET f.focused = true;
+                  MATCH (f:TextField) SET f.value = "abc";
+                  MATCH (f:TextField) RETURN f.focused)");
+  EXPECT_EQ(driver.calls, (Lines{firstRead, counterCall, "focus " + ref(1), settle, freshRead,
+                                 "axCounter {\"pid\":501}", "setValue " + ref(1) + " \"abc\"", settle, freshRead}));
+  ASSERT_EQ(r.results.size(), 3u);
+  EXPECT_EQ(r.results[0]->changes, (Lines{R"(~ e101 TextField "To" = "a" focused)"}));
+  EXPECT_EQ(r.results[1]->actions[0].action, R"(value="abc")");
+  EXPECT_EQ(r.results[2]->rows[0], (cypher::Row{{"f.focused", true}}));
+}
+
+TEST_F(RunnerTest, AValueTheFieldRefusesGoesByKeys) {
+  driver.valueApplied = false;
+  driver.typedSeen = false;
+  driver.failures["selectAll"] = "no_action";
+  auto r = run(R"(MATCH (f:TextField) SET f.value = [1, "a"])");
+  EXPECT_EQ(driver.calls, (Lines{firstRead, counterCall, "setValue " + ref(1) + " \"1,a\"", "focus " + ref(1),
+                                 "selectAll " + ref(1), "key \"cmd+a\" 501", "type \"1,a\" 501", settle, freshRead}));
+  EXPECT_EQ(r.results[0]->actions[0].action, R"(value=[1,"a"] by keys)");
+  EXPECT_EQ(r.results[0]->notes, (Lines{std::string(typedNote)}));
+  EXPECT_EQ(r.results[0]->changes, Lines{}) << "a settle that saw nothing says so with an empty list";
+}
+
+TEST_F(RunnerTest, TargetLimitIsTen) {
+  for (int k = 0; k < 10; ++k) driver.nodes.push_back(node(50 + k, 0, "AXCheckBox", "c" + std::to_string(k)));
+  EXPECT_EQ(run("MATCH (c:CheckBox) SET c.pressed = true").results[0]->actions.size(), 10u);
+  driver.nodes.push_back(node(60, 0, "AXCheckBox", "c10"));
+  driver.calls.clear();
+  try {
+    run("MATCH (c:CheckBox) SET c.pressed = true");
+    ADD_FAILURE();
+  } catch (const GlimmerstrandError& e) {
+    EXPECT_EQ(e.message(), "11 個の要素が当てはまりました。10 個以下になるよう、MATCH の条件を絞ってください");
+  }
+  EXPECT_EQ(driver.callNames(), Lines{"axSnapshot"});
+}
+
+TEST_F(RunnerTest, SetWithReturnReadsTheWrittenNodesAfterTheSettle) {
+  driver.onPress = [](FakeDriver& d, const ElementRef&) { d.byUid(102).title = "Sent"; };
+  auto r = run(R"(MATCH (b:Button {name:"Send"}) SET b.pressed = true RETURN b.name)");
+  EXPECT_EQ(r.results[0]->rows, (std::vector<cypher::Row>{{{"b.name", "Sent"}}}));
+  EXPECT_EQ(r.results[0]->returns, true);
+  EXPECT_EQ(r.results[0]->changes, (Lines{R"(~ e102 Button "Sent" (was "Send"))"}));
+  // Returning another variable keeps the MATCH, which no longer finds the renamed button.
+  driver.byUid(102).title = "Send";
+  auto other = run(R"(MATCH (w:Window)-[:CHILD]->(b:Button {name:"Send"}) SET b.pressed = true RETURN w.name)");
+  EXPECT_TRUE(other.results[0]->rows.empty());
+}
+
+TEST_F(RunnerTest, AnApplicationThatClosesDuringAWrite) {
+  driver.onPress = [](FakeDriver& d, const ElementRef&) { d.running = false; };
+  auto r = run(R"(MATCH (b:Button) SET b.pressed = true; MATCH (b:Button) RETURN b)");
+  EXPECT_EQ(r.results[0]->changes, (Lines{"(Calculator closed)"}));
+  EXPECT_EQ(r.error->statement, 2);
+  EXPECT_EQ(r.error->message, "Calculator は終了しています。ui.open で開き直してください");
+  EXPECT_EQ(r.errorCode, "not_found");
+}
+
+TEST_F(RunnerTest, ASparseBackgroundApplicationIsBroughtForward) {
+  driver.nodes.resize(29);
+  driver.front = AppInfo{1, "com.other", "Other"};
+  int reads = 0;
+  driver.onSnapshot = [&](FakeDriver& d) {
+    if (++reads == 3)
+      for (int k = 0; k < 5; ++k) d.nodes.push_back(node(100 + k, 0, "AXButton", "more"));
+  };
+  auto r = run(R"(MATCH (b:Button {name:"Send"}) RETURN b.name)");
+  EXPECT_EQ(driver.callNames(),
+            (Lines{"axSnapshot", "frontmost", "activate", "frontmost", "axSnapshot", "axSnapshot"}));
+  EXPECT_EQ(clock.slept, (std::vector<double>{250, 250}));
+  EXPECT_EQ(r.results[0]->notes,
+            (Lines{"Calculator showed almost nothing in the background, so it was brought to the front"}));
+}
+
+TEST_F(RunnerTest, OnlySparseWindowedPagesWithoutWebAreasAreBroughtForward) {
+  driver.front = AppInfo{1, "com.other", "Other"};
+  const std::pair<std::function<void(std::vector<AxNode>&)>, bool> cases[] = {
+      {[](auto& n) { n.resize(30); }, false},
+      {[](auto& n) { n.resize(5), n.push_back(node(9, 0, "AXWebArea")); }, false},
+      {[](auto& n) { n.resize(5), n[0].role = "AXGroup"; }, false},
+      {[](auto& n) { n.resize(29); }, true},
+  };
+  for (const auto& [shape, forward] : cases) {
+    RunnerTest::SetUp();
+    FakeDriver fresh;
+    fresh.nodes = driver.nodes;
+    shape(fresh.nodes);
+    fresh.front = AppInfo{1, "com.other", "Other"};
+    CypherRunner r(fresh, memory, clock);
+    r.run("MATCH (n) RETURN count(*)", std::nullopt, true);
+    EXPECT_EQ(fresh.callNames().size() > 1, forward) << fresh.nodes.size();
+  }
+}
+
+TEST(FrontOrFail, LockedScreenAndStubbornApplications) {
+  FakeDriver driver;
+  ManualClock clock;
+  driver.front = AppInfo{88, "com.apple.loginwindow", "loginwindow"};
+  try {
+    frontOrFail(driver, clock, std::nullopt);
+    ADD_FAILURE();
+  } catch (const GlimmerstrandError& e) {
+    EXPECT_EQ(e.code(), "permission");
+    EXPECT_EQ(e.message(), "画面がロックされているので、キー入力を送りませんでした");
+  }
+  EXPECT_EQ(frontOrFail(driver, clock, AppSelector{501, {}, {}}), 501) << "activate brings it forward";
+}
+
+TEST(MenuScripts, OnlyScriptsNamingTheMenuBarReadIt) {
+  const std::pair<const char*, bool> cases[] = {
+      {R"(CALL ui.press("m12"))", true},      {R"(CALL ui.press('m3'))", true},
+      {R"(CALL ui.press("e12"))", false},     {"MATCH (a:AppMenuItem) RETURN a", true},
+      {"MATCH (a:  AppMenu) RETURN a", true}, {"MATCH (a:AppMenuItems) RETURN a", false},
+      {"MATCH (a:Menu) RETURN a", false},     {R"(CALL ui.press("m12a"))", false},
+  };
+  for (auto [script, reads] : cases) EXPECT_EQ(scriptReadsMenus(script), reads) << script;
+}
+
+TEST(GraphMemory, KeepsFourGraphsOfEightProcesses) {
+  GraphMemory memory;
+  auto graphOf = [](std::int64_t pid) {
+    AxSnapshot s;
+    s.pid = pid;
+    return std::make_shared<const AxGraph>(s, std::vector<AxNode>{});
+  };
+  auto first = graphOf(1);
+  for (int k = 0; k < 3; ++k) memory.remember(first);
+  EXPECT_EQ(memory.graphs(1).size(), 1u);
+  for (int k = 0; k < 4; ++k) memory.remember(graphOf(1));
+  EXPECT_EQ(memory.graphs(1).size(), 4u);
+  EXPECT_NE(memory.graphs(1).back(), first) << "the fifth graph drops the first";
+  for (int pid = 2; pid <= 9; ++pid) memory.remember(graphOf(pid));
+  EXPECT_TRUE(memory.graphs(1).empty()) << "the ninth process drops the oldest";
+  EXPECT_EQ(memory.graphs(9).size(), 1u);
+}
+
+}  // namespace
+}  // namespace glimmerstrand::core
