@@ -110,6 +110,7 @@ std::vector<std::string> changeLines(const NodeList& before, const NodeList& aft
       appeared.push_back(n);
       continue;
     }
+    if (*n == *was->second) continue;  // most nodes are untouched: skip building their lines
     auto line = rowLine(*n);
     if (line != rowLine(*was->second)) changed.push_back("~ " + line + wasText(*was->second, *n));
   }
