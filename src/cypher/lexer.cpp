@@ -12,9 +12,12 @@
 namespace glimmerstrand::cypher {
 namespace {
 
-constexpr std::array<std::string_view, 25> kKeywords = {
-    "MATCH",    "WHERE", "RETURN", "LIMIT", "AND", "OR",   "NOT", "CONTAINS", "STARTS", "ENDS",   "AS",   "WITH", "IN",
-    "DISTINCT", "ORDER", "BY",     "SKIP",  "ASC", "DESC", "SET", "CREATE",   "DELETE", "DETACH", "COPY", "CALL"};
+// The 25 keywords, then the three words that make literals.
+constexpr std::array<std::string_view, 28> kSpecialWords = {
+    "MATCH",  "WHERE",  "RETURN", "LIMIT",    "AND",   "OR",   "NOT",   "CONTAINS", "STARTS", "ENDS",
+    "AS",     "WITH",   "IN",     "DISTINCT", "ORDER", "BY",   "SKIP",  "ASC",      "DESC",   "SET",
+    "CREATE", "DELETE", "DETACH", "COPY",     "CALL",  "TRUE", "FALSE", "NULL"};
+constexpr std::size_t kKeywordCount = 25;
 
 constexpr std::array<std::string_view, 6> kTwoUnitPunct = {"->", "..", ">=", "<=", "<>", "=~"};
 constexpr std::string_view kOneUnitPunct = "()[]{}:,.*=<>|-;";
@@ -57,20 +60,34 @@ bool continuesWord(CodePoint cp) {
   return cp.units() == 1 && (isLetter(cp.value) || isNumberChar(cp.value));
 }
 
-std::string fullUpperCase(std::string_view word) {
-  bool ascii = true;
-  for (unsigned char c : word) ascii = ascii && c < 0x80;
-  std::string out;
-  if (ascii) {
-    out.assign(word);
-    for (char& c : out)
-      if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-    return out;
+char asciiUpper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+
+bool isAscii(std::string_view text) {
+  for (unsigned char c : text)
+    if (c >= 0x80) return false;
+  return true;
+}
+
+// The index in kSpecialWords of the word's full Unicode upper-casing, if it
+// is one of them. ASCII words are compared in place, without upper-casing.
+std::optional<std::size_t> specialWord(std::string_view word) {
+  if (isAscii(word)) {
+    for (std::size_t k = 0; k < kSpecialWords.size(); ++k) {
+      std::string_view special = kSpecialWords[k];
+      if (special.size() != word.size()) continue;
+      std::size_t i = 0;
+      while (i < word.size() && asciiUpper(word[i]) == special[i]) ++i;
+      if (i == word.size()) return k;
+    }
+    return std::nullopt;
   }
+  std::string upper;
   icu::UnicodeString::fromUTF8(icu::StringPiece(word.data(), static_cast<int32_t>(word.size())))
       .toUpper(icu::Locale::getRoot())
-      .toUTF8String(out);
-  return out;
+      .toUTF8String(upper);
+  for (std::size_t k = 0; k < kSpecialWords.size(); ++k)
+    if (kSpecialWords[k] == upper) return k;
+  return std::nullopt;
 }
 
 class Lexer {
@@ -78,6 +95,7 @@ class Lexer {
   explicit Lexer(std::string_view text) : text_(text) {}
 
   std::vector<Token> run() {
+    tokens_.reserve(text_.size() / 3 + 1);
     while (at_ < text_.size()) step();
     return std::move(tokens_);
   }
@@ -106,7 +124,7 @@ class Lexer {
   }
 
   void emit(TokenType type, std::string value, std::int64_t start, std::optional<std::string> raw = std::nullopt) {
-    tokens_.push_back(Token{type, std::move(value), start, std::move(raw)});
+    tokens_.emplace_back(type, std::move(value), start, std::move(raw));
   }
 
   void readString(char quote) {
@@ -150,27 +168,27 @@ class Lexer {
     const std::int64_t start = unit_;
     std::size_t begin = at_;
     while (at_ < text_.size()) {
+      auto c = static_cast<unsigned char>(text_[at_]);
+      if (c < 0x80) {
+        if (c != '_' && !isDigit(static_cast<char>(c)) && static_cast<unsigned>((c | 0x20) - 'a') >= 26u) break;
+        advance(1, 1);
+        continue;
+      }
       CodePoint cp = decodeAt(text_, at_);
       if (!continuesWord(cp)) break;
       advance(cp.bytes, 1);
     }
     std::string word(text_.substr(begin, at_ - begin));
-    std::string upper = fullUpperCase(word);
-    if (upper == "TRUE" || upper == "FALSE") {
-      emit(TokenType::boolean, upper == "TRUE" ? "true" : "false", start);
-    } else if (upper == "NULL") {
-      emit(TokenType::null, "null", start);
-    } else if (isKeyword(upper)) {
-      emit(TokenType::keyword, std::move(upper), start, std::move(word));
-    } else {
+    std::optional<std::size_t> special = specialWord(word);
+    if (!special) {
       emit(TokenType::identifier, std::move(word), start);
+    } else if (*special < kKeywordCount) {
+      emit(TokenType::keyword, std::string(kSpecialWords[*special]), start, std::move(word));
+    } else if (kSpecialWords[*special] == "NULL") {
+      emit(TokenType::null, "null", start);
+    } else {
+      emit(TokenType::boolean, kSpecialWords[*special] == "TRUE" ? "true" : "false", start);
     }
-  }
-
-  static bool isKeyword(std::string_view upper) {
-    for (auto k : kKeywords)
-      if (k == upper) return true;
-    return false;
   }
 
   bool readPunct() {
