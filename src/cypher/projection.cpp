@@ -41,20 +41,17 @@ const std::string* argVariable(const AggregateArg& arg) {
 
 // ------------------------------------------------------------ plain path
 
-Row plainRow(const Query& query, const BindingVars& vars, const GraphAdapter& graph) {
-  Row row;
-  for (const auto& item : query.returns) {
-    if (auto v = std::get_if<ReturnItem::Variable>(&item.value)) {
-      Node node = boundNode(vars, v->variable, "RETURN");
-      row.set(v->alias.value_or(v->variable), RowValue(graph.rowObject(node)));
-    } else if (auto p = std::get_if<ReturnItem::Property>(&item.value)) {
-      Node node = boundNode(vars, p->variable, "RETURN");
-      row.set(propertyColumn(*p), RowValue(graph.property(node, p->property)));
-    } else if (std::holds_alternative<ReturnItem::All>(item.value)) {
-      for (std::size_t i = 0; i < vars.size(); ++i) row.set(vars.name(i), RowValue(graph.rowObject(vars.node(i))));
-    }
+// Writes one RETURN item's cells. A name the row has already keeps its place.
+void addCells(Row& row, const ReturnItem& item, const BindingVars& vars, const GraphAdapter& graph) {
+  if (auto v = std::get_if<ReturnItem::Variable>(&item.value)) {
+    Node node = boundNode(vars, v->variable, "RETURN");
+    row.set(v->alias.value_or(v->variable), RowValue(graph.rowObject(node)));
+  } else if (auto p = std::get_if<ReturnItem::Property>(&item.value)) {
+    Node node = boundNode(vars, p->variable, "RETURN");
+    row.set(propertyColumn(*p), RowValue(graph.property(node, p->property)));
+  } else if (std::holds_alternative<ReturnItem::All>(item.value)) {
+    for (std::size_t i = 0; i < vars.size(); ++i) row.set(vars.name(i), RowValue(graph.rowObject(vars.node(i))));
   }
-  return row;
 }
 
 KeyList plainKeys(const Query& query, const BindingVars& vars, const GraphAdapter& graph) {
@@ -78,7 +75,9 @@ Table plainTable(const Query& query, const BindingList& list, const GraphAdapter
   Table table;
   for (std::size_t i = 0; i < list.size(); ++i) {
     BindingVars vars = list.vars(i);
-    table.rows.push_back(plainRow(query, vars, graph));
+    Row row;
+    for (const auto& item : query.returns) addCells(row, item, vars, graph);
+    table.rows.push_back(std::move(row));
     if (!query.orderBy.empty()) table.keys.push_back(plainKeys(query, vars, graph));
   }
   return table;
@@ -240,12 +239,11 @@ Table aggregatingTable(const Query& query, const BindingList& list, const GraphA
   std::vector<Group> groups = groupBindings(groupItems, list, graph);
   // Without group items, no bindings still make one row of empty aggregates.
   if (groupItems.empty() && groups.empty()) groups.push_back(Group{});
-  Query groupOnly;
-  for (const auto* item : groupItems) groupOnly.returns.push_back(*item);
   Table table;
   for (const auto& group : groups) {
     Row row;
-    if (!group.members.empty()) row = plainRow(groupOnly, list.vars(group.first), graph);
+    if (!group.members.empty())
+      for (const auto* item : groupItems) addCells(row, *item, list.vars(group.first), graph);
     for (const auto* item : aggregates) row.set(item->alias, RowValue(aggregate(*item, list, group.members, graph)));
     table.rows.push_back(std::move(row));
   }
