@@ -39,9 +39,10 @@ class Matcher {
 
   void charge(std::size_t work) {
     if (static_cast<std::int64_t>(work) > budget_)
-      throw BadRequestError("パターンの照合が上限の " + std::to_string(kMatchBudget) + " 件を超えました",
-                            "Narrow the pattern: give the start node a label or property, follow fewer relationship "
-                            "types, or lower the hop range (e.g. *1..3).");
+      throw BadRequestError(
+          "パターンの照合が上限の " + std::to_string(kMatchBudget) + " 件を超えました。MATCH の条件を絞ってください",
+          "Narrow the pattern: give the start node a label or property, follow fewer relationship "
+          "types, or lower the hop range (e.g. *1..3).");
     budget_ -= static_cast<std::int64_t>(work);
   }
 
