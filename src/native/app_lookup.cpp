@@ -1,0 +1,82 @@
+#include "native/app_lookup.h"
+
+#include <cmath>
+#include <limits>
+
+#include "native/rpc_error.h"
+#include "native/text_case.h"
+
+namespace glimmerstrand::native {
+
+namespace {
+
+// A pid that is not a whole number within 32 bits names no process.
+std::optional<std::int32_t> pidOf(double value) {
+  if (std::floor(value) != value || value < std::numeric_limits<std::int32_t>::min() ||
+      value > std::numeric_limits<std::int32_t>::max())
+    return std::nullopt;
+  return static_cast<std::int32_t>(value);
+}
+
+std::string fileStem(const std::string& path) {
+  auto slash = path.find_last_of('/');
+  std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  auto dot = name.find_last_of('.');
+  return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+}  // namespace
+
+core::AppInfo appRecord(const platform::RunningApplication& app) {
+  return core::AppInfo{app.pid, app.bundleId, app.name};
+}
+
+bool matchesName(const platform::RunningApplication& app, const std::string& key) {
+  return (!app.name.empty() && lowerText(app.name) == key) ||
+         (!app.bundleId.empty() && lowerText(app.bundleId) == key) ||
+         (!app.bundlePath.empty() && lowerText(fileStem(app.bundlePath)) == key);
+}
+
+platform::RunningApplication AppLookup::findApp(const core::JSONValue& params) {
+  if (auto pid = params.find("pid"); pid && pid->asNumber())
+    if (auto valid = pidOf(*pid->asNumber()))
+      if (auto app = workspace_.application(*valid)) return *app;
+  if (auto bundleId = core::optionalString(params, "bundleId")) {
+    for (const auto& app : workspace_.runningApplications())
+      if (app.bundleId == *bundleId) return app;
+  }
+  if (auto name = core::optionalString(params, "name"))
+    if (auto app = byName(lowerText(*name))) return *app;
+  throw RPCError("not_found", "アプリが見つかりません");
+}
+
+std::optional<platform::RunningApplication> AppLookup::byName(const std::string& key) {
+  std::optional<std::int32_t> cached;
+  {
+    std::lock_guard guard(lock_);
+    if (auto it = nameCache_.find(key); it != nameCache_.end()) cached = it->second;
+  }
+  // The pid may have ended or been reused since: believe it only if it still matches.
+  if (cached)
+    if (auto app = workspace_.application(*cached); app && !app->terminated && matchesName(*app, key)) return app;
+  for (const auto& app : workspace_.runningApplications())
+    if (matchesName(app, key)) {
+      std::lock_guard guard(lock_);
+      nameCache_[key] = app.pid;
+      return app;
+    }
+  return std::nullopt;
+}
+
+platform::RunningApplication AppLookup::selectApp(const core::JSONValue& params) {
+  if (params.find("pid") || params.find("bundleId") || params.find("name")) return findApp(params);
+  return frontmost();
+}
+
+platform::RunningApplication AppLookup::frontmost() {
+  auto app = workspace_.frontmost();
+  if (!app) throw RPCError("native", "最前面のアプリがわかりません");
+  return *app;
+}
+
+}  // namespace glimmerstrand::native

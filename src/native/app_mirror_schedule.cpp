@@ -1,0 +1,345 @@
+// AppMirror: notifications and the scheduling of walks. A notification marks
+// what changed; the walk loop on the mirror's queue waits out a short
+// debounce, paces walks by what the last one cost, refreshes or re-walks only
+// the marked subtrees when it can, and follows a walk that ended quiet with
+// short trailing walks until two in a row agree.
+#include <algorithm>
+#include <exception>
+#include <map>
+#include <set>
+
+#include "native/app_mirror.h"
+
+namespace glimmerstrand::native {
+
+namespace {
+
+constexpr std::int64_t msNs = 1'000'000;
+constexpr std::int64_t minimumGapNs = 100 * msNs;
+constexpr std::int64_t pacingSleepNs = 50 * msNs;
+
+std::int64_t gapAfter(double walkMs) {
+  return std::max<std::int64_t>(minimumGapNs, static_cast<std::int64_t>(2 * walkMs * 1e6));
+}
+
+}  // namespace
+
+void AppMirror::handleNotification(const Element& element, const std::string& name) {
+  std::optional<DirtyKind> kind;
+  for (const auto& [known, marks] : mirrorNotifications())
+    if (known == name) kind = marks;
+  {
+    std::lock_guard guard(stateLock_);
+    ++notificationCount_;
+    lastNotificationAt_ = clock_.nowNs();
+    if (kind && !(element == app_))
+      markDirtyLocked({DirtyTarget{element, *kind}});
+    else
+      markFullLocked();
+    clock_.notifyAll(stateChanged_);
+  }
+  scheduleWalk();
+}
+
+void AppMirror::markDirtyLocked(const std::vector<DirtyTarget>& targets) {
+  if (pendingFull_) return;
+  pendingDirty_.insert(pendingDirty_.end(), targets.begin(), targets.end());
+  if (pendingDirty_.size() > maxPendingDirty) markFullLocked();
+}
+
+void AppMirror::markFullLocked() {
+  pendingFull_ = true;
+  pendingDirty_.clear();
+}
+
+void AppMirror::scheduleWalk() {
+  {
+    std::lock_guard guard(stateLock_);
+    if (walkScheduled_) return;
+    walkScheduled_ = true;
+  }
+  walkQueue_->async([self = shared_from_this()] { self->walkLoop(); });
+}
+
+void AppMirror::requestFullWalk() {
+  {
+    std::lock_guard guard(stateLock_);
+    lastNotificationAt_ = clock_.nowNs();
+    markFullLocked();
+  }
+  scheduleWalk();
+}
+
+void AppMirror::requestUrgentWalk() {
+  {
+    std::lock_guard guard(stateLock_);
+    lastNotificationAt_ = clock_.nowNs();
+    markFullLocked();
+    urgent_ = true;
+  }
+  scheduleWalk();
+}
+
+void AppMirror::trailingWalkDue() {
+  {
+    std::lock_guard guard(stateLock_);
+    if (!trailingPending_) return;
+    nextWalkIsTrailing_ = true;
+    lastNotificationAt_ = clock_.nowNs();
+    // Look again at what the last walk looked at.
+    if (lastTargets_ && !lastTargets_->empty())
+      markDirtyLocked(*lastTargets_);
+    else
+      markFullLocked();
+  }
+  scheduleWalk();
+}
+
+void AppMirror::walkLoop() {
+  std::unique_lock lock(stateLock_);
+  auto sleepUnlocked = [&](std::int64_t ns) {
+    lock.unlock();
+    clock_.sleepNs(ns);
+    lock.lock();
+  };
+  for (;;) {
+    const std::int64_t now = clock_.nowNs();
+    const std::int64_t lastSeen = lastNotificationAt_;
+    // Debounce: a burst of notifications costs one walk. The first walk waits
+    // for nothing.
+    if (generation_ >= 1 && now - lastNotificationAt_ < debounceNs) {
+      sleepUnlocked(debounceNs - (now - lastNotificationAt_));
+      continue;
+    }
+    const bool full = generation_ == 0 || truncated_ || pendingFull_ || pendingDirty_.empty();
+    // Pacing: walks stay apart by twice what the last one of the sort cost.
+    const std::int64_t gap = gapAfter(full ? fullWalkMs_ : partialWalkMs_);
+    const bool urgentPass = urgent_;
+    if (generation_ >= 1 && now - walkedAt_ < gap && !urgent_) {
+      sleepUnlocked(std::min(gap - (now - walkedAt_), pacingSleepNs));
+      continue;
+    }
+
+    urgent_ = false;
+    walking_ = true;
+    walkStartedAt_ = now;
+    const bool trailing = nextWalkIsTrailing_;
+    nextWalkIsTrailing_ = false;
+    std::vector<DirtyTarget> targets = std::move(pendingDirty_);
+    pendingDirty_.clear();
+    pendingFull_ = false;
+    const std::int64_t fullGap = gapAfter(fullWalkMs_);
+    const std::int64_t lastWalkEnd = walkedAt_;
+    lock.unlock();
+
+    PendingCommit commit;
+    commit.startedAt = now;
+    std::optional<PartialWalkResult> partial;
+    if (!full) {
+      try {
+        partial = partialWalk(targets, trailing);
+      } catch (const std::exception&) {
+        partial.reset();  // whatever went wrong, the full walk below covers it
+      }
+    }
+    if (partial) {
+      commit.partial = true;
+      commit.walk = std::move(partial->walk);
+      commit.targets = std::move(partial->targets);
+      commit.touched = partial->touched;
+    } else {
+      if (!full && !urgentPass) {
+        const std::int64_t since = clock_.nowNs() - lastWalkEnd;
+        if (since < fullGap) clock_.sleepNs(fullGap - since);
+        commit.startedAt = clock_.nowNs();
+      }
+      commit.walk = walkTree(ax_, app_, "window", maxDepth, maxNodes);
+    }
+    commit.endedAt = clock_.nowNs();
+    prepareCommit(commit);
+    lock.lock();
+    finishCommitLocked(commit);
+
+    // Unread elements: mark the walk again, a few times.
+    if (commit.walk.incomplete >= 1 && incompleteRetries_ <= 2) {
+      ++incompleteRetries_;
+      lastNotificationAt_ = commit.endedAt;
+      if (commit.partial)
+        markDirtyLocked(commit.targets);
+      else
+        markFullLocked();
+    } else if (commit.walk.incomplete == 0) {
+      incompleteRetries_ = 0;
+    }
+
+    const bool quiet = lastNotificationAt_ <= walkStartedAt_;
+    if (quiet) walkScheduled_ = false;
+    const std::uint64_t oldSignature = signature_;
+    signature_ = commit.signature;
+    if (!trailing) trailingCount_ = 0;
+
+    // An application often finishes a change after its notification: look
+    // again shortly after a walk that ended quiet, until nothing moves.
+    const bool eligible = lastSeen != 0 && quiet && (!commit.partial || !commit.targets.empty());
+    bool follows = false;
+    if (eligible && (!trailing || (signature_ != oldSignature && trailingCount_ < 4))) {
+      follows = true;
+      ++trailingCount_;
+    }
+    if (quiet) trailingPending_ = follows;
+
+    clock_.notifyAll(stateChanged_);
+    lock.unlock();
+    if (follows) afterDelay(trailingDelayMs, &AppMirror::trailingWalkDue);
+    if (quiet) return;
+    lock.lock();
+  }
+}
+
+std::optional<std::int64_t> AppMirror::findKnownAncestor(const Element& element, ElementIndex& memo,
+                                                         ElementSet& outside) {
+  Element current = element;
+  std::vector<Element> path;
+  for (int reads = 0;; ++reads) {
+    std::optional<std::int64_t> index;
+    if (auto it = indexOf_.find(current); it != indexOf_.end())
+      index = it->second;
+    else if (auto met = memo.find(current); met != memo.end())
+      index = met->second;
+    if (index) {
+      for (const auto& step : path) memo[step] = *index;
+      return index;
+    }
+    if (outside.count(current) || current == app_) {
+      outside.insert(path.begin(), path.end());
+      return outsideIndex;
+    }
+    path.push_back(current);
+    if (reads == 64) return std::nullopt;
+    const platform::AxValue parentValue = ax_.copy(current, "AXParent");
+    auto parent = parentValue.get<Element>();
+    if (!parent || parent->isNull()) return std::nullopt;
+    current = *parent;
+  }
+}
+
+std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyTarget>& targets, bool trailing) {
+  // Only the walk queue writes these, so it reads them without the lock.
+  const std::vector<core::AxNode>& nodes = *nodes_;
+  const std::vector<Element>& current = *current_;
+
+  // Check: a new focused window makes every old index worthless.
+  if (current.empty() || current.size() != nodes.size()) return std::nullopt;
+  if (!(rootElement(ax_, app_, "window") == current.front())) return std::nullopt;
+
+  // Classify each target into subtrees to walk again and nodes to refresh.
+  std::set<std::int64_t> rewalk, refresh;
+  ElementIndex memo;
+  ElementSet outside;
+  auto parentOf = [&](std::int64_t n) { return nodes[static_cast<std::size_t>(n)].parent; };
+  auto ancestorOf = [&](const Element& element, bool keepOutside) {
+    auto ancestor = findKnownAncestor(element, memo, outside);
+    if (!ancestor) return false;
+    if (keepOutside || *ancestor != outsideIndex) rewalk.insert(*ancestor);
+    return true;
+  };
+  for (const auto& target : targets) {
+    auto found = indexOf_.find(target.element);
+    const bool known = found != indexOf_.end();
+    const std::int64_t index = known ? found->second : -1;
+    switch (target.kind) {
+      case DirtyKind::attributes:
+      case DirtyKind::focus:
+        if (known) {
+          if (trailing)
+            rewalk.insert(parentOf(index));
+          else
+            refresh.insert(index);
+        } else if (!ancestorOf(target.element, false)) {
+          return std::nullopt;
+        }
+        // The old focused element still says so in the copy.
+        if (target.kind == DirtyKind::focus)
+          for (std::size_t n = 0; n < nodes.size(); ++n)
+            if (nodes[n].focused) refresh.insert(static_cast<std::int64_t>(n));
+        break;
+      case DirtyKind::subtree:
+        if (known)
+          rewalk.insert(index);
+        else if (!ancestorOf(target.element, false))
+          return std::nullopt;
+        break;
+      case DirtyKind::destroyed:
+        if (known)
+          rewalk.insert(parentOf(index));
+        else if (!ancestorOf(target.element, true))
+          return std::nullopt;
+        break;
+    }
+  }
+  // The root, a node without a parent or a change outside the tree: all of it.
+  if (!rewalk.empty() && *rewalk.begin() < 1) return std::nullopt;
+  if (rewalk.empty() && refresh.empty()) return PartialWalkResult{WalkResult{nodes, current, false, 0}, {}, 0};
+
+  auto ranges = subtreeRanges(nodes, {rewalk.begin(), rewalk.end()});
+  auto inRange = [&](std::int64_t index) {
+    auto n = static_cast<std::size_t>(index);
+    return std::any_of(ranges.begin(), ranges.end(), [&](const SubtreeRange& r) { return n >= r.start && n < r.end; });
+  };
+  std::map<std::int64_t, core::AxNode> replacements;
+  bool rangesChanged = false;
+  for (auto index : refresh) {
+    if (inRange(index)) continue;
+    auto read = ax_.copyMultiple(current[static_cast<std::size_t>(index)], refreshAttributes());
+    if (read.ok() && read.value.size() == refreshAttributes().size()) {
+      replacements[index] = buildNode(read.value);
+    } else {
+      const std::int64_t parent = parentOf(index);
+      if (parent < 1) return std::nullopt;
+      rewalk.insert(parent);
+      rangesChanged = true;
+    }
+  }
+  if (rangesChanged) ranges = subtreeRanges(nodes, {rewalk.begin(), rewalk.end()});
+
+  // A walk of more than this is better done whole.
+  std::size_t covered = 0;
+  for (const auto& range : ranges) covered += range.end - range.start;
+  if (ranges.size() > maxDirtySubtrees || nodes.size() < 2 * covered) return std::nullopt;
+
+  PartialWalkResult result;
+  std::int64_t budget = maxNodes - static_cast<std::int64_t>(nodes.size() - covered);
+  std::vector<WalkResult> walks;
+  for (const auto& range : ranges) {
+    WalkResult walk = walkElement(ax_, current[range.start], nodes[range.start].depth, maxDepth, budget);
+    if (walk.truncated || walk.nodes.empty()) return std::nullopt;
+    budget -= static_cast<std::int64_t>(walk.nodes.size());
+    result.walk.incomplete += walk.incomplete;
+    result.touched += static_cast<std::int64_t>(walk.nodes.size());
+    walks.push_back(std::move(walk));
+  }
+
+  std::vector<core::AxNode> base = nodes;
+  for (auto& [index, node] : replacements) {
+    if (inRange(index)) continue;
+    const core::AxNode& old = nodes[static_cast<std::size_t>(index)];
+    node.i = old.i;
+    node.parent = old.parent;
+    node.depth = old.depth;
+    node.uid = old.uid;
+    base[static_cast<std::size_t>(index)] = std::move(node);
+    ++result.touched;
+    result.targets.push_back(DirtyTarget{current[static_cast<std::size_t>(index)], DirtyKind::attributes});
+  }
+  std::vector<DirtyTarget> rangeTargets;
+  for (const auto& range : ranges) rangeTargets.push_back(DirtyTarget{current[range.start], DirtyKind::subtree});
+  result.targets.insert(result.targets.begin(), rangeTargets.begin(), rangeTargets.end());
+
+  std::int64_t incomplete = result.walk.incomplete;
+  result.walk = spliceSubtrees(std::move(base), current, ranges, std::move(walks));
+  result.walk.incomplete = incomplete;
+  renumberNodes(result.walk.nodes);
+  return result;
+}
+
+}  // namespace glimmerstrand::native

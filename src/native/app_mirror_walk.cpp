@@ -1,0 +1,503 @@
+// Full walks of an application's tree, the building of a node from one
+// multi-attribute read, and the splicing of subtree walks into a copy.
+#include <unicode/brkiter.h>
+#include <unicode/unistr.h>
+#include <unicode/utext.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <unordered_set>
+
+#include "cypher/values.h"
+#include "native/app_mirror.h"
+#include "native/text_case.h"
+
+namespace glimmerstrand::native {
+
+using platform::AxList;
+using platform::AxPoint;
+using platform::AxSize;
+using platform::AxValue;
+
+namespace {
+
+enum Attribute : std::size_t {
+  role,
+  subrole,
+  title,
+  description,
+  value,
+  identifier,
+  placeholder,
+  position,
+  size,
+  enabled,
+  focused,
+  help,
+  selected,
+  expanded,
+  cmdChar,
+  cmdModifiers,
+  markChar,
+  url,
+  valueDescription,
+  children,
+};
+
+constexpr std::size_t labelLimit = 120;
+constexpr std::size_t urlLimit = 300;
+
+// Decodes the code point at `i` of UTF-8 text and its length; malformed bytes
+// count as one code point each.
+char32_t decodeAt(std::string_view text, std::size_t i, std::size_t& length) {
+  auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
+  unsigned char lead = byte(i);
+  std::size_t need = lead < 0x80 ? 1 : (lead >> 5) == 6 ? 2 : (lead >> 4) == 14 ? 3 : (lead >> 3) == 30 ? 4 : 1;
+  if (i + need > text.size()) need = 1;
+  char32_t c = need == 1 ? lead : need == 2 ? lead & 0x1F : need == 3 ? lead & 0x0F : lead & 0x07;
+  for (std::size_t k = 1; k < need; ++k) c = (c << 6) | (byte(i + k) & 0x3F);
+  length = need;
+  return c;
+}
+
+// The code point that ends at `end` (exclusive), and where it starts.
+char32_t decodeBefore(std::string_view text, std::size_t end, std::size_t& start) {
+  start = end - 1;
+  while (start > 0 && end - start < 4 && (static_cast<unsigned char>(text[start]) & 0xC0) == 0x80) --start;
+  std::size_t length = 0;
+  char32_t c = decodeAt(text, start, length);
+  if (start + length != end) {  // malformed tail: take the last byte alone
+    start = end - 1;
+    return static_cast<unsigned char>(text[start]);
+  }
+  return c;
+}
+
+bool isDirectionalMark(char32_t c) {
+  return c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+}
+
+// White space and line ends, as Unicode's White_Space property has them.
+bool isWhiteSpace(char32_t c) {
+  return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
+         (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
+}
+
+void removeDirectionalMarks(std::string& text) {
+  if (text.find('\xE2') == std::string::npos) return;  // every mark starts with this byte
+  std::string kept;
+  kept.reserve(text.size());
+  for (std::size_t i = 0; i < text.size();) {
+    std::size_t length = 0;
+    char32_t c = decodeAt(text, i, length);
+    if (!isDirectionalMark(c)) kept.append(text, i, length);
+    i += length;
+  }
+  text = std::move(kept);
+}
+
+void trimWhiteSpace(std::string& text) {
+  std::size_t first = 0;
+  while (first < text.size()) {
+    std::size_t length = 0;
+    if (!isWhiteSpace(decodeAt(text, first, length))) break;
+    first += length;
+  }
+  std::size_t end = text.size();
+  while (end > first) {
+    std::size_t start = 0;
+    if (!isWhiteSpace(decodeBefore(text, end, start))) break;
+    end = start;
+  }
+  text = text.substr(first, end - first);
+}
+
+// The text cut after `limit` characters (grapheme clusters), with `mark`
+// appended when something was cut.
+std::string limitCharacters(const std::string& text, std::size_t limit, std::string_view mark) {
+  if (text.size() <= limit) return text;  // never more characters than bytes
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::BreakIterator> breaks(
+      icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+  UText* utext = utext_openUTF8(nullptr, text.data(), static_cast<int64_t>(text.size()), &status);
+  if (U_FAILURE(status)) {
+    utext_close(utext);
+    return text;
+  }
+  breaks->setText(utext, status);
+  std::int32_t boundary = breaks->first();
+  for (std::size_t count = 0; count < limit && boundary != icu::BreakIterator::DONE; ++count) boundary = breaks->next();
+  bool more = boundary != icu::BreakIterator::DONE && breaks->next() != icu::BreakIterator::DONE;
+  utext_close(utext);
+  if (!more) return text;
+  return text.substr(0, static_cast<std::size_t>(boundary)) + std::string(mark);
+}
+
+std::optional<bool> boolean(const AxValue& v) {
+  if (auto b = v.get<bool>()) return *b;
+  if (auto n = v.get<double>()) return *n != 0;
+  return std::nullopt;
+}
+
+bool isClipRole(const std::optional<std::string>& role) {
+  return role && (*role == "AXScrollArea" || *role == "AXWindow" || *role == "AXSheet");
+}
+
+std::optional<core::Rect> positiveRect(const std::optional<core::Rect>& frame) {
+  if (frame && frame->width > 0 && frame->height > 0) return frame;
+  return std::nullopt;
+}
+
+std::optional<core::Rect> intersect(const std::optional<core::Rect>& a, const core::Rect& b) {
+  if (!a) return std::nullopt;
+  double x1 = std::max(a->x, b.x), y1 = std::max(a->y, b.y);
+  double x2 = std::min(a->x + a->width, b.x + b.width), y2 = std::min(a->y + a->height, b.y + b.height);
+  if (x2 < x1 || y2 < y1) return std::nullopt;
+  return core::Rect{x1, y1, x2 - x1, y2 - y1};
+}
+
+Clip narrowed(const Clip& clip, const core::Rect& rect) {
+  return Clip{true, clip.set ? intersect(clip.rect, rect) : std::optional<core::Rect>(rect)};
+}
+
+std::optional<core::Rect> frameOf(const AxValue& point, const AxValue& size) {
+  auto p = point.get<AxPoint>();
+  auto s = size.get<AxSize>();
+  if (!p || !s) return std::nullopt;
+  return core::Rect{p->x, p->y, s->width, s->height};
+}
+
+// The value as a list of elements; absent when it is anything else.
+std::optional<std::vector<Element>> elementList(const AxValue& v) {
+  auto list = v.get<AxList>();
+  if (!list) return std::nullopt;
+  std::vector<Element> out;
+  out.reserve(list->size());
+  for (const auto& item : *list) {
+    auto element = item.get<Element>();
+    if (!element || element->isNull()) return std::nullopt;
+    out.push_back(*element);
+  }
+  return out;
+}
+
+std::optional<Element> elementOf(const AxValue& v) {
+  auto element = v.get<Element>();
+  if (!element || element->isNull()) return std::nullopt;
+  return *element;
+}
+
+}  // namespace
+
+const std::vector<std::string>& walkAttributes() {
+  static const std::vector<std::string> names{"AXRole",
+                                              "AXSubrole",
+                                              "AXTitle",
+                                              "AXDescription",
+                                              "AXValue",
+                                              "AXIdentifier",
+                                              "AXPlaceholderValue",
+                                              "AXPosition",
+                                              "AXSize",
+                                              "AXEnabled",
+                                              "AXFocused",
+                                              "AXHelp",
+                                              "AXSelected",
+                                              "AXExpanded",
+                                              "AXMenuItemCmdChar",
+                                              "AXMenuItemCmdModifiers",
+                                              "AXMenuItemMarkChar",
+                                              "AXURL",
+                                              "AXValueDescription",
+                                              "AXChildren"};
+  return names;
+}
+
+const std::vector<std::string>& refreshAttributes() {
+  static const std::vector<std::string> names(walkAttributes().begin(), walkAttributes().end() - 1);
+  return names;
+}
+
+std::optional<std::string> cleanText(const AxValue& v, std::size_t limit) {
+  std::string text;
+  if (auto s = v.get<std::string>())
+    text = *s;
+  else if (auto n = v.get<double>())
+    text = cypher::numberText(*n);
+  else
+    return std::nullopt;
+  removeDirectionalMarks(text);
+  trimWhiteSpace(text);
+  if (text.empty()) return std::nullopt;
+  return limitCharacters(text, limit, "…");
+}
+
+std::optional<std::string> shortcutText(const AxValue& key, const AxValue& modifiers) {
+  auto cleaned = cleanText(key, 8);
+  if (!cleaned) return std::nullopt;
+  std::string out;
+  auto add = [&](std::string_view part) {
+    if (!out.empty()) out += '+';
+    out += part;
+  };
+  if (auto bits = modifiers.get<double>()) {
+    auto m = static_cast<std::int64_t>(*bits);
+    if (m & 4) add("ctrl");
+    if (m & 2) add("alt");
+    if (m & 1) add("shift");
+    if (!(m & 8)) add("cmd");
+  } else {
+    add("cmd");
+  }
+  add(lowerText(*cleaned));
+  return out;
+}
+
+core::AxNode buildNode(const std::vector<AxValue>& values) {
+  static const AxValue none;
+  // An error value in a slot counts as missing.
+  auto at = [&](std::size_t k) -> const AxValue& { return values[k].isError() ? none : values[k]; };
+  core::AxNode node;
+  node.role = cleanText(at(role), labelLimit);
+  node.subrole = cleanText(at(subrole), labelLimit);
+  node.title = cleanText(at(title), labelLimit);
+  node.description = cleanText(at(description), labelLimit);
+  node.value = cleanText(at(value), labelLimit);
+  node.identifier = cleanText(at(identifier), labelLimit);
+  node.placeholder = cleanText(at(placeholder), labelLimit);
+  node.frame = frameOf(at(position), at(size));
+  if (boolean(at(enabled)) == false) node.enabled = false;
+  if (boolean(at(focused)) == true) node.focused = true;
+  node.help = cleanText(at(help), labelLimit);
+  if (boolean(at(selected)) == true) node.selected = true;
+  node.expanded = boolean(at(expanded));
+  node.shortcut = shortcutText(at(cmdChar), at(cmdModifiers));
+  if (cleanText(at(markChar), labelLimit)) node.checked = true;
+  std::string link;
+  if (auto u = at(url).get<platform::AxUrl>()) link = u->text;
+  if (auto s = at(url).get<std::string>()) link = *s;
+  if (!link.empty()) node.url = limitCharacters(link, urlLimit, "");
+  node.details = cleanText(at(valueDescription), labelLimit);
+  return node;
+}
+
+bool isLabeled(const core::AxNode& node) {
+  return node.frame &&
+         (node.title || node.description || node.value || node.placeholder || node.identifier || node.focused);
+}
+
+std::uint64_t treeSignature(const std::vector<core::AxNode>& nodes) {
+  std::uint64_t hash = 14695981039346656037ULL;  // FNV-1a
+  auto feed = [&](const std::optional<std::string>& text) {
+    if (text)
+      for (unsigned char c : *text) hash = (hash ^ c) * 1099511628211ULL;
+    hash = (hash ^ 0xFF) * 1099511628211ULL;  // 0xFF never occurs in UTF-8: a separator
+  };
+  for (const auto& node : nodes) {
+    feed(node.role);
+    feed(node.title);
+    feed(node.description);
+    feed(node.value);
+    feed(node.placeholder);
+    feed(node.identifier);
+  }
+  return hash;
+}
+
+Element rootElement(platform::Accessibility& ax, const Element& app, std::string_view scope) {
+  if (scope == "app") return app;
+  if (scope == "menubar") return elementOf(ax.copy(app, "AXMenuBar")).value_or(app);
+  if (auto window = elementOf(ax.copy(app, "AXFocusedWindow"))) return *window;
+  if (auto window = elementOf(ax.copy(app, "AXMainWindow"))) return *window;
+  auto windows = ax.copy(app, "AXWindows");
+  if (auto list = windows.get<AxList>(); list && !list->empty())
+    if (auto first = elementOf(list->front())) return *first;
+  return app;
+}
+
+std::pair<std::size_t, std::size_t> visibleChildRange(platform::Accessibility& ax, const std::vector<Element>& children,
+                                                      const core::Rect& clip) {
+  static const std::vector<std::string> frameNames{"AXPosition", "AXSize"};
+  const double bandTop = clip.y - clip.height;
+  const double bandBottom = clip.y + clip.height + clip.height;
+  const std::size_t count = children.size();
+  bool unreadable = false;
+  auto probe = [&](std::size_t index) -> core::Rect {
+    auto read = ax.copyMultiple(children[index], frameNames);
+    std::optional<core::Rect> frame;
+    if (read.ok() && read.value.size() == 2) frame = positiveRect(frameOf(read.value[0], read.value[1]));
+    if (!frame) unreadable = true;
+    return frame.value_or(core::Rect{});
+  };
+  std::size_t low = 0, high = count;
+  while (low < high) {
+    std::size_t middle = low + (high - low) / 2;
+    core::Rect frame = probe(middle);
+    if (unreadable) return {0, count};
+    if (frame.y + frame.height >= bandTop)
+      high = middle;
+    else
+      low = middle + 1;
+  }
+  const std::size_t start = low;
+  high = count;
+  while (low < high) {
+    std::size_t middle = low + (high - low) / 2;
+    core::Rect frame = probe(middle);
+    if (unreadable) return {0, count};
+    if (frame.y > bandBottom)
+      high = middle;
+    else
+      low = middle + 1;
+  }
+  return {start, low};
+}
+
+Clip inheritedClip(platform::Accessibility& ax, const Element& element) {
+  static const std::vector<std::string> names{"AXRole", "AXPosition", "AXSize", "AXParent"};
+  Clip clip;
+  auto current = elementOf(ax.copy(element, "AXParent"));
+  for (int step = 0; current && step < 40; ++step) {
+    auto read = ax.copyMultiple(*current, names);
+    if (!read.ok() || read.value.size() != names.size()) break;
+    auto role = cleanText(read.value[0], labelLimit);
+    if (isClipRole(role))
+      if (auto rect = positiveRect(frameOf(read.value[1], read.value[2]))) clip = narrowed(clip, *rect);
+    if (role == "AXWindow" || role == "AXApplication") break;
+    current = elementOf(read.value[3]);
+  }
+  return clip;
+}
+
+WalkResult walkElement(platform::Accessibility& ax, const Element& element, std::int64_t depth, std::int64_t maxDepth,
+                       std::int64_t maxNodes) {
+  struct Entry {
+    Element element;
+    std::int64_t depth;
+    std::int64_t parent;
+    Clip clip;
+  };
+  const auto& names = walkAttributes();
+  WalkResult result;
+  std::vector<Entry> stack;
+  stack.push_back(Entry{element, depth, -1, depth < 1 ? Clip{} : inheritedClip(ax, element)});
+  std::unordered_set<Element, platform::ElementHash> seen;
+  while (!stack.empty()) {
+    Entry entry = std::move(stack.back());
+    stack.pop_back();
+    if (static_cast<std::int64_t>(result.nodes.size()) >= maxNodes) {
+      result.truncated = true;
+      break;
+    }
+    if (!seen.insert(entry.element).second) continue;  // cycles and duplicates
+    auto read = ax.copyMultiple(entry.element, names);
+    if (!read.ok() || read.value.size() != names.size()) {
+      ++result.incomplete;
+      continue;
+    }
+    core::AxNode node = buildNode(read.value);
+    const auto index = static_cast<std::int64_t>(result.nodes.size());
+    node.i = index;
+    node.parent = entry.parent;
+    node.depth = entry.depth;
+    result.nodes.push_back(std::move(node));
+    result.elements.push_back(entry.element);
+    const core::AxNode& added = result.nodes.back();
+
+    if (entry.depth >= maxDepth || added.role == "AXColumn") continue;
+    auto kids = elementList(read.value[children]);
+    if (!kids) continue;
+    Clip clip = entry.clip;
+    if (isClipRole(added.role))
+      if (auto rect = positiveRect(added.frame)) clip = narrowed(entry.clip, *rect);
+    if (kids->size() > 500 && clip.set && clip.rect && clip.rect->height > 0) {
+      auto [first, end] = visibleChildRange(ax, *kids, *clip.rect);
+      if (end - first < kids->size()) {
+        result.nodes.back().offscreen = static_cast<std::int64_t>(kids->size() - (end - first));
+        *kids = std::vector<Element>(kids->begin() + static_cast<std::ptrdiff_t>(first),
+                                     kids->begin() + static_cast<std::ptrdiff_t>(end));
+      }
+    }
+    ax.prefetch(*kids, names);
+    for (auto it = kids->rbegin(); it != kids->rend(); ++it) stack.push_back(Entry{*it, entry.depth + 1, index, clip});
+  }
+  return result;
+}
+
+WalkResult walkTree(platform::Accessibility& ax, const Element& app, std::string_view scope, std::int64_t maxDepth,
+                    std::int64_t maxNodes) {
+  WalkResult result = walkElement(ax, rootElement(ax, app, scope), 0, maxDepth, maxNodes);
+  if (scope != "window") return result;
+  // Context menus and pop-ups hang from the application, outside every window.
+  auto appChildren = elementList(ax.copy(app, "AXChildren"));
+  if (!appChildren) return result;
+  for (const auto& child : *appChildren) {
+    if (cleanText(ax.copy(child, "AXRole"), labelLimit) != "AXMenu") continue;
+    auto remaining = maxNodes - static_cast<std::int64_t>(result.nodes.size());
+    if (remaining <= 0) continue;
+    WalkResult menu = walkElement(ax, child, 0, maxDepth, remaining);
+    const auto offset = static_cast<std::int64_t>(result.nodes.size());
+    for (auto& node : menu.nodes) {
+      node.i += offset;
+      if (node.parent >= 0) node.parent += offset;
+    }
+    result.nodes.insert(result.nodes.end(), std::make_move_iterator(menu.nodes.begin()),
+                        std::make_move_iterator(menu.nodes.end()));
+    result.elements.insert(result.elements.end(), menu.elements.begin(), menu.elements.end());
+    result.truncated = result.truncated || menu.truncated;
+    result.incomplete += menu.incomplete;
+  }
+  return result;
+}
+
+std::vector<SubtreeRange> subtreeRanges(const std::vector<core::AxNode>& nodes, std::vector<std::int64_t> indices) {
+  std::sort(indices.begin(), indices.end());
+  std::vector<SubtreeRange> ranges;
+  const auto count = static_cast<std::int64_t>(nodes.size());
+  for (auto index : indices) {
+    if (index < 0 || index >= count) continue;
+    auto start = static_cast<std::size_t>(index);
+    if (!ranges.empty() && start < ranges.back().end) continue;
+    std::size_t end = start + 1;
+    while (end < nodes.size() && nodes[end].depth > nodes[start].depth) ++end;
+    ranges.push_back({start, end});
+  }
+  return ranges;
+}
+
+WalkResult spliceSubtrees(std::vector<core::AxNode> nodes, const std::vector<Element>& elements,
+                          const std::vector<SubtreeRange>& ranges, std::vector<WalkResult> walks) {
+  WalkResult out;
+  out.nodes.reserve(nodes.size());
+  out.elements.reserve(elements.size());
+  std::size_t position = 0;
+  for (std::size_t k = 0; k < ranges.size(); ++k) {
+    out.nodes.insert(out.nodes.end(), std::make_move_iterator(nodes.begin() + static_cast<std::ptrdiff_t>(position)),
+                     std::make_move_iterator(nodes.begin() + static_cast<std::ptrdiff_t>(ranges[k].start)));
+    out.elements.insert(out.elements.end(), elements.begin() + static_cast<std::ptrdiff_t>(position),
+                        elements.begin() + static_cast<std::ptrdiff_t>(ranges[k].start));
+    out.nodes.insert(out.nodes.end(), std::make_move_iterator(walks[k].nodes.begin()),
+                     std::make_move_iterator(walks[k].nodes.end()));
+    out.elements.insert(out.elements.end(), walks[k].elements.begin(), walks[k].elements.end());
+    position = ranges[k].end;
+  }
+  out.nodes.insert(out.nodes.end(), std::make_move_iterator(nodes.begin() + static_cast<std::ptrdiff_t>(position)),
+                   std::make_move_iterator(nodes.end()));
+  out.elements.insert(out.elements.end(), elements.begin() + static_cast<std::ptrdiff_t>(position), elements.end());
+  return out;
+}
+
+void renumberNodes(std::vector<core::AxNode>& nodes) {
+  std::vector<std::int64_t> stack;
+  for (std::size_t n = 0; n < nodes.size(); ++n) {
+    auto depth = static_cast<std::size_t>(std::max<std::int64_t>(nodes[n].depth, 0));
+    if (stack.size() > depth) stack.resize(depth);
+    std::int64_t parent = depth == 0 || depth > stack.size() ? -1 : stack[depth - 1];
+    nodes[n].i = static_cast<std::int64_t>(n);
+    nodes[n].parent = parent;
+    stack.push_back(static_cast<std::int64_t>(n));
+  }
+}
+
+}  // namespace glimmerstrand::native

@@ -1,0 +1,82 @@
+#include "native/mirrors.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "native/rpc_error.h"
+
+namespace glimmerstrand::native {
+
+Mirrors::Mirrors(MirrorEnvironment environment, platform::Workspace& workspace)
+    : environment_(environment), workspace_(workspace) {}
+
+Mirrors::~Mirrors() {
+  std::lock_guard guard(lock_);
+  for (auto& [pid, mirror] : mirrors_) mirror->detach();
+}
+
+std::shared_ptr<AppMirror> Mirrors::mirror(std::int32_t pid) {
+  std::lock_guard guard(lock_);
+  const std::int64_t now = environment_.clock.nowNs();
+  for (auto& [known, mirror] : mirrors_)
+    if (known == pid) {
+      mirror->touch(now);
+      return mirror;
+    }
+  if (mirrors_.size() >= maxMirrors) {
+    // A walk in progress finishes on the evicted mirror, which then goes.
+    auto oldest = std::min_element(mirrors_.begin(), mirrors_.end(), [](const auto& a, const auto& b) {
+      return a.second->lastUsedAt() < b.second->lastUsedAt();
+    });
+    oldest->second->detach();
+    mirrors_.erase(oldest);
+  }
+  auto created = AppMirror::create(pid, environment_);
+  created->registerNotifications();
+  created->scheduleWalk();
+  mirrors_.emplace_back(pid, created);
+  return created;
+}
+
+std::shared_ptr<AppMirror> Mirrors::existing(std::int32_t pid) {
+  std::lock_guard guard(lock_);
+  for (auto& [known, mirror] : mirrors_)
+    if (known == pid) return mirror;
+  return nullptr;
+}
+
+void Mirrors::startObserving() {
+  workspace_.observeActivation([this](const platform::RunningApplication& app) {
+    if (environment_.accessibility.isTrusted()) mirror(app.pid);
+  });
+  if (!environment_.accessibility.isTrusted()) return;
+  if (auto front = workspace_.frontmost()) mirror(front->pid);
+}
+
+ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, const MenuElementLookup& menus) {
+  if (!mirrors.environment().accessibility.isTrusted()) throw RPCError("permission", permissionMessage);
+  auto pid = core::optionalNumber(params, "pid");
+  auto pidValue = params.find("pid");
+  if (!pidValue || !pidValue->asNumber()) throw RPCError("invalid_argument", "pid が必要です");
+  // A pid beyond 32 bits names no process, and so no copy.
+  const bool fits =
+      *pid >= std::numeric_limits<std::int32_t>::min() && *pid <= std::numeric_limits<std::int32_t>::max();
+  const auto pid32 = fits ? static_cast<std::int32_t>(*pid) : 0;
+  auto uidValue = params.find("uid");
+  const bool hasUid = uidValue && uidValue->asNumber();
+  if (core::optionalBool(params, "menu") == true) {
+    if (!hasUid) throw RPCError("invalid_argument", "メニューの項目には uid が必要です");
+    if (!menus) throw RPCError("native", "メニューの写しがありません");
+    auto mirror = mirrors.mirror(pid32);
+    return {mirror, menus(*mirror, static_cast<std::int64_t>(*uidValue->asNumber()))};
+  }
+  auto mirror = fits ? mirrors.existing(pid32) : nullptr;
+  if (!mirror) throw RPCError("stale", "pid " + cypher::numberText(*pid) + " の写しがありません");
+  if (hasUid) return {mirror, mirror->elementForUid(static_cast<std::int64_t>(*uidValue->asNumber()))};
+  auto generation = params.find("generation");
+  if (!generation || !generation->asNumber()) throw RPCError("invalid_argument", "generation が必要です");
+  const auto i = core::optionalInt(params, "i").value_or(-1);
+  return {mirror, mirror->elementForIndex(static_cast<std::int64_t>(*generation->asNumber()), i)};
+}
+
+}  // namespace glimmerstrand::native

@@ -1,0 +1,69 @@
+// Mirrors: the live mirrors of the process, at most six, the least recently
+// used one evicted for a seventh. Also the watch on application activation,
+// which starts the copy of an application that comes to the front before
+// anybody asks, and the turning of an element reference back into a live
+// element.
+//
+// `lock_` guards the table. It is held while a new mirror is made and
+// registered (calls into that application included); no code takes it while
+// holding a mirror's lock.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "core/json_value.h"
+#include "native/app_mirror.h"
+#include "platform/workspace.h"
+
+namespace glimmerstrand::native {
+
+/// What every operation that needs the accessibility permission says
+/// without it.
+inline constexpr const char* permissionMessage =
+    "アクセシビリティが許可されていません。システム設定のプライバシーとセキュリティで、ターミナルにアクセシビリティを許"
+    "可してください";
+
+class Mirrors {
+ public:
+  static constexpr std::size_t maxMirrors = 6;
+
+  Mirrors(MirrorEnvironment environment, platform::Workspace& workspace);
+  /// Detaches every mirror from its observer.
+  ~Mirrors();
+  Mirrors(const Mirrors&) = delete;
+  Mirrors& operator=(const Mirrors&) = delete;
+
+  /// The mirror of `pid`, made, registered and scheduled when there is none.
+  std::shared_ptr<AppMirror> mirror(std::int32_t pid);
+  /// The mirror of `pid` if there is one; does not count as a use.
+  std::shared_ptr<AppMirror> existing(std::int32_t pid);
+  /// Watches activation on the main run loop; once, at start.
+  void startObserving();
+
+  MirrorEnvironment environment() const { return environment_; }
+
+ private:
+  MirrorEnvironment environment_;
+  platform::Workspace& workspace_;
+  std::mutex lock_;                                                           // guards mirrors_
+  std::vector<std::pair<std::int32_t, std::shared_ptr<AppMirror>>> mirrors_;  // in the order made
+};
+
+struct ResolvedElement {
+  std::shared_ptr<AppMirror> mirror;
+  Element element;
+};
+
+/// The live element of a menu item's uid, from the menu cache.
+using MenuElementLookup = std::function<Element(AppMirror& mirror, std::int64_t uid)>;
+
+/// The mirror and live element an element reference names: `pid` with `uid`,
+/// or with `generation` and `i`; menu items with `menu` true and `uid`.
+/// RPCError "permission", "invalid_argument" or "stale" when it names none.
+ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, const MenuElementLookup& menus);
+
+}  // namespace glimmerstrand::native

@@ -1,0 +1,62 @@
+// Synthesised input: pointer, keys and scroll wheels. Key codes and modifier
+// bits are platform facts and live in the backend's tables; what to press in
+// which order (parsing "cmd+shift+4", typing grapheme by grapheme) is shared
+// logic above the seam. Events are posted in call order; callable from any
+// thread, though the driver serialises input on one queue.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "platform/ax_value.h"
+
+namespace glimmerstrand::platform {
+
+enum class MouseButton { left, right, center };
+enum class PointerAction { moved, down, up, dragged };
+
+struct PointerEvent {
+  PointerAction action = PointerAction::moved;
+  MouseButton button = MouseButton::left;
+  std::int64_t clickState = 1;  // 2 on the second click of a double click
+  AxPoint location;             // desktop points
+  std::uint64_t flags = 0;      // modifier bits of the backend's table
+};
+
+struct KeyEvent {
+  std::uint16_t keyCode = 0;  // the backend's code, from keyCodes()
+  bool down = true;
+  std::uint64_t flags = 0;
+  std::u16string text;  // what the key types, when it types something
+};
+
+struct ScrollEvent {
+  std::int32_t verticalLines = 0;  // positive scrolls up
+  std::int32_t horizontalLines = 0;
+  std::uint64_t flags = 0;
+};
+
+class Input {
+ public:
+  virtual ~Input() = default;
+
+  /// Posts to the whole session (`pid` absent: where the pointer or the focus
+  /// is) or to one process, which need not be in front.
+  virtual void postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) = 0;
+  virtual void postKey(const KeyEvent& event, std::optional<std::int32_t> pid) = 0;
+  /// At the current pointer location.
+  virtual void postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) = 0;
+
+  virtual AxPoint pointerLocation() = 0;
+  /// Moves the pointer without an event.
+  virtual void warpPointer(AxPoint location) = 0;
+
+  /// Key names ("a", "return", "f5", "left", ...) to the backend's codes.
+  virtual const std::unordered_map<std::string, std::uint16_t>& keyCodes() = 0;
+  /// Modifier names ("cmd", "shift", "alt", "ctrl", "fn") to flag bits.
+  virtual const std::unordered_map<std::string, std::uint64_t>& modifierFlags() = 0;
+};
+
+}  // namespace glimmerstrand::platform

@@ -1,0 +1,173 @@
+// Synthesised input on the simulated desktop. Key codes and modifier bits are
+// the simulated desktop's own facts; it uses the virtual key codes and event
+// flags of the desktop the system was first written for, so that tables and
+// traces read the same on every backend.
+#include <algorithm>
+
+#include "platform/sim/sim_state.h"
+
+namespace glimmerstrand::platform::sim {
+
+namespace {
+
+constexpr std::uint64_t commandFlag = 1u << 20;
+constexpr std::uint64_t controlFlag = 1u << 18;
+
+const std::unordered_map<std::string, std::uint16_t>& keyTable() {
+  static const std::unordered_map<std::string, std::uint16_t> table{
+      {"a", 0},      {"s", 1},      {"d", 2},        {"f", 3},
+      {"h", 4},      {"g", 5},      {"z", 6},        {"x", 7},
+      {"c", 8},      {"v", 9},      {"b", 11},       {"q", 12},
+      {"w", 13},     {"e", 14},     {"r", 15},       {"y", 16},
+      {"t", 17},     {"1", 18},     {"2", 19},       {"3", 20},
+      {"4", 21},     {"6", 22},     {"5", 23},       {"=", 24},
+      {"9", 25},     {"7", 26},     {"-", 27},       {"8", 28},
+      {"0", 29},     {"]", 30},     {"o", 31},       {"u", 32},
+      {"[", 33},     {"i", 34},     {"p", 35},       {"return", 36},
+      {"l", 37},     {"j", 38},     {"'", 39},       {"k", 40},
+      {";", 41},     {"\\", 42},    {",", 43},       {"/", 44},
+      {"n", 45},     {"m", 46},     {".", 47},       {"tab", 48},
+      {"space", 49}, {"`", 50},     {"delete", 51},  {"escape", 53},
+      {"f5", 96},    {"f6", 97},    {"f7", 98},      {"f3", 99},
+      {"f8", 100},   {"f9", 101},   {"f11", 103},    {"f10", 109},
+      {"f12", 111},  {"home", 115}, {"pageup", 116}, {"forwarddelete", 117},
+      {"f4", 118},   {"end", 119},  {"f2", 120},     {"pagedown", 121},
+      {"f1", 122},   {"left", 123}, {"right", 124},  {"down", 125},
+      {"up", 126},
+  };
+  return table;
+}
+
+const std::unordered_map<std::string, std::uint64_t>& modifierTable() {
+  static const std::unordered_map<std::string, std::uint64_t> table{
+      {"shift", 1u << 17}, {"ctrl", controlFlag}, {"alt", 1u << 19}, {"cmd", commandFlag}, {"fn", 1u << 23},
+  };
+  return table;
+}
+
+void appendUTF8(std::string& out, char32_t c) {
+  if (c < 0x80) {
+    out += static_cast<char>(c);
+  } else if (c < 0x800) {
+    out += static_cast<char>(0xC0 | (c >> 6));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else if (c < 0x10000) {
+    out += static_cast<char>(0xE0 | (c >> 12));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (c >> 18));
+    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (c & 0x3F));
+  }
+}
+
+std::string utf8(const std::u16string& text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char32_t c = text[i];
+    if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000)
+      c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
+    appendUTF8(out, c);
+  }
+  return out;
+}
+
+// The text without its last code point.
+std::string withoutLast(std::string text) {
+  while (!text.empty()) {
+    bool lead = (static_cast<unsigned char>(text.back()) & 0xC0) != 0x80;
+    text.pop_back();
+    if (lead) break;
+  }
+  return text;
+}
+
+class SimInput final : public Input {
+ public:
+  explicit SimInput(SimDesktop::State& state) : s_(state) {}
+
+  // A left click presses what has AXPress and focuses what takes text,
+  // bringing its application to the front unless posted to one process.
+  void postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) override {
+    FollowUp work;
+    std::vector<FollowUp> followUps;
+    {
+      std::lock_guard guard(s_.lock);
+      s_.pointer = event.location;
+      if (event.action != PointerAction::up || event.button != MouseButton::left) return;
+      Node* node = s_.hit(event.location.x, event.location.y, pid.value_or(0));
+      if (!node) return;
+      App& app = *s_.runningApp(node->pid);
+      if (!pid) s_.activate(app);
+      const auto& actions = node->actions;
+      if (std::find(actions.begin(), actions.end(), "AXPress") != actions.end()) {
+        work = FollowUp{node->pid, node->id, node->onPress};
+      } else if (s_.editable(*node) || node->settable.count("AXFocused")) {
+        s_.focusNode(app, node, followUps);
+      }
+    }
+    s_.runEffects(work);
+    for (const auto& next : followUps) s_.runEffects(next);
+  }
+
+  // Typing goes into the focused element when it takes text; return runs its
+  // onReturn effects and delete removes the last character.
+  void postKey(const KeyEvent& event, std::optional<std::int32_t> pid) override {
+    if (!event.down) return;
+    FollowUp work;
+    std::vector<FollowUp> followUps;
+    {
+      std::lock_guard guard(s_.lock);
+      App* app = s_.runningApp(pid.value_or(s_.frontmost));
+      Node* focused = app ? s_.node(app->focused) : nullptr;
+      if (!focused) return;
+      if (event.keyCode == keyTable().at("return")) {
+        work = FollowUp{focused->pid, focused->id, focused->onReturn};
+      } else if (s_.editable(*focused)) {
+        std::string text = currentText(*focused);
+        if (event.keyCode == keyTable().at("delete")) {
+          s_.setAttribute(*app, *focused, "AXValue", withoutLast(text), followUps);
+        } else if (!event.text.empty() && !(event.flags & (commandFlag | controlFlag))) {
+          s_.setAttribute(*app, *focused, "AXValue", text + utf8(event.text), followUps);
+        }
+      }
+    }
+    s_.runEffects(work);
+    for (const auto& next : followUps) s_.runEffects(next);
+  }
+
+  // The simulated applications have no scroll positions yet: a scroll event
+  // moves nothing.
+  void postScroll(const ScrollEvent&, std::optional<std::int32_t>) override {}
+
+  AxPoint pointerLocation() override {
+    std::lock_guard guard(s_.lock);
+    return s_.pointer;
+  }
+
+  void warpPointer(AxPoint location) override {
+    std::lock_guard guard(s_.lock);
+    s_.pointer = location;
+  }
+
+  const std::unordered_map<std::string, std::uint16_t>& keyCodes() override { return keyTable(); }
+  const std::unordered_map<std::string, std::uint64_t>& modifierFlags() override { return modifierTable(); }
+
+ private:
+  static std::string currentText(const Node& node) {
+    auto it = node.attributes.find("AXValue");
+    if (it == node.attributes.end()) return "";
+    auto text = it->second.get<std::string>();
+    return text ? *text : "";
+  }
+
+  SimDesktop::State& s_;
+};
+
+}  // namespace
+
+std::unique_ptr<Input> makeInput(SimDesktop::State& state) { return std::make_unique<SimInput>(state); }
+
+}  // namespace glimmerstrand::platform::sim

@@ -1,0 +1,137 @@
+// The running and installed applications of the simulated desktop.
+#include <algorithm>
+
+#include "platform/sim/sim_state.h"
+
+namespace glimmerstrand::platform::sim {
+
+namespace {
+
+std::string schemeOf(const std::string& url) {
+  auto colon = url.find(':');
+  return colon == std::string::npos ? std::string() : url.substr(0, colon);
+}
+
+class SimWorkspace final : public Workspace {
+ public:
+  explicit SimWorkspace(SimDesktop::State& state) : s_(state) {}
+
+  std::vector<RunningApplication> runningApplications() override {
+    std::lock_guard guard(s_.lock);
+    std::vector<RunningApplication> list;
+    for (auto pid : s_.launchOrder) list.push_back(s_.record(s_.apps[pid]));
+    return list;
+  }
+
+  std::optional<RunningApplication> application(std::int32_t pid) override {
+    std::lock_guard guard(s_.lock);
+    App* app = s_.runningApp(pid);
+    if (!app) return std::nullopt;
+    return s_.record(*app);
+  }
+
+  std::optional<RunningApplication> frontmost() override { return application(currentFront()); }
+
+  void observeActivation(std::function<void(const RunningApplication&)> callback) override {
+    std::lock_guard guard(s_.lock);
+    s_.activationCallbacks.push_back(std::move(callback));
+  }
+
+  bool activate(std::int32_t pid) override {
+    std::lock_guard guard(s_.lock);
+    App* app = s_.runningApp(pid);
+    if (!app) return false;
+    s_.activate(*app);
+    return true;
+  }
+
+  bool hide(std::int32_t pid) override { return setHidden(pid, true); }
+  bool unhide(std::int32_t pid) override { return setHidden(pid, false); }
+
+  bool terminate(std::int32_t pid) override {
+    std::lock_guard guard(s_.lock);
+    App* app = s_.runningApp(pid);
+    if (!app) return false;
+    // A frozen application never handles the request, and some refuse it.
+    if (!app->frozen && !app->spec.quitRefused) s_.quit(*app);
+    return true;
+  }
+
+  std::optional<RunningApplication> launch(const LaunchRequest& request) override {
+    std::lock_guard guard(s_.lock);
+    for (auto& [pid, app] : s_.apps) {
+      RunningApplication record = s_.record(app);
+      bool wanted = (!request.bundleId.empty() && record.bundleId == request.bundleId) ||
+                    (!request.path.empty() && record.bundlePath == request.path);
+      if (!wanted) continue;
+      if (!app.running) s_.start(app.spec);
+      App& started = s_.apps[pid];
+      if (request.activates) s_.activate(started);
+      return s_.record(started);
+    }
+    return std::nullopt;
+  }
+
+  bool openURL(const std::string& url) override {
+    std::lock_guard guard(s_.lock);
+    s_.openedURLs.push_back(url);
+    App* handler = handlerOf(url);
+    if (!handler) return false;
+    if (!handler->running) s_.start(handler->spec);
+    s_.activate(s_.apps[handler->spec.pid]);
+    return true;
+  }
+
+  std::optional<std::string> applicationForURL(const std::string& url) override {
+    std::lock_guard guard(s_.lock);
+    App* handler = handlerOf(url);
+    if (!handler) return std::nullopt;
+    return s_.record(*handler).bundlePath;
+  }
+
+  std::vector<InstalledApplication> installedApplications() override {
+    std::lock_guard guard(s_.lock);
+    std::vector<InstalledApplication> list;
+    for (auto& [pid, app] : s_.apps) {
+      InstalledApplication installed;
+      installed.bundleId = app.spec.bundleId;
+      installed.path = s_.record(app).bundlePath;
+      installed.names = app.spec.names;
+      if (!installed.names.count("en")) installed.names["en"] = app.spec.name;
+      list.push_back(std::move(installed));
+    }
+    return list;
+  }
+
+ private:
+  std::int32_t currentFront() {
+    std::lock_guard guard(s_.lock);
+    return s_.frontmost;
+  }
+
+  bool setHidden(std::int32_t pid, bool hidden) {
+    std::lock_guard guard(s_.lock);
+    App* app = s_.runningApp(pid);
+    if (!app) return false;
+    app->hidden = hidden;
+    s_.notify(*app, *s_.node(app->node), hidden ? "AXApplicationHidden" : "AXApplicationShown");
+    return true;
+  }
+
+  App* handlerOf(const std::string& url) {
+    std::string scheme = schemeOf(url);
+    for (auto& [pid, app] : s_.apps) {
+      const auto& schemes = app.spec.urlSchemes;
+      if (std::find(schemes.begin(), schemes.end(), scheme) != schemes.end()) return &app;
+    }
+    return nullptr;
+  }
+
+  SimDesktop::State& s_;
+};
+
+}  // namespace
+
+std::unique_ptr<Workspace> makeWorkspace(SimDesktop::State& state) { return std::make_unique<SimWorkspace>(state); }
+
+}  // namespace glimmerstrand::platform::sim

@@ -1,0 +1,91 @@
+#include "platform/sim/driven_clock.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace glimmerstrand::platform::sim {
+namespace {
+
+constexpr std::int64_t ms = 1'000'000;
+
+TEST(DrivenClock, SleepsOnTwoQueuesWakeInTimeOrderAndTakeNoRealTime) {
+  DrivenClock clock;
+  const auto start = clock.nowNs();
+  auto slow = clock.makeSerialQueue("slow");
+  auto quick = clock.makeSerialQueue("quick");
+  std::vector<std::string> order;  // written by one thread at a time: the clock's turn
+  slow->async([&] {
+    clock.sleepNs(30 * ms);
+    order.push_back("slow");
+  });
+  quick->async([&] {
+    clock.sleepNs(10 * ms);
+    order.push_back("quick");
+  });
+  clock.runUntilIdle();
+  EXPECT_EQ(order, (std::vector<std::string>{"quick", "slow"}));
+  EXPECT_EQ(clock.nowNs() - start, 30 * ms);
+}
+
+TEST(DrivenClock, TimedWaitEndsAtItsDeadlineOrAtANotification) {
+  struct Case {
+    const char* name;
+    bool notify;
+    bool expectNotified;
+    std::int64_t expectWaitedNs;
+  };
+  for (const auto& c : {Case{"notified", true, true, 5 * ms}, Case{"timed out", false, false, 20 * ms}}) {
+    SCOPED_TRACE(c.name);
+    DrivenClock clock;
+    std::mutex lock;
+    Signal signal;
+    auto other = clock.makeSerialQueue("other");
+    if (c.notify)
+      other->async([&] {
+        clock.sleepNs(5 * ms);
+        clock.notifyAll(signal);
+      });
+    const auto start = clock.nowNs();
+    std::unique_lock guard(lock);
+    bool notified = clock.waitUntil(guard, signal, start + 20 * ms);
+    EXPECT_TRUE(guard.owns_lock());
+    guard.unlock();
+    EXPECT_EQ(notified, c.expectNotified);
+    EXPECT_EQ(clock.nowNs() - start, c.expectWaitedNs);
+    clock.runUntilIdle();
+  }
+}
+
+TEST(DrivenClock, DelayedTasksRunWhenDueAndInOrder) {
+  DrivenClock clock;
+  auto queue = clock.makeSerialQueue("q");
+  std::vector<int> ran;
+  queue->asyncAfter(50 * ms, [&] { ran.push_back(2); });
+  queue->asyncAfter(10 * ms, [&] { ran.push_back(1); });
+  clock.advance(49 * ms);
+  EXPECT_EQ(ran, std::vector<int>{1});
+  clock.advance(1 * ms);
+  EXPECT_EQ(ran, (std::vector<int>{1, 2}));
+}
+
+TEST(DrivenClock, MainLoopRunsPostedTasksOnItsOwnThread) {
+  DrivenClock clock;
+  std::thread::id ranOn;
+  clock.mainLoop().post([&] { ranOn = std::this_thread::get_id(); });
+  clock.runUntilIdle();
+  EXPECT_NE(ranOn, std::thread::id());
+  EXPECT_NE(ranOn, std::this_thread::get_id());
+}
+
+TEST(DrivenClock, AScheduleThatNeverSettlesIsReported) {
+  DrivenClock clock;
+  auto queue = clock.makeSerialQueue("ticker");
+  std::function<void()> tick = [&] { queue->asyncAfter(1000 * ms, tick); };
+  queue->async(tick);
+  EXPECT_THROW(clock.runUntilIdle(10'000 * ms), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace glimmerstrand::platform::sim
