@@ -1,6 +1,15 @@
 #include "fake_driver.h"
 
+#include "cypher/values.h"
+
 namespace glimmerstrand::core::testing {
+namespace {
+
+std::string num(double v) { return cypher::numberText(v); }
+std::string point(double x, double y) { return num(x) + "," + num(y); }
+std::string optionalNum(const std::optional<double>& v) { return v ? num(*v) : "-"; }
+
+}  // namespace
 
 AxNode node(std::int64_t i, std::int64_t parent, std::string role, std::optional<std::string> title,
             std::optional<std::string> value) {
@@ -78,6 +87,7 @@ void FakeDriver::selectAll(const ElementRef& ref) { record("selectAll", jsonText
 
 SettleResult FakeDriver::waitSettle(const SettleOptions& options) {
   record("waitSettle", jsonText(toJSON(options)));
+  if (onWaitSettle) return onWaitSettle(*this, options);
   return SettleResult{true, true, 1, 5};
 }
 
@@ -91,15 +101,15 @@ bool FakeDriver::type(const std::string& text, std::optional<std::int64_t> pid) 
 }
 
 void FakeDriver::click(double x, double y, const ClickOptions& options) {
-  record("click",
-         std::to_string(x) + "," + std::to_string(y) + " " + options.button + " " + std::to_string(options.count));
+  record("click", point(x, y) + " " + options.button + " " + std::to_string(options.count));
 }
-void FakeDriver::move(double x, double y) { record("move", std::to_string(x) + "," + std::to_string(y)); }
+void FakeDriver::move(double x, double y) { record("move", point(x, y)); }
 void FakeDriver::drag(double x1, double y1, double x2, double y2) {
-  record("drag", std::to_string(x1) + "," + std::to_string(y1) + " " + std::to_string(x2) + "," + std::to_string(y2));
+  record("drag", point(x1, y1) + " " + point(x2, y2));
 }
 void FakeDriver::scroll(const ScrollDelta& delta) {
-  record("scroll", std::to_string(delta.dx.value_or(0)) + "," + std::to_string(delta.dy.value_or(0)));
+  record("scroll", "dx=" + optionalNum(delta.dx) + " dy=" + optionalNum(delta.dy) + " at " + optionalNum(delta.x) +
+                       "," + optionalNum(delta.y));
 }
 void FakeDriver::axRefresh(const AppSelector& selector) { record("axRefresh", jsonText(toJSON(selector))); }
 
@@ -115,14 +125,15 @@ std::vector<RunningApp> FakeDriver::apps() {
 
 AppInfo FakeDriver::launch(const std::string& name) {
   record("launch", jsonString(name));
+  if (onLaunch) return onLaunch(*this, name);
   running = true;
   return app;
 }
 
 QuitResult FakeDriver::quit(const AppSelector& selector) {
   record("quit", jsonText(toJSON(selector)));
-  running = false;
-  return QuitResult{app.name, app.pid, true};
+  if (quitTerminates) running = false;
+  return QuitResult{app.name, app.pid, quitTerminates};
 }
 
 AppInfo FakeDriver::activate(const AppSelector& selector) {
@@ -133,43 +144,50 @@ AppInfo FakeDriver::activate(const AppSelector& selector) {
 
 std::vector<WindowInfo> FakeDriver::windows(const AppSelector& selector) {
   record("windows", jsonText(toJSON(selector)));
-  return {WindowInfo{1, "Main", true, true, false}};
+  return windowList;
 }
 
-std::string FakeDriver::raiseWindow(const AppSelector& selector, const WindowSelector&) {
-  record("raiseWindow", jsonText(toJSON(selector)));
-  return "Main";
+std::string FakeDriver::raiseWindow(const AppSelector& selector, const WindowSelector& window) {
+  const auto* index = std::get_if<double>(&window.by);
+  record("raiseWindow", jsonText(toJSON(selector)) + " " +
+                            (index ? "index=" + num(*index) : "title=" + jsonString(std::get<std::string>(window.by))));
+  return index ? windowList.at(static_cast<std::size_t>(*index) - 1).title : std::get<std::string>(window.by);
 }
 
 ReadTextResult FakeDriver::readText(const ElementRef& ref) {
   record("readText", jsonText(toJSON(ref)));
-  return ReadTextResult{"text", false};
+  return readResult;
 }
 
 InspectResult FakeDriver::inspect(const ElementRef& ref) {
   record("inspect", jsonText(toJSON(ref)));
-  return InspectResult{};
+  return inspection;
 }
 
 void FakeDriver::showMenu(const ElementRef& ref) { record("showMenu", jsonText(toJSON(ref))); }
 
 std::optional<std::string> FakeDriver::clipboard() {
   record("clipboard", "");
-  return std::nullopt;
+  return clipboardText;
 }
 
-void FakeDriver::setClipboard(const std::string& text) { record("setClipboard", jsonString(text)); }
+void FakeDriver::setClipboard(const std::string& text) {
+  record("setClipboard", jsonString(text));
+  clipboardText = text;
+}
 void FakeDriver::copyImage(const std::vector<std::uint8_t>& png) { record("copyImage", std::to_string(png.size())); }
 
 std::optional<AppInfo> FakeDriver::openURL(const std::string& url) {
   record("openURL", jsonString(url));
+  if (!urlNamesApp) return std::nullopt;
   return app;
 }
 
 Capture FakeDriver::captureRegion(double x, double y, double width, double height, const CaptureOptions& options) {
-  record("captureRegion", std::to_string(x) + "," + std::to_string(y) + "," + std::to_string(width) + "," +
-                              std::to_string(height) + " " + options.format);
-  return Capture{options.format, {1, 2, 3}, 2, 2, Rect{x, y, width, height}};
+  record("captureRegion", point(x, y) + " " + point(width, height) + " " + std::to_string(options.maxSide) + " " +
+                              options.format + " " + num(options.quality) +
+                              " pid=" + std::to_string(options.pid.value_or(-1)));
+  return Capture{options.format, captureBytes, 2, 2, Rect{x, y, width, height}};
 }
 
 }  // namespace glimmerstrand::core::testing

@@ -46,6 +46,17 @@ class FakeDriver final : public UIDriver {
   bool typedSeen = true;
   Effect onPress, onFocus;
   std::function<void(FakeDriver&)> onSnapshot;  // runs before each snapshot is served
+  /// The answer of waitSettle (default: changed and settled at once).
+  std::function<SettleResult(FakeDriver&, const SettleOptions&)> onWaitSettle;
+  /// What launch finds (default: `app`, running).
+  std::function<AppInfo(FakeDriver&, const std::string&)> onLaunch;
+  ReadTextResult readResult{"text", false};
+  InspectResult inspection;
+  std::optional<std::string> clipboardText;
+  bool quitTerminates = true;
+  std::vector<WindowInfo> windowList{WindowInfo{1, "Main", true, true, false}};
+  bool urlNamesApp = true;  // openURL answers with `app`, or with no application
+  std::vector<std::uint8_t> captureBytes{1, 2, 3};
 
   /// "operation args" for every call, in order.
   std::vector<std::string> calls;

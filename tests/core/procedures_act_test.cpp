@@ -1,0 +1,148 @@
+#include "core/procedure_handlers.h"
+#include "procedure_fixture.h"
+
+namespace glimmerstrand::core {
+namespace {
+
+using namespace testing;
+
+struct ActCase {
+  const char* script;
+  Lines calls;  // after the first snapshot, before the closing settle
+  ActionRecord action;
+};
+
+ActionRecord done(std::string id, std::string action) { return ActionRecord{id, action, true, std::nullopt}; }
+
+TEST_F(ProcedureTest, ActingProceduresReachTheDriverInOrder) {
+  const std::string a = frontCalls[0], f = frontCalls[1];
+  const ActCase cases[] = {
+      {R"(CALL ui.press("e102"))", {counterCall, "press " + ProcedureTest::ref(2)}, done("e102", "pressed")},
+      {R"(CALL ui.focus("To"))", {counterCall, "focus " + ProcedureTest::ref(1)}, done("e101", "focused")},
+      {R"(CALL ui.set_value("e101", 7))",
+       {counterCall, "setValue " + ProcedureTest::ref(1) + " \"7\""},
+       done("e101", "value=7")},
+      {R"(CALL ui.set_value("e101"))",
+       {counterCall, "setValue " + ProcedureTest::ref(1) + " \"\""},
+       done("e101", "value=undefined")},
+      {R"(CALL ui.key("Return"))", {counterCall, "key \"Return\" 501"}, done("", "key \"Return\"")},
+      {R"(CALL ui.type("héllo"))", {counterCall, "type \"héllo\" 501"}, done("", "type \"héllo\"")},
+      {"CALL ui.click(100.4, 200.6)", {a, f, counterCall, "click 100.4,200.6 left 1"}, done("", "click left 100,201")},
+      {R"(CALL ui.click("e102", "double"))",
+       {a, f, counterCall, "click 340,20 left 2"},
+       done("e102", "click double 340,20")},
+      {R"(CALL ui.hover("e102"))", {a, f, counterCall, "move 340,20"}, done("e102", "hover 340,20")},
+      {"CALL ui.drag(1, 2, 3, 4)", {a, f, counterCall, "drag 1,2 3,4"}, done("", "drag 1,2 -> 3,4")},
+      {R"(CALL ui.drag("e102", "e101"))", {a, f, counterCall, "drag 340,20 110,20"}, done("", "drag e102 -> e101")},
+      {R"(CALL ui.drag("e102", 100, 200))",
+       {a, f, counterCall, "drag 340,20 100,200"},
+       done("", "drag e102 -> 100,200")},
+      {R"(CALL ui.menu("e102"))", {counterCall, "showMenu " + ProcedureTest::ref(2)}, done("e102", "menu")},
+      // The list runs past its scroll area: the wheel goes to the middle of the visible part.
+      {R"(CALL ui.scroll("e104", "down", 3))",
+       {counterCall, "scroll dx=- dy=-720 at 200,250", R"(axRefresh {"pid":501})"},
+       done("e104", "scroll down 3")},
+  };
+  for (const auto& c : cases) {
+    auto r = run(c.script);
+    Lines expected = c.calls;
+    expected.insert(expected.end(), {settleCall, freshRead});
+    EXPECT_EQ(calls(), expected) << c.script;
+    ASSERT_EQ(r.results.size(), 1u) << c.script;
+    EXPECT_EQ(r.results[0]->kind, "call");
+    EXPECT_EQ(r.results[0]->actions, std::vector<ActionRecord>{c.action}) << c.script;
+  }
+}
+
+TEST_F(ProcedureTest, ScrollPagesAndDirections) {
+  driver.nodes.push_back(framed(node(40, 0, "AXGroup"), {0, 50, 300, 500}));
+  const std::tuple<const char*, std::string, std::string> cases[] = {
+      {R"(CALL ui.scroll("e140", "down", 3))", "dx=- dy=-1200 at 150,300", "scroll down 3"},
+      {R"(CALL ui.scroll("e140", "up", 0))", "dx=- dy=400 at 150,300", "scroll up 0"},
+      {R"(CALL ui.scroll("e140", null, 100))", "dx=- dy=-8000 at 150,300", "scroll down 100"},
+      {R"(CALL ui.scroll("e140", "left", "2.4"))", "dx=480 dy=- at 150,300", "scroll left 2.4"},
+      {R"(CALL ui.scroll("e102", "right"))", "dx=-64 dy=- at 340,20", "scroll right 1"},
+      {R"(CALL ui.scroll("e102", "up", -3))", "dx=- dy=40 at 340,20", "scroll up -3"},
+  };
+  for (const auto& [script, scroll, action] : cases) {
+    auto r = run(script);
+    EXPECT_EQ(calls().at(1), "scroll " + scroll) << script;
+    EXPECT_EQ(r.results[0]->actions.at(0).action, action);
+    EXPECT_EQ(clock.slept, std::vector<double>{250});
+  }
+  EXPECT_EQ(failure(R"(CALL ui.scroll("e140", "sideways"))").second,
+            "向きは up、down、left、right のどれかにしてください: sideways");
+  EXPECT_EQ(failure(R"(CALL ui.scroll("e105"))").second, "e105 は位置がわからないので、スクロールできません");
+}
+
+TEST(VisibleFrame, ClipsToScrollAreasWindowsAndSheetsOnly) {
+  AxSnapshot s;
+  s.nodes =
+      NodeList({framed(node(0, -1, "AXWindow"), {0, 0, 100, 100}),
+                framed(node(1, 0, "AXGroup"), {0, 0, 10, 10}),  // groups do not clip
+                framed(node(2, 1, "AXButton"), {50, 50, 100, 100}), framed(node(3, 0, "AXScrollArea"), {0, 0, 10, 10}),
+                framed(node(4, 3, "AXButton"), {20, 20, 5, 5}), node(5, 0, "AXButton")});
+  AxGraph graph(s, {});
+  EXPECT_EQ(visibleFrame(graph, *graph.byIndex(2)), (Rect{50, 50, 50, 50}));
+  EXPECT_EQ(visibleFrame(graph, *graph.byIndex(4)), (Rect{20, 20, 5, 5})) << "wholly hidden: the frame as it is";
+  EXPECT_EQ(visibleFrame(graph, *graph.byIndex(5)), std::nullopt);
+}
+
+TEST_F(ProcedureTest, SelectAllKeysGoToTheFocusedField) {
+  const std::string focus = "focus " + ref(1);
+  const std::pair<const char*, Lines> cases[] = {
+      {R"(CALL ui.focus("e101"); CALL ui.key("cmd+a"))", {counterCall, focus, focus, "selectAll " + ref(1)}},
+      {R"(CALL ui.focus("e101"); CALL ui.key("CMD+A"))", {counterCall, focus, focus, "selectAll " + ref(1)}},
+      {R"(CALL ui.focus("e101"); CALL ui.key("Cmd+B"))", {counterCall, focus, focus, "key \"Cmd+B\" 501"}},
+      {R"(CALL ui.focus("e101"); CALL ui.type("x"))", {counterCall, focus, focus, "type \"x\" 501"}},
+      {R"(CALL ui.key("cmd+a"))", {counterCall, "key \"cmd+a\" 501"}},
+  };
+  for (const auto& [script, expected] : cases) {
+    run(script);
+    Lines all = expected;
+    all.insert(all.end(), {settleCall, freshRead});
+    EXPECT_EQ(calls(), all) << script;
+  }
+  driver.failures["selectAll"] = "no_action";
+  run(R"(MATCH (f:TextField) SET f.focused = true; CALL ui.key("cmd+a"))");
+  EXPECT_EQ(calls(),
+            (Lines{counterCall, focus, focus, "selectAll " + ref(1), "key \"cmd+a\" 501", settleCall, freshRead}));
+}
+
+TEST_F(ProcedureTest, TypedTextThatCannotBeSeenGetsANote) {
+  driver.typedSeen = false;
+  EXPECT_EQ(run(R"(CALL ui.type("abc"))").results[0]->notes, Lines{std::string(typedNote)});
+  EXPECT_EQ(run(R"(CALL ui.type(""))").results[0]->notes, std::nullopt);
+  EXPECT_EQ(calls()[1], "type \"\" 501");
+  driver.typedSeen = true;
+  EXPECT_EQ(run(R"(CALL ui.type("abc"))").results[0]->notes, std::nullopt);
+}
+
+TEST_F(ProcedureTest, FailedKeysShowTheirActionAndTheWriteIsStillReported) {
+  driver.failures["type"] = "permission";
+  auto r = run(R"(CALL ui.key("a"); CALL ui.type("b"))");
+  EXPECT_EQ(r.error->statement, 2);
+  ASSERT_EQ(r.results.size(), 2u);
+  EXPECT_EQ(r.results[1]->actions, (std::vector<ActionRecord>{{"", "type \"b\"", false, "type failed"}}));
+  EXPECT_EQ(r.results[1]->changes, Lines{}) << "the settle at the end reports on the last write";
+}
+
+TEST_F(ProcedureTest, AWrongButtonFailsAfterThePointerWasPrepared) {
+  auto r = run(R"(MATCH (b:Button) RETURN b.id; CALL ui.click(1, 2, "middle"))");
+  EXPECT_EQ(r.error->message, "ボタンは left、right、double のどれかにしてください: middle");
+  EXPECT_EQ(calls(), (Lines{frontCalls[0], frontCalls[1], counterCall, settleCall, freshRead}));
+}
+
+TEST_F(ProcedureTest, AMenuWithoutItsActionIsOpenedByARightClick) {
+  driver.failures["showMenu"] = "no_action";
+  auto r = run(R"(CALL ui.menu("Send"))");
+  EXPECT_EQ(calls(), (Lines{counterCall, "showMenu " + ref(2), frontCalls[0], frontCalls[1], "click 340,20 right 1",
+                            settleCall, freshRead}));
+  EXPECT_EQ(r.results[0]->actions, std::vector<ActionRecord>{done("e102", "menu by right click")});
+  driver.failures["showMenu"] = "stale";
+  EXPECT_EQ(failure(R"(CALL ui.menu("Send"))").first, "stale");
+  EXPECT_EQ(calls(), (Lines{counterCall, "showMenu " + ref(2)}));
+}
+
+}  // namespace
+}  // namespace glimmerstrand::core
