@@ -42,7 +42,8 @@ std::shared_ptr<AgentCursor::Pointer> AgentCursor::pointerFor(const std::string&
   }
   std::uint32_t colour = palette()[order_.size() % palette().size()];
   for (auto candidate : palette()) {
-    bool taken = std::any_of(pointers_.begin(), pointers_.end(), [&](auto& p) { return p.second->colour == candidate; });
+    bool taken =
+        std::any_of(pointers_.begin(), pointers_.end(), [&](auto& p) { return p.second->colour == candidate; });
     if (!taken) {
       colour = candidate;
       break;
@@ -70,8 +71,10 @@ void AgentCursor::moveTo(const std::shared_ptr<Pointer>& pointer, double x, doub
   if (click) {
     // On a visible pointer the pulse waits for the glide to end.
     auto pulse = [this, panel = pointer->panel] { painter_.pulse(panel, 0.3, timing_.pulseMs); };
-    if (wasVisible) mainLoop_.postAfter(std::chrono::milliseconds(timing_.moveMs), pulse);
-    else mainLoop_.post(pulse);
+    if (wasVisible)
+      mainLoop_.postAfter(std::chrono::milliseconds(timing_.moveMs), pulse);
+    else
+      mainLoop_.post(pulse);
   }
   scheduleHide(pointer);
 }

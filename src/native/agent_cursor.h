@@ -21,9 +21,9 @@ namespace glimmerstrand::native {
 class AgentCursor {
  public:
   struct Timing {
-    double size = 56;          // the panel's side, points
-    double tipX = 20;          // the arrow's tip inside the panel, from its left
-    double tipY = 20;          // and from its top
+    double size = 56;  // the panel's side, points
+    double tipX = 20;  // the arrow's tip inside the panel, from its left
+    double tipY = 20;  // and from its top
     std::int64_t moveMs = 180;
     std::int64_t appearMs = 120;
     std::int64_t idleMs = 1600;
