@@ -1,0 +1,14 @@
+// The two texts that teach agents the statement language and the manners of
+// this system: the instructions of the MCP `initialize` reply, and the usage
+// text of the `skill` request, which wraps the instructions for the shell.
+// Built once, on first use; safe to call from any thread.
+#pragma once
+
+#include <string>
+
+namespace glimmerstrand::server {
+
+const std::string& serverInstructions();
+const std::string& usageText();
+
+}  // namespace glimmerstrand::server

@@ -1,0 +1,219 @@
+#include "server/daemon_server.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "core/errors.h"
+#include "server/server_texts.h"
+#include "server/support/driven_lease_clock.h"
+#include "server/support/fake_backend.h"
+#include "server/support/socket_client.h"
+
+namespace glimmerstrand::server {
+namespace {
+
+using testing::DrivenLeaseClock;
+using testing::FakeBackend;
+using testing::roundTrip;
+using testing::SocketClient;
+using testing::TempFolder;
+using namespace std::chrono_literals;
+
+// Waits for something other threads bring about and nobody signals.
+bool eventually(const std::function<bool()>& condition) {
+  for (auto deadline = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < deadline;) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(2ms);
+  }
+  return condition();
+}
+
+class OtherUser final : public PeerInspector {
+ public:
+  std::optional<PeerCredentials> credentials(int) override { return PeerCredentials{1, 4242}; }
+  std::string executablePath(std::int64_t) override { return "/nonexistent"; }
+  std::uint32_t ownUid() override { return 1000; }
+};
+
+class DaemonServerTest : public ::testing::Test {
+ protected:
+  DaemonServerTest() { backend_->coordinator = &coordinator_; }
+
+  void start(GatewayOptions gateway = {}) {
+    auto sink = [this](std::string_view line) {
+      std::lock_guard guard(loggedLock_);
+      logged_.emplace_back(line);
+    };
+    server_ = DaemonServer::make(
+        backend_, folder_.path() / "state", makeLog("daemon", "info", sink),
+        DaemonServerOptions{&coordinator_, std::move(gateway), [sink] { return makeLog("mcp", "info", sink); }});
+    server_->start(folder_.socketPath(), std::nullopt);
+  }
+
+  void TearDown() override {
+    backend_->release();
+    server_->stop();
+    EXPECT_TRUE(server_->gateway().waitForThreads(10s));
+  }
+
+  std::unique_ptr<SocketClient> mcpClient() {
+    auto client = std::make_unique<SocketClient>(folder_.socketPath());
+    client->sendLine(R"({"mode":"mcp"})");
+    // The session exists once it answers.
+    EXPECT_EQ(roundTrip(*client, R"({"jsonrpc":"2.0","id":0,"method":"ping"})"),
+              R"({"jsonrpc":"2.0","id":0,"result":{}})");
+    return client;
+  }
+
+  std::int64_t sessionsByStatus(SocketClient& client) {
+    auto reply = core::parseJSON(roundTrip(client, R"({"operation":"status"})"));
+    return core::optionalInt(*reply.find("result"), "sessions").value_or(-1);
+  }
+
+  std::vector<std::string> logged() {
+    std::lock_guard guard(loggedLock_);
+    return logged_;
+  }
+
+  TempFolder folder_;
+  DrivenLeaseClock clock_;
+  AppCoordinator coordinator_{clock_};
+  std::shared_ptr<FakeBackend> backend_ = std::make_shared<FakeBackend>();
+  std::shared_ptr<DaemonServer> server_;
+  std::mutex loggedLock_;  // guards logged_
+  std::vector<std::string> logged_;
+};
+
+TEST_F(DaemonServerTest, PlainConnectionTranscript) {
+  start();
+  SocketClient client(folder_.socketPath());
+  const std::vector<std::pair<std::string, std::string>> transcript{
+      {R"({"id":1,"operation":"ping","params":{}})", R"({"id":1,"ok":true,"result":{"pong":true}})"},
+      {R"({"mode":"mcp"})",
+       R"({"ok":false,"error":{"code":"invalid_argument","message":"未知の操作です: ","retry":"fix the statement, then retry"}})"},
+      {R"({"id":"q","operation":"query","params":{"cypher":"MATCH (n) RETURN n","app":"Calculator"},"format":"text"})",
+       R"j({"id":"q","ok":true,"result":{"text":"(no rows)\n(Calculator g4 3ms)"}})j"},
+  };
+  for (const auto& [request, reply] : transcript) EXPECT_EQ(roundTrip(client, request), reply);
+  client.sendLine("not json");
+  EXPECT_EQ(roundTrip(client, R"({"operation":"ping"})"), R"({"ok":true,"result":{"pong":true}})");
+
+  SocketClient other(folder_.socketPath());
+  EXPECT_EQ(
+      roundTrip(other, R"({"mode":"other","id":2})"),
+      R"({"id":2,"ok":false,"error":{"code":"invalid_argument","message":"未知の操作です: ","retry":"fix the statement, then retry"}})");
+}
+
+TEST_F(DaemonServerTest, McpConnectionTranscript) {
+  start();
+  SocketClient client(folder_.socketPath());
+  client.sendLine(R"({"mode":"mcp"})");
+  client.sendLine(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})");
+  client.sendLine(R"({"jsonrpc":"2.0","method":"notifications/initialized"})");
+  client.sendLine(R"({"jsonrpc":"2.0","id":2,"method":"ping"})");
+  EXPECT_EQ(
+      client.readLine(),
+      R"({"jsonrpc":"2.0","id":1,"result":{"protocolVersion":"2025-06-18","capabilities":{"tools":{"listChanged":true}},"serverInfo":{"name":"glimmerstrand","version":"0.3.5"},"instructions":)" +
+          core::jsonString(serverInstructions()) + "}}");
+  EXPECT_EQ(client.readLine(), R"({"jsonrpc":"2.0","id":2,"result":{}})");
+
+  auto list = core::parseJSON(roundTrip(client, R"({"jsonrpc":"2.0","id":3,"method":"tools/list"})"));
+  EXPECT_EQ(core::jsonText(*list.find("result")),
+            core::jsonText(core::JSONValue::Object{{"tools", core::JSONValue::Array{doToolDefinition()}}}));
+  EXPECT_EQ(
+      roundTrip(
+          client,
+          R"({"jsonrpc":"2.0","id":4,"method":"tools/call","params":{"name":"do","arguments":{"cypher":"MATCH (n) RETURN n","app":"Calculator"}}})"),
+      R"j({"jsonrpc":"2.0","id":4,"result":{"content":[{"type":"text","text":"(no rows)\n(Calculator g4 3ms)"}]}})j");
+  auto calls = backend_->calls();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_TRUE(calls[0].session && calls[0].session->starts_with("mcp-"));
+}
+
+TEST_F(DaemonServerTest, StatusCountsSessionsWhileConnected) {
+  start();
+  SocketClient plain(folder_.socketPath());
+  EXPECT_EQ(sessionsByStatus(plain), 0);
+  auto first = mcpClient();
+  auto second = mcpClient();
+  EXPECT_EQ(sessionsByStatus(plain), 2);
+  first.reset();
+  EXPECT_TRUE(eventually([&] { return server_->sessionCount() == 1; }));
+  EXPECT_EQ(sessionsByStatus(plain), 1);
+}
+
+TEST_F(DaemonServerTest, LongDoHoldsUpOnlyItsOwnConnection) {
+  start();
+  backend_->hold("long");
+  SocketClient busy(folder_.socketPath());
+  busy.sendLine(R"({"id":1,"operation":"do","params":{"cypher":"long","app":"Finder"}})");
+  busy.sendLine(R"({"id":2,"operation":"ping"})");
+  ASSERT_TRUE(backend_->waitForHeld(1));
+
+  SocketClient other(folder_.socketPath());
+  EXPECT_EQ(roundTrip(other, R"({"id":3,"operation":"ping"})"), R"({"id":3,"ok":true,"result":{"pong":true}})");
+  auto agent = mcpClient();
+  EXPECT_EQ(roundTrip(*agent, R"({"jsonrpc":"2.0","id":4,"method":"ping"})"),
+            R"({"jsonrpc":"2.0","id":4,"result":{}})");
+
+  backend_->release();
+  EXPECT_TRUE(busy.readLine()->starts_with(R"({"id":1,"ok":true,"result":{"fresh":true)"));
+  EXPECT_EQ(busy.readLine(), R"({"id":2,"ok":true,"result":{"pong":true}})");
+}
+
+TEST_F(DaemonServerTest, SessionsShareAnAppThroughLeases) {
+  start();
+  auto call = [](int id) {
+    return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
+           R"(,"method":"tools/call","params":{"name":"do","arguments":{"cypher":"MATCH (n) RETURN n","app":"Spotify"}}})";
+  };
+  auto first = mcpClient();
+  auto second = mcpClient();
+  const std::string done = R"j("result":{"content":[{"type":"text","text":"(no rows)\n(Calculator g4 3ms)"}]}})j";
+
+  EXPECT_TRUE(roundTrip(*first, call(1)).ends_with(done));
+  second->sendLine(call(2));
+  ASSERT_TRUE(clock_.waitForWaits(1));  // the first session's grace holds the app
+  clock_.advance(9s);
+  ASSERT_TRUE(clock_.waitForWaits(2));
+  EXPECT_FALSE(second->readLine(0ms));
+  clock_.advance(1s);
+  EXPECT_TRUE(second->readLine()->ends_with(done));
+
+  // Now the second session holds its grace; the first waits, until the
+  // second connection closes.
+  first->sendLine(call(3));
+  ASSERT_TRUE(clock_.waitForWaits(3));
+  second.reset();
+  EXPECT_TRUE(first->readLine()->ends_with(done));
+}
+
+TEST_F(DaemonServerTest, ClosingDuringADoReleasesTheLeaseAfterIt) {
+  start();
+  backend_->hold("long");
+  auto agent = mcpClient();
+  agent->sendLine(
+      R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"do","arguments":{"cypher":"long","app":"Notes"}}})");
+  ASSERT_TRUE(backend_->waitForHeld(1));
+  agent.reset();
+  EXPECT_EQ(coordinator_.lease("name:notes")->running, 1);  // the running call keeps it
+  backend_->release();
+  EXPECT_TRUE(eventually([&] { return !coordinator_.lease("name:notes"); }));
+  EXPECT_EQ(server_->sessionCount(), 0);
+}
+
+TEST_F(DaemonServerTest, RejectedPeerIsLogged) {
+  start(GatewayOptions{std::make_shared<OtherUser>()});
+  SocketClient client(folder_.socketPath());
+  EXPECT_TRUE(client.closedByPeer());
+  ASSERT_TRUE(eventually([&] { return !logged().empty(); }));
+  auto line = core::parseJSON(logged()[0]);
+  EXPECT_EQ(core::optionalString(line, "level"), "warn");
+  EXPECT_EQ(core::optionalString(line, "name"), "daemon");
+  EXPECT_EQ(core::optionalString(line, "message"), "接続を断りました");
+  EXPECT_EQ(core::optionalString(line, "reason"), "別のユーザーからの接続です: uid 4242");
+}
+
+}  // namespace
+}  // namespace glimmerstrand::server

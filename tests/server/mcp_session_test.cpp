@@ -1,0 +1,212 @@
+#include "server/mcp_session.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "core/errors.h"
+#include "server/server_texts.h"
+#include "server/support/fake_backend.h"
+
+namespace glimmerstrand::server {
+namespace {
+
+using testing::BackendCall;
+using testing::FakeBackend;
+using testing::readResult;
+
+const std::string toolsListReply =
+    R"({"jsonrpc":"2.0","id":"t","result":{"tools":[{"name":"do","title":"Mac のアプリを見て操作する","description":"Look at and operate macOS apps (Spotify, Finder, Safari, Calculator, Notes, System Settings, any app) through their accessibility tree with Cypher. Mac のアプリを見る、押す、入力する、開く。Read with MATCH ... RETURN, act with SET b.pressed = true or CALL ui.open/ui.press/ui.type/ui.key/ui.click/ui.menu/ui.scroll/ui.read/ui.screenshot/ui.window/ui.clipboard/ui.wait_for/ui.quit. Separate statements with ; to act and check in one call. The server instructions describe the grammar.","inputSchema":{"$schema":"http://json-schema.org/draft-07/schema#","type":"object","properties":{"cypher":{"type":"string","description":"Cypher statements separated by ;, e.g. CALL ui.open(\"Spotify\"); MATCH (b:Button) WHERE b.name CONTAINS \"Play\" RETURN b LIMIT 5"},"app":{"description":"App name or bundle id to look at or operate, such as \"Calculator\" or \"計算機\". Pass it on every call: several agents can share this connection, so the previous call's app is not remembered.","type":"string"}},"required":["cypher","app"]},"annotations":{"title":"Mac のアプリを見て操作する","readOnlyHint":false,"destructiveHint":true,"openWorldHint":false},"execution":{"taskSupport":"forbidden"}}]}})";
+
+std::string initializeReply(std::string_view id, std::string_view version) {
+  return R"({"jsonrpc":"2.0","id":)" + std::string(id) + R"(,"result":{"protocolVersion":")" + std::string(version) +
+         R"(","capabilities":{"tools":{"listChanged":true}},"serverInfo":{"name":"glimmerstrand","version":"0.3.5"},"instructions":)" +
+         core::jsonString(serverInstructions()) + "}}";
+}
+
+std::string toolText(std::string_view id, std::string_view text, bool isError = true) {
+  return R"({"jsonrpc":"2.0","id":)" + std::string(id) + R"(,"result":{"content":[{"type":"text","text":)" +
+         core::jsonString(text) + "}]" + (isError ? R"(,"isError":true)" : "") + "}}";
+}
+
+class McpSessionTest : public ::testing::Test {
+ protected:
+  McpSessionTest()
+      : backend_(std::make_shared<FakeBackend>()),
+        session_(
+            backend_, [this](const std::string& line) { sent_.push_back(line); },
+            makeLog("mcp", "info", [this](std::string_view line) { logged_.emplace_back(line); })) {}
+
+  std::vector<std::string> exchange(std::string_view line) {
+    sent_.clear();
+    session_.handleLine(line);
+    return sent_;
+  }
+
+  std::shared_ptr<FakeBackend> backend_;
+  std::vector<std::string> sent_;
+  std::vector<std::string> logged_;
+  McpSession session_;
+};
+
+using Lines = std::vector<std::string>;
+
+TEST_F(McpSessionTest, MethodsAndErrors) {
+  struct Case {
+    std::string message;
+    Lines replies;
+  };
+  const std::string instructions = core::jsonString(serverInstructions());
+  std::vector<Case> cases{
+      {R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2024-11-05"}})",
+       {initializeReply("1", "2024-11-05")}},
+      {R"({"jsonrpc":"2.0","id":"a","method":"initialize","params":{"protocolVersion":"2099-01-01"}})",
+       {initializeReply("\"a\"", "2025-11-25")}},
+      {R"({"jsonrpc":"2.0","id":2,"method":"initialize","params":{"protocolVersion":20241105}})",
+       {R"({"jsonrpc":"2.0","id":2,"error":{"code":-32602,"message":"Invalid params: protocolVersion is required"}})"}},
+      {R"({"jsonrpc":"2.0","id":2.5,"method":"ping"})", {R"({"jsonrpc":"2.0","id":2.5,"result":{}})"}},
+      {R"({"jsonrpc":"2.0","id":"t","method":"tools/list"})", {toolsListReply}},
+      {R"({"jsonrpc":"2.0","id":3,"method":"resources/list"})",
+       {R"({"jsonrpc":"2.0","id":3,"error":{"code":-32601,"message":"Method not found"}})"}},
+      {R"({"jsonrpc":"2.0","id":4,"method":"tools/call","params":{"arguments":{}}})",
+       {R"({"jsonrpc":"2.0","id":4,"error":{"code":-32602,"message":"Invalid params: name is required"}})"}},
+      {R"({"jsonrpc":"2.0","id":7})",
+       {R"({"jsonrpc":"2.0","id":7,"error":{"code":-32600,"message":"Invalid Request"}})"}},
+      {R"({"jsonrpc":"2.0","id":7,"result":{}})", {}},
+      {R"({"jsonrpc":"2.0","id":7,"error":{"code":1}})", {}},
+      {R"({"jsonrpc":"2.0","id":true,"method":"ping"})", {}},
+      {R"({"jsonrpc":"2.0","id":null,"method":"ping"})", {}},
+      {R"({"jsonrpc":"2.0","method":"notifications/initialized"})", {}},
+      {R"({"jsonrpc":"2.0","method":5})", {}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(exchange(c.message), c.replies) << c.message;
+  EXPECT_TRUE(logged_.empty());
+}
+
+TEST_F(McpSessionTest, ToolCallValidation) {
+  const std::string invalid = "MCP error -32602: Input validation error: Invalid arguments for tool do: ";
+  struct Case {
+    std::string params;
+    std::string text;
+  };
+  std::vector<Case> cases{
+      {R"({"name":"run"})", "MCP error -32602: Tool run not found"},
+      {R"({"name":"do"})", invalid + "Invalid input: expected object, received undefined"},
+      {R"({"name":"do","arguments":[]})", invalid + "Invalid input: expected object, received array"},
+      {R"({"name":"do","arguments":"x"})", invalid + "Invalid input: expected object, received string"},
+      {R"({"name":"do","arguments":{"app":4}})", invalid +
+                                                     "Invalid input: expected string, received undefined at cypher\n"
+                                                     "Invalid input: expected string, received number at app"},
+      {R"({"name":"do","arguments":{"cypher":"MATCH (n) RETURN n","app":null}})",
+       invalid + "Invalid input: expected string, received null at app"},
+      {R"({"name":"do","arguments":{"cypher":false,"app":"Safari"}})",
+       invalid + "Invalid input: expected string, received boolean at cypher"},
+      {R"({"name":"do","arguments":{"cypher":{},"app":[]}})",
+       invalid + "Invalid input: expected string, received object at cypher\n"
+                 "Invalid input: expected string, received array at app"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(exchange(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":)" + c.params + "}"),
+              Lines{toolText("1", c.text)})
+        << c.params;
+  EXPECT_TRUE(backend_->calls().empty());
+}
+
+TEST_F(McpSessionTest, AppIsRequiredUnlessTheScriptNamesIt) {
+  const std::string missing =
+      "Pass app on every call, such as \"Discord\". Several agents can share this connection, so Glimmerstrand does "
+      "not remember the previous call's app or guess the frontmost app.\nretry: fix the statement, then retry";
+  struct Case {
+    std::string arguments;
+    bool runs;
+  };
+  std::vector<Case> cases{
+      {R"j({"cypher":"MATCH (b:Button) RETURN b"})j", false},
+      {R"j({"cypher":"MATCH (b:Button) RETURN b","app":" \t "})j", false},
+      {R"j({"cypher":"CALL ui.open(\"Safari\"); MATCH (n) RETURN n"})j", true},
+      {R"j({"cypher":"  call ui.apps()"})j", true},
+      {R"j({"cypher":"\nCALL   UI.OPEN_URL (\"https://example.com\")"})j", true},
+      {R"j({"cypher":"CALL ui.openx(\"Safari\")"})j", false},
+      {R"j({"cypher":"MATCH (n) RETURN n; CALL ui.open(\"Safari\")"})j", false},
+  };
+  for (const auto& c : cases) {
+    auto replies = exchange(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"do","arguments":)" +
+                            c.arguments + "}}");
+    if (c.runs)
+      EXPECT_EQ(replies, Lines{toolText("1", "(no rows)\n(Calculator g4 3ms)", false)}) << c.arguments;
+    else
+      EXPECT_EQ(replies, Lines{toolText("1", missing)}) << c.arguments;
+  }
+  auto calls = backend_->calls();
+  ASSERT_EQ(calls.size(), 3u);
+  for (const auto& call : calls) {
+    EXPECT_FALSE(call.app);
+    EXPECT_FALSE(call.readOnly);
+    EXPECT_EQ(call.session, session_.id());
+  }
+}
+
+TEST_F(McpSessionTest, ResultsBecomeContent) {
+  backend_->respond = [](const BackendCall& call) -> core::CypherResult {
+    if (call.cypher == "busy") throw core::GlimmerstrandError("busy", "Another agent is using Safari. Wait.");
+    auto result = readResult("Safari", {});
+    auto shot = std::make_shared<core::StatementResult>("call");
+    shot->images = std::vector<core::CypherImage>{{"png", "QUJD", 4, 2, {10, 20, 2, 1}}};
+    result.results.push_back(shot);
+    if (call.cypher == "fails") {
+      result.error = core::StatementError{2, "遅い"};
+      result.errorCode = "timeout";
+    }
+    return result;
+  };
+  auto call = [&](std::string_view cypher) {
+    return exchange(R"({"jsonrpc":"2.0","id":9,"method":"tools/call","params":{"name":"do","arguments":{"cypher":")" +
+                    std::string(cypher) + R"(","app":"pid:77"}}})");
+  };
+  EXPECT_EQ(call("busy"), Lines{toolText("9",
+                                         "Another agent is using Safari. Wait.\nretry: another agent is using this "
+                                         "app; wait a few seconds, then retry as is")});
+  std::string shown = "#1\n(no rows)\n#2\n(image 4x2px png of 2x1pt at 10,20)\n";
+  EXPECT_EQ(call("fine"), Lines{R"({"jsonrpc":"2.0","id":9,"result":{"content":[{"type":"text","text":)" +
+                                core::jsonString(shown + "(Safari g4 3ms)") +
+                                R"(},{"type":"image","data":"QUJD","mimeType":"image/png"}]}})"});
+  EXPECT_EQ(
+      call("fails"),
+      Lines{R"({"jsonrpc":"2.0","id":9,"result":{"content":[{"type":"text","text":)" +
+            core::jsonString(shown + "error in #2: 遅い\nretry: statements before #2 already ran, so do not repeat "
+                                     "them; safe to retry as is\n(Safari g4 3ms)") +
+            R"(},{"type":"image","data":"QUJD","mimeType":"image/png"}],"isError":true}})"});
+  EXPECT_EQ(backend_->calls().back().app, (core::AppSelector{77, std::nullopt, std::nullopt}));
+}
+
+TEST_F(McpSessionTest, OtherFailuresOfAMethodAreInternalErrors) {
+  backend_->respond = [](const BackendCall&) -> core::CypherResult { throw std::runtime_error("boom"); };
+  EXPECT_EQ(
+      exchange(
+          R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"do","arguments":{"cypher":"x","app":"A"}}})"),
+      Lines{toolText("1", "boom\nretry: retry once; if it fails again, tell the user")});
+}
+
+TEST_F(McpSessionTest, MalformedLinesAreLoggedNotAnswered) {
+  std::string longLine = "[" + std::string(300, '1');
+  for (const auto& line : {std::string("{not json"), std::string("[1]"), longLine, std::string("\"が\"")}) {
+    EXPECT_EQ(exchange(line), Lines{}) << line;
+  }
+  ASSERT_EQ(logged_.size(), 4u);
+  auto logged = core::parseJSON(logged_[2]);
+  EXPECT_EQ(core::optionalString(logged, "message"), "MCP のメッセージを読めませんでした");
+  EXPECT_EQ(core::optionalString(logged, "line"), longLine.substr(0, 200));
+  EXPECT_EQ(core::optionalString(core::parseJSON(logged_[3]), "line"), "\"が\"");
+}
+
+TEST_F(McpSessionTest, SessionIdIsAnUpperCaseUuid) {
+  EXPECT_TRUE(
+      std::regex_match(session_.id(), std::regex("mcp-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}")))
+      << session_.id();
+  McpSession other(
+      backend_, [](const std::string&) {}, makeLog("mcp", "info"));
+  EXPECT_NE(other.id(), session_.id());
+}
+
+}  // namespace
+}  // namespace glimmerstrand::server

@@ -1,0 +1,199 @@
+#include "server/result_text.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+namespace glimmerstrand::server {
+namespace {
+
+using core::CypherResult;
+using core::StatementResult;
+using cypher::Row;
+using cypher::RowValue;
+
+std::shared_ptr<StatementResult> statement(std::string kind, std::vector<Row> rows = {}) {
+  auto result = std::make_shared<StatementResult>(std::move(kind));
+  result->rows = std::move(rows);
+  return result;
+}
+
+CypherResult resultOf(std::vector<std::shared_ptr<StatementResult>> statements, double elapsedMs = 34) {
+  CypherResult result;
+  result.app = "Calculator";
+  result.generation = 12;
+  result.results = std::move(statements);
+  result.elapsedMs = elapsedMs;
+  return result;
+}
+
+RowValue node(std::initializer_list<std::pair<std::string, RowValue>> fields) {
+  return RowValue(RowValue::Map(fields));
+}
+
+struct TextCase {
+  std::string name;
+  CypherResult result;
+  std::string text;
+};
+
+std::vector<TextCase> textCases() {
+  std::vector<TextCase> cases;
+  cases.push_back({"SingleReadHasNoNumber",
+                   resultOf({statement("read", {Row{{"n", 1}}, Row{{"n", 2}}, Row{{"n", 3}}})}),
+                   "n\n1\n2\n3\n(Calculator g12 34ms)"});
+  cases.push_back({"ReadWithoutRows", resultOf({statement("read")}), "(no rows)\n(Calculator g12 34ms)"});
+  {
+    auto press = statement("set");
+    press->actions = {{"e41", "pressed", true, std::nullopt}, {"", "key return", false, "遅い"}};
+    press->changes = std::vector<std::string>{};
+    auto read = statement("read", {Row{{"b", node({{"_label", "Button"}, {"id", "e3"}, {"name", "7"}})}}});
+    cases.push_back({"TwoStatementsAreNumbered", resultOf({press, read}),
+                     "#1\nok e41 pressed\nfailed key return: 遅い\n(no visible change)\n#2\nb\ne3 Button \"7\"\n"
+                     "(Calculator g12 34ms)"});
+  }
+  {
+    auto result = resultOf({statement("set")});
+    result.error = core::StatementError{1, "見つかりません"};
+    result.errorCode = "not_found";
+    cases.push_back({"OneFailingStatementIsNumbered", result,
+                     "#1\nerror in #1: 見つかりません\nretry: read the window again (ui.tree or MATCH), then retry "
+                     "with the new ids or a MATCH on names\n(Calculator g12 34ms)"});
+  }
+  {
+    auto result = resultOf({statement("set"), statement("set")});
+    result.error = core::StatementError{3, "遅い"};
+    result.errorCode = "timeout";
+    cases.push_back({"ErrorAfterFirstStatementWarnsAgainstRepeating", result,
+                     "#1\n#2\nerror in #3: 遅い\nretry: statements before #3 already ran, so do not repeat them; "
+                     "safe to retry as is\n(Calculator g12 34ms)"});
+  }
+  {
+    auto result = resultOf({statement("read")}, 7);
+    result.app = "Safari";
+    result.generation = 4;
+    result.fresh = false;
+    cases.push_back({"StaleClosingLine", result, "(no rows)\n(Safari g4 stale: call ui.refresh() 7ms)"});
+  }
+  {
+    auto returned = statement("set");
+    returned->returns = true;
+    cases.push_back({"WriteWithReturnShowsNoRows", resultOf({returned, statement("call")}, 12.5),
+                     "#1\n(no rows)\n#2\n(Calculator g12 13ms)"});
+  }
+  {
+    auto waited = statement("call", {Row{{"id", "e1"}}});
+    waited->timedOut = true;
+    waited->notes = std::vector<std::string>{"nothing changed for 3 s; check the query"};
+    cases.push_back({"TimedOutHasNoTable", resultOf({waited}, 12.4),
+                     "note: nothing changed for 3 s; check the query\n(timed out)\n(Calculator g12 12ms)"});
+  }
+  {
+    auto shot = statement("call");
+    shot->images = std::vector<core::CypherImage>{{"jpeg", "", 460, 816, {1600.4, 30.5, 229.5, 408.2}}};
+    shot->outline = std::vector<std::string>{"Window \"Calc\"", "  e3 Button \"7\""};
+    cases.push_back({"ImageAndOutlineLines", resultOf({shot}),
+                     "(image 460x816px jpeg of 230x408pt at 1600,31)\nWindow \"Calc\"\n  e3 Button \"7\"\n"
+                     "(Calculator g12 34ms)"});
+  }
+  {
+    auto cut = statement("read", {Row{{"b", "x"}, {"10", 1}, {"a", true}, {"2", RowValue()}}, Row{{"c", 1.5}}});
+    cut->total = 250;
+    cases.push_back({"ColumnsInDisplayOrderAndCutRows", resultOf({cut}),
+                     "2\t10\tb\ta\tc\nnull\t1\tx\ttrue\tnull\nnull\tnull\tnull\tnull\t1.5\n"
+                     "(2 of 250 rows; add LIMIT or SKIP)\n(Calculator g12 34ms)"});
+  }
+  return cases;
+}
+
+class RenderResultText : public ::testing::TestWithParam<TextCase> {};
+
+TEST_P(RenderResultText, GivesTheAgentsText) { EXPECT_EQ(renderResultText(GetParam().result), GetParam().text); }
+
+INSTANTIATE_TEST_SUITE_P(Cases, RenderResultText, ::testing::ValuesIn(textCases()),
+                         [](const auto& info) { return info.param.name; });
+
+TEST(RenderTable, NoRowsIgnoresTotal) { EXPECT_EQ(renderTable({}, 40), std::vector<std::string>{"(no rows)"}); }
+
+TEST(CellText, KeepsTheTableWhole) {
+  struct Case {
+    RowValue value;
+    std::string text;
+  };
+  std::vector<Case> cases{
+      {RowValue(), "null"},
+      {RowValue(false), "false"},
+      {RowValue(1e21), "1e+21"},
+      {RowValue(-0.5), "-0.5"},
+      {RowValue(std::numeric_limits<double>::quiet_NaN()), "null"},
+      {RowValue("Play"), "Play"},
+      {RowValue(""), "\"\""},
+      {RowValue("null"), "\"null\""},
+      {RowValue("a\tb"), "\"a\\tb\""},
+      {RowValue("line\r"), "\"line\\r\""},
+      {node({{"_label", "StaticText"}, {"id", "e3"}, {"name", "Total"}, {"value", "Total"}}),
+       "e3 StaticText \"Total\""},
+      {node({{"id", "e7"},
+             {"_label", "TextField"},
+             {"name", "Search"},
+             {"description", "Find"},
+             {"value", "abc"},
+             {"placeholder", "Type here"},
+             {"identifier", "search"},
+             {"enabled", true},
+             {"focused", true}}),
+       "e7 TextField \"Search\" desc=\"Find\" = \"abc\" placeholder=\"Type here\" #search focused"},
+      {node({{"_label", "TextField"}, {"id", "e8"}, {"placeholder", "Name"}, {"enabled", false}, {"focused", 1}}),
+       "e8 TextField placeholder=\"Name\" disabled"},
+      {node({{"_label", "Button"}, {"id", 9}}), "{\"_label\":\"Button\",\"id\":9}"},
+      {node({{"b", 1}, {"10", node({{"z", 1}, {"3", RowValue::List{1, "x"}}})}}),
+       "{\"10\":{\"3\":[1,\"x\"],\"z\":1},\"b\":1}"},
+      {RowValue(RowValue::List{RowValue(), true}), "[null,true]"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(cellText(&c.value), c.text);
+  EXPECT_EQ(cellText(nullptr), "null");
+}
+
+TEST(OrderedKeys, IndexKeysFirstInNumericOrder) {
+  EXPECT_EQ(orderedKeys({"b", "10", "a", "2"}), (std::vector<std::string>{"2", "10", "b", "a"}));
+  EXPECT_EQ(orderedKeys({"07", "+7", "4294967295", "4294967294", "0", "x"}),
+            (std::vector<std::string>{"0", "4294967294", "07", "+7", "4294967295", "x"}));
+}
+
+TEST(RetryHint, ByCodeAndStatement) {
+  std::vector<std::pair<std::optional<std::string>, std::string>> cases{
+      {"not_found", "read the window again (ui.tree or MATCH), then retry with the new ids or a MATCH on names"},
+      {"stale", "read the window again (ui.tree or MATCH), then retry with the new ids or a MATCH on names"},
+      {"timeout", "safe to retry as is"},
+      {"busy", "another agent is using this app; wait a few seconds, then retry as is"},
+      {"permission", "do not retry; tell the user what to allow"},
+      {"invalid_argument", "fix the statement, then retry"},
+      {"focus_not_moved",
+       "click the field with ui.click on its center, then ui.type; do not type before the focus moves"},
+      {"no_action", "the element does not support this; try another way, such as ui.click or ui.inspect"},
+      {"native", "retry once; if it fails again, tell the user"},
+      {std::nullopt, "retry once; if it fails again, tell the user"},
+  };
+  for (const auto& [code, hint] : cases) EXPECT_EQ(retryHint(code, 1), hint) << code.value_or("none");
+  EXPECT_EQ(retryHint("busy", 2),
+            "statements before #2 already ran, so do not repeat them; another agent is using this app; wait a few "
+            "seconds, then retry as is");
+}
+
+TEST(RoundHalfUp, HalvesGoAwayFromZero) {
+  std::vector<std::pair<double, std::string>> cases{{12.5, "13"},
+                                                    {12.4, "12"},
+                                                    {0.5, "1"},
+                                                    {0, "0"},
+                                                    {-2.5, "-3"},
+                                                    {-2.4, "-2"},
+                                                    {1e21, "1e+21"},
+                                                    {std::nan(""), "NaN"},
+                                                    {-std::numeric_limits<double>::infinity(), "-Infinity"},
+                                                    {0.49999999999999994, "0"}};
+  for (const auto& [value, text] : cases) EXPECT_EQ(roundHalfUp(value), text) << value;
+}
+
+}  // namespace
+}  // namespace glimmerstrand::server
