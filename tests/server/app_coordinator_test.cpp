@@ -101,19 +101,6 @@ TEST_F(LeaseTest, ClosingSessionWakesTheWaiterAtOnce) {
   ASSERT_TRUE(second.entered());  // no time has passed
 }
 
-TEST_F(LeaseTest, RunningLeaseSurvivesReleaseIdleAndKeepsItsGrace) {
-  Call first(coordinator_, "mcp-A");
-  ASSERT_TRUE(first.entered());
-  coordinator_.releaseIdle("mcp-A");
-  ASSERT_TRUE(coordinator_.lease("name:spotify"));
-  first.finish();
-  EXPECT_EQ(first.outcome(), "ran");
-  auto lease = coordinator_.lease("name:spotify");
-  ASSERT_TRUE(lease);
-  EXPECT_EQ(lease->running, 0);
-  EXPECT_EQ(lease->until, clock_.now() + std::chrono::duration_cast<LeaseClock::Time::duration>(10s));
-}
-
 TEST_F(LeaseTest, PlainCallsHoldOnlyDuringTheCallAndQueue) {
   Call first(coordinator_, std::nullopt);
   ASSERT_TRUE(first.entered());
@@ -145,14 +132,6 @@ TEST_F(LeaseTest, SessionNeverWaitsForItselfAndExtendsItsGrace) {
   EXPECT_EQ(again.outcome(), "ran");
   EXPECT_EQ(coordinator_.lease("name:spotify")->until,
             clock_.now() + std::chrono::duration_cast<LeaseClock::Time::duration>(10s));
-  EXPECT_EQ(clock_.waitsBegun(), 0);
-}
-
-TEST_F(LeaseTest, NoKeyRunsAtOnceEvenWhileAnotherSessionRuns) {
-  Call first(coordinator_, "mcp-A");
-  ASSERT_TRUE(first.entered());
-  int ran = coordinator_.withLease(std::nullopt, std::nullopt, std::string("mcp-B"), [] { return 7; });
-  EXPECT_EQ(ran, 7);
   EXPECT_EQ(clock_.waitsBegun(), 0);
 }
 

@@ -118,9 +118,9 @@ TEST_F(DaemonServerTest, McpConnectionTranscript) {
           core::jsonString(serverInstructions()) + "}}");
   EXPECT_EQ(client.readLine(), R"({"jsonrpc":"2.0","id":2,"result":{}})");
 
-  auto list = core::parseJSON(roundTrip(client, R"({"jsonrpc":"2.0","id":3,"method":"tools/list"})"));
-  EXPECT_EQ(core::jsonText(*list.find("result")),
-            core::jsonText(core::JSONValue::Object{{"tools", core::JSONValue::Array{doToolDefinition()}}}));
+  EXPECT_EQ(
+      roundTrip(client, R"({"jsonrpc":"2.0","id":"t","method":"tools/list"})"),
+      R"({"jsonrpc":"2.0","id":"t","result":{"tools":[{"name":"do","title":"Mac のアプリを見て操作する","description":"Look at and operate macOS apps (Spotify, Finder, Safari, Calculator, Notes, System Settings, any app) through their accessibility tree with Cypher. Mac のアプリを見る、押す、入力する、開く。Read with MATCH ... RETURN, act with SET b.pressed = true or CALL ui.open/ui.press/ui.type/ui.key/ui.click/ui.menu/ui.scroll/ui.read/ui.screenshot/ui.window/ui.clipboard/ui.wait_for/ui.quit. Separate statements with ; to act and check in one call. The server instructions describe the grammar.","inputSchema":{"$schema":"http://json-schema.org/draft-07/schema#","type":"object","properties":{"cypher":{"type":"string","description":"Cypher statements separated by ;, e.g. CALL ui.open(\"Spotify\"); MATCH (b:Button) WHERE b.name CONTAINS \"Play\" RETURN b LIMIT 5"},"app":{"description":"App name or bundle id to look at or operate, such as \"Calculator\" or \"計算機\". Pass it on every call: several agents can share this connection, so the previous call's app is not remembered.","type":"string"}},"required":["cypher","app"]},"annotations":{"title":"Mac のアプリを見て操作する","readOnlyHint":false,"destructiveHint":true,"openWorldHint":false},"execution":{"taskSupport":"forbidden"}}]}})");
   EXPECT_EQ(
       roundTrip(
           client,

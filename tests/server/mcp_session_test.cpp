@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "core/errors.h"
 #include "server/server_texts.h"
 #include "server/support/fake_backend.h"
@@ -14,9 +12,6 @@ namespace {
 using testing::BackendCall;
 using testing::FakeBackend;
 using testing::readResult;
-
-const std::string toolsListReply =
-    R"({"jsonrpc":"2.0","id":"t","result":{"tools":[{"name":"do","title":"Mac のアプリを見て操作する","description":"Look at and operate macOS apps (Spotify, Finder, Safari, Calculator, Notes, System Settings, any app) through their accessibility tree with Cypher. Mac のアプリを見る、押す、入力する、開く。Read with MATCH ... RETURN, act with SET b.pressed = true or CALL ui.open/ui.press/ui.type/ui.key/ui.click/ui.menu/ui.scroll/ui.read/ui.screenshot/ui.window/ui.clipboard/ui.wait_for/ui.quit. Separate statements with ; to act and check in one call. The server instructions describe the grammar.","inputSchema":{"$schema":"http://json-schema.org/draft-07/schema#","type":"object","properties":{"cypher":{"type":"string","description":"Cypher statements separated by ;, e.g. CALL ui.open(\"Spotify\"); MATCH (b:Button) WHERE b.name CONTAINS \"Play\" RETURN b LIMIT 5"},"app":{"description":"App name or bundle id to look at or operate, such as \"Calculator\" or \"計算機\". Pass it on every call: several agents can share this connection, so the previous call's app is not remembered.","type":"string"}},"required":["cypher","app"]},"annotations":{"title":"Mac のアプリを見て操作する","readOnlyHint":false,"destructiveHint":true,"openWorldHint":false},"execution":{"taskSupport":"forbidden"}}]}})";
 
 std::string initializeReply(std::string_view id, std::string_view version) {
   return R"({"jsonrpc":"2.0","id":)" + std::string(id) + R"(,"result":{"protocolVersion":")" + std::string(version) +
@@ -56,7 +51,6 @@ TEST_F(McpSessionTest, MethodsAndErrors) {
     std::string message;
     Lines replies;
   };
-  const std::string instructions = core::jsonString(serverInstructions());
   std::vector<Case> cases{
       {R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2024-11-05"}})",
        {initializeReply("1", "2024-11-05")}},
@@ -65,7 +59,6 @@ TEST_F(McpSessionTest, MethodsAndErrors) {
       {R"({"jsonrpc":"2.0","id":2,"method":"initialize","params":{"protocolVersion":20241105}})",
        {R"({"jsonrpc":"2.0","id":2,"error":{"code":-32602,"message":"Invalid params: protocolVersion is required"}})"}},
       {R"({"jsonrpc":"2.0","id":2.5,"method":"ping"})", {R"({"jsonrpc":"2.0","id":2.5,"result":{}})"}},
-      {R"({"jsonrpc":"2.0","id":"t","method":"tools/list"})", {toolsListReply}},
       {R"({"jsonrpc":"2.0","id":3,"method":"resources/list"})",
        {R"({"jsonrpc":"2.0","id":3,"error":{"code":-32601,"message":"Method not found"}})"}},
       {R"({"jsonrpc":"2.0","id":4,"method":"tools/call","params":{"arguments":{}}})",
@@ -179,14 +172,6 @@ TEST_F(McpSessionTest, ResultsBecomeContent) {
   EXPECT_EQ(backend_->calls().back().app, (core::AppSelector{77, std::nullopt, std::nullopt}));
 }
 
-TEST_F(McpSessionTest, OtherFailuresOfAMethodAreInternalErrors) {
-  backend_->respond = [](const BackendCall&) -> core::CypherResult { throw std::runtime_error("boom"); };
-  EXPECT_EQ(
-      exchange(
-          R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"do","arguments":{"cypher":"x","app":"A"}}})"),
-      Lines{toolText("1", "boom\nretry: retry once; if it fails again, tell the user")});
-}
-
 TEST_F(McpSessionTest, MalformedLinesAreLoggedNotAnswered) {
   std::string longLine = "[" + std::string(300, '1');
   for (const auto& line : {std::string("{not json"), std::string("[1]"), longLine, std::string("\"が\"")}) {
@@ -197,15 +182,6 @@ TEST_F(McpSessionTest, MalformedLinesAreLoggedNotAnswered) {
   EXPECT_EQ(core::optionalString(logged, "message"), "MCP のメッセージを読めませんでした");
   EXPECT_EQ(core::optionalString(logged, "line"), longLine.substr(0, 200));
   EXPECT_EQ(core::optionalString(core::parseJSON(logged_[3]), "line"), "\"が\"");
-}
-
-TEST_F(McpSessionTest, SessionIdIsAnUpperCaseUuid) {
-  EXPECT_TRUE(
-      std::regex_match(session_.id(), std::regex("mcp-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}")))
-      << session_.id();
-  McpSession other(
-      backend_, [](const std::string&) {}, makeLog("mcp", "info"));
-  EXPECT_NE(other.id(), session_.id());
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ TEST_F(RequestHandlerTest, RepliesToTheByte) {
       {R"({"id":null,"operation":"ping"})", R"({"id":null,"ok":true,"result":{"pong":true}})"},
       {R"({"id":{"b":1,"a":{"d":2,"c":[{"z":0,"y":1}]}},"operation":"ping"})",
        R"({"id":{"a":{"c":[{"y":1,"z":0}],"d":2},"b":1},"ok":true,"result":{"pong":true}})"},
-      {R"({"id":"x","operation":"fly"})",
+      {R"({"id":"x","operation":"fly","params":{"cypher":"x"}})",
        R"({"id":"x","ok":false,"error":{"code":"invalid_argument","message":"未知の操作です: fly","retry":"fix the statement, then retry"}})"},
       {R"({"id":2,"operation":7})",
        R"({"id":2,"ok":false,"error":{"code":"invalid_argument","message":"未知の操作です: ","retry":"fix the statement, then retry"}})"},
@@ -62,7 +62,7 @@ TEST_F(RequestHandlerTest, RepliesToTheByte) {
        R"({"id":6,"ok":false,"error":{"code":"busy","message":"Another agent is using X. Wait.","retry":"another agent is using this app; wait a few seconds, then retry as is"}})"},
       {R"({"id":7,"operation":"query","params":{"cypher":"MATCH (n) RETURN n"},"format":"TEXT"})",
        R"({"id":7,"ok":true,"result":{"fresh":true,"app":"Calculator","pid":501,"generation":4,"results":[{"kind":"read","rows":[{"n":1}],"actions":[]}],"elapsedMs":3}})"},
-      {R"({"id":8,"operation":"do","params":{"cypher":"MATCH (n) RETURN n"},"format":"text"})",
+      {R"({"id":8,"operation":"do","params":{"cypher":"MATCH (n) RETURN n","app":"pid:12"},"format":"text"})",
        R"j({"id":8,"ok":true,"result":{"text":"n\n1\n(Calculator g4 3ms)"}})j"},
       {R"({"id":9,"operation":"doctor"})",
        R"({"id":9,"ok":true,"result":{"permissions":{"accessibility":true},"displays":[],"frontmost":"Calculator"}})"},
@@ -70,28 +70,13 @@ TEST_F(RequestHandlerTest, RepliesToTheByte) {
       {"[1,2]", std::nullopt},
   };
   for (const auto& c : cases) EXPECT_EQ(handler_.handleLine(c.request), c.reply) << c.request;
-}
-
-TEST_F(RequestHandlerTest, FailuresAreLoggedAtDebug) {
-  handler_.handleLine(R"({"operation":"fly"})");
-  ASSERT_EQ(logged_.size(), 1u);
-  EXPECT_NE(
-      logged_[0].find(
-          R"("level":"debug","name":"daemon","message":"操作に失敗しました","error":"未知の操作です: fly","operation":"fly"})"),
-      std::string::npos)
-      << logged_[0];
-}
-
-TEST_F(RequestHandlerTest, DoAndQueryPassAppAndMode) {
-  handler_.handleLine(R"({"operation":"do","params":{"cypher":"A","app":"pid:12"}})");
-  handler_.handleLine(R"({"operation":"query","params":{"cypher":"B","app":3}})");
+  EXPECT_EQ(logged_.size(), 6u);  // one debug line per failure
   auto calls = backend_->calls();
-  ASSERT_EQ(calls.size(), 2u);
-  EXPECT_EQ(calls[0].app, (core::AppSelector{12, std::nullopt, std::nullopt}));
-  EXPECT_FALSE(calls[0].readOnly);
-  EXPECT_FALSE(calls[0].session);
-  EXPECT_FALSE(calls[1].app);
-  EXPECT_TRUE(calls[1].readOnly);
+  ASSERT_EQ(calls.size(), 4u);
+  EXPECT_EQ(calls[2].readOnly, true);
+  EXPECT_EQ(calls[3].readOnly, false);
+  EXPECT_FALSE(calls[3].session);
+  EXPECT_EQ(calls[3].app, (core::AppSelector{12, std::nullopt, std::nullopt}));
 }
 
 TEST_F(RequestHandlerTest, StatusAndSkill) {

@@ -79,6 +79,7 @@ std::vector<TextCase> textCases() {
   {
     auto returned = statement("set");
     returned->returns = true;
+    returned->total = 40;  // no rows: the total is not shown
     cases.push_back({"WriteWithReturnShowsNoRows", resultOf({returned, statement("call")}, 12.5),
                      "#1\n(no rows)\n#2\n(Calculator g12 13ms)"});
   }
@@ -125,13 +126,11 @@ TEST(CellText, KeepsTheTableWhole) {
       {RowValue(), "null"},
       {RowValue(false), "false"},
       {RowValue(1e21), "1e+21"},
-      {RowValue(-0.5), "-0.5"},
       {RowValue(std::numeric_limits<double>::quiet_NaN()), "null"},
       {RowValue("Play"), "Play"},
       {RowValue(""), "\"\""},
       {RowValue("null"), "\"null\""},
       {RowValue("a\tb"), "\"a\\tb\""},
-      {RowValue("line\r"), "\"line\\r\""},
       {node({{"_label", "StaticText"}, {"id", "e3"}, {"name", "Total"}, {"value", "Total"}}),
        "e3 StaticText \"Total\""},
       {node({{"id", "e7"},
@@ -149,7 +148,6 @@ TEST(CellText, KeepsTheTableWhole) {
       {node({{"_label", "Button"}, {"id", 9}}), "{\"_label\":\"Button\",\"id\":9}"},
       {node({{"b", 1}, {"10", node({{"z", 1}, {"3", RowValue::List{1, "x"}}})}}),
        "{\"10\":{\"3\":[1,\"x\"],\"z\":1},\"b\":1}"},
-      {RowValue(RowValue::List{RowValue(), true}), "[null,true]"},
   };
   for (const auto& c : cases) EXPECT_EQ(cellText(&c.value), c.text);
   EXPECT_EQ(cellText(nullptr), "null");
@@ -159,26 +157,6 @@ TEST(OrderedKeys, IndexKeysFirstInNumericOrder) {
   EXPECT_EQ(orderedKeys({"b", "10", "a", "2"}), (std::vector<std::string>{"2", "10", "b", "a"}));
   EXPECT_EQ(orderedKeys({"07", "+7", "4294967295", "4294967294", "0", "x"}),
             (std::vector<std::string>{"0", "4294967294", "07", "+7", "4294967295", "x"}));
-}
-
-TEST(RetryHint, ByCodeAndStatement) {
-  std::vector<std::pair<std::optional<std::string>, std::string>> cases{
-      {"not_found", "read the window again (ui.tree or MATCH), then retry with the new ids or a MATCH on names"},
-      {"stale", "read the window again (ui.tree or MATCH), then retry with the new ids or a MATCH on names"},
-      {"timeout", "safe to retry as is"},
-      {"busy", "another agent is using this app; wait a few seconds, then retry as is"},
-      {"permission", "do not retry; tell the user what to allow"},
-      {"invalid_argument", "fix the statement, then retry"},
-      {"focus_not_moved",
-       "click the field with ui.click on its center, then ui.type; do not type before the focus moves"},
-      {"no_action", "the element does not support this; try another way, such as ui.click or ui.inspect"},
-      {"native", "retry once; if it fails again, tell the user"},
-      {std::nullopt, "retry once; if it fails again, tell the user"},
-  };
-  for (const auto& [code, hint] : cases) EXPECT_EQ(retryHint(code, 1), hint) << code.value_or("none");
-  EXPECT_EQ(retryHint("busy", 2),
-            "statements before #2 already ran, so do not repeat them; another agent is using this app; wait a few "
-            "seconds, then retry as is");
 }
 
 TEST(RoundHalfUp, HalvesGoAwayFromZero) {

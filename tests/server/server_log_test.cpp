@@ -2,10 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <regex>
-
-#include "server/settings.h"
 
 namespace glimmerstrand::server {
 namespace {
@@ -60,40 +57,6 @@ TEST(ServerLog, DateTextIsUtcWithMilliseconds) {
   EXPECT_EQ(internetDateText(time), "2023-11-14T22:13:20.123Z");
   EXPECT_EQ(internetDateText(std::chrono::system_clock::time_point(std::chrono::milliseconds(-1))),
             "1969-12-31T23:59:59.999Z");
-}
-
-TEST(Settings, ReadFromTheEnvironment) {
-  std::map<std::string, std::string> environment;
-  auto read = [&] {
-    return readSettings([&](const char* name) -> const char* {
-      auto found = environment.find(name);
-      return found == environment.end() ? nullptr : found->second.c_str();
-    });
-  };
-  Settings defaults = read();
-  EXPECT_EQ(defaults.logLevel, "info");
-  EXPECT_FALSE(defaults.socketPath);
-  EXPECT_FALSE(defaults.bundled);
-  EXPECT_FALSE(defaults.requirement);
-  EXPECT_TRUE(defaults.cursor);
-
-  environment = {{"GLIMMERSTRAND_LOG_LEVEL", "debug"},
-                 {"GLIMMERSTRAND_SOCKET", "/tmp/x.sock"},
-                 {"GLIMMERSTRAND_BUNDLED", "1"},
-                 {"GLIMMERSTRAND_REQUIREMENT", "path=/usr/bin/env"},
-                 {"GLIMMERSTRAND_CURSOR", "0"}};
-  Settings set = read();
-  EXPECT_EQ(set.logLevel, "debug");
-  EXPECT_EQ(set.socketPath, "/tmp/x.sock");
-  EXPECT_TRUE(set.bundled);
-  EXPECT_EQ(set.requirement, "path=/usr/bin/env");
-  EXPECT_FALSE(set.cursor);
-
-  environment = {{"GLIMMERSTRAND_BUNDLED", "true"}, {"GLIMMERSTRAND_CURSOR", "no"}, {"GLIMMERSTRAND_SOCKET", ""}};
-  Settings loose = read();
-  EXPECT_FALSE(loose.bundled);
-  EXPECT_TRUE(loose.cursor);
-  EXPECT_FALSE(loose.socketPath);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -49,42 +50,41 @@ void SocketClient::write(std::string_view bytes) {
   }
 }
 
-std::optional<std::string> SocketClient::readLine(std::chrono::milliseconds limit) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
+// Reads what arrives before `deadline` into the buffer; false at the end of
+// the stream or of the time.
+bool SocketClient::fill(std::chrono::steady_clock::time_point deadline) {
   for (;;) {
-    if (auto end = buffer_.find('\n'); end != std::string::npos) {
-      std::string line = buffer_.substr(0, end);
-      buffer_.erase(0, end + 1);
-      return line;
-    }
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return std::nullopt;
     pollfd ready{fd_, POLLIN, 0};
-    int polled = ::poll(&ready, 1, static_cast<int>(left.count()));
+    int polled = ::poll(&ready, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
     if (polled < 0 && errno == EINTR) continue;
-    if (polled <= 0) return std::nullopt;
+    if (polled <= 0) return false;
     char chunk[65536];
     ssize_t count = ::read(fd_, chunk, sizeof chunk);
-    if (count <= 0) return std::nullopt;
+    if (count <= 0) {
+      ended_ = true;
+      return false;
+    }
     buffer_.append(chunk, static_cast<std::size_t>(count));
+    return true;
   }
+}
+
+std::optional<std::string> SocketClient::readLine(std::chrono::milliseconds limit) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  std::size_t end;
+  while ((end = buffer_.find('\n')) == std::string::npos)
+    if (!fill(deadline)) return std::nullopt;
+  std::string line = buffer_.substr(0, end);
+  buffer_.erase(0, end + 1);
+  return line;
 }
 
 bool SocketClient::closedByPeer(std::chrono::milliseconds limit) {
   auto deadline = std::chrono::steady_clock::now() + limit;
-  for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    pollfd ready{fd_, POLLIN, 0};
-    int polled = ::poll(&ready, 1, static_cast<int>(left.count()));
-    if (polled < 0 && errno == EINTR) continue;
-    if (polled <= 0) return false;
-    char chunk[4096];
-    ssize_t count = ::read(fd_, chunk, sizeof chunk);
-    if (count == 0 || (count < 0 && errno == ECONNRESET)) return true;
-    if (count < 0) return false;
-    buffer_.append(chunk, static_cast<std::size_t>(count));
+  while (fill(deadline)) {
   }
+  return ended_;
 }
 
 std::string roundTrip(SocketClient& client, std::string_view line) {

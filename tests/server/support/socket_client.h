@@ -47,8 +47,11 @@ class SocketClient {
   int fd() const { return fd_; }
 
  private:
+  bool fill(std::chrono::steady_clock::time_point deadline);
+
   int fd_ = -1;
   std::string buffer_;
+  bool ended_ = false;  // the server ended the stream
 };
 
 /// Sends one line and gives the one reply line.
