@@ -100,7 +100,7 @@ DrivenClock::Participant& DrivenClock::current() {
 
 std::int64_t DrivenClock::nowNs() {
   std::lock_guard guard(lock_);
-  return now_;
+  return ++now_;
 }
 
 DrivenClock::TimerKey DrivenClock::arm(std::int64_t due, Timer timer) {

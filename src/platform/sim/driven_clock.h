@@ -39,6 +39,9 @@ class DrivenClock final : public Clock {
   DrivenClock(const DrivenClock&) = delete;
   DrivenClock& operator=(const DrivenClock&) = delete;
 
+  /// Each reading moves time on by one nanosecond, as real time passes
+  /// between any two looks at a clock: two events never share a time, and a
+  /// walk that happens in no virtual time still ends after it began.
   std::int64_t nowNs() override;
   void sleepNs(std::int64_t ns) override;
   bool waitUntil(std::unique_lock<std::mutex>& lock, Signal& signal, std::int64_t deadlineNs) override;

@@ -1,0 +1,104 @@
+#include "native/app_lookup.h"
+
+#include <gtest/gtest.h>
+
+#include "native/rpc_error.h"
+#include "platform/sim/driven_clock.h"
+#include "platform/sim/sim_desktop.h"
+
+namespace glimmerstrand::native {
+namespace {
+
+using core::JSONValue;
+using platform::sim::AppSpec;
+
+AppSpec app(std::int32_t pid, std::string name, std::string bundleId, std::string bundlePath = "") {
+  AppSpec spec;
+  spec.pid = pid;
+  spec.name = std::move(name);
+  spec.bundleId = std::move(bundleId);
+  spec.bundlePath = std::move(bundlePath);
+  return spec;
+}
+
+platform::sim::DesktopSpec threeApps() {
+  platform::sim::DesktopSpec spec;
+  spec.apps = {app(10, "Notes", "com.example.notes", "/opt/apps/Quick Notes.app"), app(11, "Mail", "com.example.mail"),
+               app(12, "Notes", "org.other.notes")};
+  spec.apps[1].frontmost = true;
+  return spec;
+}
+
+struct Lookup {
+  ~Lookup() { clock.runUntilIdle(); }
+  std::int32_t find(JSONValue::Object params) { return lookup.findApp(JSONValue(std::move(params))).pid; }
+
+  platform::sim::DrivenClock clock;
+  platform::sim::SimDesktop desktop{threeApps(), clock, clock.mainLoop()};
+  AppLookup lookup{desktop.workspace()};
+};
+
+TEST(AppLookup, EachKeyThatFindsNothingLeadsToTheNext) {
+  Lookup l;
+  struct Case {
+    const char* name;
+    JSONValue::Object params;
+    std::int32_t pid;
+  };
+  const Case cases[] = {
+      {"pid", {{"pid", 11}}, 11},
+      {"bundle id", {{"bundleId", "org.other.notes"}}, 12},
+      {"name, first of two", {{"name", "Notes"}}, 10},
+      {"name in another case", {{"name", "nOTES"}}, 10},
+      {"bundle id as a name", {{"name", "COM.EXAMPLE.MAIL"}}, 11},
+      {"bundle file without extension", {{"name", "quick notes"}}, 10},
+      {"missing pid, then name", {{"pid", 4242}, {"name", "mail"}}, 11},
+      {"pid beyond 32 bits, then bundle id", {{"pid", 4294967307.0}, {"bundleId", "com.example.mail"}}, 11},
+      {"pid of the wrong type", {{"pid", "10"}, {"name", "mail"}}, 11},
+  };
+  for (const auto& c : cases) EXPECT_EQ(l.find(c.params), c.pid) << c.name;
+}
+
+TEST(AppLookup, NamesMatchWholeAndNothingFallsBackToTheFront) {
+  Lookup l;
+  for (const auto& params : {JSONValue::Object{{"name", "Note"}}, JSONValue::Object{{"name", "example"}},
+                             JSONValue::Object{{"pid", 99}}, JSONValue::Object{{"name", nullptr}}}) {
+    try {
+      l.lookup.selectApp(JSONValue(params));
+      ADD_FAILURE() << core::jsonText(JSONValue(params));
+    } catch (const RPCError& e) {
+      EXPECT_EQ(e.code(), "not_found");
+      EXPECT_EQ(e.message(), "アプリが見つかりません");
+    }
+  }
+  EXPECT_EQ(l.lookup.selectApp(JSONValue::Object{}).pid, 11);
+}
+
+TEST(AppLookup, ARememberedNameIsCheckedBeforeItIsBelieved) {
+  Lookup l;
+  EXPECT_EQ(l.find({{"name", "mail"}}), 11);
+  l.desktop.workspace().terminate(11);
+  l.desktop.addApp(app(21, "Mail", "com.example.mail"));
+  EXPECT_EQ(l.find({{"name", "mail"}}), 21);
+  // A reused pid that now belongs to another application does not match.
+  l.desktop.workspace().terminate(21);
+  l.desktop.addApp(app(21, "Calendar", "com.example.calendar"));
+  l.desktop.addApp(app(22, "Mail", "com.example.mail"));
+  EXPECT_EQ(l.find({{"name", "mail"}}), 22);
+}
+
+TEST(AppLookup, WithoutAFrontmostApplicationTheSelectorFails) {
+  platform::sim::DrivenClock clock;
+  platform::sim::SimDesktop desktop({}, clock, clock.mainLoop());
+  AppLookup lookup(desktop.workspace());
+  try {
+    lookup.selectApp(JSONValue::Object{});
+    ADD_FAILURE();
+  } catch (const RPCError& e) {
+    EXPECT_EQ(e.code(), "native");
+    EXPECT_EQ(e.message(), "最前面のアプリがわかりません");
+  }
+}
+
+}  // namespace
+}  // namespace glimmerstrand::native

@@ -1,0 +1,181 @@
+// The mirror's line operations, called as the line host calls them, on the
+// demo desktop and a driven clock.
+#include <gtest/gtest.h>
+
+#include "native/mirror_operations.h"
+#include "native/rpc_error.h"
+#include "platform/sim/demo_apps.h"
+#include "platform/sim/driven_clock.h"
+#include "platform/sim/sim_platform.h"
+
+namespace glimmerstrand::native {
+namespace {
+
+using core::JSONValue;
+using platform::sim::demoCalculatorPid;
+
+struct Operations {
+  Operations() { addMirrorOperations(table, host); }
+  ~Operations() { clock.runUntilIdle(); }
+
+  JSONValue call(const std::string& name, JSONValue::Object params = {}) {
+    auto handler = table.find(name);
+    if (!handler) throw std::logic_error("no operation " + name);
+    auto result = (*handler)(JSONValue(std::move(params)));
+    if (auto raw = std::get_if<RawJSON>(&result)) return core::parseJSON(raw->text);
+    return std::get<JSONValue>(result);
+  }
+  RPCError failure(const std::string& name, JSONValue::Object params = {}) {
+    try {
+      call(name, std::move(params));
+    } catch (const RPCError& e) {
+      return e;
+    }
+    throw std::logic_error(name + " did not fail");
+  }
+
+  platform::sim::DrivenClock clock;
+  platform::sim::SimPlatform platform{platform::sim::demoDesktop(), clock, clock.mainLoop()};
+  MirrorHost host{&platform, ""};
+  OperationTable table;
+};
+
+std::vector<std::string> keys(const JSONValue& object) {
+  std::vector<std::string> out;
+  for (const auto& [key, value] : *object.asObject()) out.push_back(key);
+  return out;
+}
+
+// The node whose title or value is `label`.
+const JSONValue* nodeLabelled(const JSONValue& snapshot, const std::string& label) {
+  for (const auto& node : *snapshot.find("nodes")->asArray())
+    if (core::optionalString(node, "title") == label || core::optionalString(node, "value") == label) return &node;
+  return nullptr;
+}
+
+TEST(MirrorOperations, AxSnapshotFindsTheCalculatorByEverySelector) {
+  Operations ops;
+  for (const auto& params :
+       {JSONValue::Object{{"name", "calculator"}}, JSONValue::Object{{"bundleId", "com.example.calculator"}},
+        JSONValue::Object{{"pid", demoCalculatorPid}}, JSONValue::Object{}}) {
+    SCOPED_TRACE(core::jsonText(JSONValue(params)));
+    auto snapshot = ops.call("axSnapshot", params);
+    EXPECT_EQ(core::optionalInt(snapshot, "pid"), demoCalculatorPid);
+    EXPECT_EQ(core::optionalString(*snapshot.find("app"), "name"), "Calculator");
+    EXPECT_TRUE(nodeLabelled(snapshot, "7"));
+  }
+}
+
+TEST(MirrorOperations, AxSnapshotKeysComeInTheirOrderAndIfGenerationDropsNodes) {
+  Operations ops;
+  auto full = ops.call("axSnapshot");
+  EXPECT_EQ(keys(full),
+            (std::vector<std::string>{"pid", "generation", "ageMs", "walkMs", "dirty", "truncated", "notifications",
+                                      "fullWalks", "partialWalks", "partialNodes", "lastWalk",
+                                      "unregisteredNotifications", "nodes", "app", "elapsedMs"}));
+  auto same = ops.call("axSnapshot", {{"ifGeneration", *core::optionalInt(full, "generation")}});
+  EXPECT_FALSE(same.find("nodes"));
+  auto older = ops.call("axSnapshot", {{"ifGeneration", *core::optionalInt(full, "generation") - 1}});
+  EXPECT_EQ(*older.find("nodes"), *full.find("nodes"));  // the cached text, the same nodes
+}
+
+TEST(MirrorOperations, APressShowsInTheNextFreshSnapshotWithTheSameUid) {
+  Operations ops;
+  auto before = ops.call("axSnapshot", {{"name", "Calculator"}});
+  const auto displayUid = core::optionalInt(*nodeLabelled(before, "0"), "uid");
+  const auto sevenUid = *core::optionalInt(*nodeLabelled(before, "7"), "uid");
+  auto target =
+      resolveElement(ops.host.mirrors(), JSONValue::Object{{"pid", demoCalculatorPid}, {"uid", sevenUid}}, {});
+  ASSERT_EQ(ops.platform.accessibility().perform(target.element, "AXPress"), platform::AxError::success);
+  ops.clock.advance(0);  // the application's notification reaches the mirror
+  auto after = ops.call("axSnapshot", {{"name", "Calculator"}, {"fresh", true}});
+  const JSONValue* display = nodeLabelled(after, "07");
+  ASSERT_TRUE(display);
+  EXPECT_EQ(core::optionalInt(*display, "uid"), displayUid);
+  EXPECT_EQ(core::optionalBool(after, "dirty"), false);
+  EXPECT_EQ(core::optionalString(after, "lastWalk"), "partial");
+}
+
+TEST(MirrorOperations, CounterRefreshAndSettleFollowTheSameMirror) {
+  Operations ops;
+  ops.call("axSnapshot");
+  auto counter = ops.call("axCounter", {{"pid", demoCalculatorPid}});
+  EXPECT_EQ(core::optionalInt(counter, "notifications"), 0);
+  ops.platform.desktop().perform(demoCalculatorPid, "seven", "AXPress");
+  auto settle = ops.call("waitSettle", {{"pid", demoCalculatorPid}, {"since", 0}});
+  EXPECT_EQ(core::optionalBool(settle, "changed"), true);
+  EXPECT_EQ(core::optionalBool(settle, "settled"), true);
+  EXPECT_EQ(core::optionalInt(settle, "notifications"), 1);
+  auto refresh = ops.call("axRefresh", {{"pid", demoCalculatorPid}});
+  EXPECT_EQ(core::optionalInt(refresh, "pid"), demoCalculatorPid);
+  ops.clock.runUntilIdle();
+  auto snapshot = ops.call("axSnapshot", {{"ifGeneration", 0}});
+  EXPECT_GE(core::optionalInt(snapshot, "fullWalks"), 2);
+}
+
+TEST(MirrorOperations, AxTreeWalksWithoutAMirrorAndHonoursItsLimits) {
+  Operations ops;
+  auto tree = ops.call("axTree", {{"pid", platform::sim::demoListPid}, {"maxNodes", 10}});
+  EXPECT_EQ(tree.find("nodes")->asArray()->size(), 10u);
+  EXPECT_EQ(core::optionalBool(tree, "truncated"), true);
+  for (const auto& node : *tree.find("nodes")->asArray()) EXPECT_FALSE(node.find("uid"));
+  EXPECT_FALSE(ops.host.mirrors().existing(platform::sim::demoListPid));
+  auto bar = ops.call("axTree", {{"name", "Calculator"}, {"scope", "menubar"}});
+  EXPECT_EQ(core::optionalString(bar.find("nodes")->asArray()->front(), "role"), "AXMenuBar");
+}
+
+TEST(MirrorOperations, ElementAtNamesTheApplicationAndRoleUnderAPoint) {
+  Operations ops;
+  auto hit = ops.call("elementAt", {{"x", 120}, {"y", 170}});
+  EXPECT_EQ(core::optionalInt(hit, "pid"), demoCalculatorPid);
+  EXPECT_EQ(core::optionalString(hit, "role"), "AXButton");
+  EXPECT_TRUE(ops.host.mirrors().existing(demoCalculatorPid));
+  EXPECT_EQ(core::optionalString(ops.call("frontmost"), "name"), "Calculator");
+}
+
+TEST(MirrorOperations, FailuresCarryTheirCodeAndMessage) {
+  Operations ops;
+  struct Case {
+    const char* operation;
+    JSONValue::Object params;
+    const char* code;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"elementAt", {{"y", 1}}, "invalid_argument", "x が必要です"},
+      {"elementAt", {{"x", 1}, {"y", 1}}, "not_found", "その位置に要素がありません"},
+      {"waitSettle", {{"pid", demoCalculatorPid}}, "invalid_argument", "写しのある pid が必要です"},
+      {"waitSettle", {}, "invalid_argument", "写しのある pid が必要です"},
+      {"axSnapshot", {{"name", "Nothing"}}, "not_found", "アプリが見つかりません"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.operation);
+    auto error = ops.failure(c.operation, c.params);
+    EXPECT_EQ(error.code(), c.code);
+    EXPECT_EQ(error.message(), c.message);
+  }
+  ops.platform.desktop().setTrusted(false);
+  for (auto name : {"axSnapshot", "axTree", "axRefresh", "axCounter", "elementAt"}) {
+    auto error = ops.failure(name, {{"x", 1}, {"y", 1}});
+    EXPECT_EQ(error.code(), "permission") << name;
+    EXPECT_EQ(error.message(), permissionMessage);
+  }
+}
+
+TEST(MirrorOperations, WithoutAPlatformEveryOperationSaysWhy) {
+  MirrorHost host(nullptr, "no platform here");
+  OperationTable table;
+  addMirrorOperations(table, host);
+  for (auto name : {"axTree", "axSnapshot", "axRefresh", "axCounter", "waitSettle", "elementAt", "frontmost"}) {
+    try {
+      (*table.find(name))(JSONValue::Object{{"pid", 1}, {"x", 1}, {"y", 1}});
+      ADD_FAILURE() << name;
+    } catch (const RPCError& e) {
+      EXPECT_EQ(e.code(), "native") << name;
+      EXPECT_EQ(e.message(), "no platform here");
+    }
+  }
+}
+
+}  // namespace
+}  // namespace glimmerstrand::native

@@ -1,0 +1,201 @@
+// Notifications and the walks they schedule, on a driven clock.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "mirror_lab.h"
+
+namespace glimmerstrand::native {
+namespace {
+
+using namespace native::testing;
+using platform::sim::SimDesktop;
+
+TEST(MirrorSchedule, AValueChangeRefreshesOneElementAndKeepsItsUid) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  auto before = sim.plain(*mirror);
+  const core::AxNode status = *findNode(before, "status");
+  const auto reads = sim.ax.multipleReads.load();
+
+  sim.desktop().setAttribute(labPid, "status", "AXValue", "busy");
+  sim.deliver();
+  auto after = sim.fresh(*mirror);
+  EXPECT_EQ(after.generation, before.generation + 1);
+  EXPECT_EQ(after.lastWalk, "partial");
+  EXPECT_EQ(after.partialNodes, 1);
+  EXPECT_EQ(sim.ax.multipleReads - reads, 1);  // one 19-attribute read, nothing else
+  EXPECT_FALSE(after.dirty);
+  const core::AxNode* refreshed = findNode(after, "status");
+  ASSERT_TRUE(refreshed);
+  EXPECT_EQ(refreshed->value, "busy");
+  EXPECT_EQ(refreshed->uid, status.uid);
+  EXPECT_EQ(refreshed->i, status.i);
+  EXPECT_EQ(refreshed->parent, status.parent);
+
+  // The trailing walk looks at the element's parent again.
+  sim.clock.runUntilIdle();
+  auto settled = sim.plain(*mirror);
+  EXPECT_EQ(settled.partialWalks, after.partialWalks + 1);
+  EXPECT_EQ(settled.partialNodes, 2);  // the footer and its status
+  EXPECT_EQ(settled.fullWalks, after.fullWalks);
+  EXPECT_EQ(findNode(settled, "status")->uid, status.uid);
+}
+
+TEST(MirrorSchedule, ACreatedSubtreeIsWalkedAlone) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  auto before = sim.plain(*mirror);
+  sim.desktop().addElements(
+      labPid, "list",
+      {keyed("AXRow", "row11", 0, 270, 800, 20).child(keyed("AXStaticText", "new", 0, 270, 800, 20).value("Row 11"))});
+  sim.deliver();
+  auto after = sim.fresh(*mirror);
+  EXPECT_EQ(after.lastWalk, "partial");
+  EXPECT_EQ(after.partialNodes, 1 + 11 * 2);  // the list's subtree, nothing else
+  ASSERT_EQ(after.nodes->size(), before.nodes->size() + 2);
+  ASSERT_TRUE(findNode(after, "new"));
+  EXPECT_TRUE(findNode(after, "new")->uid);
+  auto oldUids = uidsByIdentifier(before);
+  auto newUids = uidsByIdentifier(after);
+  for (const auto& [identifier, uid] : oldUids) EXPECT_EQ(newUids[identifier], uid) << identifier;
+  EXPECT_TRUE(consistent(*after.nodes));
+}
+
+TEST(MirrorSchedule, MoreThan128PendingTargetsGiveAFullWalk) {
+  struct Case {
+    int targets;
+    const char* expectWalk;
+  };
+  for (const auto& c : {Case{128, "partial"}, Case{129, "full"}}) {
+    SCOPED_TRACE(c.targets);
+    MirrorSim sim(labDesktop());
+    auto mirror = sim.settled(labPid);
+    for (int i = 0; i < c.targets; ++i)
+      sim.desktop().postNotification(labPid, "b" + std::to_string(i), "AXValueChanged");
+    sim.deliver();
+    auto after = sim.fresh(*mirror);
+    EXPECT_EQ(after.notifications, c.targets);
+    EXPECT_EQ(after.lastWalk, std::string(c.expectWalk));
+  }
+}
+
+TEST(MirrorSchedule, WhatANotificationMarksDecidesTheWalk) {
+  struct Case {
+    const char* name;
+    std::function<void(SimDesktop&)> change;
+    const char* expectWalk;
+  };
+  const Case cases[] = {
+      {"value of an element", [](SimDesktop& d) { d.setAttribute(labPid, "status", "AXValue", "x"); }, "partial"},
+      {"anything about the application element",
+       [](SimDesktop& d) { d.postNotification(labPid, "", "AXValueChanged"); }, "full"},
+      {"a move",
+       [](SimDesktop& d) {
+         d.setAttribute(labPid, "go", "AXPosition", platform::AxPoint{20, 5});
+       },
+       "full"},
+      {"a focus change", [](SimDesktop& d) { d.focus(labPid, "field"); }, "partial"},
+      {"a destroyed row", [](SimDesktop& d) { d.removeElement(labPid, "row3"); }, "partial"},
+      {"a new front window", [](SimDesktop& d) { d.replaceWindow(labPid, keyed("AXWindow", "w2", 0, 0, 10, 10)); },
+       "full"},
+      {"a context menu", [](SimDesktop& d) { d.addElements(labPid, "", {element("AXMenu")}); }, "full"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    MirrorSim sim(labDesktop());
+    auto mirror = sim.settled(labPid);
+    c.change(sim.desktop());
+    sim.deliver();
+    auto after = sim.fresh(*mirror);
+    EXPECT_EQ(after.lastWalk, std::string(c.expectWalk));
+    EXPECT_FALSE(after.dirty);
+    EXPECT_TRUE(consistent(*after.nodes));
+  }
+}
+
+TEST(MirrorSchedule, TheFocusedFlagMovesWithTheFocus) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  sim.desktop().focus(labPid, "field");
+  sim.deliver();
+  EXPECT_EQ(findNode(sim.fresh(*mirror), "field")->focused, true);
+  sim.clock.runUntilIdle();
+  sim.desktop().focus(labPid, "go");
+  sim.deliver();
+  auto after = sim.fresh(*mirror);
+  EXPECT_EQ(after.lastWalk, "partial");
+  EXPECT_EQ(findNode(after, "go")->focused, true);
+  EXPECT_FALSE(findNode(after, "field")->focused);  // the old one was read again too
+}
+
+TEST(MirrorSchedule, TrailingWalksStopAtFourOrWhenNothingChanges) {
+  struct Case {
+    const char* name;
+    bool ticking;
+    std::int64_t expectTrailing;
+  };
+  for (const auto& c : {Case{"quiet application", false, 1}, Case{"changes on every walk", true, 4}}) {
+    SCOPED_TRACE(c.name);
+    MirrorSim sim(labDesktop(c.ticking));
+    auto mirror = sim.settled(labPid);
+    auto before = sim.plain(*mirror);
+    sim.desktop().postNotification(labPid, "", "AXMainWindowChanged");
+    sim.clock.runUntilIdle();
+    auto after = sim.plain(*mirror);
+    EXPECT_EQ(after.fullWalks - before.fullWalks, 1 + c.expectTrailing);
+    EXPECT_FALSE(after.dirty);
+  }
+}
+
+TEST(MirrorSchedule, AMirrorThatSawNoNotificationHasNoTrailingWalk) {
+  MirrorSim sim(labDesktop(true));
+  auto mirror = sim.settled(labPid);
+  auto snapshot = sim.plain(*mirror);
+  EXPECT_EQ(snapshot.generation, 1);
+  EXPECT_EQ(snapshot.fullWalks, 1);
+}
+
+TEST(MirrorSchedule, UidsFollowElementsNotPlaces) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  const auto original = findNode(sim.plain(*mirror), "go")->uid;
+  sim.desktop().setAttribute(labPid, "go", "AXPosition", platform::AxPoint{400, 5});
+  sim.deliver();
+  auto moved = sim.fresh(*mirror);
+  EXPECT_EQ(findNode(moved, "go")->frame->x, 400);
+  EXPECT_EQ(findNode(moved, "go")->uid, original);
+  sim.clock.runUntilIdle();
+
+  sim.desktop().removeElement(labPid, "go");
+  sim.desktop().addElements(labPid, "tools", {keyed("AXButton", "go", 10, 5, 60, 30).title("Go")});
+  sim.deliver();
+  auto recreated = sim.fresh(*mirror);
+  ASSERT_TRUE(findNode(recreated, "go"));
+  EXPECT_NE(findNode(recreated, "go")->uid, original);
+}
+
+TEST(MirrorSchedule, AnEmptyLookingTreeAsksForTheEnhancedInterfaceFiveTimesAtMostOncePerSecond) {
+  // Ten nodes, four of them named.
+  auto window = element("AXWindow").withFrame(0, 0, 100, 100);
+  for (int i = 0; i < 4; ++i) window.child(element("AXButton").title("b").withFrame(0, 0, 10, 10));
+  for (int i = 0; i < 5; ++i) window.child(element("AXGroup").withFrame(0, 0, 10, 10));
+  MirrorSim sim(platform::sim::DesktopSpec{{}, {appWith(710, {window})}});
+  sim.settled(710);
+  auto times = sim.ax.setTimes("AXEnhancedUserInterface");
+  ASSERT_EQ(times.size(), 5u);
+  for (std::size_t k = 1; k < times.size(); ++k) EXPECT_GT(times[k] - times[k - 1], 1000 * ms);
+}
+
+TEST(MirrorSchedule, AnUnreadableElementIsRetriedThreeTimesThenLeftAlone) {
+  auto window = keyed("AXWindow", "window", 0, 0, 100, 100).title("w").child(element("AXButton").markGone());
+  for (int i = 0; i < 5; ++i) window.child(keyed("AXButton", "ok" + std::to_string(i), 0, 0, 10, 10).title("ok"));
+  MirrorSim sim(platform::sim::DesktopSpec{{}, {appWith(720, {window})}});
+  auto mirror = sim.settled(720);
+  auto snapshot = sim.plain(*mirror);
+  EXPECT_EQ(snapshot.fullWalks, 1 + 3 + 1);  // the first walk, three retries, one trailing walk
+  EXPECT_TRUE(findNode(snapshot, "ok0"));
+}
+
+}  // namespace
+}  // namespace glimmerstrand::native

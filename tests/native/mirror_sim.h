@@ -1,0 +1,133 @@
+// A mirror over a simulated desktop on a driven clock, for deterministic
+// tests of walks, scheduling and snapshots; and an accessibility wrapper that
+// counts what the mirror asks of the application.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "native/app_mirror.h"
+#include "native/mirrors.h"
+#include "platform/sim/driven_clock.h"
+#include "platform/sim/sim_platform.h"
+
+namespace glimmerstrand::native::testing {
+
+using platform::sim::element;
+using platform::sim::ElementSpec;
+
+constexpr std::int64_t ms = 1'000'000;
+
+class CountingAccessibility final : public platform::AccessibilityWrapper {
+ public:
+  CountingAccessibility(platform::Accessibility& target, platform::Clock& clock)
+      : AccessibilityWrapper(target), clock_(clock) {}
+
+  platform::AxResult<std::vector<platform::AxValue>> copyMultiple(const Element& element,
+                                                                  const std::vector<std::string>& names) override {
+    ++multipleReads;
+    return target_.copyMultiple(element, names);
+  }
+  platform::AxError set(const Element& element, std::string_view name, const platform::AxValue& value) override {
+    {
+      std::lock_guard guard(lock_);
+      sets.emplace_back(std::string(name), clock_.nowNs());
+    }
+    return target_.set(element, name, value);
+  }
+  std::vector<std::int64_t> setTimes(const std::string& name) {
+    std::lock_guard guard(lock_);
+    std::vector<std::int64_t> times;
+    for (const auto& [set, at] : sets)
+      if (set == name) times.push_back(at);
+    return times;
+  }
+
+  std::atomic<std::int64_t> multipleReads = 0;
+
+ private:
+  platform::Clock& clock_;
+  std::mutex lock_;  // guards sets
+  std::vector<std::pair<std::string, std::int64_t>> sets;
+};
+
+/// An element whose identifier is its key, so that snapshot nodes name it.
+inline ElementSpec keyed(std::string role, std::string key, double x, double y, double width, double height) {
+  auto spec = element(std::move(role)).withKey(key).identifier(key).withFrame(x, y, width, height);
+  return spec;
+}
+
+inline platform::sim::AppSpec appWith(std::int32_t pid, std::vector<ElementSpec> windows) {
+  platform::sim::AppSpec app;
+  app.pid = pid;
+  app.bundleId = "com.example.app" + std::to_string(pid);
+  app.name = "App " + std::to_string(pid);
+  app.windows = std::move(windows);
+  return app;
+}
+
+struct MirrorSim {
+  explicit MirrorSim(const platform::sim::DesktopSpec& spec) : platform(spec, clock, clock.mainLoop()) {}
+  /// Lets every walk finish before the desktop and the clock go.
+  ~MirrorSim() { clock.runUntilIdle(); }
+
+  platform::sim::SimDesktop& desktop() { return platform.desktop(); }
+
+  /// A mirror whose first walks are done.
+  std::shared_ptr<AppMirror> settled(std::int32_t pid) {
+    auto mirror = mirrors.mirror(pid);
+    clock.runUntilIdle();
+    return mirror;
+  }
+  /// Delivers what the desktop posted, and starts what that schedules.
+  void deliver() { clock.advance(0); }
+
+  MirrorSnapshot fresh(AppMirror& mirror, std::optional<std::int64_t> maxAgeMs = std::nullopt) {
+    SnapshotRequest request;
+    request.fresh = true;
+    request.all = true;
+    request.maxAgeMs = maxAgeMs;
+    return mirror.snapshot(request);
+  }
+  MirrorSnapshot plain(AppMirror& mirror) {
+    SnapshotRequest request;
+    request.all = true;
+    return mirror.snapshot(request);
+  }
+
+  platform::sim::DrivenClock clock;
+  platform::sim::SimPlatform platform;
+  CountingAccessibility ax{platform.accessibility(), clock};
+  Mirrors mirrors{MirrorEnvironment{ax, clock}, platform.workspace()};
+};
+
+/// The node with this identifier; nullptr when the copy has none.
+inline const core::AxNode* findNode(const MirrorSnapshot& snapshot, const std::string& identifier) {
+  if (!snapshot.nodes) return nullptr;
+  for (const auto& node : *snapshot.nodes)
+    if (node.identifier == identifier) return &node;
+  return nullptr;
+}
+
+/// Identifier to uid over a whole copy.
+inline std::map<std::string, std::int64_t> uidsByIdentifier(const MirrorSnapshot& snapshot) {
+  std::map<std::string, std::int64_t> out;
+  for (const auto& node : *snapshot.nodes)
+    if (node.identifier && node.uid) out[*node.identifier] = *node.uid;
+  return out;
+}
+
+/// Every node's index is its position and its parent is one level up.
+inline bool consistent(const std::vector<core::AxNode>& nodes) {
+  for (std::size_t n = 0; n < nodes.size(); ++n) {
+    if (nodes[n].i != static_cast<std::int64_t>(n)) return false;
+    if (nodes[n].parent >= 0 && nodes[static_cast<std::size_t>(nodes[n].parent)].depth != nodes[n].depth - 1)
+      return false;
+  }
+  return true;
+}
+
+}  // namespace glimmerstrand::native::testing

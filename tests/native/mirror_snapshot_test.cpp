@@ -1,0 +1,223 @@
+// Snapshots, settling and element references, on a driven clock.
+#include <gtest/gtest.h>
+
+#include "mirror_lab.h"
+#include "native/rpc_error.h"
+
+namespace glimmerstrand::native {
+namespace {
+
+using namespace native::testing;
+
+TEST(MirrorSnapshot, AFreshReadWaitsForAWalkBegunAfterTheLastNotification) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  sim.desktop().setAttribute(labPid, "status", "AXValue", "busy");
+  sim.deliver();
+  auto plain = sim.plain(*mirror);  // at once, with what is there
+  EXPECT_EQ(findNode(plain, "status")->value, "idle");
+  EXPECT_TRUE(plain.dirty);
+  const auto start = sim.clock.nowNs();
+  auto fresh = sim.fresh(*mirror);
+  EXPECT_GT(sim.clock.nowNs(), start);
+  EXPECT_EQ(findNode(fresh, "status")->value, "busy");
+  EXPECT_EQ(fresh.generation, plain.generation + 1);
+  EXPECT_FALSE(fresh.dirty);
+}
+
+TEST(MirrorSnapshot, AFreshReadAlsoWaitsForAPendingTrailingWalkUnlessGivenAnAge) {
+  struct Case {
+    const char* name;
+    std::optional<std::int64_t> maxAgeMs;
+    std::int64_t expectMoreGenerations;
+  };
+  for (const auto& c : {Case{"without maxAgeMs", std::nullopt, 1}, Case{"with maxAgeMs", 60'000, 0}}) {
+    SCOPED_TRACE(c.name);
+    MirrorSim sim(labDesktop());
+    auto mirror = sim.settled(labPid);
+    sim.desktop().setAttribute(labPid, "status", "AXValue", "busy");
+    sim.deliver();
+    auto first = sim.fresh(*mirror);  // leaves a trailing walk pending
+    auto second = sim.fresh(*mirror, c.maxAgeMs);
+    EXPECT_EQ(second.generation - first.generation, c.expectMoreGenerations);
+    EXPECT_FALSE(second.dirty);
+  }
+}
+
+TEST(MirrorSnapshot, AFrozenApplicationShowsDirtyAndNeverFails) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  sim.desktop().setAttribute(labPid, "status", "AXValue", "busy");
+  sim.deliver();
+  sim.desktop().setFrozen(labPid, true);
+  SnapshotRequest request;
+  request.fresh = true;
+  request.all = true;
+  request.timeoutMs = 200;
+  MirrorSnapshot stale;
+  ASSERT_NO_THROW(stale = mirror->snapshot(request));
+  EXPECT_TRUE(stale.dirty);
+  EXPECT_EQ(stale.generation, 1);
+  EXPECT_EQ(findNode(stale, "status")->value, "idle");  // the last copy, not an empty one
+  // The walks give up in the end, and reads still answer.
+  sim.clock.runUntilIdle();
+  EXPECT_NO_THROW(sim.plain(*mirror));
+  sim.desktop().setFrozen(labPid, false);
+  sim.desktop().postNotification(labPid, "", "AXMainWindowChanged");
+  sim.deliver();
+  EXPECT_EQ(findNode(sim.fresh(*mirror), "status")->value, "busy");
+}
+
+TEST(MirrorSnapshot, TheFirstReadOfAnApplicationThatNeverAnswersTimesOutEmpty) {
+  MirrorSim sim(platform::sim::DesktopSpec{{}, {appWith(730, {keyed("AXWindow", "window", 0, 0, 10, 10)})}});
+  auto mirror = sim.mirrors.mirror(730);  // registered; its first walk not yet begun
+  sim.desktop().setFrozen(730, true);
+  SnapshotRequest request;
+  request.timeoutMs = 500;
+  auto snapshot = mirror->snapshot(request);
+  EXPECT_EQ(snapshot.generation, 0);
+  EXPECT_TRUE(snapshot.dirty);
+  ASSERT_TRUE(snapshot.nodes);
+  EXPECT_TRUE(snapshot.nodes->empty());
+}
+
+TEST(MirrorSnapshot, IfGenerationLeavesTheNodesOutWhenNothingChanged) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  SnapshotRequest request;
+  request.ifGeneration = 1;
+  EXPECT_FALSE(mirror->snapshot(request).nodes);
+  request.ifGeneration = 0;
+  auto snapshot = mirror->snapshot(request);
+  ASSERT_TRUE(snapshot.nodes);
+  // Without `all`, the labeled nodes only; their indices still count all.
+  auto all = sim.plain(*mirror);
+  EXPECT_LT(snapshot.nodes->size(), all.nodes->size());
+  for (const auto& node : *snapshot.nodes) EXPECT_EQ((*all.nodes)[static_cast<std::size_t>(node.i)], node);
+}
+
+TEST(MirrorSnapshot, CopiesShareOneList) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  EXPECT_EQ(sim.plain(*mirror).nodes.get(), sim.plain(*mirror).nodes.get());
+}
+
+TEST(Mirrors, TheSeventhApplicationEvictsTheLeastRecentlyUsed) {
+  platform::sim::DesktopSpec spec;
+  for (int pid = 1; pid <= 7; ++pid)
+    spec.apps.push_back(appWith(pid, {keyed("AXWindow", "w", 0, 0, 10, 10).title("w" + std::to_string(pid))}));
+  MirrorSim sim(spec);
+  for (int pid = 1; pid <= 6; ++pid) {
+    sim.settled(pid);
+    sim.clock.advance(1 * ms);
+  }
+  sim.plain(*sim.mirrors.mirror(1));  // 2 is now the oldest
+  sim.settled(7);
+  EXPECT_FALSE(sim.mirrors.existing(2));
+  EXPECT_TRUE(sim.mirrors.existing(1));
+  auto reference = core::JSONValue::Object{{"pid", 2}, {"uid", 1}};
+  try {
+    resolveElement(sim.mirrors, reference, {});
+    ADD_FAILURE() << "an evicted mirror resolved";
+  } catch (const RPCError& e) {
+    EXPECT_EQ(e.code(), "stale");
+  }
+  SnapshotRequest noWait;
+  noWait.timeoutMs = 0;
+  EXPECT_EQ(sim.mirrors.mirror(2)->snapshot(noWait).generation, 0);  // starts again
+}
+
+TEST(Mirrors, ElementReferencesResolveOrSayWhyNot) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  auto snapshot = sim.plain(*mirror);
+  const core::AxNode go = *findNode(snapshot, "go");
+  sim.desktop().removeElement(labPid, "row1");
+  sim.deliver();
+  sim.fresh(*mirror);
+  const auto goneUid = *findNode(snapshot, "row1")->uid;
+
+  using core::JSONValue;
+  auto object = [](JSONValue::Object o) { return JSONValue(std::move(o)); };
+  EXPECT_EQ(resolveElement(sim.mirrors, object({{"pid", labPid}, {"uid", *go.uid}}), {}).element,
+            sim.desktop().element(labPid, "go"));
+  EXPECT_EQ(resolveElement(sim.mirrors, object({{"pid", labPid}, {"generation", 1}, {"i", go.i}}), {}).element,
+            sim.desktop().element(labPid, "go"));
+  struct Case {
+    JSONValue params;
+    const char* code;
+    const char* message;
+  };
+  const Case cases[] = {
+      {object({}), "invalid_argument", "pid が必要です"},
+      {object({{"pid", "700"}}), "invalid_argument", "pid が必要です"},
+      {object({{"pid", 999}, {"uid", 1}}), "stale", "pid 999 の写しがありません"},
+      {object({{"pid", labPid}, {"uid", goneUid}}), "stale", ""},
+      {object({{"pid", labPid}}), "invalid_argument", "generation が必要です"},
+      {object({{"pid", labPid}, {"generation", 1}}), "invalid_argument", "要素の番号が範囲外です: -1"},
+      {object({{"pid", labPid}, {"generation", 1}, {"i", 9999}}), "invalid_argument", "要素の番号が範囲外です: 9999"},
+      {object({{"pid", labPid}, {"generation", 77}, {"i", 0}}), "stale", "世代 77 の写しはもう残っていません"},
+      {object({{"pid", labPid}, {"menu", true}}), "invalid_argument", "メニューの項目には uid が必要です"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(core::jsonText(c.params));
+    try {
+      resolveElement(sim.mirrors, c.params, {});
+      ADD_FAILURE() << "resolved";
+    } catch (const RPCError& e) {
+      EXPECT_EQ(e.code(), c.code);
+      if (*c.message) {
+        EXPECT_EQ(e.message(), c.message);
+      }
+    }
+  }
+}
+
+TEST(Mirrors, OldGenerationsStayForTenSecondsBeyondTheNewestThree) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  for (int k = 0; k < 4; ++k) {
+    mirror->requestUrgentWalk();
+    sim.clock.runUntilIdle();
+  }
+  const auto newest = sim.plain(*mirror).generation;
+  ASSERT_GE(newest, 5);
+  EXPECT_NO_THROW(mirror->elementForIndex(1, 0));  // old, but younger than ten seconds
+  sim.clock.advance(11'000 * ms);
+  mirror->requestUrgentWalk();
+  sim.clock.runUntilIdle();
+  EXPECT_THROW(mirror->elementForIndex(1, 0), RPCError);
+  EXPECT_NO_THROW(mirror->elementForIndex(newest, 0));  // among the newest three
+}
+
+TEST(MirrorSettle, WaitSettleWatchesTheNotificationCount) {
+  struct Case {
+    const char* name;
+    int notifications;  // 20 ms apart
+    bool expectChanged, expectSettled;
+    double expectWaitedMs;
+  };
+  for (const auto& c : {Case{"nothing happens", 0, false, true, 250}, Case{"one change", 1, true, true, 40},
+                        Case{"a steady stream", 200, true, false, 1500}}) {
+    SCOPED_TRACE(c.name);
+    MirrorSim sim(labDesktop());
+    auto mirror = sim.settled(labPid);
+    auto since = mirror->notificationCount();
+    auto poster = sim.clock.makeSerialQueue("poster");
+    poster->async([&] {
+      for (int k = 0; k < c.notifications; ++k) {
+        sim.desktop().postNotification(labPid, "status", "AXValueChanged");
+        sim.clock.sleepNs(20 * ms);
+      }
+    });
+    auto result = mirror->waitSettle(since, 40, 250, 1500);
+    EXPECT_EQ(result.changed, c.expectChanged);
+    EXPECT_EQ(result.settled, c.expectSettled);
+    EXPECT_NEAR(result.waitedMs, c.expectWaitedMs, 0.001);
+    EXPECT_EQ(result.notifications, mirror->notificationCount() - since);
+    sim.clock.runUntilIdle();
+  }
+}
+
+}  // namespace
+}  // namespace glimmerstrand::native

@@ -1,0 +1,220 @@
+// Full walks of a simulated application, the building of nodes, and the
+// splicing of subtrees.
+#include <gtest/gtest.h>
+
+#include "mirror_sim.h"
+
+namespace glimmerstrand::native {
+namespace {
+
+using platform::AxValue;
+using platform::sim::AppSpec;
+using platform::sim::DesktopSpec;
+using namespace native::testing;
+
+struct Walker {
+  explicit Walker(AppSpec app) : desktop(DesktopSpec{{}, {std::move(app)}}, clock, clock.mainLoop()) {}
+  ~Walker() { clock.runUntilIdle(); }
+  WalkResult walk(std::int64_t maxDepth = 64, std::int64_t maxNodes = 10000) {
+    return walkTree(desktop.accessibility(), desktop.accessibility().applicationElement(1), "window", maxDepth,
+                    maxNodes);
+  }
+  platform::sim::DrivenClock clock;
+  platform::sim::SimDesktop desktop;
+};
+
+std::int64_t countRole(const WalkResult& walk, const std::string& role) {
+  return std::count_if(walk.nodes.begin(), walk.nodes.end(), [&](const auto& n) { return n.role == role; });
+}
+
+TEST(MirrorWalk, CleanTextTrimsDropsMarksAndCutsAtTheLimit) {
+  const std::string decomposed = "e\u0301";  // one character, two code points
+  std::string manyDecomposed;
+  for (int i = 0; i < 121; ++i) manyDecomposed += decomposed;
+  std::string cutDecomposed;
+  for (int i = 0; i < 120; ++i) cutDecomposed += decomposed;
+  struct Case {
+    AxValue in;
+    std::optional<std::string> out;
+  };
+  const Case cases[] = {
+      {"  Play \n", "Play"},
+      {"\u200EPlay\u202C", "Play"},
+      {"\u200E \u2066\u3000", std::nullopt},
+      {"\u00A0x\u2028", "x"},
+      {3.0, "3"},
+      {0.5, "0.5"},
+      {true, std::nullopt},
+      {AxValue(), std::nullopt},
+      {std::string(120, 'a'), std::string(120, 'a')},
+      {std::string(121, 'a'), std::string(120, 'a') + "…"},
+      {manyDecomposed, cutDecomposed + "…"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(cleanText(c.in, 120), c.out);
+}
+
+TEST(MirrorWalk, ShortcutTextNamesModifiersInOrder) {
+  struct Case {
+    AxValue key, modifiers;
+    std::optional<std::string> out;
+  };
+  const Case cases[] = {
+      {"N", 1, "shift+cmd+n"},          {"n", AxValue(), "cmd+n"}, {"Q", 8, "q"},
+      {"K", 7, "ctrl+alt+shift+cmd+k"}, {" ", 0, std::nullopt},    {"Ä", 0, "cmd+ä"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(shortcutText(c.key, c.modifiers), c.out);
+}
+
+TEST(MirrorWalk, NodesKeepOnlyWhatTheKeyTableAllows) {
+  std::vector<AxValue> values(20);
+  values[0] = "AXCheckBox";
+  values[2] = platform::AxError::cannotComplete;
+  values[7] = platform::AxPoint{1, 2};
+  values[8] = platform::AxSize{0, 0};
+  values[9] = false;
+  values[10] = false;
+  values[12] = true;
+  values[13] = false;
+  values[16] = "✓";
+  values[17] = platform::AxUrl{"https://example.com/" + std::string(400, 'x')};
+  auto node = buildNode(values);
+  EXPECT_EQ(node.role, "AXCheckBox");
+  EXPECT_FALSE(node.title);
+  EXPECT_EQ(node.frame, (core::Rect{1, 2, 0, 0}));  // a zero size is kept
+  EXPECT_EQ(node.enabled, false);
+  EXPECT_FALSE(node.focused);  // only true is stored
+  EXPECT_EQ(node.selected, true);
+  EXPECT_EQ(node.expanded, false);
+  EXPECT_EQ(node.checked, true);
+  EXPECT_EQ(node.url->size(), 300u);
+  EXPECT_FALSE(isLabeled(node));
+}
+
+// A window whose scroll area shows rows 89 to 135 of a list scrolled far up:
+// clip (0, 100, 400, 300), band from -200 to 700, rows 20 high from y -2000.
+AppSpec listApp(int rows, bool framesReadable) {
+  auto list = keyed("AXList", "list", 0, -2000, 400, rows * 20.0);
+  for (int i = 0; i < rows; ++i) {
+    auto row = element("AXRow").withFrame(0, -2000 + i * 20.0, 400, 20);
+    if (!framesReadable) row.failing({"AXPosition"});
+    list.child(row);
+  }
+  auto scroll = keyed("AXScrollArea", "scroll", 0, 100, 400, 300).child(list);
+  return appWith(1, {keyed("AXWindow", "window", 0, 0, 400, 1000).child(scroll)});
+}
+
+TEST(MirrorWalk, LongListsAreCutToTheVisibleBand) {
+  struct Case {
+    const char* name;
+    int rows;
+    bool readable;
+    std::int64_t expectRows;
+    std::optional<std::int64_t> expectOffscreen;
+  };
+  for (const auto& c :
+       {Case{"500 rows are read whole", 500, true, 500, std::nullopt}, Case{"501 rows are cut", 501, true, 47, 454},
+        Case{"unreadable probes keep all", 501, false, 501, std::nullopt}}) {
+    SCOPED_TRACE(c.name);
+    Walker walker(listApp(c.rows, c.readable));
+    auto walk = walker.walk();
+    EXPECT_EQ(countRole(walk, "AXRow"), c.expectRows);
+    auto list = std::find_if(walk.nodes.begin(), walk.nodes.end(), [](auto& n) { return n.identifier == "list"; });
+    ASSERT_NE(list, walk.nodes.end());
+    EXPECT_EQ(list->offscreen, c.expectOffscreen);
+    if (c.expectOffscreen) {
+      EXPECT_EQ(walk.nodes[static_cast<std::size_t>(list->i + 1)].frame->y, -2000 + 89 * 20.0);
+    }
+    EXPECT_FALSE(walk.truncated);
+  }
+}
+
+ElementSpec chain(int depth) {
+  auto node = element("AXGroup").withFrame(0, 0, 10, 10);
+  for (int i = 0; i < depth; ++i) node = element("AXGroup").withFrame(0, 0, 10, 10).child(node);
+  return node;
+}
+
+TEST(MirrorWalk, TheBudgetAndTheDepthLimitCutTheWalk) {
+  // A window with 9 children: 10 nodes.
+  auto wide = keyed("AXWindow", "window", 0, 0, 100, 100);
+  for (int i = 0; i < 9; ++i) wide.child(element("AXButton").title("b"));
+  struct Case {
+    std::int64_t maxNodes;
+    std::size_t expectNodes;
+    bool expectTruncated;
+  };
+  for (const auto& c : {Case{10, 10, false}, Case{9, 9, true}}) {
+    Walker walker(appWith(1, {wide}));
+    auto walk = walker.walk(64, c.maxNodes);
+    EXPECT_EQ(walk.nodes.size(), c.expectNodes);
+    EXPECT_EQ(walk.truncated, c.expectTruncated);
+  }
+  Walker deep(appWith(1, {element("AXWindow").withFrame(0, 0, 10, 10).child(chain(70))}));
+  auto walk = deep.walk();
+  ASSERT_EQ(walk.nodes.size(), 65u);  // depths 0 to 64; the children of 64 are not read
+  EXPECT_EQ(walk.nodes.back().depth, 64);
+  EXPECT_FALSE(walk.truncated);
+}
+
+TEST(MirrorWalk, ColumnsAreLeavesAndGoneChildrenAreCounted) {
+  auto window = keyed("AXWindow", "window", 0, 0, 100, 100)
+                    .child(element("AXColumn").child(element("AXCell")))
+                    .child(element("AXButton").markGone().child(element("AXStaticText")))
+                    .child(element("AXRow").child(element("AXCell")));
+  Walker walker(appWith(1, {window}));
+  auto walk = walker.walk();
+  EXPECT_EQ(countRole(walk, "AXColumn"), 1);
+  EXPECT_EQ(countRole(walk, "AXCell"), 1);  // the row's, not the column's
+  EXPECT_EQ(countRole(walk, "AXStaticText"), 0);
+  EXPECT_EQ(walk.incomplete, 1);
+}
+
+TEST(MirrorWalk, ContextMenusFollowTheWindowAsRootsOfTheirOwn) {
+  auto app = appWith(1, {keyed("AXWindow", "window", 0, 0, 100, 100).child(element("AXButton").title("b"))});
+  app.menus.push_back(element("AXMenu").child(element("AXMenuItem").title("Copy")).child(element("AXMenuItem")));
+  Walker walker(app);
+  auto walk = walker.walk();
+  ASSERT_EQ(walk.nodes.size(), 5u);
+  EXPECT_EQ(walk.nodes[2].role, "AXMenu");
+  EXPECT_EQ(walk.nodes[2].parent, -1);
+  EXPECT_EQ(walk.nodes[2].depth, 0);
+  EXPECT_EQ(walk.nodes[3].parent, 2);
+  EXPECT_TRUE(consistent(walk.nodes));
+}
+
+TEST(MirrorWalk, AnApplicationWithoutWindowsIsWalkedFromItsElement) {
+  Walker walker(appWith(1, {}));
+  auto walk = walker.walk();
+  ASSERT_FALSE(walk.nodes.empty());
+  EXPECT_EQ(walk.nodes[0].role, "AXApplication");
+}
+
+TEST(MirrorWalk, SubtreesAreRangesThatSpliceAndRenumber) {
+  auto at = [](std::int64_t i, std::int64_t parent, std::int64_t depth) {
+    core::AxNode node;
+    node.i = i;
+    node.parent = parent;
+    node.depth = depth;
+    return node;
+  };
+  std::vector<core::AxNode> nodes;
+  for (std::int64_t depth : {0, 1, 2, 2, 1, 2}) nodes.push_back(at(0, -1, depth));
+  // 2 lies inside 1's range; 9 and -1 lie outside the copy.
+  auto ranges = subtreeRanges(nodes, {4, 1, 2, 9, -1});
+  EXPECT_EQ(ranges, (std::vector<SubtreeRange>{{1, 4}, {4, 6}}));
+
+  std::vector<Element> elements(nodes.size());
+  WalkResult replacement;
+  replacement.nodes = {at(0, -1, 1), at(1, 0, 2)};
+  replacement.elements.resize(2);
+  auto spliced = spliceSubtrees(nodes, elements, {{4, 6}}, {replacement});
+  ASSERT_EQ(spliced.nodes.size(), 6u);
+  renumberNodes(spliced.nodes);
+  std::vector<std::int64_t> parents;
+  for (const auto& node : spliced.nodes) parents.push_back(node.parent);
+  EXPECT_EQ(parents, (std::vector<std::int64_t>{-1, 0, 1, 1, 0, 4}));
+  EXPECT_TRUE(consistent(spliced.nodes));
+}
+
+}  // namespace
+}  // namespace glimmerstrand::native
