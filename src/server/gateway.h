@@ -58,8 +58,9 @@ class Gateway : public std::enable_shared_from_this<Gateway> {
 
   static std::shared_ptr<Gateway> make(EventHandler onEvent, GatewayOptions options = {});
 
-  /// Listens on `path` (replacing whatever is there), mode 0600. Returns
-  /// whether a requirement is in force. Throws GlimmerstrandError.
+  /// Listens on `path` (replacing whatever is there), mode 0600. The
+  /// requirement holds until the next listen. Returns whether one is in
+  /// force. Throws GlimmerstrandError.
   bool listen(const std::string& path, const std::optional<std::string>& requirementText);
   /// Writes `line` and a line feed. Throws "stale" when the connection is
   /// closed or the write fails.

@@ -165,6 +165,8 @@ void McpSession::handleLine(std::string_view line) {
     reply = errorResponse(*id, failure.code, failure.message);
   } catch (const std::exception& error) {
     reply = errorResponse(*id, -32603, core::errorMessage(error));
+  } catch (...) {
+    reply = errorResponse(*id, -32603, "unknown error");
   }
   send_(core::jsonText(reply));
 }
