@@ -73,8 +73,6 @@ bool typeText(ScriptRun& run, const std::string& text);
 /// seen; the whole frame when that part would be empty.
 std::optional<Rect> visibleFrame(const AxGraph& graph, const GraphNode& node);
 
-/// Standard Base64 without line breaks.
-std::string base64Text(const std::vector<std::uint8_t>& bytes);
 /// At most 40 UTF-16 code units of `text`, then "…" when it was longer.
 std::string clippedText(std::string_view text);
 

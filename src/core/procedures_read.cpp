@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/base64.h"
 #include "core/change_report.h"
 #include "core/element_resolution.h"
 #include "core/errors.h"
@@ -66,22 +67,6 @@ Capture captureOf(ScriptRun& run, const Arguments& args, CaptureOptions options)
 }
 
 }  // namespace
-
-std::string base64Text(const std::vector<std::uint8_t>& bytes) {
-  static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4);
-  for (std::size_t at = 0; at < bytes.size(); at += 3) {
-    const std::size_t left = bytes.size() - at;
-    const std::uint32_t group = (std::uint32_t{bytes[at]} << 16) | (left > 1 ? std::uint32_t{bytes[at + 1]} << 8 : 0) |
-                                (left > 2 ? std::uint32_t{bytes[at + 2]} : 0);
-    out += alphabet[(group >> 18) & 63];
-    out += alphabet[(group >> 12) & 63];
-    out += left > 1 ? alphabet[(group >> 6) & 63] : '=';
-    out += left > 2 ? alphabet[group & 63] : '=';
-  }
-  return out;
-}
 
 std::string clippedText(std::string_view text) {
   std::size_t units = 0, cut = std::string_view::npos;

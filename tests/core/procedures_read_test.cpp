@@ -1,3 +1,4 @@
+#include "core/base64.h"
 #include "core/procedure_handlers.h"
 #include "procedure_fixture.h"
 
@@ -89,7 +90,11 @@ TEST(Base64, StandardAlphabetAndPadding) {
       {"foobar", "Zm9vYmFy"},
       {"\xff\xfe\xfd", "//79"},
   };
-  for (const auto& [bytes, text] : cases) EXPECT_EQ(base64Text({bytes.begin(), bytes.end()}), text);
+  for (const auto& [bytes, text] : cases) {
+    EXPECT_EQ(base64Text({bytes.begin(), bytes.end()}), text);
+    EXPECT_EQ(base64Bytes(text), (std::vector<std::uint8_t>{bytes.begin(), bytes.end()}));
+  }
+  EXPECT_EQ(base64Bytes("Zm$v"), std::nullopt);
 }
 
 TEST_F(ProcedureTest, Clipboard) {

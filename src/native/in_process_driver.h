@@ -1,0 +1,80 @@
+// The platform's UIDriver: every operation calls the handler of the line
+// operation of the same name, in this process, so a statement and a line
+// client see the same behaviour by construction. Snapshots are the exception:
+// they come straight from the mirror as shared node lists, cached per
+// selector, so an unchanged application costs one lock and no copy.
+//
+// Callable from several threads. `lock_` guards `snapshots_` only and is
+// never held across a handler call. Operations that act on the user's screen
+// run synchronously on the serial input queue, among line clients' input.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "core/ui_driver.h"
+#include "native/line_protocol.h"
+#include "native/mirror_operations.h"
+
+namespace glimmerstrand::native {
+
+class AgentCursor;
+
+class InProcessDriver final : public core::UIDriver {
+ public:
+  /// `cursor` may be null: no pulses then.
+  InProcessDriver(const OperationTable& operations, Queues& queues, MirrorHost& host, AgentCursor* cursor);
+
+  core::AxSnapshot axSnapshot(const core::SnapshotOptions& options) override;
+  std::pair<std::int64_t, std::int64_t> axCounter(const core::AppSelector& app) override;
+  core::AxMenus axMenus(const core::AppSelector& app, std::optional<std::int64_t> maxAgeMs) override;
+  core::PressResult press(const core::ElementRef& ref) override;
+  void focus(const core::ElementRef& ref) override;
+  core::SetValueResult setValue(const core::ElementRef& ref, const std::string& text) override;
+  void selectAll(const core::ElementRef& ref) override;
+  core::SettleResult waitSettle(const core::SettleOptions& options) override;
+  void key(const std::string& keys, std::optional<std::int64_t> pid) override;
+  bool type(const std::string& text, std::optional<std::int64_t> pid) override;
+  void click(double x, double y, const core::ClickOptions& options) override;
+  void move(double x, double y) override;
+  void drag(double x1, double y1, double x2, double y2) override;
+  void scroll(const core::ScrollDelta& delta) override;
+  void axRefresh(const core::AppSelector& app) override;
+  core::AppInfo frontmost() override;
+  std::vector<core::RunningApp> apps() override;
+  core::AppInfo launch(const std::string& nameOrBundleId) override;
+  core::QuitResult quit(const core::AppSelector& app) override;
+  core::AppInfo activate(const core::AppSelector& app) override;
+  std::vector<core::WindowInfo> windows(const core::AppSelector& app) override;
+  std::string raiseWindow(const core::AppSelector& app, const core::WindowSelector& window) override;
+  core::ReadTextResult readText(const core::ElementRef& ref) override;
+  core::InspectResult inspect(const core::ElementRef& ref) override;
+  void showMenu(const core::ElementRef& ref) override;
+  std::optional<std::string> clipboard() override;
+  void setClipboard(const std::string& text) override;
+  void copyImage(const std::vector<std::uint8_t>& png) override;
+  std::optional<core::AppInfo> openURL(const std::string& url) override;
+  core::Capture captureRegion(double x, double y, double width, double height,
+                              const core::CaptureOptions& options) override;
+
+ private:
+  enum class On { caller, input };
+  /// Runs a handler and gives its result as JSON; RPCError becomes
+  /// GlimmerstrandError with the same code and message.
+  core::JSONValue call(const std::string& operation, const core::JSONValue& params, On queue = On::caller);
+  /// The middle of the element's frame in a cached snapshot, for the pulse.
+  std::optional<core::Point> elementPoint(const core::ElementRef& ref);
+  void pulseAt(std::optional<core::Point> point, bool click);
+  void pulseAtElement(const core::ElementRef& ref, bool click) { pulseAt(elementPoint(ref), click); }
+
+  const OperationTable& operations_;
+  Queues& queues_;
+  MirrorHost& host_;
+  AgentCursor* cursor_;
+
+  std::mutex lock_;  // guards snapshots_
+  std::unordered_map<std::string, core::AxSnapshot> snapshots_;
+};
+
+}  // namespace glimmerstrand::native
