@@ -45,6 +45,14 @@ const std::unordered_set<std::string>& controlRoles() {
   return roles;
 }
 
+const std::vector<std::string_view>& graphPropertyNames() {
+  static const std::vector<std::string_view> names{
+      "id",         "role",    "subrole",  "name",  "title",   "description", "value",   "placeholder",
+      "identifier", "text",    "help",     "url",   "details", "enabled",     "focused", "selected",
+      "expanded",   "checked", "shortcut", "depth", "x",       "y",           "width",   "height"};
+  return names;
+}
+
 std::string labelOf(const AxNode& node) {
   std::string label(withoutAX(node.role.value_or("AXUnknown")));
   return node.menu == true ? "App" + label : label;

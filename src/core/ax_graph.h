@@ -27,6 +27,10 @@ struct GraphNode {
 /// resolution share this table.
 const std::unordered_set<std::string>& controlRoles();
 
+/// Every property a node has in a query, in the order the instructions list
+/// them; anything else reads as null.
+const std::vector<std::string_view>& graphPropertyNames();
+
 /// The label of a node: its role without "AX" ("AXUnknown" when absent), with
 /// "App" in front for menu bar nodes.
 std::string labelOf(const AxNode& node);

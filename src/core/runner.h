@@ -116,6 +116,9 @@ bool scriptReadsMenus(std::string_view script);
 /// "the keys were sent, but the text could not be seen in the tree …"
 extern const std::string_view typedNote;
 
+/// A SET may write at most this many nodes for each assignment.
+inline constexpr std::size_t maxWriteTargets = 10;
+
 /// Rows beyond this, without a LIMIT, are cut and counted in `total`.
 inline constexpr std::size_t rowCap = 100;
 

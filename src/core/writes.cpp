@@ -17,8 +17,6 @@ namespace {
 using cypher::ScalarValue;
 using cypher::WriteValue;
 
-constexpr std::size_t maxTargets = 10;
-
 constexpr std::string_view usageLines[] = {
     "SET b.pressed = true presses; rows and text that cannot be pressed select the nearest row",
     "SET r.selected = true selects a row",
@@ -129,9 +127,9 @@ StatementResultRef ScriptRun::runSet(const cypher::SetStatement& statement) {
     targets.push_back(cypher::resolveTargets(statement.match, assignment.variable, *graph));
   bool any = false;
   for (const auto& list : targets) {
-    if (list.size() > maxTargets)
+    if (list.size() > maxWriteTargets)
       throw GlimmerstrandError(codes::invalidArgument, std::to_string(list.size()) + " 個の要素が当てはまりました。" +
-                                                           std::to_string(maxTargets) +
+                                                           std::to_string(maxWriteTargets) +
                                                            " 個以下になるよう、MATCH の条件を絞ってください");
     any = any || !list.empty();
   }

@@ -3,20 +3,12 @@
 #include <string_view>
 #include <vector>
 
+#include "core/ax_graph.h"
 #include "core/procedures.h"
 #include "core/runner.h"
 
 namespace glimmerstrand::server {
 namespace {
-
-// The properties agents may read, in the order the instructions list them.
-constexpr std::string_view listedProperties[] = {
-    "id",         "role",    "subrole",  "name",  "title",   "description", "value",   "placeholder",
-    "identifier", "text",    "help",     "url",   "details", "enabled",     "focused", "selected",
-    "expanded",   "checked", "shortcut", "depth", "x",       "y",           "width",   "height"};
-
-// How many nodes one SET may write.
-constexpr std::size_t writeLimit = 10;
 
 std::string joined(const std::vector<std::string>& parts, std::string_view separator) {
   std::string out;
@@ -28,7 +20,8 @@ std::string joined(const std::vector<std::string>& parts, std::string_view separ
 }
 
 std::string propertiesLine() {
-  std::vector<std::string> names(std::begin(listedProperties), std::end(listedProperties));
+  const auto& properties = core::graphPropertyNames();
+  std::vector<std::string> names(properties.begin(), properties.end());
   return "Properties: " + joined(names, ", ") +
          ". name is title, else description, else placeholder. subrole drops the AX prefix, e.g. CloseButton, "
          "SearchField. text joins title, description, value, placeholder and help, for CONTAINS searches.";
@@ -80,7 +73,8 @@ std::vector<std::string> instructionLines() {
           std::to_string(core::rowCap) +
           " rows. Results are a tab separated table; a node reads like e12 Button \"Play\".",
       "Write: MATCH ... SET b.pressed = true | SET f.focused = true | SET f.value = \"text\". At most " +
-          std::to_string(writeLimit) + " nodes per SET. Add RETURN after SET to read the written nodes afterwards.",
+          std::to_string(core::maxWriteTargets) +
+          " nodes per SET. Add RETURN after SET to read the written nodes afterwards.",
       proceduresLine(),
       "App menu bar: AppMenuBarItem, AppMenu and AppMenuItem (ids m12) are read only when used; AppMenuItem has "
       "shortcut and checked.",
