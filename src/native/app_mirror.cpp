@@ -134,6 +134,7 @@ void AppMirror::prepareCommit(PendingCommit& commit) {
   }
 
   auto labeled = std::make_shared<std::vector<core::AxNode>>();
+  labeled->reserve(static_cast<std::size_t>(std::count_if(nodes.begin(), nodes.end(), isLabeled)));
   for (const auto& node : nodes)
     if (isLabeled(node)) labeled->push_back(node);
   commit.labeled = std::move(labeled);
@@ -142,10 +143,11 @@ void AppMirror::prepareCommit(PendingCommit& commit) {
 
 void AppMirror::finishCommitLocked(PendingCommit& commit) {
   ++generation_;
-  uids_ = std::move(commit.uids);
-  uidElements_ = std::move(commit.uidElements);
-  nodes_ = std::move(commit.nodes);
-  labeled_ = std::move(commit.labeled);
+  // The old tables go back in the commit, to be freed once the lock is released.
+  std::swap(uids_, commit.uids);
+  std::swap(uidElements_, commit.uidElements);
+  std::swap(nodes_, commit.nodes);
+  std::swap(labeled_, commit.labeled);
   truncated_ = commit.walk.truncated;
 
   // The newest three lists always stay; older ones for up to keepNs.

@@ -232,7 +232,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   /// Steps of a commit that may call the application; on the walk queue,
   /// without the lock.
   void prepareCommit(PendingCommit& commit);
-  /// The rest, with `state_` held.
+  /// The rest, with `state_` held; the replaced tables are left in `commit`.
   void finishCommitLocked(PendingCommit& commit);
   void markDirtyLocked(const std::vector<DirtyTarget>& targets);
   void markFullLocked();
@@ -247,7 +247,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   const Element app_;
   const std::unique_ptr<platform::SerialQueue> walkQueue_;
 
-  std::mutex stateLock_;  // `state`: guards the fields down to `lastTargets_`
+  std::mutex stateLock_;  // `state`: guards the fields below, down to `lastNotificationAt_`
   platform::Signal stateChanged_;
   std::int64_t generation_ = 0;
   NodeList nodes_;

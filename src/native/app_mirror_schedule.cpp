@@ -190,6 +190,7 @@ void AppMirror::walkLoop() {
 
     clock_.notifyAll(stateChanged_);
     lock.unlock();
+    commit = PendingCommit{};  // frees the previous copy's tables outside the lock
     if (follows) afterDelay(trailingDelayMs, &AppMirror::trailingWalkDue);
     if (quiet) return;
     lock.lock();
@@ -336,9 +337,14 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
   result.targets.insert(result.targets.begin(), rangeTargets.begin(), rangeTargets.end());
 
   std::int64_t incomplete = result.walk.incomplete;
-  result.walk = spliceSubtrees(std::move(base), current, ranges, std::move(walks));
+  if (ranges.empty()) {
+    result.walk.nodes = std::move(base);  // refreshes only: indices stand
+    result.walk.elements = current;
+  } else {
+    result.walk = spliceSubtrees(std::move(base), current, ranges, std::move(walks));
+    renumberNodes(result.walk.nodes);
+  }
   result.walk.incomplete = incomplete;
-  renumberNodes(result.walk.nodes);
   return result;
 }
 

@@ -41,7 +41,8 @@ class Mirrors {
   std::shared_ptr<AppMirror> mirror(std::int32_t pid);
   /// The mirror of `pid` if there is one; does not count as a use.
   std::shared_ptr<AppMirror> existing(std::int32_t pid);
-  /// Watches activation on the main run loop; once, at start.
+  /// Watches activation on the main run loop; once, at start. REQUIRES: this
+  /// Mirrors outlives the workspace (the process-wide one does).
   void startObserving();
 
   MirrorEnvironment environment() const { return environment_; }

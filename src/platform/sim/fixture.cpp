@@ -76,7 +76,8 @@ std::vector<ElementSpec> elements(const json& j, const std::string& where) {
 
 Effect effect(const json& j, const std::string& where) {
   if (!j.is_object() || j.size() != 1) fail(where, "an effect is an object with one key");
-  const auto& [kind, body] = *j.items().begin();
+  const std::string kind = j.begin().key();
+  const json& body = j.begin().value();
   std::string at = where + "." + kind;
   auto field = [&](const char* key) -> const json* {
     return body.is_object() && body.contains(key) ? &body[key] : nullptr;
