@@ -360,4 +360,14 @@ Element AppMirror::elementForIndex(std::int64_t generation, std::int64_t i) {
   return list[static_cast<std::size_t>(i)];
 }
 
+AppMirror::Summary AppMirror::summary() {
+  std::lock_guard guard(stateLock_);
+  Summary out;
+  out.elements = nodes_ ? static_cast<std::int64_t>(nodes_->size()) : 0;
+  out.walkMs = walkMs_;
+  if (walkedAt_ > 0) out.ageMs = static_cast<double>(clock_.nowNs() - walkedAt_) / 1e6;
+  out.generation = generation_;
+  return out;
+}
+
 }  // namespace glimmerstrand::native

@@ -197,6 +197,15 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   /// The element at index `i` of a generation still kept.
   Element elementForIndex(std::int64_t generation, std::int64_t i);
 
+  /// The figures of the copy for a status listing.
+  struct Summary {
+    std::int64_t elements = 0;
+    double walkMs = 0;
+    std::optional<double> ageMs;  // absent until a walk has ended
+    std::int64_t generation = 0;
+  };
+  Summary summary();
+
   /// For Mirrors: least recently used goes first.
   std::int64_t lastUsedAt() const { return lastUsedAt_.load(); }
   void touch(std::int64_t now) { lastUsedAt_ = now; }

@@ -6,6 +6,13 @@
 #include <cstring>
 #include <thread>
 
+#include "core/runner.h"
+#include "native/agent_cursor.h"
+#include "native/capture_operations.h"
+#include "native/cypher_operation.h"
+#include "native/daemon.h"
+#include "native/gateway_operations.h"
+#include "native/in_process_driver.h"
 #include "native/line_protocol.h"
 #include "native/mirror_operations.h"
 #include "native/operations.h"
@@ -20,22 +27,31 @@ int main(int argc, char** argv) {
   static platform::PlatformChoice choice =
       platform::selectPlatform(std::getenv("GLIMMERSTRAND_PLATFORM"), std::getenv("GLIMMERSTRAND_SIM_APPS"));
   static native::MirrorHost mirrorHost(choice.platform.get(), choice.problem);
+  static platform::TaskRunLoop fallbackLoop;
+  platform::RunLoop& mainLoop = choice.platform ? choice.platform->mainLoop() : fallbackLoop;
 
   // The table and the queues come first: the driver runs its input through the
   // same handlers and the same serial queue in both modes.
   static native::OperationTable operations;
+  static native::Queues queues;
+  static std::unique_ptr<native::AgentCursor> cursor =
+      choice.platform ? std::make_unique<native::AgentCursor>(choice.platform->overlay(), mainLoop,
+                                                              native::cursorEnabledFromEnvironment())
+                      : nullptr;
+  static native::InProcessDriver driver(operations, queues, mirrorHost, cursor.get());
+  static core::CypherRunner runner(driver, core::GraphMemory::shared());
   native::addProcessOperations(operations);
   native::addMirrorOperations(operations, mirrorHost);
-  static native::Queues queues;
-
-  if (argc > 1 && std::strcmp(argv[1], "daemon") == 0) {
-    const char message[] = "{\"level\":\"error\",\"name\":\"daemon\",\"message\":\"daemon mode is not built yet\"}\n";
-    [[maybe_unused]] auto ignored = ::write(2, message, sizeof message - 1);
-    return 1;
+  native::addGatewayOperations(operations, native::Output::shared());
+  native::addCypherOperation(operations, runner);
+  if (choice.platform) {
+    static native::Capturer capturer(*choice.platform);
+    native::addCaptureOperations(operations, *choice.platform, capturer);
   }
 
-  static platform::TaskRunLoop fallbackLoop;
-  platform::RunLoop& mainLoop = choice.platform ? choice.platform->mainLoop() : fallbackLoop;
+  if (argc > 1 && std::strcmp(argv[1], "daemon") == 0)
+    return native::runDaemon(native::DaemonParts{runner, mirrorHost, mainLoop});
+
   std::thread([] {
     static native::LineHost host(operations, queues, native::Output::shared());
     host.readRequests(0);

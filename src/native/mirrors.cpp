@@ -79,4 +79,11 @@ ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, 
   return {mirror, mirror->elementForIndex(static_cast<std::int64_t>(*generation->asNumber()), i)};
 }
 
+std::vector<std::shared_ptr<AppMirror>> Mirrors::all() {
+  std::lock_guard guard(lock_);
+  std::vector<std::shared_ptr<AppMirror>> out;
+  for (const auto& entry : mirrors_) out.push_back(entry.second);
+  return out;
+}
+
 }  // namespace glimmerstrand::native

@@ -41,6 +41,8 @@ class Mirrors {
   std::shared_ptr<AppMirror> mirror(std::int32_t pid);
   /// The mirror of `pid` if there is one; does not count as a use.
   std::shared_ptr<AppMirror> existing(std::int32_t pid);
+  /// Every mirror, in the order made.
+  std::vector<std::shared_ptr<AppMirror>> all();
   /// Watches activation on the main run loop; once, at start. REQUIRES: this
   /// Mirrors outlives the workspace (the process-wide one does).
   void startObserving();

@@ -19,8 +19,11 @@ class OverlayPainter {
   /// A new panel of `size` points, hidden (alpha 0), showing `shape` in the
   /// colour given as 0xRRGGBB.
   virtual PanelId createPanel(AxSize size, CursorShape shape, std::uint32_t colour) = 0;
-  /// Puts the panel's top-left corner at `origin`.
-  virtual void move(PanelId panel, AxPoint origin) = 0;
+  /// Moves the panel's top-left corner to `origin`, gliding over
+  /// `durationMs` (0: at once).
+  virtual void move(PanelId panel, AxPoint origin, std::int64_t durationMs) = 0;
+  /// Takes the panel off the screen for good; its id is not used again.
+  virtual void close(PanelId panel) = 0;
   /// Animates the panel's opacity to `alpha` (0 to 1) over `durationMs`.
   virtual void setAlpha(PanelId panel, double alpha, std::int64_t durationMs) = 0;
   /// Grows the panel to `scale` and back over `durationMs`, once.

@@ -147,9 +147,13 @@ class SimOverlay final : public OverlayPainter {
     panels_[id] = Panel{size, shape, colour, {0, 0}, 0};
     return id;
   }
-  void move(PanelId panel, AxPoint origin) override {
+  void move(PanelId panel, AxPoint origin, std::int64_t) override {
     std::lock_guard guard(lock_);
     if (auto it = panels_.find(panel); it != panels_.end()) it->second.origin = origin;
+  }
+  void close(PanelId panel) override {
+    std::lock_guard guard(lock_);
+    panels_.erase(panel);
   }
   void setAlpha(PanelId panel, double alpha, std::int64_t) override {
     std::lock_guard guard(lock_);

@@ -1,0 +1,25 @@
+#include "native/cypher_operation.h"
+
+#include "core/errors.h"
+#include "native/rpc_error.h"
+
+namespace glimmerstrand::native {
+
+void addCypherOperation(OperationTable& table, core::CypherRunner& runner) {
+  table.add("cypher", [&runner](const core::JSONValue& params) -> HandlerResult {
+    const auto script = requiredString("cypher", params);
+    std::optional<core::AppSelector> app;
+    if (auto a = params.find("app"); a && a->asObject()) app = core::appSelectorFromJSON(*a);
+    const bool readOnly = core::optionalBool(params, "readOnly").value_or(false);
+    try {
+      // Encoded once: a large result goes out as it is, without a second pass.
+      return RawJSON{core::jsonText(core::resultJSON(runner.run(script, app, readOnly)))};
+    } catch (const RPCError&) {
+      throw;
+    } catch (const std::exception& e) {
+      throw RPCError(core::errorCode(e).value_or("native"), core::errorMessage(e));
+    }
+  });
+}
+
+}  // namespace glimmerstrand::native

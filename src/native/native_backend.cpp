@@ -1,0 +1,128 @@
+#include "native/native_backend.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "core/errors.h"
+#include "native/rpc_error.h"
+#include "native/session_context.h"
+
+namespace glimmerstrand::native {
+
+using core::JSONValue;
+
+namespace {
+
+std::string lowerAscii(std::string text) {
+  for (auto& c : text)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return text;
+}
+
+bool sameIgnoringCase(const std::string& a, const std::string& b) { return lowerAscii(a) == lowerAscii(b); }
+
+std::string withLockMessage(const std::string& message) { return message + " (" + screenLockedNote + ")"; }
+
+}  // namespace
+
+std::optional<std::pair<std::string, std::string>> leaseKey(platform::Workspace& workspace,
+                                                            const std::optional<core::AppSelector>& app) {
+  if (!app) return std::nullopt;
+  const auto running = workspace.runningApplications();
+  if (app->pid) {
+    const auto key = "pid:" + std::to_string(*app->pid);
+    for (const auto& r : running)
+      if (r.pid == *app->pid && !r.name.empty()) return std::pair{key, r.name};
+    return std::pair{key, "pid " + std::to_string(*app->pid)};
+  }
+  const auto text = app->bundleId ? app->bundleId : app->name;
+  if (!text) return std::nullopt;
+  // One running application has one key, however the caller named it.
+  for (const auto& r : running)
+    if (sameIgnoringCase(r.bundleId.empty() ? r.name : r.bundleId, *text) || sameIgnoringCase(r.name, *text))
+      return std::pair{"pid:" + std::to_string(r.pid), r.name.empty() ? *text : r.name};
+  return std::pair{"name:" + lowerAscii(*text), *text};
+}
+
+bool NativeBackend::screenLocked() {
+  try {
+    return host_.platform().session().isScreenLocked();
+  } catch (const std::exception&) {
+    return false;  // no platform: nothing is locked that we could tell
+  }
+}
+
+core::CypherResult NativeBackend::run(const std::string& cypher, const std::optional<core::AppSelector>& app,
+                                      bool readOnly, const std::optional<std::string>& session) {
+  std::optional<std::pair<std::string, std::string>> key;
+  if (!readOnly) key = leaseKey(host_.platform().workspace(), app);
+  return coordinator_.withLease(key ? std::optional(key->first) : std::nullopt,
+                                key ? std::optional(key->second) : std::nullopt, session,
+                                [&] { return runStatements(cypher, app, readOnly, session); });
+}
+
+core::CypherResult NativeBackend::runStatements(const std::string& cypher, const std::optional<core::AppSelector>& app,
+                                                bool readOnly, const std::optional<std::string>& session) {
+  core::CypherResult result;
+  try {
+    SessionScope scope(session);
+    result = runner_.run(cypher, app, readOnly);
+  } catch (const RPCError& e) {
+    throw core::GlimmerstrandError(e.code(), screenLocked() ? withLockMessage(e.message()) : e.message());
+  } catch (const core::GlimmerstrandError& e) {
+    if (!screenLocked()) throw;
+    throw core::GlimmerstrandError(e.code(), withLockMessage(e.message()));
+  }
+  if (!screenLocked()) return result;
+  if (result.error) {
+    result.error->message = withLockMessage(result.error->message);
+  } else if (!result.results.empty()) {
+    auto& notes = result.results.front()->notes;
+    if (!notes) notes.emplace();
+    notes->insert(notes->begin(), screenLockedNote);
+  }
+  return result;
+}
+
+JSONValue NativeBackend::doctor() {
+  auto& platform = host_.platform();
+  JSONValue::Array displays;
+  for (const auto& d : platform.screen().displays()) displays.push_back(displayRecord(d));
+  JSONValue front = nullptr;
+  try {
+    front = core::toJSON(appRecord(host_.apps().frontmost()));
+  } catch (const std::exception&) {
+    // No application in front is an answer, not a failure of the doctor.
+  }
+  return JSONValue::Object{
+      {"permissions", JSONValue::Object{{"accessibility", platform.accessibility().isTrusted()},
+                                        {"screenRecording", platform.screen().hasCapturePermission()}}},
+      {"displays", std::move(displays)},
+      {"frontmost", std::move(front)}};
+}
+
+JSONValue NativeBackend::mirrors() {
+  auto all = host_.mirrors().all();
+  std::sort(all.begin(), all.end(), [](const auto& a, const auto& b) { return a->lastUsedAt() < b->lastUsedAt(); });
+  const auto running = host_.platform().workspace().runningApplications();
+  JSONValue::Array out;
+  for (const auto& mirror : all) {
+    auto summary = mirror->summary();
+    JSONValue app = nullptr, bundle = nullptr;
+    for (const auto& r : running)
+      if (r.pid == mirror->pid()) {
+        if (!r.name.empty()) app = r.name;
+        if (!r.bundleId.empty()) bundle = r.bundleId;
+      }
+    out.push_back(JSONValue::Object{{"pid", std::int64_t{mirror->pid()}},
+                                    {"app", std::move(app)},
+                                    {"bundleId", std::move(bundle)},
+                                    {"elements", summary.elements},
+                                    {"walkMs", std::round(summary.walkMs * 10) / 10},
+                                    {"ageMs", summary.ageMs ? std::round(*summary.ageMs) : -1.0},
+                                    {"generation", summary.generation}});
+  }
+  return out;
+}
+
+}  // namespace glimmerstrand::native
