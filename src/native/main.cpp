@@ -8,12 +8,16 @@
 
 #include "core/runner.h"
 #include "native/agent_cursor.h"
+#include "native/applications.h"
 #include "native/capture_operations.h"
 #include "native/cypher_operation.h"
 #include "native/daemon.h"
+#include "native/element_actions.h"
 #include "native/gateway_operations.h"
 #include "native/in_process_driver.h"
+#include "native/input.h"
 #include "native/line_protocol.h"
+#include "native/menu_cache.h"
 #include "native/mirror_operations.h"
 #include "native/operations.h"
 #include "platform/run_loop.h"
@@ -42,6 +46,10 @@ int main(int argc, char** argv) {
   static core::CypherRunner runner(driver, core::GraphMemory::shared());
   native::addProcessOperations(operations);
   native::addMirrorOperations(operations, mirrorHost);
+  native::addMenuOperations(operations, mirrorHost);
+  native::addElementOperations(operations, mirrorHost);
+  native::addInputOperations(operations, mirrorHost);
+  native::addApplicationOperations(operations, mirrorHost);
   native::addGatewayOperations(operations, native::Output::shared());
   native::addCypherOperation(operations, runner);
   if (choice.platform) {

@@ -132,6 +132,7 @@ MirrorHost::MirrorHost(platform::Platform* platform, std::string problem)
   mirrors_ = std::make_unique<Mirrors>(MirrorEnvironment{platform_->accessibility(), platform_->clock()},
                                        platform_->workspace());
   apps_ = std::make_unique<AppLookup>(platform_->workspace());
+  menus_ = std::make_unique<MenuCache>(MirrorEnvironment{platform_->accessibility(), platform_->clock()});
 }
 
 void MirrorHost::requirePlatform() const {
@@ -151,6 +152,11 @@ Mirrors& MirrorHost::mirrors() {
 AppLookup& MirrorHost::apps() {
   requirePlatform();
   return *apps_;
+}
+
+MenuCache& MirrorHost::menus() {
+  requirePlatform();
+  return *menus_;
 }
 
 void MirrorHost::startObserving() {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "native/app_lookup.h"
+#include "native/menu_cache.h"
 #include "native/mirrors.h"
 #include "native/operations.h"
 #include "platform/platform.h"
@@ -30,6 +31,8 @@ class MirrorHost {
   platform::Platform& platform();
   Mirrors& mirrors();
   AppLookup& apps();
+  /// The process's menu bar copies.
+  MenuCache& menus();
   /// Watches activation when there is a platform.
   void startObserving();
 
@@ -44,6 +47,7 @@ class MirrorHost {
   std::string problem_;
   std::unique_ptr<Mirrors> mirrors_;
   std::unique_ptr<AppLookup> apps_;
+  std::unique_ptr<MenuCache> menus_;
 
   struct Encoded {
     std::weak_ptr<const std::vector<core::AxNode>> list;

@@ -32,6 +32,12 @@ struct KeyEvent {
   std::u16string text;  // what the key types, when it types something
 };
 
+/// A modifier: its flag bit and the key that holds it down.
+struct ModifierKey {
+  std::uint64_t flag = 0;
+  std::uint16_t keyCode = 0;
+};
+
 struct ScrollEvent {
   std::int32_t verticalLines = 0;  // positive scrolls up
   std::int32_t horizontalLines = 0;
@@ -53,10 +59,12 @@ class Input {
   /// Moves the pointer without an event.
   virtual void warpPointer(AxPoint location) = 0;
 
-  /// Key names ("a", "return", "f5", "left", ...) to the backend's codes.
+  /// Lower-case key names ("a", "return", "enter", "f5", "left", ...) to the
+  /// backend's codes; every name a person may write, aliases included.
   virtual const std::unordered_map<std::string, std::uint16_t>& keyCodes() = 0;
-  /// Modifier names ("cmd", "shift", "alt", "ctrl", "fn") to flag bits.
-  virtual const std::unordered_map<std::string, std::uint64_t>& modifierFlags() = 0;
+  /// Lower-case modifier names ("cmd", "command", "shift", "alt", "option",
+  /// "ctrl", "control", "fn") to their flag bits and key codes.
+  virtual const std::unordered_map<std::string, ModifierKey>& modifierKeys() = 0;
 };
 
 }  // namespace glimmerstrand::platform

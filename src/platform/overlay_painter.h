@@ -26,7 +26,8 @@ class OverlayPainter {
   virtual void close(PanelId panel) = 0;
   /// Animates the panel's opacity to `alpha` (0 to 1) over `durationMs`.
   virtual void setAlpha(PanelId panel, double alpha, std::int64_t durationMs) = 0;
-  /// Grows the panel to `scale` and back over `durationMs`, once.
+  /// A ripple out of the arrow's tip, once: it grows from `scale` of its size
+  /// to the full size while it fades out, over `durationMs`.
   virtual void pulse(PanelId panel, double scale, std::int64_t durationMs) = 0;
 };
 

@@ -38,6 +38,17 @@ struct LaunchRequest {
   bool activates = true;
 };
 
+/// What a launch or an open brought: the application that took it, or why
+/// it failed (a description for a person). Both may be absent: done, with no
+/// application known.
+struct OpenOutcome {
+  std::optional<RunningApplication> app;
+  std::optional<std::string> error;
+};
+/// Called once when a launch or an open has finished, on any thread, possibly
+/// before the call that started it returns; possibly never.
+using OpenCompletion = std::function<void(const OpenOutcome&)>;
+
 class Workspace {
  public:
   virtual ~Workspace() = default;
@@ -58,14 +69,22 @@ class Workspace {
   /// Asks the application to quit, as a user would. True when the request
   /// was delivered; the application may still refuse.
   virtual bool terminate(std::int32_t pid) = 0;
-  /// Starts an installed application, or finds it running. Absent when no
-  /// such application is installed or it failed to start.
-  virtual std::optional<RunningApplication> launch(const LaunchRequest& request) = 0;
-  /// Opens a URL (or a file URL) with its default application.
-  virtual bool openURL(const std::string& url) = 0;
+  /// Starts an installed application, or finds it running; with `activates`
+  /// it comes to the front. Returns at once; `done` reports the outcome.
+  virtual void launch(const LaunchRequest& request, OpenCompletion done) = 0;
+  /// Opens a URL (or a file URL) with its default application. Returns at
+  /// once; `done` reports the outcome.
+  virtual void openURL(const std::string& url, bool activates, OpenCompletion done) = 0;
   /// The bundle path of the default application for a URL.
   virtual std::optional<std::string> applicationForURL(const std::string& url) = 0;
+  /// Every installed application, running or not, in a stable order.
   virtual std::vector<InstalledApplication> installedApplications() = 0;
+  /// The folders that hold installed applications, in the order a search by
+  /// name goes through them.
+  virtual std::vector<std::string> applicationDirectories() = 0;
+  /// The process that draws the open and save panels of `pid`, where the
+  /// platform runs them in a process of their own; absent otherwise.
+  virtual std::optional<std::int32_t> filePanelProcess(std::int32_t pid) = 0;
 };
 
 }  // namespace glimmerstrand::platform

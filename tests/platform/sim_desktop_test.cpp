@@ -195,9 +195,11 @@ TEST(SimDesktop, WorkspaceActivatesAndQuitsAsTheApplicationAllows) {
   EXPECT_TRUE(workspace.terminate(501));
   EXPECT_FALSE(workspace.application(501));
   EXPECT_EQ(workspace.runningApplications().size(), 1u);
-  auto relaunched = workspace.launch(LaunchRequest{"com.example.calculator", "", true});
-  ASSERT_TRUE(relaunched);
-  EXPECT_EQ(relaunched->pid, 501);
+  std::optional<OpenOutcome> relaunched;
+  workspace.launch(LaunchRequest{"com.example.calculator", "", true},
+                   [&](const OpenOutcome& outcome) { relaunched = outcome; });
+  ASSERT_TRUE(relaunched && relaunched->app);
+  EXPECT_EQ(relaunched->app->pid, 501);
   EXPECT_EQ(workspace.frontmost()->pid, 501);
 }
 

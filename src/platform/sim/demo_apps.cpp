@@ -116,11 +116,41 @@ AppSpec longList() {
   return app;
 }
 
+// Installed, not running: a note with a Format menu whose items change it.
+AppSpec notes() {
+  AppSpec app;
+  app.pid = demoNotesPid;
+  app.bundleId = "com.example.notes";
+  app.name = "Notes";
+  app.names = {{"en", "Notes"}, {"ja", "メモ"}};
+  app.running = false;
+  auto window = element("AXWindow").title("Note").subrole("AXStandardWindow").withFrame(200, 160, 480, 360);
+  window.child(element("AXTextArea")
+                   .withKey("note")
+                   .identifier("note")
+                   .value("")
+                   .withFrame(200, 188, 480, 332)
+                   .withSettable({"AXValue", "AXFocused"})
+                   .markFocused());
+  app.windows.push_back(std::move(window));
+  auto format = element("AXMenu");
+  format.child(element("AXMenuItem")
+                   .identifier("signature")
+                   .title("Insert Signature")
+                   .attribute("AXMenuItemCmdChar", "S")
+                   .pressDoes({appendEffect("note", "\n— sent from Notes")}));
+  format.child(element("AXMenuItem").identifier("clear").title("Clear").pressDoes({setEffect("note", "AXValue", "")}));
+  auto bar = menuBar({"Notes", "File", "Edit"});
+  bar.child(element("AXMenuBarItem").title("Format").withFrame(190, 0, 60, 24).child(std::move(format)));
+  app.menuBar = std::move(bar);
+  return app;
+}
+
 }  // namespace
 
 DesktopSpec demoDesktop() {
   DesktopSpec spec;
-  spec.apps = {calculator(), editor(), longList()};
+  spec.apps = {calculator(), editor(), longList(), notes()};
   return spec;
 }
 

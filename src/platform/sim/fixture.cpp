@@ -133,6 +133,10 @@ ElementSpec element(const json& j, const std::string& where) {
       spec.onReturn = effects(body, at);
     else if (key == "onFocus")
       spec.onFocus = effects(body, at);
+    else if (key == "onSetValue")
+      spec.onSetValue = effects(body, at);
+    else if (key == "ignoresFocus")
+      spec.ignoresFocus = flag(body, at);
     else if (key == "failAttributes") {
       for (const auto& name : texts(body, at)) spec.failAttributes.push_back(attributeName(name));
     } else if (key == "gone")
@@ -150,6 +154,15 @@ ElementSpec element(const json& j, const std::string& where) {
   }
   if (!spec.onPress.empty() && spec.actions.empty()) spec.actions.push_back("AXPress");
   return spec;
+}
+
+Activation activation(const json& j, const std::string& where) {
+  const std::string name = text(j, where);
+  if (name == "workspace") return Activation::workspace;
+  if (name == "accessibility") return Activation::accessibility;
+  if (name == "reopen") return Activation::reopen;
+  if (name == "never") return Activation::never;
+  fail(where, "workspace, accessibility, reopen or never is expected");
 }
 
 AppSpec app(const json& j, const std::string& where) {
@@ -186,6 +199,16 @@ AppSpec app(const json& j, const std::string& where) {
       spec.refusedNotifications = texts(body, at);
     else if (key == "urlSchemes")
       spec.urlSchemes = texts(body, at);
+    else if (key == "activation")
+      spec.activation = activation(body, at);
+    else if (key == "launchMs")
+      spec.launchMs = static_cast<std::int64_t>(number(body, at));
+    else if (key == "launchError")
+      spec.launchError = text(body, at);
+    else if (key == "quitMs")
+      spec.quitMs = static_cast<std::int64_t>(number(body, at));
+    else if (key == "filePanelPid")
+      spec.filePanelPid = static_cast<std::int32_t>(number(body, at));
     else if (key == "windows")
       spec.windows = elements(body, at);
     else if (key == "menuBar")
@@ -259,6 +282,8 @@ DesktopSpec parseFixture(std::string_view text) {
         spec.apps.push_back(app(body[i], where));
         if (!pids.insert(spec.apps.back().pid).second) fail(where + ".pid", "used twice");
       }
+    } else if (key == "applicationDirectories") {
+      spec.applicationDirectories = texts(body, key);
     } else if (key == "trusted") {
       spec.trusted = flag(body, key);
     } else if (key == "screenRecording") {

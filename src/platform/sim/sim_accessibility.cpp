@@ -88,7 +88,7 @@ class SimAccessibility final : public Accessibility {
   AxResult<bool> isSettable(const Element& element, std::string_view name) override {
     return withTarget<bool>(element, [&](SimDesktop::State::Target& target) {
       if (target.node->id == target.app->node) return appSettable(name);
-      return target.node->settable.count(std::string(name)) > 0;
+      return settable(*target.node, name);
     });
   }
 
@@ -207,6 +207,11 @@ class SimAccessibility final : public Accessibility {
     return {AxError::cannotComplete, {}};
   }
 
+  // Text elements take a selection as real ones do, whatever their fixture says.
+  bool settable(const Node& node, std::string_view name) const {
+    return node.settable.count(std::string(name)) > 0 || (name == "AXSelectedTextRange" && s_.editable(node));
+  }
+
   static bool appSettable(std::string_view name) {
     return name == "AXManualAccessibility" || name == "AXEnhancedUserInterface" || name == "AXFrontmost" ||
            name == "AXHidden";
@@ -233,7 +238,7 @@ class SimAccessibility final : public Accessibility {
       } else if (name == "AXEnhancedUserInterface") {
         app.enhancedUserInterface = truthy(value);
       } else if (name == "AXFrontmost") {
-        if (truthy(value)) s_.activate(app);
+        if (truthy(value) && app.spec.activation <= Activation::accessibility) s_.activate(app);
       } else if (name == "AXHidden") {
         app.hidden = truthy(value);
       } else {
@@ -241,8 +246,11 @@ class SimAccessibility final : public Accessibility {
       }
       return AxError::success;
     }
-    if (!target.node->settable.count(name)) return AxError::attributeUnsupported;
-    s_.setAttribute(app, *target.node, name, value, followUps);
+    Node& node = *target.node;
+    if (!settable(node, name)) return AxError::attributeUnsupported;
+    if (name == "AXFocused" && node.ignoresFocus) return AxError::success;
+    s_.setAttribute(app, node, name, value, followUps);
+    if (name == "AXValue" && !node.onSetValue.empty()) followUps.push_back({node.pid, node.id, node.onSetValue});
     return AxError::success;
   }
 

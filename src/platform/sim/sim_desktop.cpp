@@ -54,8 +54,10 @@ std::string SimElement::describe() const {
   return "sim element " + std::to_string(pid) + "/" + std::to_string(node);
 }
 
-SimDesktop::State::State(const DesktopSpec& spec, Clock& clock, RunLoop& loop) : clock(clock), loop(loop) {
+SimDesktop::State::State(const DesktopSpec& spec, Clock& clock, RunLoop& loop)
+    : clock(clock), loop(loop), laterQueue(clock.makeSerialQueue("glimmerstrand.sim.later")) {
   displays = spec.displays;
+  applicationDirectories = spec.applicationDirectories;
   if (displays.empty()) displays.push_back(DisplaySpec{});
   trusted = spec.trusted;
   screenRecording = spec.screenRecording;
@@ -243,6 +245,8 @@ std::uint64_t SimDesktop::State::build(App& app, const ElementSpec& spec, std::u
   n.onPress = spec.onPress;
   n.onReturn = spec.onReturn;
   n.onFocus = spec.onFocus;
+  n.onSetValue = spec.onSetValue;
+  n.ignoresFocus = spec.ignoresFocus;
   n.failAttributes.insert(spec.failAttributes.begin(), spec.failAttributes.end());
   n.gone = spec.gone;
   n.ticks = spec.ticks;
@@ -520,6 +524,16 @@ void SimDesktop::State::runEffects(const FollowUp& work) {
   }
 }
 
+void SimDesktop::State::later(std::int64_t ms, std::function<void(State&)> task) {
+  if (ms <= 0) {
+    task(*this);
+    return;
+  }
+  laterQueue->asyncAfter(ms * 1'000'000, [alive = std::weak_ptr<State*>(self), task = std::move(task)] {
+    if (auto state = alive.lock()) task(**state);
+  });
+}
+
 SimDesktop::SimDesktop(const DesktopSpec& spec, Clock& clock, RunLoop& mainLoop)
     : state_(std::make_unique<State>(spec, clock, mainLoop)),
       accessibility_(makeAccessibility(*state_)),
@@ -630,6 +644,16 @@ std::optional<AxValue> SimDesktop::attribute(std::int32_t pid, const std::string
 std::vector<std::string> SimDesktop::openedURLs() {
   std::lock_guard guard(state_->lock);
   return state_->openedURLs;
+}
+
+std::vector<Posted> SimDesktop::posted() {
+  std::lock_guard guard(state_->lock);
+  return state_->posted;
+}
+
+void SimDesktop::clearPosted() {
+  std::lock_guard guard(state_->lock);
+  state_->posted.clear();
 }
 
 }  // namespace glimmerstrand::platform::sim

@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "platform/accessibility.h"
@@ -28,6 +29,13 @@
 #include "platform/workspace.h"
 
 namespace glimmerstrand::platform::sim {
+
+/// An input event as it was posted, with the process it was posted to
+/// (absent: the whole session).
+struct Posted {
+  std::variant<PointerEvent, KeyEvent, ScrollEvent> event;
+  std::optional<std::int32_t> pid;
+};
 
 class SimDesktop {
  public:
@@ -73,6 +81,10 @@ class SimDesktop {
   std::optional<AxValue> attribute(std::int32_t pid, const std::string& key, const std::string& name);
   /// URLs given to Workspace::openURL, in order.
   std::vector<std::string> openedURLs();
+  /// Input events posted through Input, in order, since the start or the
+  /// last clearPosted.
+  std::vector<Posted> posted();
+  void clearPosted();
 
   struct State;  // everything behind the lock; see sim_state.h
 

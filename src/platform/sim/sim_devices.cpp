@@ -4,6 +4,7 @@
 #include <functional>
 #include <unordered_map>
 
+#include "platform/sim/recording_painter.h"
 #include "platform/sim/sim_state.h"
 
 namespace glimmerstrand::platform::sim {
@@ -138,47 +139,11 @@ class SimSession final : public Session {
   SimDesktop::State& s_;
 };
 
-// Keeps each panel's state; nothing is drawn on a simulated screen.
-class SimOverlay final : public OverlayPainter {
- public:
-  PanelId createPanel(AxSize size, CursorShape shape, std::uint32_t colour) override {
-    std::lock_guard guard(lock_);
-    PanelId id = ++lastId_;
-    panels_[id] = Panel{size, shape, colour, {0, 0}, 0};
-    return id;
-  }
-  void move(PanelId panel, AxPoint origin, std::int64_t) override {
-    std::lock_guard guard(lock_);
-    if (auto it = panels_.find(panel); it != panels_.end()) it->second.origin = origin;
-  }
-  void close(PanelId panel) override {
-    std::lock_guard guard(lock_);
-    panels_.erase(panel);
-  }
-  void setAlpha(PanelId panel, double alpha, std::int64_t) override {
-    std::lock_guard guard(lock_);
-    if (auto it = panels_.find(panel); it != panels_.end()) it->second.alpha = alpha;
-  }
-  void pulse(PanelId, double, std::int64_t) override {}
-
- private:
-  struct Panel {
-    AxSize size;
-    CursorShape shape;
-    std::uint32_t colour;
-    AxPoint origin;
-    double alpha;
-  };
-  std::mutex lock_;  // guards panels_ and lastId_
-  std::unordered_map<PanelId, Panel> panels_;
-  PanelId lastId_ = 0;
-};
-
 }  // namespace
 
 std::unique_ptr<Pasteboard> makePasteboard(SimDesktop::State& state) { return std::make_unique<SimPasteboard>(state); }
 std::unique_ptr<Screen> makeScreen(SimDesktop::State& state) { return std::make_unique<SimScreen>(state); }
 std::unique_ptr<Session> makeSession(SimDesktop::State& state) { return std::make_unique<SimSession>(state); }
-std::unique_ptr<OverlayPainter> makeOverlay(SimDesktop::State&) { return std::make_unique<SimOverlay>(); }
+std::unique_ptr<OverlayPainter> makeOverlay(SimDesktop::State&) { return std::make_unique<RecordingPainter>(); }
 
 }  // namespace glimmerstrand::platform::sim

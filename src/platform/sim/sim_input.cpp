@@ -15,32 +15,96 @@ constexpr std::uint64_t controlFlag = 1u << 18;
 
 const std::unordered_map<std::string, std::uint16_t>& keyTable() {
   static const std::unordered_map<std::string, std::uint16_t> table{
-      {"a", 0},      {"s", 1},      {"d", 2},        {"f", 3},
-      {"h", 4},      {"g", 5},      {"z", 6},        {"x", 7},
-      {"c", 8},      {"v", 9},      {"b", 11},       {"q", 12},
-      {"w", 13},     {"e", 14},     {"r", 15},       {"y", 16},
-      {"t", 17},     {"1", 18},     {"2", 19},       {"3", 20},
-      {"4", 21},     {"6", 22},     {"5", 23},       {"=", 24},
-      {"9", 25},     {"7", 26},     {"-", 27},       {"8", 28},
-      {"0", 29},     {"]", 30},     {"o", 31},       {"u", 32},
-      {"[", 33},     {"i", 34},     {"p", 35},       {"return", 36},
-      {"l", 37},     {"j", 38},     {"'", 39},       {"k", 40},
-      {";", 41},     {"\\", 42},    {",", 43},       {"/", 44},
-      {"n", 45},     {"m", 46},     {".", 47},       {"tab", 48},
-      {"space", 49}, {"`", 50},     {"delete", 51},  {"escape", 53},
-      {"f5", 96},    {"f6", 97},    {"f7", 98},      {"f3", 99},
-      {"f8", 100},   {"f9", 101},   {"f11", 103},    {"f10", 109},
-      {"f12", 111},  {"home", 115}, {"pageup", 116}, {"forwarddelete", 117},
-      {"f4", 118},   {"end", 119},  {"f2", 120},     {"pagedown", 121},
-      {"f1", 122},   {"left", 123}, {"right", 124},  {"down", 125},
+      // Letters.
+      {"a", 0},
+      {"s", 1},
+      {"d", 2},
+      {"f", 3},
+      {"h", 4},
+      {"g", 5},
+      {"z", 6},
+      {"x", 7},
+      {"c", 8},
+      {"v", 9},
+      {"b", 11},
+      {"q", 12},
+      {"w", 13},
+      {"e", 14},
+      {"r", 15},
+      {"y", 16},
+      {"t", 17},
+      {"o", 31},
+      {"u", 32},
+      {"i", 34},
+      {"p", 35},
+      {"l", 37},
+      {"j", 38},
+      {"k", 40},
+      {"n", 45},
+      {"m", 46},
+      // Digits.
+      {"1", 18},
+      {"2", 19},
+      {"3", 20},
+      {"4", 21},
+      {"6", 22},
+      {"5", 23},
+      {"9", 25},
+      {"7", 26},
+      {"8", 28},
+      {"0", 29},
+      // Punctuation.
+      {"=", 24},
+      {"-", 27},
+      {"]", 30},
+      {"[", 33},
+      {"'", 39},
+      {";", 41},
+      {"\\", 42},
+      {",", 43},
+      {"/", 44},
+      {".", 47},
+      {"`", 50},
+      // Named keys; enter is the main return key, delete and backspace both delete backward.
+      {"return", 36},
+      {"enter", 36},
+      {"tab", 48},
+      {"space", 49},
+      {"delete", 51},
+      {"backspace", 51},
+      {"escape", 53},
+      {"esc", 53},
+      {"forwarddelete", 117},
+      {"home", 115},
+      {"end", 119},
+      {"pageup", 116},
+      {"pagedown", 121},
+      {"left", 123},
+      {"right", 124},
+      {"down", 125},
       {"up", 126},
+      // Function keys.
+      {"f1", 122},
+      {"f2", 120},
+      {"f3", 99},
+      {"f4", 118},
+      {"f5", 96},
+      {"f6", 97},
+      {"f7", 98},
+      {"f8", 100},
+      {"f9", 101},
+      {"f10", 109},
+      {"f11", 103},
+      {"f12", 111},
   };
   return table;
 }
 
-const std::unordered_map<std::string, std::uint64_t>& modifierTable() {
-  static const std::unordered_map<std::string, std::uint64_t> table{
-      {"shift", 1u << 17}, {"ctrl", controlFlag}, {"alt", 1u << 19}, {"cmd", commandFlag}, {"fn", 1u << 23},
+const std::unordered_map<std::string, ModifierKey>& modifierTable() {
+  static const std::unordered_map<std::string, ModifierKey> table{
+      {"cmd", {commandFlag, 55}},     {"command", {commandFlag, 55}}, {"shift", {1u << 17, 56}},
+      {"alt", {1u << 19, 58}},        {"option", {1u << 19, 58}},     {"ctrl", {controlFlag, 59}},
+      {"control", {controlFlag, 59}}, {"fn", {1u << 23, 63}},
   };
   return table;
 }
@@ -95,6 +159,7 @@ class SimInput final : public Input {
     std::vector<FollowUp> followUps;
     {
       std::lock_guard guard(s_.lock);
+      s_.posted.push_back(Posted{event, pid});
       s_.pointer = event.location;
       if (event.action != PointerAction::up || event.button != MouseButton::left) return;
       Node* node = s_.hit(event.location.x, event.location.y, pid.value_or(0));
@@ -115,15 +180,17 @@ class SimInput final : public Input {
   // Typing goes into the focused element when it takes text; return runs its
   // onReturn effects and delete removes the last character.
   void postKey(const KeyEvent& event, std::optional<std::int32_t> pid) override {
-    if (!event.down) return;
     FollowUp work;
     std::vector<FollowUp> followUps;
     {
       std::lock_guard guard(s_.lock);
+      s_.posted.push_back(Posted{event, pid});
+      if (!event.down) return;
       App* app = s_.runningApp(pid.value_or(s_.frontmost));
       Node* focused = app ? s_.node(app->focused) : nullptr;
       if (!focused) return;
-      if (event.keyCode == keyTable().at("return")) {
+      // A text area takes a return as a new line; other elements confirm.
+      if (event.keyCode == keyTable().at("return") && !(focused->role == "AXTextArea" && focused->onReturn.empty())) {
         work = FollowUp{focused->pid, focused->id, focused->onReturn};
       } else if (s_.editable(*focused)) {
         std::string text = currentText(*focused);
@@ -139,8 +206,11 @@ class SimInput final : public Input {
   }
 
   // The simulated applications have no scroll positions yet: a scroll event
-  // moves nothing.
-  void postScroll(const ScrollEvent&, std::optional<std::int32_t>) override {}
+  // is recorded and moves nothing.
+  void postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) override {
+    std::lock_guard guard(s_.lock);
+    s_.posted.push_back(Posted{event, pid});
+  }
 
   AxPoint pointerLocation() override {
     std::lock_guard guard(s_.lock);
@@ -153,7 +223,7 @@ class SimInput final : public Input {
   }
 
   const std::unordered_map<std::string, std::uint16_t>& keyCodes() override { return keyTable(); }
-  const std::unordered_map<std::string, std::uint64_t>& modifierFlags() override { return modifierTable(); }
+  const std::unordered_map<std::string, ModifierKey>& modifierKeys() override { return modifierTable(); }
 
  private:
   static std::string currentText(const Node& node) {

@@ -48,6 +48,16 @@ ElementSpec& ElementSpec::focusDoes(std::vector<Effect> effects) {
   return *this;
 }
 
+ElementSpec& ElementSpec::setValueDoes(std::vector<Effect> effects) {
+  onSetValue = std::move(effects);
+  return *this;
+}
+
+ElementSpec& ElementSpec::markIgnoringFocus() {
+  ignoresFocus = true;
+  return *this;
+}
+
 ElementSpec& ElementSpec::failing(std::vector<std::string> names) {
   failAttributes = std::move(names);
   return *this;

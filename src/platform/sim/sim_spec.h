@@ -49,10 +49,12 @@ struct ElementSpec {
   std::vector<Effect> onPress;   // AXPress, a click
   std::vector<Effect> onReturn;  // the return key while focused, AXConfirm
   std::vector<Effect> onFocus;
+  std::vector<Effect> onSetValue;           // after AXValue is set through accessibility: a field that reformats
   std::vector<std::string> failAttributes;  // read as error values (cannotComplete)
   bool gone = false;                        // listed by its parent, but dead: every call fails with invalidElement
   bool ticks = false;                       // its AXValue counts its own reads, a change nobody announces
   bool focused = false;                     // the application's focused element at start
+  bool ignoresFocus = false;                // a set of AXFocused through accessibility succeeds and changes nothing
   std::vector<ElementSpec> children;
 
   // Builder: element("AXButton").withKey("seven").title("7").frame(...).
@@ -70,10 +72,12 @@ struct ElementSpec {
   ElementSpec& pressDoes(std::vector<Effect> effects);
   ElementSpec& returnDoes(std::vector<Effect> effects);
   ElementSpec& focusDoes(std::vector<Effect> effects);
+  ElementSpec& setValueDoes(std::vector<Effect> effects);
   ElementSpec& failing(std::vector<std::string> names);
   ElementSpec& markGone();
   ElementSpec& markTicking();
   ElementSpec& markFocused();
+  ElementSpec& markIgnoringFocus();
   ElementSpec& child(ElementSpec element);
 };
 
@@ -87,6 +91,11 @@ Effect removeEffect(std::string key);
 Effect replaceWindowEffect(ElementSpec window);
 Effect hangEffect(std::int64_t ms);
 Effect quitEffect();
+
+/// How far an application lets itself be brought to the front, from the
+/// weakest means that works: the workspace's activate, setting AXFrontmost,
+/// or reopening its bundle. A user's click always does.
+enum class Activation { workspace, accessibility, reopen, never };
 
 struct AppSpec {
   std::int32_t pid = 0;
@@ -102,8 +111,13 @@ struct AppSpec {
   bool quitRefused = false;                       // a polite terminate is ignored
   bool manualAccessibilityRefused = false;        // setting AXManualAccessibility fails
   std::vector<std::string> refusedNotifications;  // addNotification answers notificationUnsupported
-  std::vector<std::string> urlSchemes;            // opens these URLs
-  std::vector<ElementSpec> windows;               // front to back
+  std::vector<std::string> urlSchemes;            // opens these URLs ("https", "file", ...)
+  Activation activation = Activation::workspace;
+  std::int64_t launchMs = 0;         // a launch completes, and the application runs, this long after
+  std::string launchError;           // a launch fails with this description
+  std::int64_t quitMs = 0;           // a polite terminate takes effect this long after
+  std::int32_t filePanelPid = 0;     // the process that draws its open and save panels
+  std::vector<ElementSpec> windows;  // front to back
   std::optional<ElementSpec> menuBar;
   std::vector<ElementSpec> menus;  // context menus open at start: children of the application
 };
@@ -117,6 +131,9 @@ struct DisplaySpec {
 struct DesktopSpec {
   std::vector<DisplaySpec> displays;  // empty: one display of 1440 x 900 points
   std::vector<AppSpec> apps;
+  /// Folders of installed applications, in search order; an application's
+  /// bundle path lies in one of them unless its fixture says otherwise.
+  std::vector<std::string> applicationDirectories{"/usr/share/applications", "/usr/local/share/applications"};
   bool trusted = true;  // the accessibility permission
   bool screenRecording = true;
 };

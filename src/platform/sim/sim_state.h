@@ -47,9 +47,10 @@ struct Node {
   std::optional<AxRect> frame;
   std::vector<std::string> actions;
   std::set<std::string> settable;
-  std::vector<Effect> onPress, onReturn, onFocus;
+  std::vector<Effect> onPress, onReturn, onFocus, onSetValue;
   std::set<std::string> failAttributes;
   bool gone = false;
+  bool ignoresFocus = false;
   bool ticks = false;
   std::int64_t reads = 0;
   std::shared_ptr<const SimElement> handle;
@@ -110,6 +111,8 @@ struct SimDesktop::State {
   bool screenLocked = false;
   double defaultTimeoutSeconds = 6;
   std::vector<std::string> openedURLs;
+  std::vector<std::string> applicationDirectories;
+  std::vector<Posted> posted;  // every input event, in order
   AxPoint pointer{0, 0};
   std::optional<std::string> pasteboardText;
   std::vector<std::uint8_t> pasteboardImage;
@@ -165,6 +168,17 @@ struct SimDesktop::State {
   /// Runs effects in order, sleeping for hangMs with the lock released.
   /// REQUIRES: lock not held.
   void runEffects(const FollowUp& work);
+
+  /// Runs `task` once `ms` have passed on the clock, at once for 0: what an
+  /// application does a while after it was asked, such as finishing a launch.
+  /// The task takes the lock itself. A task due after the desktop has gone
+  /// is dropped. REQUIRES: lock not held.
+  void later(std::int64_t ms, std::function<void(State&)> task);
+
+  /// The worker of later().
+  std::unique_ptr<SerialQueue> laterQueue;
+  /// Expires with the state, so that a late task knows it is too late.
+  std::shared_ptr<State*> self = std::make_shared<State*>(this);
 };
 
 // The services over one state, each in its own file.

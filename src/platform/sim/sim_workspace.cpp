@@ -41,7 +41,7 @@ class SimWorkspace final : public Workspace {
     std::lock_guard guard(s_.lock);
     App* app = s_.runningApp(pid);
     if (!app) return false;
-    s_.activate(*app);
+    if (app->spec.activation == Activation::workspace) s_.activate(*app);
     return true;
   }
 
@@ -49,37 +49,76 @@ class SimWorkspace final : public Workspace {
   bool unhide(std::int32_t pid) override { return setHidden(pid, false); }
 
   bool terminate(std::int32_t pid) override {
-    std::lock_guard guard(s_.lock);
-    App* app = s_.runningApp(pid);
-    if (!app) return false;
-    // A frozen application never handles the request, and some refuse it.
-    if (!app->frozen && !app->spec.quitRefused) s_.quit(*app);
-    return true;
-  }
-
-  std::optional<RunningApplication> launch(const LaunchRequest& request) override {
-    std::lock_guard guard(s_.lock);
-    for (auto& [pid, app] : s_.apps) {
-      RunningApplication record = s_.record(app);
-      bool wanted = (!request.bundleId.empty() && record.bundleId == request.bundleId) ||
-                    (!request.path.empty() && record.bundlePath == request.path);
-      if (!wanted) continue;
-      if (!app.running) s_.start(app.spec);
-      App& started = s_.apps[pid];
-      if (request.activates) s_.activate(started);
-      return s_.record(started);
+    std::int64_t delayMs = 0;
+    {
+      std::lock_guard guard(s_.lock);
+      App* app = s_.runningApp(pid);
+      if (!app) return false;
+      // A frozen application never handles the request, and some refuse it.
+      if (app->frozen || app->spec.quitRefused) return true;
+      delayMs = app->spec.quitMs;
     }
-    return std::nullopt;
+    s_.later(delayMs, [pid](SimDesktop::State& s) {
+      std::lock_guard guard(s.lock);
+      if (App* app = s.runningApp(pid)) s.quit(*app);
+    });
+    return true;
   }
 
-  bool openURL(const std::string& url) override {
-    std::lock_guard guard(s_.lock);
-    s_.openedURLs.push_back(url);
-    App* handler = handlerOf(url);
-    if (!handler) return false;
-    if (!handler->running) s_.start(handler->spec);
-    s_.activate(s_.apps[handler->spec.pid]);
-    return true;
+  void launch(const LaunchRequest& request, OpenCompletion done) override {
+    std::optional<std::int32_t> wanted;
+    std::int64_t delayMs = 0;
+    {
+      std::lock_guard guard(s_.lock);
+      for (auto& [pid, app] : s_.apps) {
+        RunningApplication record = s_.record(app);
+        if ((!request.bundleId.empty() && record.bundleId == request.bundleId) ||
+            (request.bundleId.empty() && !request.path.empty() && record.bundlePath == request.path)) {
+          wanted = pid;
+          delayMs = app.running ? 0 : app.spec.launchMs;
+          break;
+        }
+      }
+    }
+    if (!wanted) {
+      done(OpenOutcome{std::nullopt, "このアプリは入っていません"});
+      return;
+    }
+    s_.later(delayMs, [pid = *wanted, activates = request.activates, done = std::move(done)](SimDesktop::State& s) {
+      OpenOutcome outcome;
+      {
+        std::lock_guard guard(s.lock);
+        App& app = s.apps[pid];
+        if (!app.running && !app.spec.launchError.empty()) {
+          outcome.error = app.spec.launchError;
+        } else {
+          if (!app.running) s.start(app.spec);
+          App& started = s.apps[pid];
+          if (activates && started.spec.activation != Activation::never) s.activate(started);
+          outcome.app = s.record(started);
+        }
+      }
+      done(outcome);
+    });
+  }
+
+  void openURL(const std::string& url, bool activates, OpenCompletion done) override {
+    OpenOutcome outcome;
+    {
+      std::lock_guard guard(s_.lock);
+      s_.openedURLs.push_back(url);
+      App* handler = handlerOf(url);
+      if (!handler) {
+        outcome.error = "この URL を開けるアプリがありません";
+      } else {
+        std::int32_t pid = handler->spec.pid;
+        if (!handler->running) s_.start(handler->spec);
+        App& app = s_.apps[pid];
+        if (activates && app.spec.activation != Activation::never) s_.activate(app);
+        outcome.app = s_.record(app);
+      }
+    }
+    done(outcome);
   }
 
   std::optional<std::string> applicationForURL(const std::string& url) override {
@@ -101,6 +140,18 @@ class SimWorkspace final : public Workspace {
       list.push_back(std::move(installed));
     }
     return list;
+  }
+
+  std::vector<std::string> applicationDirectories() override {
+    std::lock_guard guard(s_.lock);
+    return s_.applicationDirectories;
+  }
+
+  std::optional<std::int32_t> filePanelProcess(std::int32_t pid) override {
+    std::lock_guard guard(s_.lock);
+    App* app = s_.runningApp(pid);
+    if (!app || !app->spec.filePanelPid || !s_.runningApp(app->spec.filePanelPid)) return std::nullopt;
+    return app->spec.filePanelPid;
   }
 
  private:

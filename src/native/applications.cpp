@@ -1,0 +1,406 @@
+#include "native/applications.h"
+
+#include <png.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+
+#include "native/graphemes.h"
+#include "native/mirror_operations.h"
+#include "native/rpc_error.h"
+#include "native/text_case.h"
+
+namespace glimmerstrand::native {
+
+namespace {
+
+using core::JSONValue;
+using platform::AxValue;
+using platform::OpenOutcome;
+using platform::RunningApplication;
+
+constexpr std::int64_t msNs = 1'000'000;
+
+// Looks until `done` holds or `ms` have passed, every `stepMs`; the first look
+// comes before the first sleep.
+template <typename Done>
+bool pollFor(platform::Clock& clock, std::int64_t ms, std::int64_t stepMs, Done done) {
+  const std::int64_t start = clock.nowNs();
+  for (;;) {
+    if (done()) return true;
+    if (clock.nowNs() - start >= ms * msNs) return false;
+    clock.sleepNs(stepMs * msNs);
+  }
+}
+
+// What a launch or an open brings back. The completion fills it on a thread
+// of the platform's; the waiter reads it after its wait, and a completion
+// that comes after the waiter gave up writes into a box nobody reads.
+struct OpenBox {
+  std::mutex lock;  // guards finished and outcome
+  platform::Signal done;
+  bool finished = false;
+  OpenOutcome outcome;
+};
+
+platform::OpenCompletion completionInto(platform::Clock& clock, const std::shared_ptr<OpenBox>& box) {
+  return [&clock, box](const OpenOutcome& outcome) {
+    std::lock_guard guard(box->lock);
+    box->outcome = outcome;
+    box->finished = true;
+    clock.notifyAll(box->done);
+  };
+}
+
+// The outcome once the completion came, or as it stands after `ms`; whether it came.
+std::pair<bool, OpenOutcome> waitForOpen(platform::Clock& clock, OpenBox& box, std::int64_t ms) {
+  const std::int64_t deadline = clock.nowNs() + ms * msNs;
+  std::unique_lock guard(box.lock);
+  while (!box.finished)
+    if (!clock.waitUntil(guard, box.done, deadline) && !box.finished) break;
+  return {box.finished, box.outcome};
+}
+
+bool truthy(const AxValue& value) {
+  if (auto b = value.get<bool>()) return *b;
+  if (auto n = value.get<double>()) return *n != 0;
+  return false;
+}
+
+std::vector<Element> windowsOf(platform::Accessibility& ax, std::int32_t pid) {
+  std::vector<Element> windows;
+  if (auto list = ax.copy(ax.applicationElement(pid), "AXWindows").as<platform::AxList>())
+    for (const auto& value : *list)
+      if (auto element = value.get<Element>()) windows.push_back(*element);
+  return windows;
+}
+
+std::string titleOf(platform::Accessibility& ax, const Element& window) {
+  return ax.copy(window, "AXTitle").as<std::string>().value_or("");
+}
+
+void requireTrust(platform::Platform& platform) {
+  if (!platform.accessibility().isTrusted()) throw RPCError("permission", permissionMessage);
+}
+
+JSONValue record(const RunningApplication& app) { return core::toJSON(appRecord(app)); }
+
+std::string parentFolder(const std::string& path) {
+  auto slash = path.find_last_of('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+std::string fileStem(const std::string& path) {
+  std::string name = path.substr(path.find_last_of('/') + 1);
+  auto dot = name.find_last_of('.');
+  return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+bool hasDisplayName(const platform::InstalledApplication& app, const std::string& key) {
+  return std::any_of(app.names.begin(), app.names.end(),
+                     [&](const auto& entry) { return !entry.second.empty() && lowerText(entry.second) == key; });
+}
+
+// By bundle id, then by file name in an application folder, then by display
+// name in any language, so that a Japanese name finds an application whose
+// file has an English one.
+std::optional<platform::InstalledApplication> installedApplication(platform::Workspace& workspace,
+                                                                   const std::string& name) {
+  const auto installed = workspace.installedApplications();
+  for (const auto& app : installed)
+    if (!app.bundleId.empty() && app.bundleId == name) return app;
+  const auto folders = workspace.applicationDirectories();
+  for (const auto& folder : folders)
+    for (const auto& app : installed)
+      if (parentFolder(app.path) == folder && fileStem(app.path) == name) return app;
+  const std::string key = lowerText(name);
+  for (const auto& folder : folders)
+    for (const auto& app : installed)
+      if (parentFolder(app.path) == folder && hasDisplayName(app, key)) return app;
+  return std::nullopt;
+}
+
+JSONValue activate(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
+  auto app = host.apps().findApp(params);
+  activateApp(platform, app);
+  return record(app);
+}
+
+JSONValue apps(platform::Platform& platform, MirrorHost&, const JSONValue&) {
+  auto& workspace = platform.workspace();
+  const auto front = workspace.frontmost();
+  JSONValue::Array list;
+  for (const auto& app : workspace.runningApplications()) {
+    if (!app.regular) continue;
+    JSONValue entry = record(app);
+    core::put(*entry.asObject(), "active", front && front->pid == app.pid);
+    core::put(*entry.asObject(), "hidden", app.hidden);
+    list.push_back(std::move(entry));
+  }
+  return list;
+}
+
+JSONValue launch(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
+  const std::string name = requiredString("name", params);
+  auto& workspace = platform.workspace();
+  auto& ax = platform.accessibility();
+  auto& clock = platform.clock();
+  std::optional<RunningApplication> running;
+  try {
+    running = host.apps().findApp(JSONValue::Object{{"name", name}});
+  } catch (const RPCError& error) {
+    if (error.code() != "not_found") throw;
+  }
+  if (running) {
+    if (running->hidden || windowsOf(ax, running->pid).empty()) activateApp(platform, *running);
+    return record(*running);
+  }
+
+  auto installed = installedApplication(workspace, name);
+  if (!installed) throw RPCError("not_found", "アプリが見つかりません: " + name);
+  // Started in the background: the application does not take the front by itself.
+  platform::LaunchRequest request{installed->bundleId, installed->path, false};
+  auto box = std::make_shared<OpenBox>();
+  workspace.launch(request, completionInto(clock, box));
+  auto [finished, outcome] = waitForOpen(clock, *box, 15000);
+  if (!finished) throw RPCError("timeout", name + " の起動が終わりませんでした");
+  if (outcome.error || !outcome.app)
+    throw RPCError("native", name + " を起動できませんでした: " + outcome.error.value_or(""));
+
+  RunningApplication app = *outcome.app;
+  pollFor(clock, 5000, 50, [&] {
+    auto now = workspace.application(app.pid);
+    if (now) app = *now;
+    return now && now->finishedLaunching;
+  });
+  const bool hasWindows = pollFor(clock, 2000, 100, [&] { return !windowsOf(ax, app.pid).empty(); });
+  if (!hasWindows) activateApp(platform, app);
+  return record(app);
+}
+
+JSONValue quit(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
+  auto app = host.apps().findApp(params);
+  auto& workspace = platform.workspace();
+  const std::int64_t timeoutMs = core::optionalInt(params, "timeoutMs").value_or(5000);
+  // A polite request; nothing forces an application that refuses or asks.
+  workspace.terminate(app.pid);
+  const bool terminated = pollFor(platform.clock(), timeoutMs, 50, [&] {
+    auto now = workspace.application(app.pid);
+    return !now || now->terminated;
+  });
+  return JSONValue::Object{{"name", app.name}, {"pid", std::int64_t{app.pid}}, {"terminated", terminated}};
+}
+
+JSONValue windowRecord(platform::Accessibility& ax, const Element& window, std::size_t index) {
+  static const std::vector<std::string> names{"AXTitle", "AXMain", "AXFocused", "AXMinimized", "AXPosition", "AXSize"};
+  auto read = ax.copyMultiple(window, names);
+  std::vector<AxValue> values = read.ok() ? read.value : std::vector<AxValue>(names.size());
+  JSONValue::Object out{{"index", static_cast<std::int64_t>(index)},
+                        {"title", values[0].as<std::string>().value_or("")},
+                        {"main", truthy(values[1])},
+                        {"focused", truthy(values[2])},
+                        {"minimized", truthy(values[3])}};
+  auto position = values[4].as<platform::AxPoint>();
+  auto size = values[5].as<platform::AxSize>();
+  if (position && size)
+    core::put(
+        out, "frame",
+        JSONValue::Object{{"x", position->x}, {"y", position->y}, {"width", size->width}, {"height", size->height}});
+  return out;
+}
+
+JSONValue windows(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
+  requireTrust(platform);
+  auto app = host.apps().selectApp(params);
+  auto& ax = platform.accessibility();
+  JSONValue::Array list;
+  auto elements = windowsOf(ax, app.pid);
+  for (std::size_t n = 0; n < elements.size(); ++n) list.push_back(windowRecord(ax, elements[n], n));
+  return list;
+}
+
+std::optional<Element> chooseWindow(platform::Accessibility& ax, const std::vector<Element>& windows,
+                                    const JSONValue& params) {
+  // A numeric index wins; a title is then not looked at.
+  if (auto index = core::optionalNumber(params, "index")) {
+    const double at = std::trunc(*index);
+    if (at >= 0 && at < static_cast<double>(windows.size())) return windows[static_cast<std::size_t>(at)];
+    return std::nullopt;
+  }
+  const std::string needle = lowerText(core::optionalString(params, "title").value_or(""));
+  std::vector<std::string> titles;
+  for (const auto& window : windows) titles.push_back(lowerText(titleOf(ax, window)));
+  for (std::size_t n = 0; n < windows.size(); ++n)
+    if (titles[n] == needle) return windows[n];
+  for (std::size_t n = 0; n < windows.size(); ++n)
+    if (titles[n].find(needle) != std::string::npos) return windows[n];
+  return std::nullopt;
+}
+
+JSONValue raiseWindow(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
+  requireTrust(platform);
+  auto app = host.apps().selectApp(params);
+  auto& ax = platform.accessibility();
+  auto window = chooseWindow(ax, windowsOf(ax, app.pid), params);
+  if (!window) throw RPCError("not_found", "ウィンドウが見つかりません");
+  // None of these is checked: the caller sees the state afterwards.
+  ax.set(*window, "AXMinimized", false);
+  ax.perform(*window, "AXRaise");
+  ax.set(*window, "AXMain", true);
+  activateApp(platform, app);
+  return JSONValue::Object{{"title", titleOf(ax, *window)}};
+}
+
+JSONValue clipboard(platform::Platform& platform, MirrorHost&, const JSONValue&) {
+  auto text = platform.pasteboard().readText();
+  return JSONValue::Object{{"text", text ? JSONValue(*text) : JSONValue()}};
+}
+
+JSONValue setClipboard(platform::Platform& platform, MirrorHost&, const JSONValue& params) {
+  const std::string text = requiredString("text", params);
+  auto& pasteboard = platform.pasteboard();
+  pasteboard.clear();
+  pasteboard.writeText(text);
+  return JSONValue::Object{{"length", static_cast<std::int64_t>(graphemeCount(text))}};
+}
+
+std::string homeFolder(const std::string& user) {
+  if (user.empty())
+    if (const char* home = std::getenv("HOME"); home && *home) return home;
+  std::vector<char> buffer(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  int error = user.empty() ? getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found)
+                           : getpwnam_r(user.c_str(), &entry, buffer.data(), buffer.size(), &found);
+  if (error != 0 || !found || !found->pw_dir) return {};
+  return found->pw_dir;
+}
+
+// "~" and "~name" at the start stand for home folders; an unknown name stays.
+std::string expandTilde(const std::string& path) {
+  if (path.empty() || path[0] != '~') return path;
+  const auto slash = path.find('/');
+  const std::string user = path.substr(1, slash == std::string::npos ? std::string::npos : slash - 1);
+  const std::string home = homeFolder(user);
+  if (home.empty()) return path;
+  return home + (slash == std::string::npos ? "" : path.substr(slash));
+}
+
+std::string fileURL(const std::string& path) {
+  static const char hex[] = "0123456789ABCDEF";
+  std::string url = "file://";
+  for (unsigned char c : path) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       std::string_view("/-._~!$&'()*+,;=:@").find(static_cast<char>(c)) != std::string_view::npos;
+    if (plain) {
+      url += static_cast<char>(c);
+    } else {
+      url += '%';
+      url += hex[c >> 4];
+      url += hex[c & 15];
+    }
+  }
+  return url;
+}
+
+// A scheme, a colon, and no white space or control characters.
+bool isURL(const std::string& text) {
+  const auto colon = text.find(':');
+  if (colon == std::string::npos || colon == 0 || !std::isalpha(static_cast<unsigned char>(text[0]))) return false;
+  for (std::size_t n = 1; n < colon; ++n) {
+    const unsigned char c = static_cast<unsigned char>(text[n]);
+    if (!std::isalnum(c) && c != '+' && c != '-' && c != '.') return false;
+  }
+  return std::none_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) <= 0x20; });
+}
+
+std::optional<RunningApplication> runningHandler(platform::Workspace& workspace, const std::string& url) {
+  auto path = workspace.applicationForURL(url);
+  if (!path) return std::nullopt;
+  for (const auto& installed : workspace.installedApplications()) {
+    if (installed.path != *path || installed.bundleId.empty()) continue;
+    for (const auto& app : workspace.runningApplications())
+      if (app.bundleId == installed.bundleId) return app;
+  }
+  return std::nullopt;
+}
+
+JSONValue openURL(platform::Platform& platform, MirrorHost&, const JSONValue& params) {
+  const std::string text = requiredString("url", params);
+  std::string url;
+  if (!text.empty() && (text[0] == '/' || text[0] == '~'))
+    url = fileURL(expandTilde(text));
+  else if (isURL(text))
+    url = text;
+  else
+    throw RPCError("invalid_argument", "URL かファイルのパスを渡してください: " + text);
+  auto& workspace = platform.workspace();
+  auto box = std::make_shared<OpenBox>();
+  workspace.openURL(url, true, completionInto(platform.clock(), box));
+  // No answer in time is no failure: the box is read as it stands.
+  auto [finished, outcome] = waitForOpen(platform.clock(), *box, 3000);
+  if (outcome.error) throw RPCError("no_action", "開けませんでした: " + text + ": " + *outcome.error);
+  auto app = outcome.app ? outcome.app : runningHandler(workspace, url);
+  JSONValue appRecord;
+  if (app) {
+    activateApp(platform, *app);
+    appRecord = record(*app);
+  }
+  return JSONValue::Object{{"url", url}, {"app", std::move(appRecord)}};
+}
+
+}  // namespace
+
+bool isFrontmost(platform::Workspace& workspace, std::int32_t pid) {
+  auto front = workspace.frontmost();
+  return front && front->pid == pid;
+}
+
+void activateApp(platform::Platform& platform, const RunningApplication& app) {
+  auto& workspace = platform.workspace();
+  auto& clock = platform.clock();
+  auto& ax = platform.accessibility();
+  auto inFront = [&] { return isFrontmost(workspace, app.pid); };
+  workspace.unhide(app.pid);
+  workspace.activate(app.pid);
+  if (pollFor(clock, 300, 20, inFront)) return;
+  ax.set(ax.applicationElement(app.pid), "AXFrontmost", true);
+  if (pollFor(clock, 500, 20, inFront)) return;
+  if (app.bundlePath.empty()) return;
+  workspace.launch(platform::LaunchRequest{app.bundleId, app.bundlePath, true}, [](const OpenOutcome&) {});
+  pollFor(clock, 1500, 20, inFront);
+}
+
+ImageSize copyImage(platform::Platform& platform, const std::vector<std::uint8_t>& data) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  if (data.empty() || !png_image_begin_read_from_memory(&image, data.data(), data.size()))
+    throw RPCError("invalid_argument", "画像を読めません");
+  const ImageSize size{image.width, image.height};
+  png_image_free(&image);
+  auto& pasteboard = platform.pasteboard();
+  pasteboard.clear();
+  pasteboard.writeImage(platform::ImageFormat::png, data);
+  return size;
+}
+
+void addApplicationOperations(OperationTable& table, MirrorHost& host) {
+  using Operation = JSONValue (*)(platform::Platform&, MirrorHost&, const JSONValue&);
+  const std::pair<const char*, Operation> operations[] = {
+      {"activate", activate},   {"apps", apps},
+      {"launch", launch},       {"quit", quit},
+      {"windows", windows},     {"raiseWindow", raiseWindow},
+      {"clipboard", clipboard}, {"setClipboard", setClipboard},
+      {"openURL", openURL},
+  };
+  for (const auto& [name, operation] : operations)
+    table.add(name, [&host, operation](const JSONValue& params) -> HandlerResult {
+      return operation(host.platform(), host, params);
+    });
+}
+
+}  // namespace glimmerstrand::native

@@ -1,0 +1,363 @@
+#include "native/element_actions.h"
+
+#include <algorithm>
+#include <cmath>
+#include <unordered_set>
+
+#include "native/graphemes.h"
+#include "native/menu_cache.h"
+#include "native/mirror_operations.h"
+#include "native/rpc_error.h"
+
+namespace glimmerstrand::native {
+
+namespace {
+
+using core::JSONValue;
+using platform::AxError;
+using platform::AxValue;
+
+constexpr std::int64_t msNs = 1'000'000;
+constexpr int pressTargetLevels = 5;
+constexpr int focusAncestors = 7;
+constexpr std::int64_t readTextMaxDepth = 64;
+constexpr std::int64_t readTextMaxTaken = 20000;
+
+std::string number(AxError error) { return std::to_string(static_cast<std::int32_t>(error)); }
+
+double millisecondsSince(platform::Clock& clock, std::int64_t start) {
+  return static_cast<double>(clock.nowNs() - start) / 1e6;
+}
+
+std::vector<std::string> actionsOf(platform::Accessibility& ax, const Element& element) {
+  auto names = ax.actionNames(element);
+  return names.ok() ? names.value : std::vector<std::string>{};
+}
+
+bool contains(const std::vector<std::string>& names, std::string_view name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+bool isSettable(platform::Accessibility& ax, const Element& element, std::string_view name) {
+  auto settable = ax.isSettable(element, name);
+  return settable.ok() && settable.value;
+}
+
+std::optional<Element> parentOf(platform::Accessibility& ax, const Element& element) {
+  auto parent = ax.copy(element, "AXParent").as<Element>();
+  if (!parent || parent->isNull()) return std::nullopt;
+  return parent;
+}
+
+ResolvedElement resolve(MirrorHost& host, const JSONValue& params) {
+  return resolveElement(host.mirrors(), params, [&host](AppMirror& mirror, std::int64_t uid) {
+    return host.menus().elementForMenuUid(mirror.pid(), uid);
+  });
+}
+
+// What a press worker and its waiter share. The worker may go on after the
+// waiter has left, so it is shared by reference count.
+struct PressBox {
+  std::mutex lock;  // guards finished and error
+  platform::Signal done;
+  bool finished = false;
+  AxError error = AxError::success;
+};
+
+// Presses on a worker that is never joined, and waits in slices of 1 ms for
+// the call, for a first notification (unless `waitComplete`), or for the
+// deadline. True when the call completed in time.
+bool pressOnWorker(MirrorEnvironment environment, AppMirror& mirror, const Element& target, std::int64_t before,
+                   bool waitComplete, std::int64_t timeoutMs) {
+  auto& clock = environment.clock;
+  auto box = std::make_shared<PressBox>();
+  auto worker = clock.makeSerialQueue("glimmerstrand.press");
+  worker->async([&ax = environment.accessibility, &clock, target, box] {
+    AxError error = ax.perform(target, "AXPress");
+    std::lock_guard guard(box->lock);
+    box->error = error;
+    box->finished = true;
+    clock.notifyAll(box->done);
+  });
+  const std::int64_t deadline = clock.nowNs() + std::max<std::int64_t>(timeoutMs, 0) * msNs;
+  for (;;) {
+    std::optional<AxError> result;
+    {
+      std::unique_lock guard(box->lock);
+      if (!box->finished) {
+        const std::int64_t now = clock.nowNs();
+        if (now >= deadline) return false;
+        clock.waitUntil(guard, box->done, std::min(now + msNs, deadline));
+      }
+      if (box->finished) result = box->error;
+    }
+    if (result) {
+      if (*result == AxError::success) return true;
+      throw RPCError(*result == AxError::invalidElement ? "stale" : "native", "押せませんでした: " + number(*result));
+    }
+    // The application is reacting: its effect shows through the mirror.
+    if (!waitComplete && mirror.notificationCount() > before) return false;
+  }
+}
+
+JSONValue press(MirrorHost& host, const JSONValue& params) {
+  auto& platform = host.platform();
+  auto& clock = platform.clock();
+  auto& ax = platform.accessibility();
+  const std::int64_t start = clock.nowNs();
+  auto [mirror, element] = resolve(host, params);
+  const bool waitComplete = core::optionalBool(params, "waitComplete").value_or(false);
+  const std::int64_t timeoutMs = core::optionalInt(params, "timeoutMs").value_or(1000);
+  const Element target = pressTarget(ax, element);
+  const std::int64_t before = mirror->notificationCount();
+  auto names = ax.actionNames(target);
+  // The element went between the copy and now.
+  if (names.error == AxError::invalidElement) throw RPCError("stale", "押せませんでした: " + number(names.error));
+  const auto actions = names.ok() ? names.value : std::vector<std::string>{};
+
+  std::string method;
+  bool completed = true;
+  if (contains(actions, "AXPress")) {
+    method = "press";
+    completed = pressOnWorker({ax, clock}, *mirror, target, before, waitComplete, timeoutMs);
+  } else if (isSettable(ax, target, "AXSelected")) {
+    method = "select";
+    if (auto error = ax.set(target, "AXSelected", true); error != AxError::success)
+      throw RPCError("no_action", "選べませんでした: " + number(error));
+  } else if (isSettable(ax, target, "AXFocused")) {
+    method = "focus";
+    if (auto error = ax.set(target, "AXFocused", true); error != AxError::success)
+      throw RPCError("native", "フォーカスを当てられませんでした: " + number(error));
+  } else {
+    JSONValue::Array names(actions.begin(), actions.end());
+    throw RPCError("no_action", "この要素は押せません。actions=" + core::jsonText(names));
+  }
+  return JSONValue::Object{{"method", method},
+                           {"completed", completed},
+                           {"notificationsBefore", before},
+                           {"elapsedMs", millisecondsSince(clock, start)}};
+}
+
+JSONValue focus(MirrorHost& host, const JSONValue& params) {
+  auto& platform = host.platform();
+  auto& ax = platform.accessibility();
+  auto [mirror, element] = resolve(host, params);
+  const std::int64_t before = mirror->notificationCount();
+  if (auto error = ax.set(element, "AXFocused", true); error != AxError::success)
+    throw RPCError("no_action", "フォーカスを当てられませんでした: " + number(error));
+  // The same bound on the application's answers as the mirror's own element.
+  Element app = ax.applicationElement(mirror->pid());
+  ax.setMessagingTimeout(app, 0.3);
+  const MirrorEnvironment environment{ax, platform.clock()};
+  std::string method = "focus";
+  bool moved = waitFocusInside(environment, app, element, 150);
+  // Some controls take the focus only when pressed.
+  if (!moved && contains(actionsOf(ax, element), "AXPress") && ax.perform(element, "AXPress") == AxError::success) {
+    method = "press";
+    moved = waitFocusInside(environment, app, element, 300);
+  }
+  return JSONValue::Object{{"notificationsBefore", before}, {"method", method}, {"moved", moved}};
+}
+
+JSONValue setValue(MirrorHost& host, const JSONValue& params) {
+  auto& platform = host.platform();
+  auto& clock = platform.clock();
+  auto& ax = platform.accessibility();
+  const std::int64_t start = clock.nowNs();
+  auto [mirror, element] = resolve(host, params);
+  const std::string text = requiredString("text", params);
+  const std::int64_t before = mirror->notificationCount();
+  if (!isSettable(ax, element, "AXValue")) throw RPCError("no_action", "この要素の値は書き換えられません");
+  if (auto error = ax.set(element, "AXValue", text); error != AxError::success)
+    throw RPCError("no_action", "値を書き換えられませんでした: " + number(error));
+  // An application may take the write and show something else: not a failure.
+  bool applied = false;
+  for (int read = 0; read < 10 && !applied; ++read) {
+    if (read > 0) clock.sleepNs(20 * msNs);
+    auto value = ax.copy(element, "AXValue");
+    applied = value.get<std::string>() && *value.get<std::string>() == text;
+  }
+  return JSONValue::Object{
+      {"applied", applied}, {"notificationsBefore", before}, {"elapsedMs", millisecondsSince(clock, start)}};
+}
+
+JSONValue selectAll(MirrorHost& host, const JSONValue& params) {
+  auto& ax = host.platform().accessibility();
+  auto [mirror, element] = resolve(host, params);
+  std::int64_t length = 0;
+  if (auto count = ax.copy(element, "AXNumberOfCharacters").as<double>()) {
+    length = static_cast<std::int64_t>(*count);
+  } else if (auto value = ax.copy(element, "AXValue").as<std::string>()) {
+    length = static_cast<std::int64_t>(utf16Length(*value));
+  }
+  if (auto error = ax.set(element, "AXSelectedTextRange", platform::AxRange{0, length}); error != AxError::success)
+    throw RPCError("no_action", "文字を選べませんでした: " + number(error));
+  return JSONValue::Object{{"length", length}};
+}
+
+JSONValue readText(MirrorHost& host, const JSONValue& params) {
+  auto& ax = host.platform().accessibility();
+  auto [mirror, element] = resolve(host, params);
+  auto result = readElementText(ax, element, core::optionalBool(params, "deep").value_or(true),
+                                core::optionalInt(params, "maxChars").value_or(100000));
+  return core::toJSON(result);
+}
+
+JSONValue inspect(MirrorHost& host, const JSONValue& params) {
+  auto& ax = host.platform().accessibility();
+  auto [mirror, element] = resolve(host, params);
+  JSONValue::Array actions;
+  for (const auto& name : actionsOf(ax, element)) {
+    auto description = ax.actionDescription(element, name);
+    actions.push_back(JSONValue::Object{{"name", name}, {"description", description.ok() ? description.value : ""}});
+  }
+  JSONValue::Array attributes;
+  auto names = ax.attributeNames(element);
+  for (const auto& name : names.ok() ? names.value : std::vector<std::string>{}) {
+    attributes.push_back(JSONValue::Object{{"name", name},
+                                           {"value", inspectValueText(ax, ax.copy(element, name))},
+                                           {"settable", isSettable(ax, element, name)}});
+  }
+  return JSONValue::Object{{"actions", std::move(actions)}, {"attributes", std::move(attributes)}};
+}
+
+JSONValue elementFrame(MirrorHost& host, const JSONValue& params) {
+  auto& ax = host.platform().accessibility();
+  auto [mirror, element] = resolve(host, params);
+  auto position = ax.copy(element, "AXPosition").as<platform::AxPoint>();
+  auto size = ax.copy(element, "AXSize").as<platform::AxSize>();
+  if (!position || !size) throw RPCError("stale", "要素の位置を読めませんでした");
+  return JSONValue::Object{{"x", position->x}, {"y", position->y}, {"width", size->width}, {"height", size->height}};
+}
+
+JSONValue showMenu(MirrorHost& host, const JSONValue& params) {
+  auto& ax = host.platform().accessibility();
+  auto [mirror, element] = resolve(host, params);
+  const std::int64_t before = mirror->notificationCount();
+  if (auto error = ax.perform(element, "AXShowMenu"); error != AxError::success)
+    throw RPCError("no_action", "メニューを開けませんでした: " + number(error));
+  return JSONValue::Object{{"notificationsBefore", before}};
+}
+
+std::string wholeNumber(double value) {
+  return std::isfinite(value) ? std::to_string(static_cast<std::int64_t>(value)) : "0";
+}
+
+}  // namespace
+
+Element pressTarget(platform::Accessibility& ax, const Element& element) {
+  Element current = element;
+  for (int turn = 0; turn < pressTargetLevels; ++turn) {
+    if (contains(actionsOf(ax, current), "AXPress") || isSettable(ax, current, "AXSelected")) return current;
+    auto parent = parentOf(ax, current);
+    if (!parent) break;
+    current = *parent;
+  }
+  return element;
+}
+
+bool waitFocusInside(MirrorEnvironment environment, const Element& app, const Element& target, std::int64_t ms) {
+  auto& ax = environment.accessibility;
+  auto& clock = environment.clock;
+  const std::int64_t start = clock.nowNs();
+  for (;;) {
+    if (auto focused = ax.copy(app, "AXFocusedUIElement").as<Element>(); focused && !focused->isNull()) {
+      std::optional<Element> current = *focused;
+      for (int level = 0; current && level <= focusAncestors; ++level) {
+        if (*current == target) return true;
+        current = parentOf(ax, *current);
+      }
+    }
+    clock.sleepNs(15 * msNs);
+    if (clock.nowNs() - start >= ms * msNs) return false;
+  }
+}
+
+core::ReadTextResult readElementText(platform::Accessibility& ax, const Element& element, bool deep,
+                                     std::int64_t maxChars) {
+  struct Entry {
+    Element element;
+    std::int64_t depth;
+  };
+  static const std::vector<std::string> textAttributes{"AXTitle", "AXValue", "AXDescription"};
+  std::vector<Entry> stack{{element, 0}};
+  std::unordered_set<Element, platform::ElementHash> seen;
+  std::vector<std::string> parts;
+  std::int64_t count = 0;
+  for (std::int64_t taken = 0; !stack.empty() && count < maxChars && taken < readTextMaxTaken; ++taken) {
+    Entry entry = std::move(stack.back());
+    stack.pop_back();
+    if (!seen.insert(entry.element).second) continue;
+    auto values = ax.copyMultiple(entry.element, textAttributes);
+    for (const auto& value : values.ok() ? values.value : std::vector<AxValue>{}) {
+      auto text = value.get<std::string>();
+      if (!text) continue;
+      std::string part = trimmedText(*text);
+      if (part.empty() || (!parts.empty() && parts.back() == part)) continue;
+      count += static_cast<std::int64_t>(graphemeCount(part));
+      parts.push_back(std::move(part));
+      break;
+    }
+    if (!deep || entry.depth >= readTextMaxDepth) continue;
+    if (auto children = ax.copy(entry.element, "AXChildren").as<platform::AxList>())
+      for (auto child = children->rbegin(); child != children->rend(); ++child)
+        if (auto childElement = child->get<Element>()) stack.push_back({*childElement, entry.depth + 1});
+  }
+  std::string joined;
+  for (const auto& part : parts) {
+    if (!joined.empty()) joined += '\n';
+    joined += part;
+  }
+  const auto limit = static_cast<std::size_t>(std::max<std::int64_t>(maxChars, 0));
+  const bool longer = graphemeCount(joined) > limit;
+  return core::ReadTextResult{longer ? graphemePrefix(joined, limit) : joined, longer || count >= maxChars};
+}
+
+std::string inspectValueText(platform::Accessibility& ax, const AxValue& value) {
+  struct Text {
+    platform::Accessibility& ax;
+    std::string operator()(std::monostate) const { return "null"; }
+    std::string operator()(AxError) const { return "null"; }
+    std::string operator()(bool b) const { return b ? "1" : "0"; }
+    std::string operator()(double d) const { return cypher::numberText(d); }
+    std::string operator()(const std::string& s) const {
+      return graphemeCount(s) > 200 ? graphemePrefix(s, 200) + "…" : s;
+    }
+    std::string operator()(const platform::AxUrl& url) const { return url.text; }
+    std::string operator()(const platform::AxPoint& p) const {
+      return "(" + wholeNumber(p.x) + ", " + wholeNumber(p.y) + ")";
+    }
+    std::string operator()(const platform::AxSize& s) const {
+      return wholeNumber(s.width) + "x" + wholeNumber(s.height);
+    }
+    std::string operator()(const platform::AxRect& r) const {
+      return "(" + wholeNumber(r.x) + ", " + wholeNumber(r.y) + ") " + wholeNumber(r.width) + "x" +
+             wholeNumber(r.height);
+    }
+    std::string operator()(const platform::AxRange& r) const {
+      return "range " + std::to_string(r.location) + "+" + std::to_string(r.length);
+    }
+    std::string operator()(const Element& element) const {
+      auto role = ax.copy(element, "AXRole").as<std::string>();
+      return "element " + role.value_or("");
+    }
+    std::string operator()(const platform::AxList& list) const { return "[" + std::to_string(list.size()) + " items]"; }
+    std::string operator()(const platform::AxOpaque& opaque) const {
+      if (opaque.description.find("TextMarker") != std::string::npos) return "";
+      return graphemePrefix(opaque.description, 120);
+    }
+  };
+  return std::visit(Text{ax}, value.value);
+}
+
+void addElementOperations(OperationTable& table, MirrorHost& host) {
+  using Operation = JSONValue (*)(MirrorHost&, const JSONValue&);
+  const std::pair<const char*, Operation> operations[] = {
+      {"press", press},       {"focus", focus},     {"setValue", setValue},         {"selectAll", selectAll},
+      {"readText", readText}, {"inspect", inspect}, {"elementFrame", elementFrame}, {"showMenu", showMenu},
+  };
+  for (const auto& [name, operation] : operations)
+    table.add(name, [&host, operation](const JSONValue& params) -> HandlerResult { return operation(host, params); });
+}
+
+}  // namespace glimmerstrand::native

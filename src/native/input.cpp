@@ -1,0 +1,283 @@
+#include "native/input.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <unordered_map>
+
+#include "native/graphemes.h"
+#include "native/mirror_operations.h"
+#include "native/rpc_error.h"
+#include "native/text_case.h"
+
+namespace glimmerstrand::native {
+
+namespace {
+
+using core::JSONValue;
+using platform::AxPoint;
+using platform::MouseButton;
+using platform::PointerAction;
+using platform::PointerEvent;
+
+constexpr std::int64_t msNs = 1'000'000;
+constexpr int maxScrollEvents = 400;
+constexpr double pointsPerLine = 40;
+// Pauses are counted in microseconds of 32 bits: longer ones are cut there.
+constexpr double maxPauseMs = 4294967.295;
+
+std::int64_t pauseNs(double ms) { return static_cast<std::int64_t>(std::clamp(ms, 0.0, maxPauseMs) * 1e6); }
+
+// A number of the parameters made a 32-bit integer, dropping any fraction.
+std::int32_t whole32(double value) {
+  if (std::isnan(value)) return 0;
+  return static_cast<std::int32_t>(std::clamp(std::trunc(value), double{std::numeric_limits<std::int32_t>::min()},
+                                              double{std::numeric_limits<std::int32_t>::max()}));
+}
+
+std::optional<std::int32_t> optionalPid(const JSONValue& params) {
+  auto pid = core::optionalNumber(params, "pid");
+  if (!pid) return std::nullopt;
+  if (!(*pid >= std::numeric_limits<std::int32_t>::min() && *pid <= std::numeric_limits<std::int32_t>::max()))
+    throw RPCError("invalid_argument", "pid が範囲外です: " + cypher::numberText(*pid));
+  return static_cast<std::int32_t>(*pid);
+}
+
+const std::unordered_map<std::string, std::string>& typingKeyNames() {
+  static const std::unordered_map<std::string, std::string> names{
+      {" ", "space"}, {"\n", "return"}, {"\r", "return"}, {"\t", "tab"}};
+  return names;
+}
+
+PointerEvent pointer(PointerAction action, AxPoint at, MouseButton button = MouseButton::left,
+                     std::int64_t clickState = 1) {
+  PointerEvent event;
+  event.action = action;
+  event.button = button;
+  event.clickState = clickState;
+  event.location = at;
+  return event;
+}
+
+JSONValue move(platform::Platform& platform, const JSONValue& params) {
+  const double x = requiredNumber("x", params);
+  const double y = requiredNumber("y", params);
+  platform.input().postPointer(pointer(PointerAction::moved, {x, y}), std::nullopt);
+  return JSONValue::Object{{"x", x}, {"y", y}};
+}
+
+JSONValue click(platform::Platform& platform, const JSONValue& params) {
+  const double x = requiredNumber("x", params);
+  const double y = requiredNumber("y", params);
+  const MouseButton button = core::optionalString(params, "button") == "right" ? MouseButton::right : MouseButton::left;
+  const std::int64_t count = std::max<std::int64_t>(core::optionalInt(params, "count").value_or(1), 1);
+  const std::int64_t holdNs = pauseNs(core::optionalNumber(params, "holdMs").value_or(0));
+  auto& input = platform.input();
+  input.postPointer(pointer(PointerAction::moved, {x, y}), std::nullopt);
+  for (std::int64_t n = 1; n <= count; ++n) {
+    input.postPointer(pointer(PointerAction::down, {x, y}, button, n), std::nullopt);
+    if (holdNs > 0) platform.clock().sleepNs(holdNs);
+    input.postPointer(pointer(PointerAction::up, {x, y}, button, n), std::nullopt);
+  }
+  return JSONValue::Object{{"x", x}, {"y", y}, {"count", count}};
+}
+
+JSONValue drag(platform::Platform& platform, const JSONValue& params) {
+  const AxPoint from{requiredNumber("x1", params), requiredNumber("y1", params)};
+  const AxPoint to{requiredNumber("x2", params), requiredNumber("y2", params)};
+  const std::int64_t steps = std::max<std::int64_t>(core::optionalInt(params, "steps").value_or(12), 2);
+  auto& input = platform.input();
+  auto& clock = platform.clock();
+  input.postPointer(pointer(PointerAction::moved, from), std::nullopt);
+  input.postPointer(pointer(PointerAction::down, from), std::nullopt);
+  clock.sleepNs(60 * msNs);
+  for (std::int64_t n = 1; n <= steps; ++n) {
+    const double share = static_cast<double>(n) / static_cast<double>(steps);
+    const AxPoint at{from.x + (to.x - from.x) * share, from.y + (to.y - from.y) * share};
+    input.postPointer(pointer(PointerAction::dragged, at), std::nullopt);
+    clock.sleepNs(16 * msNs);
+  }
+  clock.sleepNs(60 * msNs);
+  input.postPointer(pointer(PointerAction::up, to), std::nullopt);
+  return JSONValue::Object{{"from", JSONValue::Array{from.x, from.y}}, {"to", JSONValue::Array{to.x, to.y}}};
+}
+
+int sign(std::int64_t n) { return (n > 0) - (n < 0); }
+
+JSONValue scroll(platform::Platform& platform, const JSONValue& params) {
+  const std::int32_t dx = whole32(core::optionalNumber(params, "dx").value_or(0));
+  const std::int32_t dy = whole32(core::optionalNumber(params, "dy").value_or(0));
+  const auto x = core::optionalNumber(params, "x");
+  const std::optional<double> y = x ? std::optional(requiredNumber("y", params)) : std::nullopt;
+  auto& input = platform.input();
+  auto& clock = platform.clock();
+  const AxPoint home = input.pointerLocation();
+  if (x) {
+    input.warpPointer({*x, *y});
+    clock.sleepNs(15 * msNs);
+  }
+  auto yLines = static_cast<std::int64_t>(std::round(dy / pointsPerLine));
+  auto xLines = static_cast<std::int64_t>(std::round(dx / pointsPerLine));
+  // One event goes out even with nothing to scroll, and at most 400 lines.
+  for (int n = 0; n < maxScrollEvents; ++n) {
+    const int sy = sign(yLines), sx = sign(xLines);
+    input.postScroll(platform::ScrollEvent{sy, sx, 0}, std::nullopt);
+    yLines -= sy;
+    xLines -= sx;
+    clock.sleepNs(6 * msNs);
+    if (yLines == 0 && xLines == 0) break;
+  }
+  if (x) {
+    clock.sleepNs(30 * msNs);
+    input.warpPointer(home);
+  }
+  return JSONValue::Object{{"dx", std::int64_t{dx}}, {"dy", std::int64_t{dy}}};
+}
+
+JSONValue key(platform::Platform& platform, const JSONValue& params) {
+  const std::string keys = requiredString("key", params);
+  const auto pid = optionalPid(params);
+  auto events = keyComboEvents(platform.input(), keys);
+  std::optional<std::int32_t> target;
+  if (pid) target = redirectedPid(platform.accessibility(), platform.workspace(), *pid);
+  for (const auto& event : events) platform.input().postKey(event, target);
+  return JSONValue::Object{{"key", lowerText(keys)}};
+}
+
+JSONValue type(platform::Platform& platform, const JSONValue& params) {
+  const std::string text = requiredString("text", params);
+  const std::int64_t intervalNs = pauseNs(core::optionalNumber(params, "intervalMs").value_or(4.0));
+  const auto pid = optionalPid(params);
+  auto& ax = platform.accessibility();
+  std::optional<std::int32_t> target;
+  TypingWatch before;
+  if (pid) {
+    target = redirectedPid(ax, platform.workspace(), *pid);
+    // What the application itself shows, even when its keys go to a panel.
+    before = watchFocusedText(ax, *pid);
+  }
+  auto events = typingEvents(platform.input(), text);
+  for (std::size_t n = 0; n < events.size(); ++n) {
+    platform.input().postKey(events[n], target);
+    if (n % 2 == 1 && intervalNs > 0) platform.clock().sleepNs(intervalNs);
+  }
+  const bool seen = pid ? textSeen({ax, platform.clock()}, text, before) : true;
+  return JSONValue::Object{{"length", static_cast<std::int64_t>(graphemeCount(text))}, {"seen", seen}};
+}
+
+bool hasFilePanel(platform::Accessibility& ax, std::int32_t pid) {
+  Element app = ax.applicationElement(pid);
+  auto window = ax.copy(app, "AXFocusedWindow").as<Element>();
+  if (!window || window->isNull()) window = ax.copy(app, "AXMainWindow").as<Element>();
+  if (!window || window->isNull()) return false;
+  auto identifier = ax.copy(*window, "AXIdentifier").as<std::string>();
+  return identifier == "open-panel" || identifier == "save-panel";
+}
+
+}  // namespace
+
+std::vector<platform::KeyEvent> keyComboEvents(platform::Input& input, std::string_view keys) {
+  const std::string lowered = lowerText(keys);
+  std::vector<std::string> pieces;
+  for (std::size_t start = 0; start <= lowered.size();) {
+    std::size_t plus = std::min(lowered.find('+', start), lowered.size());
+    if (plus > start) pieces.push_back(lowered.substr(start, plus - start));
+    start = plus + 1;
+  }
+  const auto& codes = input.keyCodes();
+  if (pieces.empty() || !codes.count(pieces.back())) throw RPCError("invalid_argument", "未知のキーです: " + lowered);
+  const auto& modifiers = input.modifierKeys();
+  std::vector<platform::ModifierKey> held;
+  std::uint64_t allFlags = 0;
+  for (std::size_t n = 0; n + 1 < pieces.size(); ++n) {
+    auto modifier = modifiers.find(pieces[n]);
+    if (modifier == modifiers.end()) throw RPCError("invalid_argument", "未知の修飾キーです: " + pieces[n]);
+    held.push_back(modifier->second);
+    allFlags |= modifier->second.flag;
+  }
+  std::vector<platform::KeyEvent> events;
+  std::uint64_t running = 0;
+  for (const auto& modifier : held) {
+    running |= modifier.flag;
+    events.push_back({modifier.keyCode, true, running, {}});
+  }
+  const std::uint16_t code = codes.at(pieces.back());
+  events.push_back({code, true, allFlags, {}});
+  events.push_back({code, false, allFlags, {}});
+  for (auto modifier = held.rbegin(); modifier != held.rend(); ++modifier) {
+    running &= ~modifier->flag;
+    events.push_back({modifier->keyCode, false, running, {}});
+  }
+  return events;
+}
+
+std::vector<platform::KeyEvent> typingEvents(platform::Input& input, std::string_view text) {
+  const auto& codes = input.keyCodes();
+  std::vector<platform::KeyEvent> events;
+  for (const auto& grapheme : splitGraphemes(text)) {
+    auto named = typingKeyNames().find(grapheme);
+    const std::string name = named != typingKeyNames().end() ? named->second : lowerText(grapheme);
+    auto code = codes.find(name);
+    // The text carries the character whatever the layout; a key outside the
+    // table goes out with code 0.
+    const std::uint16_t keyCode = code != codes.end() ? code->second : 0;
+    const std::u16string units = utf16(grapheme);
+    events.push_back({keyCode, true, 0, units});
+    events.push_back({keyCode, false, 0, units});
+  }
+  return events;
+}
+
+std::int32_t redirectedPid(platform::Accessibility& ax, platform::Workspace& workspace, std::int32_t pid) {
+  if (!hasFilePanel(ax, pid)) return pid;
+  return workspace.filePanelProcess(pid).value_or(pid);
+}
+
+TypingWatch watchFocusedText(platform::Accessibility& ax, std::int32_t pid) {
+  TypingWatch watch;
+  auto focused = ax.copy(ax.applicationElement(pid), "AXFocusedUIElement").as<Element>();
+  if (!focused || focused->isNull()) return watch;
+  watch.element = *focused;
+  watch.value = ax.copy(*focused, "AXValue").as<std::string>();
+  return watch;
+}
+
+bool textSeen(MirrorEnvironment environment, std::string_view text, const TypingWatch& before) {
+  auto& clock = environment.clock;
+  const auto n = static_cast<std::int64_t>(graphemeCount(text));
+  if (!before.element || !before.value) {
+    clock.sleepNs(std::min<std::int64_t>(2 * n + 30, 300) * msNs);
+    return false;
+  }
+  const std::string needle = trimmedText(text);
+  const std::int64_t deadline = clock.nowNs() + std::min<std::int64_t>(300 + 20 * n, 3000) * msNs;
+  std::optional<std::string> last = before.value;
+  std::int64_t lastChange = clock.nowNs();
+  while (clock.nowNs() < deadline) {
+    clock.sleepNs(10 * msNs);
+    auto value = environment.accessibility.copy(*before.element, "AXValue").as<std::string>();
+    const std::int64_t now = clock.nowNs();
+    if (!needle.empty() && value && value->find(needle) != std::string::npos && value != before.value) return true;
+    if (value != last) {
+      last = value;
+      lastChange = now;
+    } else if (value != before.value && now - lastChange >= 80 * msNs) {
+      // The value changed and has stood still, though it need not hold the text.
+      return true;
+    }
+  }
+  return false;
+}
+
+void addInputOperations(OperationTable& table, MirrorHost& host) {
+  using Operation = JSONValue (*)(platform::Platform&, const JSONValue&);
+  const std::pair<const char*, Operation> operations[] = {
+      {"move", move}, {"click", click}, {"drag", drag}, {"scroll", scroll}, {"key", key}, {"type", type},
+  };
+  for (const auto& [name, operation] : operations)
+    table.add(name, [&host, operation](const JSONValue& params) -> HandlerResult {
+      return operation(host.platform(), params);
+    });
+}
+
+}  // namespace glimmerstrand::native

@@ -1,0 +1,60 @@
+// Synthesised keyboard and pointer input: move, click, drag, scroll, key and
+// type. Key codes and modifier bits come from the backend's tables; what to
+// press in which order is decided here: "cmd+shift+4" presses command, shift,
+// then 4, and releases in reverse; typing sends one key per grapheme with the
+// grapheme as the key's text, so any script types the same way.
+//
+// Keys may go to one process by pid, without bringing it to the front. An
+// application whose open or save panel has the focus may have that panel
+// drawn by another process (a backend fact); its keys go there. As a posted
+// key gives no feedback, `type` with a pid watches the focused element's
+// value to say whether the text arrived (textSeen).
+//
+// All of these run on the serial input queue, so events of two operations
+// never interleave; their pauses are sleeps of the platform's clock.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "native/app_mirror.h"
+#include "native/operations.h"
+#include "platform/input.h"
+#include "platform/workspace.h"
+
+namespace glimmerstrand::native {
+
+class MirrorHost;
+
+/// The key events of a combination such as "cmd+shift+4", in posting order.
+/// RPCError "invalid_argument" for an unknown key or modifier, before any
+/// event is made.
+std::vector<platform::KeyEvent> keyComboEvents(platform::Input& input, std::string_view keys);
+
+/// A down and an up event per grapheme of `text`, with flags 0 and the
+/// grapheme's UTF-16 units as the key's text.
+std::vector<platform::KeyEvent> typingEvents(platform::Input& input, std::string_view text);
+
+/// `pid`, or the process that draws its open or save panel while one has the
+/// focus.
+std::int32_t redirectedPid(platform::Accessibility& ax, platform::Workspace& workspace, std::int32_t pid);
+
+/// What a process shows before typing: its focused element and that
+/// element's text.
+struct TypingWatch {
+  std::optional<Element> element;
+  std::optional<std::string> value;
+};
+TypingWatch watchFocusedText(platform::Accessibility& ax, std::int32_t pid);
+
+/// Whether typed `text` landed in the watched element, waiting at most
+/// 0.3 s + 20 ms a grapheme (3 s at most).
+bool textSeen(MirrorEnvironment environment, std::string_view text, const TypingWatch& before);
+
+/// move, click, drag, scroll, key and type.
+void addInputOperations(OperationTable& table, MirrorHost& host);
+
+}  // namespace glimmerstrand::native

@@ -1,0 +1,243 @@
+// Applications, windows, URLs and the clipboard on the simulated desktop.
+#include "native/applications.h"
+
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include <cstdlib>
+
+#include "action_sim.h"
+
+namespace glimmerstrand::native::testing {
+namespace {
+
+using platform::sim::Activation;
+using platform::sim::AppSpec;
+
+AppSpec app(std::int32_t pid, std::string name, std::map<std::string, std::string> names = {}) {
+  auto spec = appWith(pid, std::move(name),
+                      {keyed("AXWindow", "main").title("Main Window").withFrame(0, 0, 300, 200),
+                       keyed("AXWindow", "tools").title("Main").withFrame(320, 0, 100, 200)});
+  spec.names = std::move(names);
+  return spec;
+}
+
+platform::sim::DesktopSpec desktop() {
+  platform::sim::DesktopSpec spec;
+  auto finder = app(500, "Finder");
+  finder.frontmost = true;
+  auto memo = app(501, "Notes", {{"ja", "メモ"}, {"en", "Notes"}});
+  memo.running = false;
+  memo.bundlePath = "/usr/share/applications/org.example.Memo.desktop";
+  auto slow = app(502, "Slowpoke");
+  slow.running = false;
+  slow.launchMs = 20'000;
+  auto broken = app(503, "Broken");
+  broken.running = false;
+  broken.launchError = "実行ファイルがありません";
+  auto stubborn = app(504, "Stubborn");
+  stubborn.quitRefused = true;
+  auto hidden = app(505, "Hidden");
+  hidden.hidden = true;
+  auto bare = appWith(506, "Bare", {});
+  bare.running = false;
+  auto browser = app(507, "Browser");
+  browser.urlSchemes = {"https"};
+  auto daemon = app(508, "Daemon");
+  daemon.regular = false;
+  auto lingering = app(509, "Lingering");
+  lingering.quitMs = 200;
+  auto files = app(510, "Files");
+  files.urlSchemes = {"file"};
+  spec.apps = {finder, memo, slow, broken, stubborn, hidden, bare, browser, daemon, lingering, files};
+  return spec;
+}
+
+std::int32_t front(ActionSim& sim) { return sim.platform.workspace().frontmost()->pid; }
+
+TEST(Launch, FindsAnInstalledApplicationByItsJapaneseName) {
+  ActionSim sim(desktop());
+  auto record = sim.call("launch", {{"name", "メモ"}});
+  EXPECT_EQ(core::jsonText(record), R"({"pid":501,"bundleId":"com.example.Notes","name":"Notes"})");
+  EXPECT_TRUE(sim.platform.workspace().application(501));
+  // It has windows, so it was left where it started: behind.
+  EXPECT_EQ(front(sim), 500);
+}
+
+TEST(Launch, FindsByBundleIdFileNameOrEnglishName) {
+  for (const char* name : {"com.example.Notes", "org.example.Memo", "notes"}) {
+    ActionSim sim(desktop());
+    EXPECT_EQ(core::optionalInt(sim.call("launch", {{"name", name}}), "pid"), 501) << name;
+  }
+}
+
+TEST(Launch, SaysWhyNothingStarted) {
+  ActionSim sim(desktop());
+  const std::tuple<const char*, const char*, std::string> cases[] = {
+      {"Nothing", "not_found", "アプリが見つかりません: Nothing"},
+      {"Slowpoke", "timeout", "Slowpoke の起動が終わりませんでした"},
+      {"Broken", "native", "Broken を起動できませんでした: 実行ファイルがありません"},
+  };
+  for (const auto& [name, code, message] : cases) {
+    auto failure = sim.failure("launch", {{"name", name}});
+    EXPECT_EQ(failure.code(), code);
+    EXPECT_EQ(failure.message(), message);
+  }
+  // The slow one does start in the end.
+  sim.clock.runUntilIdle();
+  EXPECT_TRUE(sim.platform.workspace().application(502));
+}
+
+TEST(Launch, ActivatesOnlyWhatIsHiddenOrHasNoWindow) {
+  const std::tuple<const char*, std::int32_t, std::int32_t> cases[] = {
+      {"Stubborn", 504, 500},  // running with windows: stays behind
+      {"Hidden", 505, 505},
+      {"Bare", 506, 506},  // started without a window
+  };
+  for (const auto& [name, pid, frontmost] : cases) {
+    ActionSim sim(desktop());
+    EXPECT_EQ(core::optionalInt(sim.call("launch", {{"name", name}}), "pid"), pid);
+    EXPECT_EQ(front(sim), frontmost) << name;
+  }
+}
+
+TEST(ActivateApp, TriesStrongerMeansInTurn) {
+  const std::tuple<Activation, bool, std::int64_t, std::int64_t> cases[] = {
+      {Activation::workspace, true, 0, 300},
+      {Activation::accessibility, true, 300, 800},
+      {Activation::reopen, true, 800, 2300},
+      {Activation::never, false, 2300, 2400},
+  };
+  for (const auto& [activation, reached, fromMs, toMs] : cases) {
+    auto spec = desktop();
+    spec.apps[4].activation = activation;
+    ActionSim sim(spec);
+    const std::int64_t start = sim.clock.nowNs();
+    EXPECT_EQ(core::optionalInt(sim.call("activate", {{"name", "stubborn"}}), "pid"), 504);
+    EXPECT_EQ(front(sim) == 504, reached);
+    // Each means has its own wait before the next one is tried.
+    EXPECT_GE(sim.elapsedMs(start), fromMs);
+    EXPECT_LT(sim.elapsedMs(start), toMs);
+  }
+}
+
+TEST(Quit, AsksPolitelyAndReportsWhetherTheApplicationEnded) {
+  const std::tuple<const char*, std::int64_t, bool> cases[] = {
+      {"Finder", 5000, true}, {"Stubborn", 5000, false}, {"Lingering", 5000, true}, {"Lingering", 0, false}};
+  for (const auto& [name, timeoutMs, terminated] : cases) {
+    ActionSim sim(desktop());
+    auto result = sim.call("quit", {{"name", name}, {"timeoutMs", timeoutMs}});
+    EXPECT_EQ(core::optionalString(result, "name"), name);
+    EXPECT_EQ(core::optionalBool(result, "terminated"), terminated) << name << " " << timeoutMs;
+  }
+  ActionSim sim(desktop());
+  for (const char* operation : {"quit", "activate"}) {
+    auto failure = sim.failure(operation);
+    EXPECT_EQ(failure.code(), "not_found");
+    EXPECT_EQ(failure.message(), "アプリが見つかりません");
+  }
+}
+
+TEST(Apps, ListsRegularApplicationsWithFrontAndHidden) {
+  ActionSim sim(desktop());
+  auto list = sim.call("apps");
+  std::vector<std::string> lines;
+  for (const auto& entry : *list.asArray()) lines.push_back(core::jsonText(entry));
+  EXPECT_EQ(lines.front(),
+            R"({"pid":500,"bundleId":"com.example.Finder","name":"Finder","active":true,"hidden":false})");
+  EXPECT_EQ(list.asArray()->size(), 6u);  // the running ones, without the daemon
+  for (const auto& line : lines) EXPECT_EQ(line.find("Daemon"), std::string::npos);
+}
+
+TEST(Windows, ListsEachWithItsFrame) {
+  ActionSim sim(desktop());
+  auto list = sim.call("windows", {{"pid", 500}});
+  ASSERT_EQ(list.asArray()->size(), 2u);
+  EXPECT_EQ(core::jsonText(list.asArray()->front()),
+            R"({"index":0,"title":"Main Window","main":true,"focused":false,"minimized":false,)"
+            R"("frame":{"x":0,"y":0,"width":300,"height":200}})");
+  // Without a selector, the frontmost application's.
+  EXPECT_EQ(sim.call("windows").asArray()->size(), 2u);
+}
+
+TEST(RaiseWindow, ChoosesByIndexOrByTitle) {
+  const std::tuple<JSONValue::Object, std::string> cases[] = {
+      {{{"index", 1}}, "Main"},
+      {{{"index", 1.7}}, "Main"},
+      {{{"title", "main"}}, "Main"},  // a whole title wins over a part of another
+      {{{"title", "WINDOW"}}, "Main Window"},
+      {{{"index", 2}, {"title", "Main"}}, ""},
+      {{{"title", "nothing"}}, ""},
+  };
+  for (const auto& [params, title] : cases) {
+    ActionSim sim(desktop());
+    auto withApp = params;
+    withApp.emplace_back("pid", 504);
+    if (title.empty()) {
+      auto failure = sim.failure("raiseWindow", withApp);
+      EXPECT_EQ(failure.code(), "not_found");
+      EXPECT_EQ(failure.message(), "ウィンドウが見つかりません");
+      continue;
+    }
+    EXPECT_EQ(core::optionalString(sim.call("raiseWindow", withApp), "title"), title);
+    EXPECT_EQ(core::optionalString(sim.call("windows", {{"pid", 504}}).asArray()->front(), "title"), title);
+    EXPECT_EQ(front(sim), 504);
+  }
+}
+
+std::vector<std::uint8_t> png(std::uint32_t width, std::uint32_t height) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = width;
+  image.height = height;
+  image.format = PNG_FORMAT_RGBA;
+  std::vector<std::uint8_t> pixels(width * height * 4, 200);
+  png_alloc_size_t size = 0;
+  png_image_write_to_memory(&image, nullptr, &size, 0, pixels.data(), 0, nullptr);
+  std::vector<std::uint8_t> bytes(size);
+  png_image_write_to_memory(&image, bytes.data(), &size, 0, pixels.data(), 0, nullptr);
+  return bytes;
+}
+
+TEST(Clipboard, HoldsTextOrAnImage) {
+  ActionSim sim(desktop());
+  EXPECT_EQ(core::optionalInt(sim.call("setClipboard", {{"text", "日本語 👍🏽"}}), "length"), 5);
+  EXPECT_EQ(core::optionalString(sim.call("clipboard"), "text"), "日本語 👍🏽");
+  auto size = copyImage(sim.platform, png(3, 2));
+  EXPECT_EQ(size.width, 3);
+  EXPECT_EQ(size.height, 2);
+  EXPECT_TRUE(sim.call("clipboard").find("text")->isNull());
+  try {
+    copyImage(sim.platform, {1, 2, 3});
+    ADD_FAILURE() << "no image, no failure";
+  } catch (const RPCError& e) {
+    EXPECT_EQ(e.code(), "invalid_argument");
+    EXPECT_EQ(e.message(), "画像を読めません");
+  }
+  EXPECT_EQ(sim.failure("setClipboard").message(), "text が必要です");
+}
+
+TEST(OpenURL, OpensWithTheApplicationOfTheSchemeAndBringsItToTheFront) {
+  ActionSim sim(desktop());
+  auto result = sim.call("openURL", {{"url", "https://example.com/a?b=c"}});
+  EXPECT_EQ(core::optionalString(result, "url"), "https://example.com/a?b=c");
+  EXPECT_EQ(core::optionalInt(*result.find("app"), "pid"), 507);
+  EXPECT_EQ(front(sim), 507);
+}
+
+TEST(OpenURL, TakesPathsUnderTheHomeFolderAndRefusesWords) {
+  ActionSim sim(desktop());
+  const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";
+  auto result = sim.call("openURL", {{"url", "~/My Notes/a.txt"}});
+  EXPECT_EQ(core::optionalString(result, "url"), "file://" + home + "/My%20Notes/a.txt");
+  EXPECT_EQ(sim.desktop().openedURLs().back(), "file://" + home + "/My%20Notes/a.txt");
+  auto failure = sim.failure("openURL", {{"url", "notes"}});
+  EXPECT_EQ(failure.code(), "invalid_argument");
+  EXPECT_EQ(failure.message(), "URL かファイルのパスを渡してください: notes");
+  failure = sim.failure("openURL", {{"url", "gopher://old"}});
+  EXPECT_EQ(failure.code(), "no_action");
+  EXPECT_EQ(failure.message().rfind("開けませんでした: gopher://old: ", 0), 0u);
+}
+
+}  // namespace
+}  // namespace glimmerstrand::native::testing

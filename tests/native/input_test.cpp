@@ -1,0 +1,202 @@
+// Keyboard and pointer input on the simulated desktop: what goes out, in
+// which order, to which process, and what typing reports.
+#include "native/input.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "action_sim.h"
+
+namespace glimmerstrand::native::testing {
+namespace {
+
+using platform::sim::Posted;
+
+platform::sim::DesktopSpec desktop() {
+  auto window = keyed("AXWindow", "window").title("Notes").withFrame(0, 0, 400, 300);
+  window.child(keyed("AXTextField", "field")
+                   .value("")
+                   .withSettable({"AXValue", "AXFocused"})
+                   .withFrame(10, 10, 200, 20)
+                   .markFocused());
+  auto notes = appWith(501, "Notes", {window});
+  notes.frontmost = true;
+  // An application whose open panel has the focus; another process draws it.
+  auto panel = keyed("AXWindow", "panel").identifier("open-panel").title("Open");
+  panel.child(keyed("AXTextField", "path").value("").withSettable({"AXValue"}).markFocused());
+  auto viewer = appWith(502, "Viewer", {panel});
+  viewer.filePanelPid = 503;
+  auto service = appWith(503, "PanelService",
+                         {keyed("AXWindow", "sheet").child(keyed("AXTextField", "typed").value("").markFocused())});
+  service.regular = false;
+  auto mute = appWith(504, "Mute", {keyed("AXWindow", "w").child(keyed("AXButton", "b").markFocused())});
+  platform::sim::DesktopSpec spec;
+  spec.apps = {notes, viewer, service, mute};
+  return spec;
+}
+
+// "down 55 0x100000 @503 'a'": one posted key.
+std::vector<std::string> keys(const std::vector<Posted>& posted) {
+  std::vector<std::string> out;
+  for (const auto& event : posted)
+    if (auto key = std::get_if<platform::KeyEvent>(&event.event)) {
+      std::ostringstream line;
+      line << (key->down ? "down " : "up ") << key->keyCode << " 0x" << std::hex << key->flags << std::dec;
+      if (event.pid) line << " @" << *event.pid;
+      if (!key->text.empty()) {
+        line << " '";
+        for (char16_t unit : key->text) line << (unit < 0x80 ? std::string(1, static_cast<char>(unit)) : "?");
+        line << "'";
+      }
+      out.push_back(line.str());
+    }
+  return out;
+}
+
+std::vector<platform::PointerEvent> pointers(const std::vector<Posted>& posted) {
+  std::vector<platform::PointerEvent> out;
+  for (const auto& event : posted)
+    if (auto pointer = std::get_if<platform::PointerEvent>(&event.event)) out.push_back(*pointer);
+  return out;
+}
+
+std::vector<std::pair<int, int>> scrolls(const std::vector<Posted>& posted) {
+  std::vector<std::pair<int, int>> out;
+  for (const auto& event : posted)
+    if (auto scroll = std::get_if<platform::ScrollEvent>(&event.event))
+      out.emplace_back(scroll->verticalLines, scroll->horizontalLines);
+  return out;
+}
+
+TEST(Key, PressesModifiersInOrderAndReleasesThemInReverse) {
+  ActionSim sim(desktop());
+  auto result = sim.call("key", {{"key", "CMD+Shift+4"}});
+  EXPECT_EQ(core::optionalString(result, "key"), "cmd+shift+4");
+  EXPECT_EQ(keys(sim.desktop().posted()),
+            (std::vector<std::string>{"down 55 0x100000", "down 56 0x120000", "down 21 0x120000", "up 21 0x120000",
+                                      "up 56 0x100000", "up 55 0x0"}));
+}
+
+TEST(Key, NamesAreCheckedBeforeAnyEventGoesOut) {
+  ActionSim sim(desktop());
+  const std::pair<const char*, const char*> cases[] = {
+      {"f13", "未知のキーです: f13"}, {"Hyper+A", "未知の修飾キーです: hyper"},   {"cmd+", "未知のキーです: cmd+"},
+      {"", "未知のキーです: "},       {"cmd+shift", "未知のキーです: cmd+shift"},
+  };
+  for (const auto& [keys, message] : cases) {
+    auto failure = sim.failure("key", {{"key", keys}});
+    EXPECT_EQ(failure.code(), "invalid_argument");
+    EXPECT_EQ(failure.message(), message);
+  }
+  EXPECT_TRUE(sim.desktop().posted().empty());
+  sim.call("key", {{"key", "command++a"}, {"pid", 501}});
+  EXPECT_EQ(keys(sim.desktop().posted()), (std::vector<std::string>{"down 55 0x100000 @501", "down 0 0x100000 @501",
+                                                                    "up 0 0x100000 @501", "up 55 0x0 @501"}));
+}
+
+TEST(Type, SendsOneKeyPerGraphemeWithItsText) {
+  ActionSim sim(desktop());
+  auto result = sim.call("type", {{"text", "a\nB"}});
+  EXPECT_EQ(core::optionalInt(result, "length"), 3);
+  EXPECT_EQ(core::optionalBool(result, "seen"), true);
+  EXPECT_EQ(keys(sim.desktop().posted()),
+            (std::vector<std::string>{"down 0 0x0 'a'", "up 0 0x0 'a'", "down 36 0x0 '\n'", "up 36 0x0 '\n'",
+                                      "down 11 0x0 'B'", "up 11 0x0 'B'"}));
+
+  // An accent that combines, and an emoji with its skin tone: one key each, code 0.
+  auto events = typingEvents(sim.platform.input(), "e\u0301\U0001F44D\U0001F3FD");
+  ASSERT_EQ(events.size(), 4u);
+  EXPECT_EQ(events[0].text, u"e\u0301");
+  EXPECT_EQ(events[2].text, u"\U0001F44D\U0001F3FD");
+  EXPECT_EQ(events[2].keyCode, 0);
+}
+
+TEST(Type, WithAPidWatchesTheFocusedElement) {
+  ActionSim sim(desktop());
+  auto result = sim.call("type", {{"text", "hello"}, {"pid", 501}});
+  EXPECT_EQ(core::optionalBool(result, "seen"), true);
+  EXPECT_EQ(sim.text(501, "field"), "hello");
+
+  // A focused element without a text value: nothing to watch.
+  const std::int64_t start = sim.clock.nowNs();
+  EXPECT_EQ(core::optionalBool(sim.call("type", {{"text", "x"}, {"pid", 504}}), "seen"), false);
+  EXPECT_LE(sim.elapsedMs(start), 300 + 4);
+}
+
+TEST(Type, KeysForAnOpenPanelGoToTheProcessThatDrawsIt) {
+  ActionSim sim(desktop());
+  auto result = sim.call("type", {{"text", "ab"}, {"pid", 502}});
+  for (const auto& key : keys(sim.desktop().posted())) EXPECT_NE(key.find("@503"), std::string::npos) << key;
+  EXPECT_EQ(sim.text(503, "typed"), "ab");
+  // What is watched is the application's own focused field, which the keys never reached.
+  EXPECT_EQ(core::optionalBool(result, "seen"), false);
+}
+
+TEST(Click, CountsClicksAndHoldsNoButtonButTheRight) {
+  ActionSim sim(desktop());
+  const std::tuple<JSONValue, const char*, std::int64_t> cases[] = {
+      {JSONValue(0), "left", 1}, {JSONValue("two"), "left", 1}, {JSONValue(2), "left", 2}};
+  for (const auto& [count, button, clicks] : cases) {
+    sim.desktop().clearPosted();
+    auto result = sim.call("click", {{"x", 50}, {"y", 60}, {"count", count}, {"button", "middle"}});
+    EXPECT_EQ(core::optionalInt(result, "count"), clicks);
+    auto events = pointers(sim.desktop().posted());
+    ASSERT_EQ(events.size(), 1u + 2u * static_cast<std::size_t>(clicks));
+    EXPECT_EQ(events[0].action, platform::PointerAction::moved);
+    for (std::int64_t n = 1; n <= clicks; ++n) {
+      const auto& down = events[static_cast<std::size_t>(2 * n - 1)];
+      const auto& up = events[static_cast<std::size_t>(2 * n)];
+      EXPECT_EQ(down.action, platform::PointerAction::down);
+      EXPECT_EQ(up.action, platform::PointerAction::up);
+      EXPECT_EQ(down.clickState, n);
+      EXPECT_EQ(up.clickState, n);
+      EXPECT_EQ(down.button, platform::MouseButton::left);
+    }
+  }
+  sim.desktop().clearPosted();
+  sim.call("click", {{"x", 50}, {"y", 60}, {"button", "right"}});
+  EXPECT_EQ(pointers(sim.desktop().posted())[1].button, platform::MouseButton::right);
+}
+
+TEST(Drag, TakesAtLeastTwoStepsAndEndsExactlyAtTheEnd) {
+  ActionSim sim(desktop());
+  auto result = sim.call("drag", {{"x1", 0}, {"y1", 0}, {"x2", 30}, {"y2", 10}, {"steps", 1}});
+  EXPECT_EQ(core::jsonText(result), R"({"from":[0,0],"to":[30,10]})");
+  auto events = pointers(sim.desktop().posted());
+  ASSERT_EQ(events.size(), 5u);
+  EXPECT_EQ(events[1].action, platform::PointerAction::down);
+  EXPECT_EQ(events[2].location, (platform::AxPoint{15, 5}));
+  EXPECT_EQ(events[3].location, (platform::AxPoint{30, 10}));
+  EXPECT_EQ(events[3].action, platform::PointerAction::dragged);
+  EXPECT_EQ(events[4].action, platform::PointerAction::up);
+}
+
+TEST(Scroll, SendsWholeLinesOneAtATime) {
+  const std::tuple<double, std::size_t, int> cases[] = {{19, 1, 0}, {20, 1, 1}, {-100, 3, -1}, {100000, 400, 1}};
+  for (const auto& [dy, events, line] : cases) {
+    ActionSim sim(desktop());
+    auto result = sim.call("scroll", {{"dy", dy}});
+    EXPECT_EQ(core::optionalNumber(result, "dy"), dy);
+    auto posted = scrolls(sim.desktop().posted());
+    ASSERT_EQ(posted.size(), events) << dy;
+    for (const auto& [vertical, horizontal] : posted) {
+      EXPECT_EQ(vertical, line);
+      EXPECT_EQ(horizontal, 0);
+    }
+  }
+}
+
+TEST(Scroll, AtAPointReturnsThePointerAfterwards) {
+  ActionSim sim(desktop());
+  sim.platform.input().warpPointer({5, 5});
+  sim.call("scroll", {{"dx", -45}, {"x", 100}, {"y", 200}});
+  EXPECT_EQ(scrolls(sim.desktop().posted()), (std::vector<std::pair<int, int>>{{0, -1}}));
+  EXPECT_EQ(sim.platform.input().pointerLocation(), (platform::AxPoint{5, 5}));
+  auto failure = sim.failure("scroll", {{"dy", 40}, {"x", 100}});
+  EXPECT_EQ(failure.message(), "y が必要です");
+  EXPECT_EQ(scrolls(sim.desktop().posted()).size(), 1u);
+}
+
+}  // namespace
+}  // namespace glimmerstrand::native::testing
