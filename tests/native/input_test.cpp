@@ -69,6 +69,11 @@ std::vector<std::pair<int, int>> scrolls(const std::vector<Posted>& posted) {
   return out;
 }
 
+TEST(InputOperations, EveryOperationOfTheInputQueueIsRegistered) {
+  ActionSim sim(desktop());
+  for (const auto& name : inputOperations()) EXPECT_TRUE(sim.table.find(name)) << name;
+}
+
 TEST(Key, PressesModifiersInOrderAndReleasesThemInReverse) {
   ActionSim sim(desktop());
   auto result = sim.call("key", {{"key", "CMD+Shift+4"}});

@@ -226,7 +226,8 @@ TEST(Fixture, ProblemsNameTheirPlace) {
        {Case{"[]", "top level"}, Case{R"({"apps": [{"pid": 0}]})", "apps[0].pid"},
         Case{R"({"apps": [{"pid": 1, "windows": [{"frame": [1, 2]}]}]})", "apps[0].windows[0].frame"},
         Case{R"({"apps": [{"pid": 1, "windows": [{"onPress": [{"explode": {}}]}]}]})", "apps[0].windows[0].onPress[0]"},
-        Case{R"({"apps": [{"pid": 1}, {"pid": 1}]})", "apps[1].pid"}, Case{"{", "not JSON"}}) {
+        Case{R"({"apps": [{"pid": 1}, {"pid": 1}]})", "apps[1].pid"}, Case{"{", "not JSON"},
+        Case{R"({"apps": [{"pid": 1, "activation": "sometimes"}]})", "apps[0].activation"}}) {
     SCOPED_TRACE(c.json);
     try {
       parseFixture(c.json);
@@ -248,12 +249,33 @@ TEST(Fixture, AttributeKeysBecomeAxNames) {
   EXPECT_EQ(spec.apps[0].windows[0].children[1].actions, std::vector<std::string>{"AXPress"});
 }
 
+TEST(Fixture, ReadsHowAnApplicationStartsEndsAndTakesFocus) {
+  auto spec = parseFixture(R"({"applicationDirectories": ["/opt/apps"],
+    "apps": [{"pid": 7, "activation": "reopen", "launchMs": 900, "launchError": "no disk", "quitMs": 40,
+              "filePanelPid": 8, "windows": [{"key": "f", "ignoresFocus": true,
+                                              "onSetValue": [{"append": {"text": ".00"}}]}]}]})");
+  EXPECT_EQ(spec.applicationDirectories, std::vector<std::string>{"/opt/apps"});
+  const auto& app = spec.apps[0];
+  EXPECT_EQ(app.activation, Activation::reopen);
+  EXPECT_EQ(app.launchMs, 900);
+  EXPECT_EQ(app.launchError, "no disk");
+  EXPECT_EQ(app.quitMs, 40);
+  EXPECT_EQ(app.filePanelPid, 8);
+  EXPECT_TRUE(app.windows[0].ignoresFocus);
+  ASSERT_EQ(app.windows[0].onSetValue.size(), 1u);
+  EXPECT_EQ(app.windows[0].onSetValue[0].text, ".00");
+}
+
 TEST(DemoDesktop, HasTheThreeApplications) {
   DrivenClock clock;
   SimDesktop desktop(demoDesktop(), clock, clock.mainLoop());
   auto running = desktop.workspace().runningApplications();
   ASSERT_EQ(running.size(), 3u);
   EXPECT_EQ(desktop.workspace().frontmost()->name, "Calculator");
+  // And one more, installed: the notes that a launch by "メモ" starts.
+  auto installed = desktop.workspace().installedApplications();
+  ASSERT_EQ(installed.size(), 4u);
+  EXPECT_EQ(installed[3].names.at("ja"), "メモ");
   auto rows = desktop.accessibility().copy(desktop.element(demoListPid, "list"), "AXChildren").as<AxList>();
   ASSERT_TRUE(rows);
   EXPECT_EQ(rows->size(), 2000u);
