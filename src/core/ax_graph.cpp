@@ -104,38 +104,46 @@ std::string rowLine(const AxNode& node) {
 AxGraph::AxGraph(AxSnapshot snapshot, const std::vector<AxNode>& menus) : snapshot_(std::move(snapshot)) {
   const auto offset = static_cast<std::int64_t>(snapshot_.nodes.size());
   nodes_.reserve(snapshot_.nodes.size() + menus.size());
-  for (const auto& n : snapshot_.nodes) nodes_.push_back(GraphNode{n, {}});
+  const auto& shared = snapshot_.nodes.shared();
+  for (const auto& n : *shared) nodes_.push_back(GraphNode{std::shared_ptr<const AxNode>(shared, &n), {}});
   for (const auto& m : menus) {
     AxNode copy = m;
     copy.i = m.i + offset;
     copy.parent = m.parent >= 0 ? m.parent + offset : -1;
     copy.menu = true;
-    nodes_.push_back(GraphNode{std::move(copy), {}});
+    nodes_.push_back(GraphNode{std::make_shared<const AxNode>(std::move(copy)), {}});
   }
   byIndex_.reserve(nodes_.size());
   byId_.reserve(nodes_.size());
-  for (std::size_t k = 0; k < nodes_.size(); ++k) byIndex_[nodes_[k].node.i] = k;
-  for (std::size_t k = 0; k < nodes_.size(); ++k) byId_[idText(nodes_[k].node)] = k;
+  for (std::size_t k = 0; k < nodes_.size(); ++k) byIndex_[nodes_[k].node().i] = k;
+  for (std::size_t k = 0; k < nodes_.size(); ++k) byId_[idText(nodes_[k].node())] = k;
   for (auto& n : nodes_)
-    if (auto parent = byIndex_.find(n.node.parent); parent != byIndex_.end())
-      nodes_[parent->second].children.push_back(n.node.i);
+    if (auto parent = byIndex_.find(n.node().parent); parent != byIndex_.end())
+      nodes_[parent->second].children.push_back(n.node().i);
   nameRows();
   for (auto& n : nodes_) {
-    auto& url = n.node.url;
-    if (nonEmpty(url) && url->starts_with(internalPlayerOrigin))
-      url = std::string(publicPlayerOrigin) + url->substr(internalPlayerOrigin.size());
+    const auto& url = n.node().url;
+    if (nonEmpty(url) && url->starts_with(internalPlayerOrigin)) {
+      AxNode copy = n.node();
+      copy.url = std::string(publicPlayerOrigin) + url->substr(internalPlayerOrigin.size());
+      n.record = std::make_shared<const AxNode>(std::move(copy));
+    }
   }
   labels_.reserve(nodes_.size());
-  for (const auto& n : nodes_) labels_.push_back(labelOf(n.node));
+  for (const auto& n : nodes_) labels_.push_back(labelOf(n.node()));
 }
 
 void AxGraph::nameRows() {
   for (auto& n : nodes_) {
-    const auto& node = n.node;
+    const auto& node = n.node();
     if (node.role != "AXRow" && node.role != "AXCell") continue;
     if (nonEmpty(node.title) || nonEmpty(node.description) || nonEmpty(node.placeholder) || nonEmpty(node.value))
       continue;
-    if (auto found = descendantText(n); found && !found->empty()) n.node.title = std::move(found);
+    if (auto found = descendantText(n); found && !found->empty()) {
+      AxNode copy = n.node();
+      copy.title = std::move(found);
+      n.record = std::make_shared<const AxNode>(std::move(copy));
+    }
   }
 }
 
@@ -144,7 +152,7 @@ std::optional<std::string> AxGraph::descendantText(const GraphNode& node) const 
   for (int depth = 0; depth < 3 && !level.empty(); ++depth) {
     std::vector<const GraphNode*> next;
     for (const auto* n : level) {
-      const auto& a = n->node;
+      const auto& a = n->node();
       if (a.role == "AXStaticText" && (nonEmpty(a.value) || nonEmpty(a.title))) return a.value ? a.value : a.title;
     }
     for (const auto* n : level) {
@@ -181,7 +189,7 @@ std::vector<Node> AxGraph::nodes(std::optional<std::string_view> label) const {
   const bool all = !label || *label == "Element";
   if (all) out.reserve(nodes_.size());
   for (std::size_t k = 0; k < nodes_.size(); ++k) {
-    bool take = all || (*label == "Control" ? controlRoles().count(nodes_[k].node.role.value_or("")) > 0
+    bool take = all || (*label == "Control" ? controlRoles().count(nodes_[k].node().role.value_or("")) > 0
                                             : labels_[k] == *label);
     if (take) out.push_back(Node{k});
   }
@@ -194,7 +202,7 @@ std::vector<Node> AxGraph::neighbors(Node node, std::span<const std::string> typ
   if (std::find(types.begin(), types.end(), "CHILD") != types.end())
     for (auto* child : children(n)) out.push_back(handle(*child));
   if (std::find(types.begin(), types.end(), "PARENT") != types.end())
-    if (auto parent = byIndex(n.node.parent)) out.push_back(handle(*parent));
+    if (auto parent = byIndex(n.node().parent)) out.push_back(handle(*parent));
   return out;
 }
 
@@ -208,12 +216,12 @@ std::string AxGraph::labelName(Node node) const { return labels_[node.handle]; }
 
 bool AxGraph::hasLabel(Node node, std::string_view label) const {
   if (label == "Element") return true;
-  if (label == "Control") return controlRoles().count(graphNode(node).node.role.value_or("")) > 0;
+  if (label == "Control") return controlRoles().count(graphNode(node).node().role.value_or("")) > 0;
   return labels_[node.handle] == label;
 }
 
 ScalarValue AxGraph::property(Node node, std::string_view name) const {
-  const AxNode& n = graphNode(node).node;
+  const AxNode& n = graphNode(node).node();
   if (name == "id") return idText(n);
   if (name == "role") return labels_[node.handle];
   if (name == "subrole") return n.subrole ? ScalarValue(std::string(withoutAX(*n.subrole))) : ScalarValue();
@@ -244,7 +252,7 @@ ScalarValue AxGraph::property(Node node, std::string_view name) const {
 }
 
 Row AxGraph::rowObject(Node node) const {
-  const AxNode& n = graphNode(node).node;
+  const AxNode& n = graphNode(node).node();
   Row row;
   row.set("_label", labels_[node.handle]);
   row.set("id", idText(n));
@@ -267,6 +275,6 @@ Row AxGraph::rowObject(Node node) const {
   return row;
 }
 
-std::int64_t AxGraph::identity(Node node) const { return graphNode(node).node.i; }
+std::int64_t AxGraph::identity(Node node) const { return graphNode(node).node().i; }
 
 }  // namespace glimmerstrand::core

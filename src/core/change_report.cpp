@@ -153,25 +153,25 @@ std::vector<std::string> changeLines(const NodeList& before, const NodeList& aft
 const GraphNode* changedPart(const AxGraph& graph, const std::unordered_set<std::string>& newIds) {
   std::unordered_map<std::int64_t, std::size_t> counts;
   for (const auto& n : graph.nodes()) {
-    if (!newIds.count(idText(n.node))) continue;
+    if (!newIds.count(idText(n.node()))) continue;
     // Follow parents; a cycle in a broken tree stops at a node seen twice.
     std::unordered_set<std::int64_t> seen;
-    for (const GraphNode* at = &n; at && seen.insert(at->node.i).second; at = graph.byIndex(at->node.parent))
-      ++counts[at->node.i];
+    for (const GraphNode* at = &n; at && seen.insert(at->node().i).second; at = graph.byIndex(at->node().parent))
+      ++counts[at->node().i];
   }
   const GraphNode* root = nullptr;
   for (const auto& n : graph.nodes())
-    if (n.node.parent < 0) {
+    if (n.node().parent < 0) {
       root = &n;
       break;
     }
-  if (!root || !counts[root->node.i]) return nullptr;
-  const double total = static_cast<double>(counts[root->node.i]);
+  if (!root || !counts[root->node().i]) return nullptr;
+  const double total = static_cast<double>(counts[root->node().i]);
   const GraphNode* current = root;
   for (bool deeper = true; deeper;) {
     deeper = false;
     for (const GraphNode* child : graph.children(*current)) {
-      auto c = counts.find(child->node.i);
+      auto c = counts.find(child->node().i);
       if (c != counts.end() && static_cast<double>(c->second) >= changedShare * total) {
         current = child;
         deeper = true;
@@ -199,7 +199,7 @@ bool containedIn(const std::string& text, const std::vector<std::string>& inheri
 
 void renderOutline(const GraphNode& node, std::size_t depth, const std::vector<std::string>& inherited, bool expand,
                    Outline& outline, std::size_t maxLines, const AxGraph& graph) {
-  const AxNode& n = node.node;
+  const AxNode& n = node.node();
   const auto texts = nodeText(n);
   const std::string role = n.role.value_or("");
   const bool isControl = controlRoles().count(role) && !containerRoles().count(role);
@@ -248,7 +248,7 @@ Outline outlineLines(const AxGraph& graph, const GraphNode* root, std::size_t ma
     return outline;
   }
   for (const auto& n : graph.nodes())
-    if (n.node.parent < 0) renderOutline(n, 0, {}, false, outline, maxLines, graph);
+    if (n.node().parent < 0) renderOutline(n, 0, {}, false, outline, maxLines, graph);
   return outline;
 }
 
@@ -276,20 +276,20 @@ void changeReport(ScriptRun& run, const Pending& pending, AxSnapshot after) {
   for (const auto& n : graph.snapshot().nodes)
     if (auto id = idText(n); !beforeIds.count(id)) newIds.insert(std::move(id));
   const GraphNode* part = changedPart(graph, newIds);
-  if (part && part->node.parent < 0) part = nullptr;
+  if (part && part->node().parent < 0) part = nullptr;
 
   Outline outline;
   if (part) {
     renderOutline(*part, 0, {}, true, outline, maxReportOutlineLines, graph);
   } else {
     for (const auto& n : graph.nodes())
-      if (n.node.parent < 0) renderOutline(n, 0, {}, false, outline, maxReportOutlineLines, graph);
+      if (n.node().parent < 0) renderOutline(n, 0, {}, false, outline, maxReportOutlineLines, graph);
   }
   if (keepFirst)
     result.changes = std::vector<std::string>{lines.front()};
   else if (part)
     result.changes =
-        std::vector<std::string>{"(the view changed inside " + idText(part->node) + "; outline of that part below)"};
+        std::vector<std::string>{"(the view changed inside " + idText(part->node()) + "; outline of that part below)"};
   else
     result.changes = std::vector<std::string>{"(the view changed; outline below)"};
   if (outline.total > outline.lines.size())

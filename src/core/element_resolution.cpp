@@ -26,17 +26,17 @@ bool isIdText(std::string_view t) {
 
 bool isControl(const std::optional<std::string>& role) { return controlRoles().count(role.value_or("")) > 0; }
 
-const GraphNode* parentOf(const AxGraph& graph, const GraphNode& node) { return graph.byIndex(node.node.parent); }
+const GraphNode* parentOf(const AxGraph& graph, const GraphNode& node) { return graph.byIndex(node.node().parent); }
 
 std::optional<std::string> parentName(const AxGraph& graph, const GraphNode& node) {
   const GraphNode* parent = parentOf(graph, node);
-  return parent ? nameOf(parent->node) : std::nullopt;
+  return parent ? nameOf(parent->node()) : std::nullopt;
 }
 
 bool hasControlAncestor(const AxGraph& graph, const GraphNode& node) {
   const GraphNode* at = parentOf(graph, node);
   for (std::size_t k = 0; at && k < controlAncestorDepth; ++k, at = parentOf(graph, *at))
-    if (isControl(at->node.role)) return true;
+    if (isControl(at->node().role)) return true;
   return false;
 }
 
@@ -56,7 +56,7 @@ std::string ambiguousMessage(std::string_view name, const Candidates& left) {
                         " 個あります。ID で指してください: ";
   for (std::size_t k = 0; k < left.size() && k < listedCandidates; ++k) {
     if (k) message += ", ";
-    message += rowLine(left[k]->node);
+    message += rowLine(left[k]->node());
   }
   return message;
 }
@@ -71,16 +71,16 @@ double distance(const AxNode& a, const Rect& from) {
 GraphNode resolveByName(const AxGraph& graph, std::string_view name) {
   Candidates candidates;
   for (const auto& n : graph.nodes())
-    if (auto own = nameOf(n.node); own && *own == name) candidates.push_back(&n);
+    if (auto own = nameOf(n.node()); own && *own == name) candidates.push_back(&n);
   if (candidates.empty())
     throw GlimmerstrandError(
         codes::notFound,
         "「" + std::string(name) + "」という名前の要素がありません。ui.tree() か MATCH で探してください");
   const std::function<bool(const GraphNode&)> filters[] = {
-      [](const GraphNode& n) { return isControl(n.node.role); },
+      [](const GraphNode& n) { return isControl(n.node().role); },
       [&](const GraphNode& n) { return hasControlAncestor(graph, n); },
-      [](const GraphNode& n) { return n.node.frame.has_value(); },
-      [](const GraphNode& n) { return n.node.enabled != false; },
+      [](const GraphNode& n) { return n.node().frame.has_value(); },
+      [](const GraphNode& n) { return n.node().enabled != false; },
   };
   for (const auto& filter : filters) {
     narrow(candidates, filter);
@@ -100,29 +100,29 @@ std::optional<GraphNode> recallNode(const AxGraph& current, const GraphMemory& m
   }
   if (!old) return std::nullopt;
 
-  const auto oldName = nameOf(old->node);
+  const auto oldName = nameOf(old->node());
   Candidates candidates;
   for (const auto& n : current.nodes())
-    if (n.node.role == old->node.role && nameOf(n.node) == oldName && n.node.url == old->node.url)
+    if (n.node().role == old->node().role && nameOf(n.node()) == oldName && n.node().url == old->node().url)
       candidates.push_back(&n);
   if (candidates.size() >= 2) {
     const auto wantedParent = parentName(*oldGraph, *old);
     narrow(candidates, [&](const GraphNode& n) { return parentName(current, n) == wantedParent; });
   }
   if (candidates.size() == 1) return *candidates.front();
-  if (candidates.empty() || !old->node.frame) return std::nullopt;
+  if (candidates.empty() || !old->node().frame) return std::nullopt;
 
   // Siblings alike in every other way: the one that stayed where the old one was.
   const GraphNode* nearest = nullptr;
   double best = std::numeric_limits<double>::infinity();
   for (const auto* c : candidates) {
-    double d = distance(c->node, *old->node.frame);
+    double d = distance(c->node(), *old->node().frame);
     if (!nearest || d < best) {
       nearest = c;
       best = d;
     }
   }
-  if (!nearest->node.frame || best > recallDistance) return std::nullopt;
+  if (!nearest->node().frame || best > recallDistance) return std::nullopt;
   return *nearest;
 }
 

@@ -220,12 +220,12 @@ PointArgument pointArgument(ScriptRun& run, const std::vector<cypher::ScalarValu
     return PointArgument{*args[0].asNumber(), *args[1].asNumber(), std::nullopt, {args.begin() + 2, args.end()}};
   const std::string text = textOr(argumentAt(args, 0), "");
   const GraphNode node = resolveNode(run, text);
-  if (!node.node.frame)
+  if (!node.node().frame)
     throw GlimmerstrandError(codes::noAction, text + " は位置がわからないので、ポインタで操作できません");
-  const Rect& f = *node.node.frame;
+  const Rect& f = *node.node().frame;
   std::vector<cypher::ScalarValue> rest;
   if (!args.empty()) rest.assign(args.begin() + 1, args.end());
-  return PointArgument{f.x + f.width / 2, f.y + f.height / 2, idText(node.node), std::move(rest)};
+  return PointArgument{f.x + f.width / 2, f.y + f.height / 2, idText(node.node()), std::move(rest)};
 }
 
 std::string pointText(double x, double y, const std::optional<std::string>& id) {

@@ -94,14 +94,14 @@ bool typeText(ScriptRun& run, const std::string& text) {
 }
 
 std::optional<Rect> visibleFrame(const AxGraph& graph, const GraphNode& node) {
-  if (!node.node.frame) return std::nullopt;
-  Rect visible = *node.node.frame;
-  const GraphNode* at = graph.byIndex(node.node.parent);
+  if (!node.node().frame) return std::nullopt;
+  Rect visible = *node.node().frame;
+  const GraphNode* at = graph.byIndex(node.node().parent);
   // A malformed tree could loop; no real chain is longer than the graph.
-  for (std::size_t steps = 0; at && steps < graph.nodes().size(); ++steps, at = graph.byIndex(at->node.parent)) {
-    if (!at->node.frame || !clipsChildren(at->node.role)) continue;
-    auto clipped = intersection(visible, *at->node.frame);
-    if (!clipped) return node.node.frame;
+  for (std::size_t steps = 0; at && steps < graph.nodes().size(); ++steps, at = graph.byIndex(at->node().parent)) {
+    if (!at->node().frame || !clipsChildren(at->node().role)) continue;
+    auto clipped = intersection(visible, *at->node().frame);
+    if (!clipped) return node.node().frame;
     visible = *clipped;
   }
   return visible;
@@ -207,7 +207,7 @@ StatementResultRef scroll(ScriptRun& run, const Arguments& args) {
   auto result = callResult();
   run.markPending(result);
   run.driver().scroll(scroll);
-  result->actions.push_back(succeeded(idText(node.node), "scroll " + direction + " " + cypher::numberText(amount)));
+  result->actions.push_back(succeeded(idText(node.node()), "scroll " + direction + " " + cypher::numberText(amount)));
   // The wheel moves the view after the event returns; ask for a walk once it has.
   run.clock().sleepMs(scrollRefreshDelayMs);
   run.driver().axRefresh(pidSelector(run.pid()));
@@ -216,7 +216,7 @@ StatementResultRef scroll(ScriptRun& run, const Arguments& args) {
 
 StatementResultRef menu(ScriptRun& run, const Arguments& args) {
   const GraphNode node = resolveNode(run, textOr(argumentAt(args, 0), ""));
-  const std::string id = idText(node.node);
+  const std::string id = idText(node.node());
   auto result = callResult();
   run.markPending(result);
   try {

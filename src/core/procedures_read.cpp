@@ -52,16 +52,16 @@ Capture captureOf(ScriptRun& run, const Arguments& args, CaptureOptions options)
   std::optional<GraphNode> target;
   if (args.empty()) {
     for (const auto& n : run.graph->nodes())
-      if (n.node.parent < 0) {
+      if (n.node().parent < 0) {
         target = n;
         break;
       }
   } else {
     target = resolveNode(run, textOf(&args[0]));
   }
-  if (!target || !target->node.frame)
+  if (!target || !target->node().frame)
     throw GlimmerstrandError(codes::noAction, "撮る範囲がわかりません。要素の ID を渡してください");
-  const Rect& f = *target->node.frame;
+  const Rect& f = *target->node().frame;
   options.pid = run.pid();
   return run.driver().captureRegion(f.x, f.y, f.width, f.height, options);
 }
@@ -91,7 +91,7 @@ namespace procedures {
 StatementResultRef read(ScriptRun& run, const Arguments& args) {
   const GraphNode node = resolveNode(run, textOr(argumentAt(args, 0), ""));
   const ReadTextResult text = run.driver().readText(run.elementRef(node));
-  Row row{{"id", idText(node.node)}, {"text", text.text}};
+  Row row{{"id", idText(node.node())}, {"text", text.text}};
   if (text.truncated) row.set("truncated", true);
   return rowsResult({std::move(row)});
 }
@@ -115,7 +115,7 @@ StatementResultRef tree(ScriptRun& run, const Arguments& args) {
   if (const auto* target = argumentAt(args, 0)) {
     const std::string text = textOf(target);
     try {
-      root = run.graph->byIndex(resolveNode(run, text).node.i);
+      root = run.graph->byIndex(resolveNode(run, text).node().i);
     } catch (const std::exception& e) {
       // A stale id still gets an outline: the whole window, with a word on why.
       if (!hasCode(e, codes::notFound) || run.closed) throw;
@@ -133,8 +133,8 @@ StatementResultRef tree(ScriptRun& run, const Arguments& args) {
     lines.push_back("… " + std::to_string(outline.total - outline.lines.size()) +
                     " more lines; call ui.tree(\"eX\") on a part, or query with MATCH");
   for (const auto& n : graph.nodes())
-    if (n.node.focused == true) {
-      lines.push_back("focused: " + rowLine(n.node));
+    if (n.node().focused == true) {
+      lines.push_back("focused: " + rowLine(n.node()));
       break;
     }
   auto result = callResult();

@@ -256,6 +256,6 @@ ElementRef elementRefOf(const AxSnapshot& snapshot, const AxNode& node) {
   return ref;
 }
 
-ElementRef ScriptRun::elementRef(const GraphNode& node) const { return elementRefOf(graph->snapshot(), node.node); }
+ElementRef ScriptRun::elementRef(const GraphNode& node) const { return elementRefOf(graph->snapshot(), node.node()); }
 
 }  // namespace glimmerstrand::core

@@ -142,7 +142,7 @@ StatementResultRef ScriptRun::runSet(const cypher::SetStatement& statement) {
     const auto& assignment = statement.assignments[a];
     for (auto node : targets[a]) {
       const auto& target = written->graphNode(node);
-      ids.push_back(idText(target.node));
+      ids.push_back(idText(target.node()));
       writeProperty(target, assignment.property, &assignment.value, written->snapshot(), result);
     }
   }
@@ -159,8 +159,8 @@ StatementResultRef ScriptRun::runSet(const cypher::SetStatement& statement) {
 
 void ScriptRun::writeProperty(const GraphNode& node, const std::string& property, const WriteValue* value,
                               const AxSnapshot& snapshot, const StatementResultRef& result) {
-  const ElementRef ref = elementRefOf(snapshot, node.node);
-  const std::string id = idText(node.node);
+  const ElementRef ref = elementRefOf(snapshot, node.node());
+  const std::string id = idText(node.node());
   std::string action = property == "value" ? "value=" + writeValueJSON(value) : property;
   try {
     if ((property == "pressed" || property == "selected") && isTrue(value)) {

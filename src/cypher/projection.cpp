@@ -71,9 +71,20 @@ KeyList plainKeys(const Query& query, const BindingVars& vars, const GraphAdapte
   return keys;
 }
 
+// Rows past SKIP + LIMIT can only be cut, unless a sort or DISTINCT still has
+// to see them; every binding holds the same variables, so stopping early
+// cannot hide an error either.
+std::size_t rowsNeeded(const Query& query) {
+  if (!query.orderBy.empty() || query.distinct || !query.limit) return std::numeric_limits<std::size_t>::max();
+  const auto skip = static_cast<std::uint64_t>(std::max<std::int64_t>(query.skip.value_or(0), 0));
+  const auto limit = static_cast<std::uint64_t>(std::max<std::int64_t>(*query.limit, 0));
+  return static_cast<std::size_t>(std::min<std::uint64_t>(skip + limit, std::numeric_limits<std::size_t>::max() / 2));
+}
+
 Table plainTable(const Query& query, const BindingList& list, const GraphAdapter& graph) {
   Table table;
-  for (std::size_t i = 0; i < list.size(); ++i) {
+  const std::size_t needed = rowsNeeded(query);
+  for (std::size_t i = 0; i < list.size() && table.rows.size() < needed; ++i) {
     BindingVars vars = list.vars(i);
     Row row;
     for (const auto& item : query.returns) addCells(row, item, vars, graph);

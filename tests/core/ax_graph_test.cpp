@@ -36,12 +36,12 @@ TEST(AxGraphIds, UidOrIndexAndMenuOffset) {
   AxNode menuItem = node(1, 0, "AXMenuBarItem", "File");
   menuItem.uid = 7;
   AxGraph graph(snapshotOf(nodes), {menuRoot, menuItem});
-  EXPECT_EQ(idText(graph.nodes()[0].node), "e3");
-  EXPECT_EQ(idText(graph.nodes()[1].node), "e111");
+  EXPECT_EQ(idText(graph.nodes()[0].node()), "e3");
+  EXPECT_EQ(idText(graph.nodes()[1].node()), "e111");
   ASSERT_NE(graph.byId("m10"), nullptr) << "a menu node without uid takes its shifted index";
-  EXPECT_EQ(graph.byId("m10")->node.parent, -1);
-  EXPECT_EQ(graph.byId("m7")->node.parent, 10);
-  EXPECT_EQ(labelOf(graph.byId("m7")->node), "AppMenuBarItem");
+  EXPECT_EQ(graph.byId("m10")->node().parent, -1);
+  EXPECT_EQ(graph.byId("m7")->node().parent, 10);
+  EXPECT_EQ(labelOf(graph.byId("m7")->node()), "AppMenuBarItem");
   EXPECT_EQ(graph.children(*graph.byId("m10")).size(), 1u);
   EXPECT_EQ(graph.snapshot().nodes.size(), 10u) << "the snapshot keeps only its own nodes";
 }
@@ -55,10 +55,10 @@ TEST(AxGraphRows, RowsTakeTextFromUpToThreeLevelsDown) {
     return AxGraph(snapshotOf(nodes), {});
   };
   auto near = deep(2);
-  EXPECT_EQ(nameOf(near.byId("e101")->node), "Inbox");
-  EXPECT_EQ(rowLine(near.byId("e101")->node), "e101 Row \"Inbox\"");
+  EXPECT_EQ(nameOf(near.byId("e101")->node()), "Inbox");
+  EXPECT_EQ(rowLine(near.byId("e101")->node()), "e101 Row \"Inbox\"");
   auto far = deep(4);
-  EXPECT_EQ(nameOf(far.byId("e101")->node), std::nullopt);
+  EXPECT_EQ(nameOf(far.byId("e101")->node()), std::nullopt);
 }
 
 TEST(AxGraphRowLine, Examples) {

@@ -172,7 +172,7 @@ TEST(ResolveByName, FiltersNarrowInTurnAndAmbiguityListsSixRows) {
       // filters that would leave nothing are skipped
       {{node(0, -1, "AXStaticText", "Play"), framed(node(1, -1, "AXStaticText", "Play"), r)}, 1},
   };
-  for (const auto& [nodes, expected] : cases) EXPECT_EQ(resolveByName(graphOf(nodes), "Play").node.i, expected);
+  for (const auto& [nodes, expected] : cases) EXPECT_EQ(resolveByName(graphOf(nodes), "Play").node().i, expected);
 
   std::vector<AxNode> eight;
   for (int k = 0; k < 8; ++k) eight.push_back(node(k, -1, "AXButton", "Play"));
