@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <thread>
 
 #include "core/json_value.h"
@@ -63,11 +65,79 @@ class Daemon {
   pid_t pid_ = -1;
 };
 
-JSONValue exchange(SocketClient& client, const std::string& line) {
+JSONValue ask(SocketClient& client, const std::string& line) {
   client.sendLine(line);
   auto reply = client.readLine(20s);
   if (!reply) throw std::runtime_error("no reply to " + line);
   return core::parseJSON(*reply);
+}
+
+std::string toolText(const JSONValue& reply) {
+  const auto* content = reply.find("result")->find("content");
+  return *content->asArray()->at(0).find("text")->asString();
+}
+
+TEST(Daemon, AnAgentDrivesTheCalculatorOverMcp) {
+  TempFolder folder;
+  Daemon daemon(folder);
+  SocketClient agent(daemon.socket());
+  agent.sendLine(R"({"mode":"mcp"})");
+  auto init = ask(agent, R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})");
+  EXPECT_EQ(core::optionalString(*init.find("result"), "protocolVersion"), "2025-06-18");
+  auto tools = ask(agent, R"({"jsonrpc":"2.0","id":2,"method":"tools/list"})");
+  EXPECT_EQ(core::optionalString(tools.find("result")->find("tools")->asArray()->at(0), "name"), "do");
+
+  auto reply = ask(agent, R"x({"jsonrpc":"2.0","id":3,"method":"tools/call","params":{"name":"do","arguments":{)x"
+                          R"x("app":"Calculator","cypher":"CALL ui.open(\"Calculator\"); CALL ui.press(\"7\"); )x"
+                          R"x(MATCH (t:StaticText) RETURN t.value"}}})x");
+  const auto text = toolText(reply);
+  EXPECT_EQ(reply.find("result")->find("isError"), nullptr) << text;
+  // Everything but the closing line's generation and time is fixed.
+  const std::string expected =
+      "#1\nok open \"Calculator\"\napp\tpid\telements\nCalculator\t501\t18\n"
+      "#2\nok e3 pressed\n~ e2 StaticText \"07\" (was \"0\")\n"
+      "#3\nt.value\n07\n";
+  EXPECT_EQ(text.substr(0, expected.size()), expected);
+  EXPECT_TRUE(std::regex_match(text.substr(std::min(expected.size(), text.size())),
+                               std::regex(R"(\(Calculator g[0-9]+ [0-9]+ms\)\n?)")))
+      << text;
+
+  auto shot = ask(agent, R"x({"jsonrpc":"2.0","id":4,"method":"tools/call","params":{"name":"do","arguments":{)x"
+                         R"x("app":"Calculator","cypher":"CALL ui.screenshot()"}}})x");
+  bool image = false;
+  for (const auto& item : *shot.find("result")->find("content")->asArray())
+    image = image || core::optionalString(item, "type") == "image";
+  EXPECT_TRUE(image) << core::jsonText(shot);
+}
+
+std::string doCall(int id, const std::string& cypher) {
+  return R"x({"jsonrpc":"2.0","id":)x" + std::to_string(id) +
+         R"x(,"method":"tools/call","params":{"name":"do","arguments":{"app":"Calculator","cypher":)x" +
+         core::jsonString(cypher) + "}}}";
+}
+
+TEST(Daemon, TwoSessionsMeetAtTheApplicationsLease) {
+  TempFolder folder;
+  Daemon daemon(folder);
+  SocketClient holder(daemon.socket());
+  SocketClient waiter(daemon.socket());
+  for (auto* agent : {&holder, &waiter}) {
+    agent->sendLine(R"({"mode":"mcp"})");
+    ask(*agent, R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})");
+  }
+  ask(holder, doCall(2, R"(CALL ui.press("1"))"));  // the first session now holds the calculator
+  waiter.sendLine(doCall(2, R"(CALL ui.press("2"))"));
+  EXPECT_EQ(waiter.readLine(300ms), std::nullopt) << "the second session waits for the lease";
+
+  SocketClient shell(daemon.socket());
+  auto read = ask(
+      shell, R"({"operation":"query","params":{"app":"Calculator","cypher":"MATCH (t:StaticText) RETURN t.value"}})");
+  EXPECT_EQ(core::optionalBool(read, "ok"), true) << "a query takes no lease: " << core::jsonText(read);
+
+  holder.close();  // a closing session hands the lease on at once
+  auto reply = waiter.readLine(20s);
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_NE(reply->find("012"), std::string::npos) << *reply;
 }
 
 TEST(Daemon, ASecondDaemonStopsAtTheLockAndTermRemovesTheSocket) {
@@ -75,7 +145,7 @@ TEST(Daemon, ASecondDaemonStopsAtTheLockAndTermRemovesTheSocket) {
   Daemon daemon(folder);
   ASSERT_TRUE(std::filesystem::exists(daemon.socket()));
   SocketClient shell(daemon.socket());
-  auto pong = exchange(shell, R"({"id":1,"operation":"ping","params":{}})");
+  auto pong = ask(shell, R"({"id":1,"operation":"ping","params":{}})");
   EXPECT_EQ(core::optionalBool(pong, "ok"), true) << core::jsonText(pong);
 
   pid_t second = Daemon::start(folder);
