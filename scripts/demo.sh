@@ -22,5 +22,5 @@ run() {
 run ping
 run --app Calculator query 'MATCH (b:Button) WHERE b.name =~ "[0-9]" RETURN b.id, b.name ORDER BY b.name LIMIT 4'
 run --app Calculator do 'CALL ui.press("7"); CALL ui.press("+"); CALL ui.press("8"); MATCH (t:StaticText) RETURN t.value'
-run --app "Text Editor" do 'CALL ui.tree()'
+run --app Calculator do 'CALL ui.tree()'
 run status
