@@ -72,7 +72,8 @@ struct ActionSim {
   JSONValue snapshot(std::int32_t pid) { return call("axSnapshot", {{"pid", pid}, {"fresh", true}, {"all", true}}); }
   /// The reference of the element with this identifier in a fresh copy.
   JSONValue::Object ref(std::int32_t pid, const std::string& identifier) {
-    for (const auto& node : *snapshot(pid).find("nodes")->asArray())
+    const JSONValue taken = snapshot(pid);  // kept alive for the loop below
+    for (const auto& node : *taken.find("nodes")->asArray())
       if (core::optionalString(node, "identifier") == identifier)
         return {{"pid", pid}, {"uid", *core::optionalInt(node, "uid")}};
     throw std::logic_error("no node " + identifier);
