@@ -4,7 +4,7 @@
 // GLIMMERSTRAND_SIM_APPS is unset.
 #pragma once
 
-#include "platform/sim/sim_spec.h"
+#include "platform/sim/sim_model.h"
 
 namespace glimmerstrand::platform::sim {
 

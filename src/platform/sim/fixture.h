@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/sim/sim_spec.h"
+#include "platform/sim/sim_model.h"
 
 namespace glimmerstrand::platform::sim {
 

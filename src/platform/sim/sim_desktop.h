@@ -25,7 +25,7 @@
 #include "platform/run_loop.h"
 #include "platform/screen.h"
 #include "platform/session.h"
-#include "platform/sim/sim_spec.h"
+#include "platform/sim/sim_model.h"
 #include "platform/workspace.h"
 
 namespace glimmerstrand::platform::sim {

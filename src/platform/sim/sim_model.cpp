@@ -1,4 +1,4 @@
-#include "platform/sim/sim_spec.h"
+#include "platform/sim/sim_model.h"
 
 namespace glimmerstrand::platform::sim {
 
