@@ -142,7 +142,7 @@ struct SimDesktop::State {
   std::vector<std::string> namesOf(const App& app, const Node& node) const;
   bool editable(const Node& node) const;
 
-  void start(AppSpec spec);  // by value: a relaunch passes the spec of the entry it resets
+  void start(AppSpec spec);  // by value: a relaunch passes the description of the entry it resets
   std::uint64_t build(App& app, const ElementSpec& spec, std::uint64_t parent);
   void erase(App& app, std::uint64_t id);
 
