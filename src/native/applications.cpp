@@ -185,7 +185,9 @@ JSONValue launch(platform::Platform& platform, MirrorHost& host, const JSONValue
 JSONValue quit(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
   auto app = host.apps().findApp(params);
   auto& workspace = platform.workspace();
-  const std::int64_t timeoutMs = core::optionalInt(params, "timeoutMs").value_or(5000);
+  // Cut where no clock overflows.
+  const std::int64_t timeoutMs =
+      std::clamp<std::int64_t>(core::optionalInt(params, "timeoutMs").value_or(5000), 0, 1'000'000'000'000);
   // A polite request; nothing forces an application that refuses or asks.
   workspace.terminate(app.pid);
   const bool terminated = pollFor(platform.clock(), timeoutMs, 50, [&] {

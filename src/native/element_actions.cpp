@@ -18,6 +18,8 @@ using platform::AxError;
 using platform::AxValue;
 
 constexpr std::int64_t msNs = 1'000'000;
+// Longer waits a caller may ask for are cut here, which no clock overflows.
+constexpr std::int64_t maxWaitMs = 1'000'000'000'000;
 constexpr int pressTargetLevels = 5;
 constexpr int focusAncestors = 7;
 constexpr std::int64_t readTextMaxDepth = 64;
@@ -79,7 +81,7 @@ bool pressOnWorker(MirrorEnvironment environment, AppMirror& mirror, const Eleme
     box->finished = true;
     clock.notifyAll(box->done);
   });
-  const std::int64_t deadline = clock.nowNs() + std::max<std::int64_t>(timeoutMs, 0) * msNs;
+  const std::int64_t deadline = clock.nowNs() + std::clamp<std::int64_t>(timeoutMs, 0, maxWaitMs) * msNs;
   for (;;) {
     std::optional<AxError> result;
     {
@@ -129,8 +131,8 @@ JSONValue press(MirrorHost& host, const JSONValue& params) {
     if (auto error = ax.set(target, "AXFocused", true); error != AxError::success)
       throw RPCError("native", "フォーカスを当てられませんでした: " + number(error));
   } else {
-    JSONValue::Array names(actions.begin(), actions.end());
-    throw RPCError("no_action", "この要素は押せません。actions=" + core::jsonText(names));
+    JSONValue::Array listed(actions.begin(), actions.end());
+    throw RPCError("no_action", "この要素は押せません。actions=" + core::jsonText(listed));
   }
   return JSONValue::Object{{"method", method},
                            {"completed", completed},
@@ -239,9 +241,8 @@ JSONValue showMenu(MirrorHost& host, const JSONValue& params) {
   return JSONValue::Object{{"notificationsBefore", before}};
 }
 
-std::string wholeNumber(double value) {
-  return std::isfinite(value) ? std::to_string(static_cast<std::int64_t>(value)) : "0";
-}
+// Rounded toward zero.
+std::string wholeNumber(double value) { return cypher::numberText(std::trunc(value)); }
 
 }  // namespace
 

@@ -29,7 +29,8 @@ std::shared_ptr<const MenuCache::Entry> MenuCache::entry(std::int32_t pid, std::
     for (const auto& [known, entry] : entries_)
       if (known == pid) stored = entry;
   }
-  const std::int64_t maxAgeNs = std::max<std::int64_t>(maxAgeMs, 0) * 1'000'000;
+  // A negative age counts as 0; one beyond a million years as that, which no clock overflows.
+  const std::int64_t maxAgeNs = std::clamp<std::int64_t>(maxAgeMs, 0, 1'000'000'000'000) * 1'000'000;
   if (stored && environment_.clock.nowNs() - stored->at <= maxAgeNs) return stored;
   return walkMenus(pid, stored);
 }
