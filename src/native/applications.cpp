@@ -83,10 +83,6 @@ std::string titleOf(platform::Accessibility& ax, const Element& window) {
   return ax.copy(window, "AXTitle").as<std::string>().value_or("");
 }
 
-void requireTrust(platform::Platform& platform) {
-  if (!platform.accessibility().isTrusted()) throw RPCError("permission", permissionMessage);
-}
-
 JSONValue record(const RunningApplication& app) { return core::toJSON(appRecord(app)); }
 
 std::string parentFolder(const std::string& path) {
@@ -216,7 +212,7 @@ JSONValue windowRecord(platform::Accessibility& ax, const Element& window, std::
 }
 
 JSONValue windows(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
-  requireTrust(platform);
+  requireTrust(platform.accessibility());
   auto app = host.apps().selectApp(params);
   auto& ax = platform.accessibility();
   JSONValue::Array list;
@@ -244,7 +240,7 @@ std::optional<Element> chooseWindow(platform::Accessibility& ax, const std::vect
 }
 
 JSONValue raiseWindow(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
-  requireTrust(platform);
+  requireTrust(platform.accessibility());
   auto app = host.apps().selectApp(params);
   auto& ax = platform.accessibility();
   auto window = chooseWindow(ax, windowsOf(ax, app.pid), params);

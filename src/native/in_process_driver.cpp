@@ -67,7 +67,7 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
   const auto started = platform.clock().nowNs();
   core::AxSnapshot out;
   try {
-    if (!platform.accessibility().isTrusted()) throw RPCError("permission", permissionMessage);
+    requireTrust(platform.accessibility());
     auto app = host_.apps().selectApp(core::toJSON(options.app));
     SnapshotRequest request;
     request.fresh = options.fresh;

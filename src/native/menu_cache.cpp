@@ -92,7 +92,7 @@ void addMenuOperations(OperationTable& table, MirrorHost& host) {
     auto& platform = host.platform();
     auto& clock = platform.clock();
     const std::int64_t start = clock.nowNs();
-    if (!platform.accessibility().isTrusted()) throw RPCError("permission", permissionMessage);
+    requireTrust(platform.accessibility());
     auto app = host.apps().selectApp(params);
     auto entry = host.menus().entry(app.pid, core::optionalInt(params, "maxAgeMs").value_or(3000));
     JSONValue::Array nodes;

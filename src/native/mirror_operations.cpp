@@ -14,15 +14,11 @@ double millisecondsSince(platform::Clock& clock, std::int64_t start) {
   return static_cast<double>(clock.nowNs() - start) / 1e6;
 }
 
-void requireTrust(platform::Platform& platform) {
-  if (!platform.accessibility().isTrusted()) throw RPCError("permission", permissionMessage);
-}
-
 JSONValue axTree(MirrorHost& host, const JSONValue& params) {
   auto& platform = host.platform();
   auto& ax = platform.accessibility();
   const std::int64_t start = platform.clock().nowNs();
-  requireTrust(platform);
+  requireTrust(platform.accessibility());
   auto app = host.apps().selectApp(params);
   // A one-shot walk straight to the application, apart from its mirror.
   Element element = ax.applicationElement(app.pid);
@@ -42,7 +38,7 @@ JSONValue axTree(MirrorHost& host, const JSONValue& params) {
 RawJSON axSnapshot(MirrorHost& host, const JSONValue& params) {
   auto& platform = host.platform();
   const std::int64_t start = platform.clock().nowNs();
-  requireTrust(platform);
+  requireTrust(platform.accessibility());
   auto app = host.apps().selectApp(params);
   SnapshotRequest request;
   request.fresh = core::optionalBool(params, "fresh").value_or(false);
@@ -79,21 +75,21 @@ RawJSON axSnapshot(MirrorHost& host, const JSONValue& params) {
 }
 
 JSONValue axRefresh(MirrorHost& host, const JSONValue& params) {
-  requireTrust(host.platform());
+  requireTrust(host.platform().accessibility());
   auto app = host.apps().selectApp(params);
   host.mirrors().mirror(app.pid)->requestUrgentWalk();
   return JSONValue::Object{{"pid", std::int64_t{app.pid}}};
 }
 
 JSONValue axCounter(MirrorHost& host, const JSONValue& params) {
-  requireTrust(host.platform());
+  requireTrust(host.platform().accessibility());
   auto app = host.apps().selectApp(params);
   auto count = host.mirrors().mirror(app.pid)->notificationCount();
   return JSONValue::Object{{"pid", std::int64_t{app.pid}}, {"notifications", count}};
 }
 
 JSONValue waitSettle(MirrorHost& host, const JSONValue& params) {
-  requireTrust(host.platform());
+  requireTrust(host.platform().accessibility());
   auto pid = params.find("pid");
   std::shared_ptr<AppMirror> mirror;
   if (pid && pid->asNumber()) {
@@ -109,7 +105,7 @@ JSONValue waitSettle(MirrorHost& host, const JSONValue& params) {
 
 JSONValue elementAt(MirrorHost& host, const JSONValue& params) {
   auto& platform = host.platform();
-  requireTrust(platform);
+  requireTrust(platform.accessibility());
   double x = requiredNumber("x", params);
   double y = requiredNumber("y", params);
   auto& ax = platform.accessibility();

@@ -53,8 +53,12 @@ void Mirrors::startObserving() {
   if (auto front = workspace_.frontmost()) mirror(front->pid);
 }
 
+void requireTrust(platform::Accessibility& ax) {
+  if (!ax.isTrusted()) throw RPCError("permission", permissionMessage);
+}
+
 ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, const MenuElementLookup& menus) {
-  if (!mirrors.environment().accessibility.isTrusted()) throw RPCError("permission", permissionMessage);
+  requireTrust(mirrors.environment().accessibility);
   auto pid = core::optionalNumber(params, "pid");
   auto pidValue = params.find("pid");
   if (!pidValue || !pidValue->asNumber()) throw RPCError("invalid_argument", "pid が必要です");

@@ -27,6 +27,10 @@ inline constexpr const char* permissionMessage =
     "アクセシビリティが許可されていません。システム設定のプライバシーとセキュリティで、ターミナルにアクセシビリティを許"
     "可してください";
 
+/// RPCError "permission" with `permissionMessage` unless the process may read
+/// and drive other applications.
+void requireTrust(platform::Accessibility& ax);
+
 class Mirrors {
  public:
   static constexpr std::size_t maxMirrors = 6;

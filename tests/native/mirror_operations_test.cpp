@@ -2,11 +2,8 @@
 // demo desktop and a driven clock.
 #include <gtest/gtest.h>
 
-#include "native/mirror_operations.h"
-#include "native/rpc_error.h"
+#include "action_sim.h"
 #include "platform/sim/demo_apps.h"
-#include "platform/sim/driven_clock.h"
-#include "platform/sim/sim_platform.h"
 
 namespace glimmerstrand::native {
 namespace {
@@ -14,30 +11,9 @@ namespace {
 using core::JSONValue;
 using platform::sim::demoCalculatorPid;
 
-struct Operations {
-  Operations() { addMirrorOperations(table, host); }
-  ~Operations() { clock.runUntilIdle(); }
-
-  JSONValue call(const std::string& name, JSONValue::Object params = {}) {
-    auto handler = table.find(name);
-    if (!handler) throw std::logic_error("no operation " + name);
-    auto result = (*handler)(JSONValue(std::move(params)));
-    if (auto raw = std::get_if<RawJSON>(&result)) return core::parseJSON(raw->text);
-    return std::get<JSONValue>(result);
-  }
-  RPCError failure(const std::string& name, JSONValue::Object params = {}) {
-    try {
-      call(name, std::move(params));
-    } catch (const RPCError& e) {
-      return e;
-    }
-    throw std::logic_error(name + " did not fail");
-  }
-
-  platform::sim::DrivenClock clock;
-  platform::sim::SimPlatform platform{platform::sim::demoDesktop(), clock, clock.mainLoop()};
-  MirrorHost host{&platform, ""};
-  OperationTable table;
+// Every operation is registered; these tests call the mirror's.
+struct Operations : testing::ActionSim {
+  Operations() : ActionSim(platform::sim::demoDesktop()) {}
 };
 
 std::vector<std::string> keys(const JSONValue& object) {
