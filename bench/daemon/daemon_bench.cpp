@@ -1,6 +1,8 @@
 // What an agent waits for: a statement's round trip through the daemon's
 // socket. The daemon runs on a simulated desktop with one application of
-// 10,000 elements, unchanged between reads.
+// 10,000 elements, unchanged between reads. Beside it, the same press and
+// settle straight over the line protocol, timed by the operations' own
+// figures: the part of a write's round trip that is the application's.
 #include <benchmark/benchmark.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -16,7 +18,11 @@
 #include <string>
 #include <thread>
 
+#include "core/json_value.h"
+
 namespace {
+
+using glimmerstrand::core::JSONValue;
 
 // A window of 100 groups, each with 99 buttons and texts.
 std::string bigFixture() {
@@ -41,24 +47,62 @@ std::string bigFixture() {
          children + "]}]}]}";
 }
 
+// A state folder with the big application's description; removed at the end.
+class Folder {
+ public:
+  explicit Folder(const std::string& name) {
+    path_ = std::filesystem::temp_directory_path() / (name + "-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(path_);
+    std::ofstream(path_ / "apps.json") << bigFixture();
+  }
+  ~Folder() { std::filesystem::remove_all(path_); }
+  const std::filesystem::path& path() const { return path_; }
+
+  /// In a child: the environment of a silent glimmerstrand-native on the big
+  /// application, then the executable with `mode` ("" for the line protocol).
+  [[noreturn]] void execNative(const char* mode) const {
+    ::setenv("XDG_STATE_HOME", path_.c_str(), 1);
+    ::setenv("GLIMMERSTRAND_PLATFORM", "sim", 1);
+    ::setenv("GLIMMERSTRAND_SIM_APPS", (path_ / "apps.json").c_str(), 1);
+    ::setenv("GLIMMERSTRAND_LOG_LEVEL", "silent", 1);
+    ::setenv("GLIMMERSTRAND_CURSOR", "0", 1);
+    ::unsetenv("GLIMMERSTRAND_SOCKET");
+    if (*mode)
+      ::execl(GLIMMERSTRAND_NATIVE_BINARY, GLIMMERSTRAND_NATIVE_BINARY, mode, static_cast<char*>(nullptr));
+    else
+      ::execl(GLIMMERSTRAND_NATIVE_BINARY, GLIMMERSTRAND_NATIVE_BINARY, static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Reads one line at a time from `fd`, keeping what comes after it.
+std::string readLine(int fd, std::string& pending) {
+  char buffer[65536];
+  for (std::size_t end; (end = pending.find('\n')) == std::string::npos;) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n <= 0) throw std::runtime_error("read");
+    pending.append(buffer, static_cast<std::size_t>(n));
+  }
+  const std::size_t end = pending.find('\n');
+  std::string line = pending.substr(0, end);
+  pending.erase(0, end + 1);
+  return line;
+}
+
+void writeLine(int fd, const std::string& line) {
+  const std::string out = line + "\n";
+  if (::write(fd, out.data(), out.size()) != static_cast<ssize_t>(out.size())) throw std::runtime_error("write");
+}
+
 class Daemon {
  public:
-  Daemon() {
-    folder_ = std::filesystem::temp_directory_path() / ("daemon-bench-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(folder_);
-    std::ofstream(folder_ / "apps.json") << bigFixture();
-    socket_ = (folder_ / "glimmerstrand/glimmerstrand.sock").string();
+  Daemon() : folder_("daemon-bench") {
+    socket_ = (folder_.path() / "glimmerstrand/glimmerstrand.sock").string();
     pid_ = ::fork();
-    if (pid_ == 0) {
-      ::setenv("XDG_STATE_HOME", folder_.c_str(), 1);
-      ::setenv("GLIMMERSTRAND_PLATFORM", "sim", 1);
-      ::setenv("GLIMMERSTRAND_SIM_APPS", (folder_ / "apps.json").c_str(), 1);
-      ::setenv("GLIMMERSTRAND_LOG_LEVEL", "silent", 1);
-      ::setenv("GLIMMERSTRAND_CURSOR", "0", 1);
-      ::unsetenv("GLIMMERSTRAND_SOCKET");
-      ::execl(GLIMMERSTRAND_NATIVE_BINARY, GLIMMERSTRAND_NATIVE_BINARY, "daemon", static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
+    if (pid_ == 0) folder_.execNative("daemon");
     for (int k = 0; k < 500 && fd_ < 0; ++k) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
       fd_ = connectTo(socket_);
@@ -69,20 +113,11 @@ class Daemon {
     ::close(fd_);
     ::kill(pid_, SIGTERM);
     ::waitpid(pid_, nullptr, 0);
-    std::filesystem::remove_all(folder_);
   }
 
   std::string roundTrip(const std::string& line) {
-    std::string out = line + "\n";
-    if (::write(fd_, out.data(), out.size()) != static_cast<ssize_t>(out.size())) throw std::runtime_error("write");
-    std::string reply;
-    char buffer[65536];
-    while (reply.find('\n') == std::string::npos) {
-      ssize_t n = ::read(fd_, buffer, sizeof buffer);
-      if (n <= 0) throw std::runtime_error("read");
-      reply.append(buffer, static_cast<std::size_t>(n));
-    }
-    return reply;
+    writeLine(fd_, line);
+    return readLine(fd_, pending_);
   }
 
  private:
@@ -95,10 +130,53 @@ class Daemon {
     ::close(fd);
     return -1;
   }
-  std::filesystem::path folder_;
+  Folder folder_;
   std::string socket_;
+  std::string pending_;
   pid_t pid_ = -1;
   int fd_ = -1;
+};
+
+// glimmerstrand-native on pipes, one request at a time.
+class LineProcess {
+ public:
+  LineProcess() : folder_("line-bench") {
+    int toChild[2], fromChild[2];
+    if (::pipe(toChild) != 0 || ::pipe(fromChild) != 0) throw std::runtime_error("pipe");
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(toChild[0], 0);
+      ::dup2(fromChild[1], 1);
+      ::close(toChild[1]);
+      ::close(fromChild[0]);
+      folder_.execNative("");
+    }
+    ::close(toChild[0]);
+    ::close(fromChild[1]);
+    in_ = toChild[1];
+    out_ = fromChild[0];
+  }
+  ~LineProcess() {
+    ::close(in_);  // end of input ends the process
+    ::waitpid(pid_, nullptr, 0);
+    ::close(out_);
+  }
+
+  /// The result of one operation; a failure throws.
+  JSONValue call(const std::string& method, JSONValue::Object params) {
+    namespace core = glimmerstrand::core;
+    writeLine(in_, core::jsonText(JSONValue::Object{{"id", ++lastId_}, {"method", method}, {"params", params}}));
+    auto reply = core::parseJSON(readLine(out_, pending_));
+    if (core::optionalBool(reply, "ok") != true) throw std::runtime_error(method + ": " + core::jsonText(reply));
+    return *reply.find("result");
+  }
+
+ private:
+  Folder folder_;
+  pid_t pid_ = -1;
+  int in_ = -1, out_ = -1;
+  std::int64_t lastId_ = 0;
+  std::string pending_;
 };
 
 void BM_QueryOverSocket(benchmark::State& state) {
@@ -123,6 +201,40 @@ void BM_PressAndReadOverSocket(benchmark::State& state) {
 }
 BENCHMARK(BM_PressAndReadOverSocket)
     ->Unit(benchmark::kMillisecond)
+    ->Iterations(10)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true);
+
+// The settle time of that same press: the wait for quiet and the fresh copy
+// after it, as the operations measure them, without the statement's own work.
+void BM_PressSettle(benchmark::State& state) {
+  namespace core = glimmerstrand::core;
+  LineProcess line;
+  const JSONValue pid = std::int64_t{900};
+  std::optional<std::int64_t> uid;
+  auto copy = line.call("axSnapshot", {{"pid", pid}, {"fresh", true}});
+  for (const auto& node : *copy.find("nodes")->asArray())
+    if (core::optionalString(node, "title") == "Action 1") uid = core::optionalInt(node, "uid");
+  if (!uid) return state.SkipWithError("no button Action 1");
+  for (auto _ : state) {
+    auto pressed = line.call("press", {{"pid", pid}, {"uid", *uid}});
+    auto settled = line.call("waitSettle", {{"pid", pid},
+                                            {"since", *core::optionalInt(pressed, "notificationsBefore")},
+                                            {"quietMs", std::int64_t{60}},
+                                            {"firstMs", std::int64_t{150}}});
+    auto fresh = line.call("axSnapshot", {{"pid", pid}, {"fresh", true}, {"ifGeneration", std::int64_t{-1}}});
+    const double waitedMs = *core::optionalNumber(settled, "waitedMs");
+    const double copyMs = *core::optionalNumber(fresh, "elapsedMs");
+    state.SetIterationTime((waitedMs + copyMs) / 1000);
+    state.counters["waitedMs"] += waitedMs;
+    state.counters["copyMs"] += copyMs;
+  }
+  state.counters["waitedMs"] /= static_cast<double>(state.iterations());
+  state.counters["copyMs"] /= static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_PressSettle)
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime()
     ->Iterations(10)
     ->Repetitions(3)
     ->ReportAggregatesOnly(true);
