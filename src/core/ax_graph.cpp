@@ -34,6 +34,51 @@ std::optional<std::string> joinedText(const AxNode& n) {
   return out;
 }
 
+// The children of a node, by the index of positions.
+template <typename Tables>
+std::vector<const GraphNode*> childrenIn(const Tables& tables, const GraphNode& node) {
+  std::vector<const GraphNode*> out;
+  out.reserve(node.children.size());
+  for (auto i : node.children)
+    if (auto it = tables.byIndex.find(i); it != tables.byIndex.end()) out.push_back(&tables.nodes[it->second]);
+  return out;
+}
+
+// The first text of a static text within three levels below a node.
+template <typename Tables>
+std::optional<std::string> descendantText(const Tables& tables, const GraphNode& node) {
+  std::vector<const GraphNode*> level = childrenIn(tables, node);
+  for (int depth = 0; depth < 3 && !level.empty(); ++depth) {
+    std::vector<const GraphNode*> next;
+    for (const auto* n : level) {
+      const auto& a = n->node();
+      if (a.role == "AXStaticText" && (nonEmpty(a.value) || nonEmpty(a.title))) return a.value ? a.value : a.title;
+    }
+    for (const auto* n : level) {
+      auto kids = childrenIn(tables, *n);
+      next.insert(next.end(), kids.begin(), kids.end());
+    }
+    level = std::move(next);
+  }
+  return std::nullopt;
+}
+
+// Rows and cells without a text of their own take their first descendant's.
+template <typename Tables>
+void nameRows(Tables& tables) {
+  for (auto& n : tables.nodes) {
+    const auto& node = n.node();
+    if (node.role != "AXRow" && node.role != "AXCell") continue;
+    if (nonEmpty(node.title) || nonEmpty(node.description) || nonEmpty(node.placeholder) || nonEmpty(node.value))
+      continue;
+    if (auto found = descendantText(tables, n); found && !found->empty()) {
+      AxNode copy = n.node();
+      copy.title = std::move(found);
+      n.record = std::make_shared<const AxNode>(std::move(copy));
+    }
+  }
+}
+
 }  // namespace
 
 const std::unordered_set<std::string>& controlRoles() {
@@ -101,27 +146,41 @@ std::string rowLine(const AxNode& node) {
   return line;
 }
 
-AxGraph::AxGraph(AxSnapshot snapshot, const std::vector<AxNode>& menus) : snapshot_(std::move(snapshot)) {
-  const auto offset = static_cast<std::int64_t>(snapshot_.nodes.size());
-  nodes_.reserve(snapshot_.nodes.size() + menus.size());
-  const auto& shared = snapshot_.nodes.shared();
-  for (const auto& n : *shared) nodes_.push_back(GraphNode{std::shared_ptr<const AxNode>(shared, &n), {}});
+AxGraph::AxGraph(AxSnapshot snapshot, const std::vector<AxNode>& menus)
+    : snapshot_(std::move(snapshot)), tables_(buildTables(snapshot_.nodes, menus)) {}
+
+AxGraph::AxGraph(AxSnapshot snapshot, const AxGraph& earlier)
+    : snapshot_(std::move(snapshot)), tables_(earlier.tables_) {}
+
+bool AxGraph::holdsSameNodes(const AxSnapshot& snapshot, const std::vector<AxNode>& menus) const {
+  return snapshot.pid == snapshot_.pid && snapshot.nodes.shared() == snapshot_.nodes.shared() &&
+         menus == tables_->menus;
+}
+
+std::shared_ptr<const AxGraph::Tables> AxGraph::buildTables(const NodeList& list, const std::vector<AxNode>& menus) {
+  auto tables = std::make_shared<Tables>();
+  tables->menus = menus;
+  auto& nodes = tables->nodes;
+  const auto offset = static_cast<std::int64_t>(list.size());
+  nodes.reserve(list.size() + menus.size());
+  const auto& shared = list.shared();
+  for (const auto& n : *shared) nodes.push_back(GraphNode{std::shared_ptr<const AxNode>(shared, &n), {}});
   for (const auto& m : menus) {
     AxNode copy = m;
     copy.i = m.i + offset;
     copy.parent = m.parent >= 0 ? m.parent + offset : -1;
     copy.menu = true;
-    nodes_.push_back(GraphNode{std::make_shared<const AxNode>(std::move(copy)), {}});
+    nodes.push_back(GraphNode{std::make_shared<const AxNode>(std::move(copy)), {}});
   }
-  byIndex_.reserve(nodes_.size());
-  byId_.reserve(nodes_.size());
-  for (std::size_t k = 0; k < nodes_.size(); ++k) byIndex_[nodes_[k].node().i] = k;
-  for (std::size_t k = 0; k < nodes_.size(); ++k) byId_[idText(nodes_[k].node())] = k;
-  for (auto& n : nodes_)
-    if (auto parent = byIndex_.find(n.node().parent); parent != byIndex_.end())
-      nodes_[parent->second].children.push_back(n.node().i);
-  nameRows();
-  for (auto& n : nodes_) {
+  tables->byIndex.reserve(nodes.size());
+  tables->byId.reserve(nodes.size());
+  for (std::size_t k = 0; k < nodes.size(); ++k) tables->byIndex[nodes[k].node().i] = k;
+  for (std::size_t k = 0; k < nodes.size(); ++k) tables->byId[idText(nodes[k].node())] = k;
+  for (auto& n : nodes)
+    if (auto parent = tables->byIndex.find(n.node().parent); parent != tables->byIndex.end())
+      nodes[parent->second].children.push_back(n.node().i);
+  nameRows(*tables);
+  for (auto& n : nodes) {
     const auto& url = n.node().url;
     if (nonEmpty(url) && url->starts_with(internalPlayerOrigin)) {
       AxNode copy = n.node();
@@ -129,68 +188,35 @@ AxGraph::AxGraph(AxSnapshot snapshot, const std::vector<AxNode>& menus) : snapsh
       n.record = std::make_shared<const AxNode>(std::move(copy));
     }
   }
-  labels_.reserve(nodes_.size());
-  for (const auto& n : nodes_) labels_.push_back(labelOf(n.node()));
-}
-
-void AxGraph::nameRows() {
-  for (auto& n : nodes_) {
-    const auto& node = n.node();
-    if (node.role != "AXRow" && node.role != "AXCell") continue;
-    if (nonEmpty(node.title) || nonEmpty(node.description) || nonEmpty(node.placeholder) || nonEmpty(node.value))
-      continue;
-    if (auto found = descendantText(n); found && !found->empty()) {
-      AxNode copy = n.node();
-      copy.title = std::move(found);
-      n.record = std::make_shared<const AxNode>(std::move(copy));
-    }
-  }
-}
-
-std::optional<std::string> AxGraph::descendantText(const GraphNode& node) const {
-  std::vector<const GraphNode*> level = children(node);
-  for (int depth = 0; depth < 3 && !level.empty(); ++depth) {
-    std::vector<const GraphNode*> next;
-    for (const auto* n : level) {
-      const auto& a = n->node();
-      if (a.role == "AXStaticText" && (nonEmpty(a.value) || nonEmpty(a.title))) return a.value ? a.value : a.title;
-    }
-    for (const auto* n : level) {
-      auto kids = children(*n);
-      next.insert(next.end(), kids.begin(), kids.end());
-    }
-    level = std::move(next);
-  }
-  return std::nullopt;
+  tables->labels.reserve(nodes.size());
+  for (const auto& n : nodes) tables->labels.push_back(labelOf(n.node()));
+  return tables;
 }
 
 const GraphNode* AxGraph::byIndex(std::int64_t i) const {
-  auto it = byIndex_.find(i);
-  return it == byIndex_.end() ? nullptr : &nodes_[it->second];
+  auto it = tables_->byIndex.find(i);
+  return it == tables_->byIndex.end() ? nullptr : &tables_->nodes[it->second];
 }
 
 const GraphNode* AxGraph::byId(std::string_view id) const {
-  auto it = byId_.find(std::string(id));
-  return it == byId_.end() ? nullptr : &nodes_[it->second];
+  auto it = tables_->byId.find(std::string(id));
+  return it == tables_->byId.end() ? nullptr : &tables_->nodes[it->second];
 }
 
-std::vector<const GraphNode*> AxGraph::children(const GraphNode& node) const {
-  std::vector<const GraphNode*> out;
-  out.reserve(node.children.size());
-  for (auto i : node.children)
-    if (auto child = byIndex(i)) out.push_back(child);
-  return out;
-}
+std::vector<const GraphNode*> AxGraph::children(const GraphNode& node) const { return childrenIn(*tables_, node); }
 
-Node AxGraph::handle(const GraphNode& node) const { return Node{static_cast<std::uint64_t>(&node - nodes_.data())}; }
+Node AxGraph::handle(const GraphNode& node) const {
+  return Node{static_cast<std::uint64_t>(&node - tables_->nodes.data())};
+}
 
 std::vector<Node> AxGraph::nodes(std::optional<std::string_view> label) const {
+  const auto& nodes = tables_->nodes;
   std::vector<Node> out;
   const bool all = !label || *label == "Element";
-  if (all) out.reserve(nodes_.size());
-  for (std::size_t k = 0; k < nodes_.size(); ++k) {
-    bool take = all || (*label == "Control" ? controlRoles().count(nodes_[k].node().role.value_or("")) > 0
-                                            : labels_[k] == *label);
+  if (all) out.reserve(nodes.size());
+  for (std::size_t k = 0; k < nodes.size(); ++k) {
+    bool take = all || (*label == "Control" ? controlRoles().count(nodes[k].node().role.value_or("")) > 0
+                                            : tables_->labels[k] == *label);
     if (take) out.push_back(Node{k});
   }
   return out;
@@ -212,18 +238,18 @@ std::optional<std::string> AxGraph::inverseType(std::string_view type) const {
   return std::nullopt;
 }
 
-std::string AxGraph::labelName(Node node) const { return labels_[node.handle]; }
+std::string AxGraph::labelName(Node node) const { return tables_->labels[node.handle]; }
 
 bool AxGraph::hasLabel(Node node, std::string_view label) const {
   if (label == "Element") return true;
   if (label == "Control") return controlRoles().count(graphNode(node).node().role.value_or("")) > 0;
-  return labels_[node.handle] == label;
+  return tables_->labels[node.handle] == label;
 }
 
 ScalarValue AxGraph::property(Node node, std::string_view name) const {
   const AxNode& n = graphNode(node).node();
   if (name == "id") return idText(n);
-  if (name == "role") return labels_[node.handle];
+  if (name == "role") return tables_->labels[node.handle];
   if (name == "subrole") return n.subrole ? ScalarValue(std::string(withoutAX(*n.subrole))) : ScalarValue();
   if (name == "name") return optionalText(nameOf(n));
   if (name == "title") return optionalText(n.title);
@@ -254,7 +280,7 @@ ScalarValue AxGraph::property(Node node, std::string_view name) const {
 Row AxGraph::rowObject(Node node) const {
   const AxNode& n = graphNode(node).node();
   Row row;
-  row.set("_label", labels_[node.handle]);
+  row.set("_label", tables_->labels[node.handle]);
   row.set("id", idText(n));
   auto name = nameOf(n);
   if (name) row.set("name", *name);

@@ -1,7 +1,9 @@
 // A snapshot as the graph the statement language matches against: labels,
 // ids (e12, m12), properties, CHILD and PARENT, and the one-line form of a
 // node. Built once per snapshot and never changed, so one graph may be read
-// by several threads.
+// by several threads. The tables a graph derives from its nodes are shared
+// with later graphs of the same node list, so reading an unchanged
+// application again costs no rebuilding.
 #pragma once
 
 #include <cstdint>
@@ -51,9 +53,16 @@ std::string rowLine(const AxNode& node);
 class AxGraph final : public cypher::GraphAdapter {
  public:
   AxGraph(AxSnapshot snapshot, const std::vector<AxNode>& menus);
+  /// A graph of `snapshot` that shares the tables of `earlier`, which must
+  /// hold the same node list and menus (`holdsSameNodes`).
+  AxGraph(AxSnapshot snapshot, const AxGraph& earlier);
+
+  /// Whether `snapshot` holds this graph's very node list, and `menus` are
+  /// its menus: then the two graphs differ only in the snapshot's figures.
+  bool holdsSameNodes(const AxSnapshot& snapshot, const std::vector<AxNode>& menus) const;
 
   const AxSnapshot& snapshot() const { return snapshot_; }
-  const std::vector<GraphNode>& nodes() const { return nodes_; }
+  const std::vector<GraphNode>& nodes() const { return tables_->nodes; }
   const GraphNode* byIndex(std::int64_t i) const;
   const GraphNode* byId(std::string_view id) const;
   /// The children of a node, through byIndex.
@@ -61,7 +70,7 @@ class AxGraph final : public cypher::GraphAdapter {
 
   /// The language's handle of a node of this graph, and back.
   cypher::Node handle(const GraphNode& node) const;
-  const GraphNode& graphNode(cypher::Node node) const { return nodes_[node.handle]; }
+  const GraphNode& graphNode(cypher::Node node) const { return tables_->nodes[node.handle]; }
 
   // GraphAdapter
   std::vector<cypher::Node> nodes(std::optional<std::string_view> label) const override;
@@ -74,14 +83,18 @@ class AxGraph final : public cypher::GraphAdapter {
   std::int64_t identity(cypher::Node node) const override;
 
  private:
-  void nameRows();
-  std::optional<std::string> descendantText(const GraphNode& node) const;
+  /// What a graph derives from its nodes and menus alone.
+  struct Tables {
+    std::vector<AxNode> menus;  // as given, to recognise them again
+    std::vector<GraphNode> nodes;
+    std::vector<std::string> labels;  // label of each node, computed once
+    std::unordered_map<std::int64_t, std::size_t> byIndex;
+    std::unordered_map<std::string, std::size_t> byId;
+  };
+  static std::shared_ptr<const Tables> buildTables(const NodeList& nodes, const std::vector<AxNode>& menus);
 
   AxSnapshot snapshot_;
-  std::vector<GraphNode> nodes_;
-  std::vector<std::string> labels_;  // label of each node, computed once
-  std::unordered_map<std::int64_t, std::size_t> byIndex_;
-  std::unordered_map<std::string, std::size_t> byId_;
+  std::shared_ptr<const Tables> tables_;
 };
 
 }  // namespace glimmerstrand::core

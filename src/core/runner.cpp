@@ -200,6 +200,14 @@ AxSnapshot ScriptRun::freshSnapshot(std::int64_t pid) {
 void ScriptRun::rebuildGraph(AxSnapshot snapshot, std::int64_t menuAgeMs) {
   std::vector<AxNode> menuNodes;
   if (menus) menuNodes = driver().axMenus(pidOnly(snapshot.pid), menuAgeMs).nodes.vector();
+  // An application unchanged since an earlier graph hands back the very same
+  // node list; that graph's tables serve again.
+  for (const auto& earlier : runner.memory().graphs(snapshot.pid))
+    if (earlier->holdsSameNodes(snapshot, menuNodes)) {
+      graph = std::make_shared<const AxGraph>(std::move(snapshot), *earlier);
+      runner.memory().remember(graph);
+      return;
+    }
   graph = std::make_shared<const AxGraph>(std::move(snapshot), menuNodes);
   runner.memory().remember(graph);
 }

@@ -46,6 +46,37 @@ TEST(AxGraphIds, UidOrIndexAndMenuOffset) {
   EXPECT_EQ(graph.snapshot().nodes.size(), 10u) << "the snapshot keeps only its own nodes";
 }
 
+TEST(AxGraphTables, OnlyTheVeryNodeListAndItsMenusShareTables) {
+  const std::vector<AxNode> nodes{node(0, -1, "AXWindow", "Mail"), node(1, 0, "AXButton", "Send")};
+  const std::vector<AxNode> menus{node(0, -1, "AXMenuBar")};
+  const AxSnapshot first = snapshotOf(nodes);
+  const AxGraph earlier(first, menus);
+
+  AxSnapshot later = first;  // the same list, newer figures
+  later.dirty = true;
+  later.notifications = 42;
+  AxSnapshot copied = first;  // equal nodes, but read anew
+  copied.nodes = NodeList(nodes);
+  AxSnapshot otherProcess = first;
+  otherProcess.pid = 8;
+  struct Case {
+    const char* what;
+    const AxSnapshot& snapshot;
+    std::vector<AxNode> menus;
+    bool same;
+  };
+  for (const auto& c :
+       {Case{"same list and menus", later, menus, true}, Case{"equal nodes in another list", copied, menus, false},
+        Case{"other menus", later, {}, false}, Case{"another process", otherProcess, menus, false}})
+    EXPECT_EQ(earlier.holdsSameNodes(c.snapshot, c.menus), c.same) << c.what;
+
+  const AxGraph reused(later, earlier);
+  EXPECT_EQ(&reused.nodes(), &earlier.nodes());
+  EXPECT_TRUE(reused.snapshot().dirty) << "the figures are the newer snapshot's";
+  EXPECT_EQ(reused.snapshot().notifications, 42);
+  EXPECT_EQ(rowsOf(reused, "MATCH (b:Button) RETURN b.name"), rowsOf(earlier, "MATCH (b:Button) RETURN b.name"));
+}
+
 TEST(AxGraphRows, RowsTakeTextFromUpToThreeLevelsDown) {
   auto deep = [](int levels) {
     std::vector<AxNode> nodes{node(0, -1, "AXTable"), node(1, 0, "AXRow")};
