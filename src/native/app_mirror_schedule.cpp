@@ -130,6 +130,7 @@ void AppMirror::walkLoop() {
     pendingFull_ = false;
     const std::int64_t fullGap = gapAfter(fullWalkMs_);
     const std::int64_t lastWalkEnd = walkedAt_;
+    const std::size_t lastNodeCount = nodes_ ? nodes_->size() : 0;
     lock.unlock();
 
     PendingCommit commit;
@@ -153,7 +154,7 @@ void AppMirror::walkLoop() {
         if (since < fullGap) clock_.sleepNs(fullGap - since);
         commit.startedAt = clock_.nowNs();
       }
-      commit.walk = walkTree(ax_, app_, "window", maxDepth, maxNodes);
+      commit.walk = walkTree(ax_, app_, "window", maxDepth, maxNodes, lastNodeCount);
     }
     commit.endedAt = clock_.nowNs();
     prepareCommit(commit);
@@ -312,7 +313,8 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
   std::int64_t budget = maxNodes - static_cast<std::int64_t>(nodes.size() - covered);
   std::vector<WalkResult> walks;
   for (const auto& range : ranges) {
-    WalkResult walk = walkElement(ax_, current[range.start], nodes[range.start].depth, maxDepth, budget);
+    WalkResult walk =
+        walkElement(ax_, current[range.start], nodes[range.start].depth, maxDepth, budget, range.end - range.start);
     if (walk.truncated || walk.nodes.empty()) return std::nullopt;
     budget -= static_cast<std::int64_t>(walk.nodes.size());
     result.walk.incomplete += walk.incomplete;

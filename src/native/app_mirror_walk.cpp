@@ -371,7 +371,7 @@ Clip inheritedClip(platform::Accessibility& ax, const Element& element) {
 }
 
 WalkResult walkElement(platform::Accessibility& ax, const Element& element, std::int64_t depth, std::int64_t maxDepth,
-                       std::int64_t maxNodes) {
+                       std::int64_t maxNodes, std::size_t expectedNodes) {
   struct Entry {
     Element element;
     std::int64_t depth;
@@ -383,6 +383,11 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
   std::vector<Entry> stack;
   stack.push_back(Entry{element, depth, -1, depth < 1 ? Clip{} : inheritedClip(ax, element)});
   std::unordered_set<Element, platform::ElementHash> seen;
+  const auto expected =
+      std::min<std::size_t>(expectedNodes, static_cast<std::size_t>(std::max<std::int64_t>(maxNodes, 0)));
+  result.nodes.reserve(expected);
+  result.elements.reserve(expected);
+  seen.reserve(expected);
   while (!stack.empty()) {
     Entry entry = std::move(stack.back());
     stack.pop_back();
@@ -426,8 +431,8 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
 }
 
 WalkResult walkTree(platform::Accessibility& ax, const Element& app, std::string_view scope, std::int64_t maxDepth,
-                    std::int64_t maxNodes) {
-  WalkResult result = walkElement(ax, rootElement(ax, app, scope), 0, maxDepth, maxNodes);
+                    std::int64_t maxNodes, std::size_t expectedNodes) {
+  WalkResult result = walkElement(ax, rootElement(ax, app, scope), 0, maxDepth, maxNodes, expectedNodes);
   if (scope != "window") return result;
   // Context menus and pop-ups hang from the application, outside every window.
   auto appChildren = elementList(ax.copy(app, "AXChildren"));
