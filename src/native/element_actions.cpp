@@ -188,6 +188,8 @@ JSONValue selectAll(MirrorHost& host, const JSONValue& params) {
   auto [mirror, element] = resolve(host, params);
   std::int64_t length = 0;
   if (auto count = ax.copy(element, "AXNumberOfCharacters").as<double>()) {
+    // A count that no range can hold (not finite, beyond 64 bits) makes none.
+    if (!(*count > -9.2e18 && *count < 9.2e18)) throw RPCError("native", "選択範囲を作れませんでした");
     length = static_cast<std::int64_t>(*count);
   } else if (auto value = ax.copy(element, "AXValue").as<std::string>()) {
     length = static_cast<std::int64_t>(utf16Length(*value));

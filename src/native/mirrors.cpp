@@ -57,6 +57,18 @@ void requireTrust(platform::Accessibility& ax) {
   if (!ax.isTrusted()) throw RPCError("permission", permissionMessage);
 }
 
+namespace {
+
+// A uid or generation as the integer it names; one beyond 64 bits names
+// nothing that exists, and saturates rather than overflow.
+std::int64_t referenceNumber(double value) {
+  if (!(value > -9.2e18)) return std::numeric_limits<std::int64_t>::min();
+  if (!(value < 9.2e18)) return std::numeric_limits<std::int64_t>::max();
+  return static_cast<std::int64_t>(value);
+}
+
+}  // namespace
+
 ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, const MenuElementLookup& menus) {
   requireTrust(mirrors.environment().accessibility);
   auto pid = core::optionalNumber(params, "pid");
@@ -72,15 +84,15 @@ ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, 
     if (!hasUid) throw RPCError("invalid_argument", "メニューの項目には uid が必要です");
     if (!menus) throw RPCError("native", "メニューの写しがありません");
     auto mirror = mirrors.mirror(pid32);
-    return {mirror, menus(*mirror, static_cast<std::int64_t>(*uidValue->asNumber()))};
+    return {mirror, menus(*mirror, referenceNumber(*uidValue->asNumber()))};
   }
   auto mirror = fits ? mirrors.existing(pid32) : nullptr;
   if (!mirror) throw RPCError("stale", "pid " + cypher::numberText(*pid) + " の写しがありません");
-  if (hasUid) return {mirror, mirror->elementForUid(static_cast<std::int64_t>(*uidValue->asNumber()))};
+  if (hasUid) return {mirror, mirror->elementForUid(referenceNumber(*uidValue->asNumber()))};
   auto generation = params.find("generation");
   if (!generation || !generation->asNumber()) throw RPCError("invalid_argument", "generation が必要です");
   const auto i = core::optionalInt(params, "i").value_or(-1);
-  return {mirror, mirror->elementForIndex(static_cast<std::int64_t>(*generation->asNumber()), i)};
+  return {mirror, mirror->elementForIndex(referenceNumber(*generation->asNumber()), i)};
 }
 
 std::vector<std::shared_ptr<AppMirror>> Mirrors::all() {

@@ -54,6 +54,8 @@ platform::sim::DesktopSpec desktop() {
   window.child(keyed("AXTextField", "greeting").value("héllo").withFrame(10, 200, 200, 20));
   window.child(keyed("AXStaticText", "label").value("Total").withFrame(10, 230, 100, 20));
   window.child(keyed("AXGroup", "bare"));
+  window.child(keyed("AXTextField", "counted").attribute("AXNumberOfCharacters", 7));
+  window.child(keyed("AXTextField", "vast").attribute("AXNumberOfCharacters", 1e30));
   platform::sim::DesktopSpec spec;
   spec.apps.push_back(appWith(pid, "Form", {window}));
   return spec;
@@ -124,6 +126,9 @@ TEST(Press, OfAnElementThatWentIsStale) {
   auto failure = sim.failure("press", byIndex);
   EXPECT_EQ(failure.code(), "stale");
   EXPECT_EQ(failure.message(), "押せませんでした: -25202");
+  // Numbers no element or generation can have.
+  EXPECT_EQ(sim.failure("press", {{"pid", pid}, {"uid", 1e300}}).code(), "stale");
+  EXPECT_EQ(sim.failure("press", {{"pid", pid}, {"generation", -1e300}, {"i", 0}}).code(), "stale");
 }
 
 TEST(Focus, ReportsWhetherTheFocusMoved) {
@@ -163,12 +168,24 @@ TEST(SetValue, ReadsBackWhatTheApplicationShows) {
   EXPECT_EQ(sim.failure("setValue", sim.ref(pid, "name")).message(), "text が必要です");
 }
 
-TEST(SelectAll, SelectsEveryUtf16Unit) {
+TEST(SelectAll, SelectsTheCountedCharactersOrEveryUtf16Unit) {
   ActionSim sim(desktop());
-  EXPECT_EQ(core::optionalInt(sim.call("selectAll", sim.ref(pid, "greeting")), "length"), 5);
-  EXPECT_EQ(sim.desktop().attribute(pid, "greeting", "AXSelectedTextRange"),
-            platform::AxValue(platform::AxRange{0, 5}));
-  EXPECT_EQ(sim.failure("selectAll", sim.ref(pid, "label")).code(), "no_action");
+  const std::pair<const char*, std::int64_t> selected[] = {{"greeting", 5}, {"counted", 7}};
+  for (const auto& [key, length] : selected) {
+    SCOPED_TRACE(key);
+    EXPECT_EQ(core::optionalInt(sim.call("selectAll", sim.ref(pid, key)), "length"), length);
+    EXPECT_EQ(sim.desktop().attribute(pid, key, "AXSelectedTextRange"),
+              platform::AxValue(platform::AxRange{0, length}));
+  }
+  const std::tuple<const char*, const char*, const char*> failures[] = {
+      {"label", "no_action", "文字を選べませんでした: -25205"},
+      {"vast", "native", "選択範囲を作れませんでした"},  // no range holds that many
+  };
+  for (const auto& [key, code, message] : failures) {
+    auto failure = sim.failure("selectAll", sim.ref(pid, key));
+    EXPECT_EQ(failure.code(), code);
+    EXPECT_EQ(failure.message(), message);
+  }
 }
 
 TEST(ReadText, GathersEachVisibleTextOnceInReadingOrder) {
