@@ -59,10 +59,26 @@ PointerEvent pointer(PointerAction action, AxPoint at, MouseButton button = Mous
   return event;
 }
 
+// An event that can't be made ends the operation where it stands: a button or
+// modifier pressed before stays pressed.
+constexpr const char* noEventMessage = "入力イベントを作れませんでした";
+
+void post(platform::Input& input, const PointerEvent& event) {
+  if (!input.postPointer(event, std::nullopt)) throw RPCError("native", noEventMessage);
+}
+
+void post(platform::Input& input, const platform::KeyEvent& event, std::optional<std::int32_t> pid) {
+  if (!input.postKey(event, pid)) throw RPCError("native", noEventMessage);
+}
+
+void post(platform::Input& input, const platform::ScrollEvent& event) {
+  if (!input.postScroll(event, std::nullopt)) throw RPCError("native", noEventMessage);
+}
+
 JSONValue move(platform::Platform& platform, const JSONValue& params) {
   const double x = requiredNumber("x", params);
   const double y = requiredNumber("y", params);
-  platform.input().postPointer(pointer(PointerAction::moved, {x, y}), std::nullopt);
+  post(platform.input(), pointer(PointerAction::moved, {x, y}));
   return JSONValue::Object{{"x", x}, {"y", y}};
 }
 
@@ -73,11 +89,11 @@ JSONValue click(platform::Platform& platform, const JSONValue& params) {
   const std::int64_t count = std::max<std::int64_t>(core::optionalInt(params, "count").value_or(1), 1);
   const std::int64_t holdNs = pauseNs(core::optionalNumber(params, "holdMs").value_or(0));
   auto& input = platform.input();
-  input.postPointer(pointer(PointerAction::moved, {x, y}), std::nullopt);
+  post(input, pointer(PointerAction::moved, {x, y}));
   for (std::int64_t n = 1; n <= count; ++n) {
-    input.postPointer(pointer(PointerAction::down, {x, y}, button, n), std::nullopt);
+    post(input, pointer(PointerAction::down, {x, y}, button, n));
     if (holdNs > 0) platform.clock().sleepNs(holdNs);
-    input.postPointer(pointer(PointerAction::up, {x, y}, button, n), std::nullopt);
+    post(input, pointer(PointerAction::up, {x, y}, button, n));
   }
   return JSONValue::Object{{"x", x}, {"y", y}, {"count", count}};
 }
@@ -88,17 +104,17 @@ JSONValue drag(platform::Platform& platform, const JSONValue& params) {
   const std::int64_t steps = std::max<std::int64_t>(core::optionalInt(params, "steps").value_or(12), 2);
   auto& input = platform.input();
   auto& clock = platform.clock();
-  input.postPointer(pointer(PointerAction::moved, from), std::nullopt);
-  input.postPointer(pointer(PointerAction::down, from), std::nullopt);
+  post(input, pointer(PointerAction::moved, from));
+  post(input, pointer(PointerAction::down, from));
   clock.sleepNs(60 * msNs);
   for (std::int64_t n = 1; n <= steps; ++n) {
     const double share = static_cast<double>(n) / static_cast<double>(steps);
     const AxPoint at{from.x + (to.x - from.x) * share, from.y + (to.y - from.y) * share};
-    input.postPointer(pointer(PointerAction::dragged, at), std::nullopt);
+    post(input, pointer(PointerAction::dragged, at));
     clock.sleepNs(16 * msNs);
   }
   clock.sleepNs(60 * msNs);
-  input.postPointer(pointer(PointerAction::up, to), std::nullopt);
+  post(input, pointer(PointerAction::up, to));
   return JSONValue::Object{{"from", JSONValue::Array{from.x, from.y}}, {"to", JSONValue::Array{to.x, to.y}}};
 }
 
@@ -121,7 +137,7 @@ JSONValue scroll(platform::Platform& platform, const JSONValue& params) {
   // One event goes out even with nothing to scroll, and at most 400 lines.
   for (int n = 0; n < maxScrollEvents; ++n) {
     const int sy = sign(yLines), sx = sign(xLines);
-    input.postScroll(platform::ScrollEvent{sy, sx, 0}, std::nullopt);
+    post(input, platform::ScrollEvent{sy, sx, 0});
     yLines -= sy;
     xLines -= sx;
     clock.sleepNs(6 * msNs);
@@ -140,7 +156,7 @@ JSONValue key(platform::Platform& platform, const JSONValue& params) {
   auto events = keyComboEvents(platform.input(), keys);
   std::optional<std::int32_t> target;
   if (pid) target = redirectedPid(platform.accessibility(), platform.workspace(), *pid);
-  for (const auto& event : events) platform.input().postKey(event, target);
+  for (const auto& event : events) post(platform.input(), event, target);
   return JSONValue::Object{{"key", lowerText(keys)}};
 }
 
@@ -158,7 +174,7 @@ JSONValue type(platform::Platform& platform, const JSONValue& params) {
   }
   auto events = typingEvents(platform.input(), text);
   for (std::size_t n = 0; n < events.size(); ++n) {
-    platform.input().postKey(events[n], target);
+    post(platform.input(), events[n], target);
     if (n % 2 == 1 && intervalNs > 0) platform.clock().sleepNs(intervalNs);
   }
   const bool seen = pid ? textSeen({ax, platform.clock()}, text, before) : true;

@@ -49,11 +49,13 @@ class Input {
   virtual ~Input() = default;
 
   /// Posts to the whole session (`pid` absent: where the pointer or the focus
-  /// is) or to one process, which need not be in front.
-  virtual void postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) = 0;
-  virtual void postKey(const KeyEvent& event, std::optional<std::int32_t> pid) = 0;
+  /// is) or to one process, which need not be in front. False when the
+  /// backend could not make the event, and nothing went out; a process that
+  /// has gone is no failure, as posting gives no feedback.
+  virtual bool postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) = 0;
+  virtual bool postKey(const KeyEvent& event, std::optional<std::int32_t> pid) = 0;
   /// At the current pointer location.
-  virtual void postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) = 0;
+  virtual bool postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) = 0;
 
   virtual AxPoint pointerLocation() = 0;
   /// Moves the pointer without an event.

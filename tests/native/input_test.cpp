@@ -203,5 +203,80 @@ TEST(Scroll, AtAPointReturnsThePointerAfterwards) {
   EXPECT_EQ(scrolls(sim.desktop().posted()).size(), 1u);
 }
 
+// The simulated desktop's input, which can make only `allowed` more events.
+class RationedInput final : public platform::Input {
+ public:
+  explicit RationedInput(platform::Input& input) : input_(input) {}
+  bool postPointer(const platform::PointerEvent& event, std::optional<std::int32_t> pid) override {
+    return take() && input_.postPointer(event, pid);
+  }
+  bool postKey(const platform::KeyEvent& event, std::optional<std::int32_t> pid) override {
+    return take() && input_.postKey(event, pid);
+  }
+  bool postScroll(const platform::ScrollEvent& event, std::optional<std::int32_t> pid) override {
+    return take() && input_.postScroll(event, pid);
+  }
+  platform::AxPoint pointerLocation() override { return input_.pointerLocation(); }
+  void warpPointer(platform::AxPoint location) override { input_.warpPointer(location); }
+  const std::unordered_map<std::string, std::uint16_t>& keyCodes() override { return input_.keyCodes(); }
+  const std::unordered_map<std::string, platform::ModifierKey>& modifierKeys() override {
+    return input_.modifierKeys();
+  }
+  int allowed = 0;
+
+ private:
+  bool take() { return allowed-- > 0; }
+  platform::Input& input_;
+};
+
+// The simulated platform with rationed input.
+class RationedPlatform final : public platform::Platform {
+ public:
+  explicit RationedPlatform(platform::Platform& sim) : rationed(sim.input()), sim_(sim) {}
+  std::string_view name() const override { return "rationed"; }
+  platform::Accessibility& accessibility() override { return sim_.accessibility(); }
+  platform::Input& input() override { return rationed; }
+  platform::Workspace& workspace() override { return sim_.workspace(); }
+  platform::Pasteboard& pasteboard() override { return sim_.pasteboard(); }
+  platform::Screen& screen() override { return sim_.screen(); }
+  platform::Session& session() override { return sim_.session(); }
+  platform::OverlayPainter& overlay() override { return sim_.overlay(); }
+  platform::Clock& clock() override { return sim_.clock(); }
+  platform::RunLoop& mainLoop() override { return sim_.mainLoop(); }
+
+  RationedInput rationed;
+
+ private:
+  platform::Platform& sim_;
+};
+
+TEST(InputOperations, AnEventThatCannotBeMadeEndsTheOperationWhereItStands) {
+  const std::tuple<const char*, JSONValue::Object, int> cases[] = {
+      {"move", {{"x", 1}, {"y", 2}}, 0},
+      {"click", {{"x", 1}, {"y", 2}, {"count", 2}}, 2},  // the button stays down
+      {"drag", {{"x1", 0}, {"y1", 0}, {"x2", 9}, {"y2", 9}}, 5},
+      {"scroll", {{"dy", 200}}, 3},
+      {"key", {{"key", "cmd+shift+4"}}, 2},  // both modifiers stay down
+      {"type", {{"text", "abc"}, {"pid", 501}}, 3},
+  };
+  for (const auto& [operation, params, allowed] : cases) {
+    SCOPED_TRACE(operation);
+    ActionSim sim(desktop());
+    RationedPlatform rationed(sim.platform);
+    rationed.rationed.allowed = allowed;
+    MirrorHost host{&rationed, ""};
+    OperationTable table;
+    addInputOperations(table, host);
+    try {
+      (*table.find(operation))(JSONValue(params));
+      ADD_FAILURE() << "no failure";
+    } catch (const RPCError& e) {
+      EXPECT_EQ(e.code(), "native");
+      EXPECT_EQ(e.message(), "入力イベントを作れませんでした");
+    }
+    EXPECT_EQ(sim.desktop().posted().size(), static_cast<std::size_t>(allowed));
+  }
+}
+
 }  // namespace
 }  // namespace glimmerstrand::native::testing

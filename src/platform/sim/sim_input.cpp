@@ -154,16 +154,16 @@ class SimInput final : public Input {
 
   // A left click presses what has AXPress and focuses what takes text,
   // bringing its application to the front unless posted to one process.
-  void postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) override {
+  bool postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) override {
     FollowUp work;
     std::vector<FollowUp> followUps;
     {
       std::lock_guard guard(s_.lock);
       s_.posted.push_back(Posted{event, pid});
       s_.pointer = event.location;
-      if (event.action != PointerAction::up || event.button != MouseButton::left) return;
+      if (event.action != PointerAction::up || event.button != MouseButton::left) return true;
       Node* node = s_.hit(event.location.x, event.location.y, pid.value_or(0));
-      if (!node) return;
+      if (!node) return true;
       App& app = *s_.runningApp(node->pid);
       if (!pid) s_.activate(app);
       const auto& actions = node->actions;
@@ -175,20 +175,21 @@ class SimInput final : public Input {
     }
     s_.runEffects(work);
     for (const auto& next : followUps) s_.runEffects(next);
+    return true;
   }
 
   // Typing goes into the focused element when it takes text; return runs its
   // onReturn effects and delete removes the last character.
-  void postKey(const KeyEvent& event, std::optional<std::int32_t> pid) override {
+  bool postKey(const KeyEvent& event, std::optional<std::int32_t> pid) override {
     FollowUp work;
     std::vector<FollowUp> followUps;
     {
       std::lock_guard guard(s_.lock);
       s_.posted.push_back(Posted{event, pid});
-      if (!event.down) return;
+      if (!event.down) return true;
       App* app = s_.runningApp(pid.value_or(s_.frontmost));
       Node* focused = app ? s_.node(app->focused) : nullptr;
-      if (!focused) return;
+      if (!focused) return true;
       // A text area takes a return as a new line; other elements confirm.
       if (event.keyCode == keyTable().at("return") && !(focused->role == "AXTextArea" && focused->onReturn.empty())) {
         work = FollowUp{focused->pid, focused->id, focused->onReturn};
@@ -203,13 +204,15 @@ class SimInput final : public Input {
     }
     s_.runEffects(work);
     for (const auto& next : followUps) s_.runEffects(next);
+    return true;
   }
 
   // The simulated applications have no scroll positions yet: a scroll event
   // is recorded and moves nothing.
-  void postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) override {
+  bool postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) override {
     std::lock_guard guard(s_.lock);
     s_.posted.push_back(Posted{event, pid});
+    return true;
   }
 
   AxPoint pointerLocation() override {
