@@ -109,7 +109,8 @@ JSONValue drag(platform::Platform& platform, const JSONValue& params) {
   clock.sleepNs(60 * msNs);
   for (std::int64_t n = 1; n <= steps; ++n) {
     const double share = static_cast<double>(n) / static_cast<double>(steps);
-    const AxPoint at{from.x + (to.x - from.x) * share, from.y + (to.y - from.y) * share};
+    // The last step lies on the end itself, which the sum need not hit exactly.
+    const AxPoint at = n == steps ? to : AxPoint{from.x + (to.x - from.x) * share, from.y + (to.y - from.y) * share};
     post(input, pointer(PointerAction::dragged, at));
     clock.sleepNs(16 * msNs);
   }

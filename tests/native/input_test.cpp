@@ -175,6 +175,14 @@ TEST(Drag, TakesAtLeastTwoStepsAndEndsExactlyAtTheEnd) {
   EXPECT_EQ(events[3].location, (platform::AxPoint{30, 10}));
   EXPECT_EQ(events[3].action, platform::PointerAction::dragged);
   EXPECT_EQ(events[4].action, platform::PointerAction::up);
+
+  // Fractions whose sum misses the end by a rounding error.
+  sim.desktop().clearPosted();
+  sim.call("drag", {{"x1", 13.37}, {"y1", 0.7}, {"x2", 0.1}, {"y2", 0.1}, {"steps", 3}});
+  events = pointers(sim.desktop().posted());
+  ASSERT_EQ(events.size(), 6u);
+  EXPECT_EQ(events[4].location, (platform::AxPoint{0.1, 0.1}));
+  EXPECT_EQ(events[5].location, (platform::AxPoint{0.1, 0.1}));
 }
 
 TEST(Scroll, SendsWholeLinesOneAtATime) {
