@@ -78,16 +78,19 @@ ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, 
   const bool fits =
       *pid >= std::numeric_limits<std::int32_t>::min() && *pid <= std::numeric_limits<std::int32_t>::max();
   const auto pid32 = fits ? static_cast<std::int32_t>(*pid) : 0;
+  const auto noCopy = [&] { return RPCError("stale", "pid " + cypher::numberText(*pid) + " の写しがありません"); };
   auto uidValue = params.find("uid");
   const bool hasUid = uidValue && uidValue->asNumber();
   if (core::optionalBool(params, "menu") == true) {
     if (!hasUid) throw RPCError("invalid_argument", "メニューの項目には uid が必要です");
     if (!menus) throw RPCError("native", "メニューの写しがありません");
+    // Such a pid must not make a copy of its own, which could evict a real one.
+    if (!fits) throw noCopy();
     auto mirror = mirrors.mirror(pid32);
     return {mirror, menus(*mirror, referenceNumber(*uidValue->asNumber()))};
   }
   auto mirror = fits ? mirrors.existing(pid32) : nullptr;
-  if (!mirror) throw RPCError("stale", "pid " + cypher::numberText(*pid) + " の写しがありません");
+  if (!mirror) throw noCopy();
   if (hasUid) return {mirror, mirror->elementForUid(referenceNumber(*uidValue->asNumber()))};
   auto generation = params.find("generation");
   if (!generation || !generation->asNumber()) throw RPCError("invalid_argument", "generation が必要です");

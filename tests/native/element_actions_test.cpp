@@ -129,6 +129,9 @@ TEST(Press, OfAnElementThatWentIsStale) {
   // Numbers no element or generation can have.
   EXPECT_EQ(sim.failure("press", {{"pid", pid}, {"uid", 1e300}}).code(), "stale");
   EXPECT_EQ(sim.failure("press", {{"pid", pid}, {"generation", -1e300}, {"i", 0}}).code(), "stale");
+  const auto mirrors = sim.host.mirrors().all().size();
+  EXPECT_EQ(sim.failure("press", {{"pid", 1e12}, {"uid", 1}, {"menu", true}}).code(), "stale");
+  EXPECT_EQ(sim.host.mirrors().all().size(), mirrors);
 }
 
 TEST(Focus, ReportsWhetherTheFocusMoved) {
