@@ -41,7 +41,8 @@ platform::RunningApplication AppLookup::findApp(const core::JSONValue& params) {
   if (auto pid = params.find("pid"); pid && pid->asNumber())
     if (auto valid = pidOf(*pid->asNumber()))
       if (auto app = workspace_.application(*valid)) return *app;
-  if (auto bundleId = core::optionalString(params, "bundleId")) {
+  // An application without a bundle id has none to match, not an empty one.
+  if (auto bundleId = core::optionalString(params, "bundleId"); bundleId && !bundleId->empty()) {
     for (const auto& app : workspace_.runningApplications())
       if (app.bundleId == *bundleId) return app;
   }

@@ -24,7 +24,7 @@ AppSpec app(std::int32_t pid, std::string name, std::string bundleId, std::strin
 platform::sim::DesktopSpec threeApps() {
   platform::sim::DesktopSpec spec;
   spec.apps = {app(10, "Notes", "com.example.notes", "/opt/apps/Quick Notes.app"), app(11, "Mail", "com.example.mail"),
-               app(12, "Notes", "org.other.notes")};
+               app(12, "Notes", "org.other.notes"), app(13, "helper", "", "/usr/bin/helper")};
   spec.apps[1].frontmost = true;
   return spec;
 }
@@ -55,6 +55,7 @@ TEST(AppLookup, EachKeyThatFindsNothingLeadsToTheNext) {
       {"missing pid, then name", {{"pid", 4242}, {"name", "mail"}}, 11},
       {"pid beyond 32 bits, then bundle id", {{"pid", 4294967307.0}, {"bundleId", "com.example.mail"}}, 11},
       {"pid of the wrong type", {{"pid", "10"}, {"name", "mail"}}, 11},
+      {"empty bundle id names no application without one", {{"bundleId", ""}, {"name", "mail"}}, 11},
   };
   for (const auto& c : cases) EXPECT_EQ(l.find(c.params), c.pid) << c.name;
 }
