@@ -3,6 +3,7 @@
 #include "core/base64.h"
 #include "core/errors.h"
 #include "native/agent_cursor.h"
+#include "native/applications.h"
 #include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
@@ -267,10 +268,11 @@ std::optional<std::string> InProcessDriver::clipboard() {
 void InProcessDriver::setClipboard(const std::string& text) { call("setClipboard", object({{"text", text}})); }
 
 void InProcessDriver::copyImage(const std::vector<std::uint8_t>& png) {
-  auto& pasteboard = host_.platform().pasteboard();
-  pasteboard.clear();
-  if (!pasteboard.writeImage(platform::ImageFormat::png, png))
-    throw core::GlimmerstrandError(core::codes::native, "クリップボードに画像を書けませんでした");
+  try {
+    native::copyImage(host_.platform(), png);
+  } catch (const RPCError& e) {
+    throw core::GlimmerstrandError(e.code(), e.message());
+  }
 }
 
 std::optional<core::AppInfo> InProcessDriver::openURL(const std::string& url) {

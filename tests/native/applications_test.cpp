@@ -7,6 +7,8 @@
 #include <cstdlib>
 
 #include "action_sim.h"
+#include "core/errors.h"
+#include "native/in_process_driver.h"
 
 namespace glimmerstrand::native::testing {
 namespace {
@@ -215,6 +217,21 @@ TEST(Clipboard, HoldsTextOrAnImage) {
     EXPECT_EQ(e.message(), "画像を読めません");
   }
   EXPECT_EQ(sim.failure("setClipboard").message(), "text が必要です");
+
+  // A statement's copy of a screenshot goes through the same routine.
+  Queues queues;
+  InProcessDriver driver(sim.table, queues, sim.host, nullptr);
+  sim.call("setClipboard", {{"text", "kept"}});
+  try {
+    driver.copyImage({1, 2, 3});
+    ADD_FAILURE() << "no image, no failure";
+  } catch (const core::GlimmerstrandError& e) {
+    EXPECT_EQ(e.code(), "invalid_argument");
+    EXPECT_EQ(e.message(), "画像を読めません");
+  }
+  EXPECT_EQ(core::optionalString(sim.call("clipboard"), "text"), "kept");
+  driver.copyImage(png(1, 1));
+  EXPECT_TRUE(sim.call("clipboard").find("text")->isNull());
 }
 
 TEST(OpenURL, OpensWithTheApplicationOfTheSchemeAndBringsItToTheFront) {
