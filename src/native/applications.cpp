@@ -120,6 +120,12 @@ std::optional<platform::InstalledApplication> installedApplication(platform::Wor
   return std::nullopt;
 }
 
+// The bundle found is launched by its location: its id may name another copy.
+platform::LaunchRequest bundleAt(const platform::InstalledApplication& app, bool activates) {
+  if (app.path.empty()) return {app.bundleId, "", activates};
+  return {"", app.path, activates};
+}
+
 JSONValue activate(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
   auto app = host.apps().findApp(params);
   activateApp(platform, app);
@@ -159,7 +165,7 @@ JSONValue launch(platform::Platform& platform, MirrorHost& host, const JSONValue
   auto installed = installedApplication(workspace, name);
   if (!installed) throw RPCError("not_found", "アプリが見つかりません: " + name);
   // Started in the background: the application does not take the front by itself.
-  platform::LaunchRequest request{installed->bundleId, installed->path, false};
+  platform::LaunchRequest request = bundleAt(*installed, false);
   auto box = std::make_shared<OpenBox>();
   workspace.launch(request, completionInto(clock, box));
   auto [finished, outcome] = waitForOpen(clock, *box, 15000);
@@ -369,7 +375,8 @@ void activateApp(platform::Platform& platform, const RunningApplication& app) {
   ax.set(ax.applicationElement(app.pid), "AXFrontmost", true);
   if (pollFor(clock, 500, 20, inFront)) return;
   if (app.bundlePath.empty()) return;
-  workspace.launch(platform::LaunchRequest{app.bundleId, app.bundlePath, true}, [](const OpenOutcome&) {});
+  // Reopened by its location: another copy may have the same bundle id.
+  workspace.launch(platform::LaunchRequest{"", app.bundlePath, true}, [](const OpenOutcome&) {});
   pollFor(clock, 1500, 20, inFront);
 }
 

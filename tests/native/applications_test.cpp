@@ -66,10 +66,27 @@ TEST(Launch, FindsAnInstalledApplicationByItsJapaneseName) {
   EXPECT_EQ(front(sim), 500);
 }
 
-TEST(Launch, FindsByBundleIdFileNameOrEnglishName) {
-  for (const char* name : {"com.example.Notes", "org.example.Memo", "notes"}) {
-    ActionSim sim(desktop());
-    EXPECT_EQ(core::optionalInt(sim.call("launch", {{"name", name}}), "pid"), 501) << name;
+// An older copy with the same bundle id, installed elsewhere and not running.
+AppSpec olderCopy(const AppSpec& of, std::int32_t pid) {
+  auto copy = app(pid, of.name + " (old)");
+  copy.bundleId = of.bundleId;
+  copy.bundlePath = "/opt/old/" + of.bundleId + ".desktop";
+  copy.running = false;
+  return copy;
+}
+
+TEST(Launch, FindsByBundleIdFileNameOrEnglishNameAndStartsTheCopyFound) {
+  const std::tuple<const char*, std::int32_t> cases[] = {
+      {"com.example.Notes", 498},  // the first installed copy with that id
+      {"org.example.Memo", 501},
+      {"notes", 501},
+  };
+  for (const auto& [name, pid] : cases) {
+    auto spec = desktop();
+    spec.apps.push_back(olderCopy(spec.apps[1], 498));
+    ActionSim sim(spec);
+    EXPECT_EQ(core::optionalInt(sim.call("launch", {{"name", name}}), "pid"), pid) << name;
+    EXPECT_EQ(sim.platform.workspace().runningApplications().size(), 8u) << name;  // only that one started
   }
 }
 
@@ -113,10 +130,12 @@ TEST(ActivateApp, TriesStrongerMeansInTurn) {
   for (const auto& [activation, reached, fromMs, toMs] : cases) {
     auto spec = desktop();
     spec.apps[4].activation = activation;
+    spec.apps.push_back(olderCopy(spec.apps[4], 499));
     ActionSim sim(spec);
     const std::int64_t start = sim.clock.nowNs();
     EXPECT_EQ(core::optionalInt(sim.call("activate", {{"name", "stubborn"}}), "pid"), 504);
     EXPECT_EQ(front(sim) == 504, reached);
+    EXPECT_FALSE(sim.platform.workspace().application(499));  // reopening is by the bundle's location
     // Each means has its own wait before the next one is tried.
     EXPECT_GE(sim.elapsedMs(start), fromMs);
     EXPECT_LT(sim.elapsedMs(start), toMs);
