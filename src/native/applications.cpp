@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 #include "native/graphemes.h"
@@ -294,10 +295,19 @@ std::string expandTilde(const std::string& path) {
   return home + (slash == std::string::npos ? "" : path.substr(slash));
 }
 
+// A path that the tilde did not make absolute ("~nobody/a") is relative, and
+// so taken from the working folder like any other.
+std::string absolutePath(const std::string& path) {
+  if (!path.empty() && path[0] == '/') return path;
+  std::error_code error;
+  const auto folder = std::filesystem::current_path(error);
+  return (error ? std::string() : folder.string()) + "/" + path;
+}
+
 std::string fileURL(const std::string& path) {
   static const char hex[] = "0123456789ABCDEF";
   std::string url = "file://";
-  for (unsigned char c : path) {
+  for (unsigned char c : absolutePath(path)) {
     const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                        std::string_view("/-._~!$&'()*+,;=:@").find(static_cast<char>(c)) != std::string_view::npos;
     if (plain) {

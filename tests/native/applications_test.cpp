@@ -267,6 +267,10 @@ TEST(OpenURL, TakesPathsUnderTheHomeFolderAndRefusesWords) {
   auto result = sim.call("openURL", {{"url", "~/My Notes/a.txt"}});
   EXPECT_EQ(core::optionalString(result, "url"), "file://" + home + "/My%20Notes/a.txt");
   EXPECT_EQ(sim.desktop().openedURLs().back(), "file://" + home + "/My%20Notes/a.txt");
+  // A user nobody has leaves the tilde, and the path is then taken from the working folder.
+  const std::string unknown = core::optionalString(sim.call("openURL", {{"url", "~nobody-here/a.txt"}}), "url").value();
+  EXPECT_EQ(unknown.rfind("file:///", 0), 0u) << unknown;
+  EXPECT_TRUE(unknown.ends_with("/~nobody-here/a.txt")) << unknown;
   auto failure = sim.failure("openURL", {{"url", "notes"}});
   EXPECT_EQ(failure.code(), "invalid_argument");
   EXPECT_EQ(failure.message(), "URL かファイルのパスを渡してください: notes");
