@@ -259,6 +259,8 @@ TEST(OpenURL, OpensWithTheApplicationOfTheSchemeAndBringsItToTheFront) {
   EXPECT_EQ(core::optionalString(result, "url"), "https://example.com/a?b=c");
   EXPECT_EQ(core::optionalInt(*result.find("app"), "pid"), 507);
   EXPECT_EQ(front(sim), 507);
+  // A scheme is the same in any case.
+  EXPECT_EQ(core::optionalInt(*sim.call("openURL", {{"url", "HTTPS://example.com/"}}).find("app"), "pid"), 507);
 }
 
 TEST(OpenURL, TakesPathsUnderTheHomeFolderAndRefusesWords) {

@@ -1,5 +1,6 @@
 // The running and installed applications of the simulated desktop.
 #include <algorithm>
+#include <cctype>
 
 #include "platform/sim/sim_state.h"
 
@@ -7,9 +8,15 @@ namespace glimmerstrand::platform::sim {
 
 namespace {
 
+// A scheme is the same in any case; it is compared in lower case.
+std::string lowerScheme(std::string scheme) {
+  for (char& c : scheme) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return scheme;
+}
+
 std::string schemeOf(const std::string& url) {
   auto colon = url.find(':');
-  return colon == std::string::npos ? std::string() : url.substr(0, colon);
+  return colon == std::string::npos ? std::string() : lowerScheme(url.substr(0, colon));
 }
 
 class SimWorkspace final : public Workspace {
@@ -173,7 +180,8 @@ class SimWorkspace final : public Workspace {
     std::string scheme = schemeOf(url);
     for (auto& [pid, app] : s_.apps) {
       const auto& schemes = app.spec.urlSchemes;
-      if (std::find(schemes.begin(), schemes.end(), scheme) != schemes.end()) return &app;
+      if (std::any_of(schemes.begin(), schemes.end(), [&](const auto& known) { return lowerScheme(known) == scheme; }))
+        return &app;
     }
     return nullptr;
   }
