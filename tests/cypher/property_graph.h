@@ -4,6 +4,7 @@
 // declared per graph. Not thread-safe while it is built; read-only after.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -49,12 +50,24 @@ class PropertyGraph : public GraphAdapter {
   static Node handle(std::size_t index) { return Node{index}; }
   static std::size_t index(Node node) { return static_cast<std::size_t>(node.handle); }
 
+  /// A count that several reading threads may raise; a copy of the graph
+  /// starts from the count as it stood.
+  struct Count {
+    std::atomic<int> value = 0;
+    Count() = default;
+    Count(const Count& other) : value(other.value.load()) {}
+    Count& operator=(const Count& other) {
+      value = other.value.load();
+      return *this;
+    }
+    operator int() const { return value; }
+  };
   /// How often `nodes` was asked with no label, and with one.
-  mutable int unlabelledScans = 0;
-  mutable int labelledScans = 0;
+  mutable Count unlabelledScans;
+  mutable Count labelledScans;
 
   std::vector<Node> nodes(std::optional<std::string_view> label) const override {
-    (label ? labelledScans : unlabelledScans)++;
+    ++(label ? labelledScans : unlabelledScans).value;
     std::vector<Node> found;
     for (std::size_t i = 0; i < nodes_.size(); ++i)
       if (!label || hasLabel(handle(i), *label)) found.push_back(handle(i));
