@@ -4,6 +4,8 @@
 #include "native/app_mirror.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include "native/rpc_error.h"
 
@@ -59,7 +61,6 @@ AppMirror::AppMirror(std::int32_t pid, MirrorEnvironment environment)
       app_(ax_.applicationElement(pid)),
       walkQueue_(clock_.makeSerialQueue("glimmerstrand.mirror." + std::to_string(pid))),
       nodes_(emptyNodes()),
-      labeled_(emptyNodes()),
       current_(std::make_shared<const std::vector<Element>>()),
       lastUsedAt_(clock_.nowNs()) {
   for (const auto& [name, kind] : mirrorNotifications()) unregistered_.insert(name);
@@ -133,11 +134,6 @@ void AppMirror::prepareCommit(PendingCommit& commit) {
     afterDelay(2000, &AppMirror::requestFullWalk);
   }
 
-  auto labeled = std::make_shared<std::vector<core::AxNode>>();
-  labeled->reserve(static_cast<std::size_t>(std::count_if(nodes.begin(), nodes.end(), isLabeled)));
-  for (const auto& node : nodes)
-    if (isLabeled(node)) labeled->push_back(node);
-  commit.labeled = std::move(labeled);
   commit.nodes = std::make_shared<const std::vector<core::AxNode>>(std::move(nodes));
 }
 
@@ -147,7 +143,9 @@ void AppMirror::finishCommitLocked(PendingCommit& commit) {
   std::swap(uids_, commit.uids);
   std::swap(uidElements_, commit.uidElements);
   std::swap(nodes_, commit.nodes);
-  std::swap(labeled_, commit.labeled);
+  // The old labeled list goes with the old tables; the new one is made when
+  // first asked for, as the statement runner reads every node.
+  commit.labeled = std::exchange(labeled_, nullptr);
   truncated_ = commit.walk.truncated;
 
   // The newest three lists always stay; older ones for up to keepNs.
@@ -174,6 +172,16 @@ void AppMirror::finishCommitLocked(PendingCommit& commit) {
     lastTargets_.reset();
   }
   walking_ = false;
+}
+
+NodeList AppMirror::labeledLocked() {
+  if (!labeled_) {
+    auto labeled = std::make_shared<std::vector<core::AxNode>>();
+    labeled->reserve(static_cast<std::size_t>(std::count_if(nodes_->begin(), nodes_->end(), isLabeled)));
+    std::copy_if(nodes_->begin(), nodes_->end(), std::back_inserter(*labeled), isLabeled);
+    labeled_ = std::move(labeled);
+  }
+  return labeled_;
 }
 
 bool AppMirror::registerNotifications() {
@@ -302,7 +310,7 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
   out.partialNodes = partialNodes_;
   out.lastWalk = lastTargets_ ? "partial" : "full";
   out.unregisteredNotifications = unregisteredCount();
-  if (request.ifGeneration != generation_) out.nodes = request.all ? nodes_ : labeled_;
+  if (request.ifGeneration != generation_) out.nodes = request.all ? nodes_ : labeledLocked();
   return out;
 }
 

@@ -230,7 +230,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
     std::int64_t endedAt = 0;
     // Made outside the lock by prepareCommit.
     NodeList nodes;
-    NodeList labeled;
+    NodeList labeled;  // the replaced one, freed outside the lock
     ElementIndex uids;
     std::unordered_map<std::int64_t, Element> uidElements;
     std::uint64_t signature = 0;
@@ -245,6 +245,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   void prepareCommit(PendingCommit& commit);
   /// The rest, with `state_` held; the replaced tables are left in `commit`.
   void finishCommitLocked(PendingCommit& commit);
+  /// The labeled nodes of the copy, under `state`.
+  NodeList labeledLocked();
   void markDirtyLocked(const std::vector<DirtyTarget>& targets);
   void markFullLocked();
   void trailingWalkDue();
@@ -262,7 +264,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   platform::Signal stateChanged_;
   std::int64_t generation_ = 0;
   NodeList nodes_;
-  NodeList labeled_;
+  NodeList labeled_;  // made from nodes_ when first asked for; none until then
   bool truncated_ = false;
   struct KeptElements {
     std::int64_t at = 0;

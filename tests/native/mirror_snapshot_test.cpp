@@ -96,10 +96,19 @@ TEST(MirrorSnapshot, IfGenerationLeavesTheNodesOutWhenNothingChanged) {
   for (const auto& node : *snapshot.nodes) EXPECT_EQ((*all.nodes)[static_cast<std::size_t>(node.i)], node);
 }
 
-TEST(MirrorSnapshot, CopiesShareOneList) {
+TEST(MirrorSnapshot, CopiesShareOneListAndTheLabeledOneFollowsTheWalks) {
   MirrorSim sim(labDesktop());
   auto mirror = sim.settled(labPid);
   EXPECT_EQ(sim.plain(*mirror).nodes.get(), sim.plain(*mirror).nodes.get());
+  const SnapshotRequest labeled;
+  auto before = mirror->snapshot(labeled);
+  EXPECT_EQ(before.nodes.get(), mirror->snapshot(labeled).nodes.get());
+  EXPECT_EQ(findNode(before, "status")->value, "idle");
+
+  sim.desktop().setAttribute(labPid, "status", "AXValue", "busy");
+  sim.deliver();
+  sim.fresh(*mirror);
+  EXPECT_EQ(findNode(mirror->snapshot(labeled), "status")->value, "busy");
 }
 
 TEST(Mirrors, TheSeventhApplicationEvictsTheLeastRecentlyUsed) {
