@@ -32,9 +32,13 @@ std::optional<double> optionalNumber(const JSONValue& object, std::string_view k
 
 std::optional<std::int64_t> optionalInt(const JSONValue& object, std::string_view key) {
   auto d = optionalNumber(object, key);
-  // Out-of-range and NaN numbers have no integer reading.
-  if (!d || !(*d > -9.3e18 && *d < 9.3e18)) return std::nullopt;
-  return static_cast<std::int64_t>(*d);
+  return d ? integerOf(*d) : std::nullopt;
+}
+
+std::optional<std::int64_t> integerOf(double number) {
+  // -2^63 and 2^63 are exact doubles; anything outside, and NaN, has no reading.
+  if (!(number >= -0x1p63 && number < 0x1p63)) return std::nullopt;
+  return static_cast<std::int64_t>(number);
 }
 
 std::optional<bool> optionalBool(const JSONValue& object, std::string_view key) {

@@ -70,6 +70,9 @@ JSONValue jsonValue(const cypher::Row& row);
 std::optional<std::string> optionalString(const JSONValue& object, std::string_view key);
 std::optional<double> optionalNumber(const JSONValue& object, std::string_view key);
 std::optional<std::int64_t> optionalInt(const JSONValue& object, std::string_view key);
+/// The integer a number reads as, its fraction dropped; none when it is not
+/// finite or lies beyond 64 bits.
+std::optional<std::int64_t> integerOf(double number);
 std::optional<bool> optionalBool(const JSONValue& object, std::string_view key);
 
 /// Appends a pair to an object under construction.

@@ -189,8 +189,9 @@ JSONValue selectAll(MirrorHost& host, const JSONValue& params) {
   std::int64_t length = 0;
   if (auto count = ax.copy(element, "AXNumberOfCharacters").as<double>()) {
     // A count that no range can hold (not finite, beyond 64 bits) makes none.
-    if (!(*count > -9.2e18 && *count < 9.2e18)) throw RPCError("native", "選択範囲を作れませんでした");
-    length = static_cast<std::int64_t>(*count);
+    auto counted = core::integerOf(*count);
+    if (!counted) throw RPCError("native", "選択範囲を作れませんでした");
+    length = *counted;
   } else if (auto value = ax.copy(element, "AXValue").as<std::string>()) {
     length = static_cast<std::int64_t>(utf16Length(*value));
   }

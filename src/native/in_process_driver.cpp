@@ -34,6 +34,17 @@ bool boolOr(const JSONValue& v, std::string_view key, bool fallback) {
   return b && b->asBool() ? *b->asBool() : fallback;
 }
 
+// Runs `work`, its RPCError leaving as the runner's error with the same code
+// and message.
+template <typename Work>
+void withDriverErrors(Work&& work) {
+  try {
+    work();
+  } catch (const RPCError& e) {
+    throw core::GlimmerstrandError(e.code(), e.message());
+  }
+}
+
 }  // namespace
 
 InProcessDriver::InProcessDriver(const OperationTable& operations, Queues& queues, MirrorHost& host,
@@ -44,14 +55,12 @@ JSONValue InProcessDriver::call(const std::string& operation, const JSONValue& p
   auto handler = operations_.find(operation);
   if (!handler) throw core::GlimmerstrandError(core::codes::internal, "no line operation " + operation);
   HandlerResult result;
-  try {
+  withDriverErrors([&] {
     if (queue == On::input)
       queues_.input.sync([&] { result = (*handler)(params); });
     else
       result = (*handler)(params);
-  } catch (const RPCError& e) {
-    throw core::GlimmerstrandError(e.code(), e.message());
-  }
+  });
   if (auto raw = std::get_if<RawJSON>(&result)) return core::parseJSON(raw->text);
   auto& value = std::get<JSONValue>(result);
   return value.asObject() || value.asArray() ? std::move(value) : JSONValue(JSONValue::Object{});
@@ -268,11 +277,7 @@ std::optional<std::string> InProcessDriver::clipboard() {
 void InProcessDriver::setClipboard(const std::string& text) { call("setClipboard", object({{"text", text}})); }
 
 void InProcessDriver::copyImage(const std::vector<std::uint8_t>& png) {
-  try {
-    native::copyImage(host_.platform(), png);
-  } catch (const RPCError& e) {
-    throw core::GlimmerstrandError(e.code(), e.message());
-  }
+  withDriverErrors([&] { native::copyImage(host_.platform(), png); });
 }
 
 std::optional<core::AppInfo> InProcessDriver::openURL(const std::string& url) {

@@ -60,11 +60,10 @@ void requireTrust(platform::Accessibility& ax) {
 namespace {
 
 // A uid or generation as the integer it names; one beyond 64 bits names
-// nothing that exists, and saturates rather than overflow.
+// nothing that exists, and saturates.
 std::int64_t referenceNumber(double value) {
-  if (!(value > -9.2e18)) return std::numeric_limits<std::int64_t>::min();
-  if (!(value < 9.2e18)) return std::numeric_limits<std::int64_t>::max();
-  return static_cast<std::int64_t>(value);
+  return core::integerOf(value).value_or(value > 0 ? std::numeric_limits<std::int64_t>::max()
+                                                   : std::numeric_limits<std::int64_t>::min());
 }
 
 }  // namespace
