@@ -202,13 +202,14 @@ void ScriptRun::rebuildGraph(AxSnapshot snapshot, std::int64_t menuAgeMs) {
   if (menus) menuNodes = driver().axMenus(pidOnly(snapshot.pid), menuAgeMs).nodes.vector();
   // An application unchanged since an earlier graph hands back the very same
   // node list; that graph's tables serve again.
-  for (const auto& earlier : runner.memory().graphs(snapshot.pid))
-    if (earlier->holdsSameNodes(snapshot, menuNodes)) {
-      graph = std::make_shared<const AxGraph>(std::move(snapshot), *earlier);
-      runner.memory().remember(graph);
-      return;
+  std::shared_ptr<const AxGraph> earlier;
+  for (const auto& kept : runner.memory().graphs(snapshot.pid))
+    if (kept->holdsSameNodes(snapshot, menuNodes)) {
+      earlier = kept;
+      break;
     }
-  graph = std::make_shared<const AxGraph>(std::move(snapshot), menuNodes);
+  graph = earlier ? std::make_shared<const AxGraph>(std::move(snapshot), *earlier)
+                  : std::make_shared<const AxGraph>(std::move(snapshot), menuNodes);
   runner.memory().remember(graph);
 }
 
