@@ -24,7 +24,7 @@ struct ChangeCase {
 TEST(ChangeLines, Table) {
   const AxNode window = node(0, -1, "AXWindow", "Main");
   const AxNode play = node(1, 0, "AXButton", "Play");
-  const AxNode field = with(node(2, 0, "AXTextField", "To", "a"), [](AxNode&) {});
+  const AxNode field = node(2, 0, "AXTextField", "To", "a");
   const AxNode row = node(3, 0, "AXRow", "Inbox", "3");
   const ChangeCase cases[] = {
       {"renamed",
@@ -63,7 +63,7 @@ TEST(ChangeLines, Table) {
        {R"(+ e106 Button "Next")", R"(- Button "Play")"}},
       {"window replaced",
        {window, play},
-       {with(node(9, -1, "AXWindow", "Settings"), [](AxNode&) {}), node(10, 9, "AXButton", "OK")},
+       {node(9, -1, "AXWindow", "Settings"), node(10, 9, "AXButton", "OK")},
        {R"(- Window "Main" closed (2 elements))", R"(+ e109 Window "Settings" (2 elements))"}},
       {"only window closed", {window, play}, {}, {R"(- Window "Main" closed (2 elements))"}},
   };

@@ -17,14 +17,10 @@ ActionRecord done(std::string id, std::string action) { return ActionRecord{id, 
 TEST_F(ProcedureTest, ActingProceduresReachTheDriverInOrder) {
   const std::string a = frontCalls[0], f = frontCalls[1];
   const ActCase cases[] = {
-      {R"(CALL ui.press("e102"))", {counterCall, "press " + ProcedureTest::ref(2)}, done("e102", "pressed")},
-      {R"(CALL ui.focus("To"))", {counterCall, "focus " + ProcedureTest::ref(1)}, done("e101", "focused")},
-      {R"(CALL ui.set_value("e101", 7))",
-       {counterCall, "setValue " + ProcedureTest::ref(1) + " \"7\""},
-       done("e101", "value=7")},
-      {R"(CALL ui.set_value("e101"))",
-       {counterCall, "setValue " + ProcedureTest::ref(1) + " \"\""},
-       done("e101", "value=undefined")},
+      {R"(CALL ui.press("e102"))", {counterCall, "press " + ref(2)}, done("e102", "pressed")},
+      {R"(CALL ui.focus("To"))", {counterCall, "focus " + ref(1)}, done("e101", "focused")},
+      {R"(CALL ui.set_value("e101", 7))", {counterCall, "setValue " + ref(1) + " \"7\""}, done("e101", "value=7")},
+      {R"(CALL ui.set_value("e101"))", {counterCall, "setValue " + ref(1) + " \"\""}, done("e101", "value=undefined")},
       {R"(CALL ui.key("Return"))", {counterCall, "key \"Return\" 501"}, done("", "key \"Return\"")},
       {R"(CALL ui.type("héllo"))", {counterCall, "type \"héllo\" 501"}, done("", "type \"héllo\"")},
       {"CALL ui.click(100.4, 200.6)", {a, f, counterCall, "click 100.4,200.6 left 1"}, done("", "click left 100,201")},
@@ -37,7 +33,7 @@ TEST_F(ProcedureTest, ActingProceduresReachTheDriverInOrder) {
       {R"(CALL ui.drag("e102", 100, 200))",
        {a, f, counterCall, "drag 340,20 100,200"},
        done("", "drag e102 -> 100,200")},
-      {R"(CALL ui.menu("e102"))", {counterCall, "showMenu " + ProcedureTest::ref(2)}, done("e102", "menu")},
+      {R"(CALL ui.menu("e102"))", {counterCall, "showMenu " + ref(2)}, done("e102", "menu")},
       // The list runs past its scroll area: the wheel goes to the middle of the visible part.
       {R"(CALL ui.scroll("e104", "down", 3))",
        {counterCall, "scroll dx=- dy=-720 at 200,250", R"(axRefresh {"pid":501})"},

@@ -187,7 +187,6 @@ TEST_F(RunnerTest, ASparseBackgroundApplicationIsBroughtForward) {
 }
 
 TEST_F(RunnerTest, OnlySparseWindowedPagesWithoutWebAreasAreBroughtForward) {
-  driver.front = AppInfo{1, "com.other", "Other"};
   const std::pair<std::function<void(std::vector<AxNode>&)>, bool> cases[] = {
       {[](auto& n) { n.resize(30); }, false},
       {[](auto& n) { n.resize(5), n.push_back(node(9, 0, "AXWebArea")); }, false},
@@ -195,7 +194,6 @@ TEST_F(RunnerTest, OnlySparseWindowedPagesWithoutWebAreasAreBroughtForward) {
       {[](auto& n) { n.resize(29); }, true},
   };
   for (const auto& [shape, forward] : cases) {
-    RunnerTest::SetUp();
     FakeDriver fresh;
     fresh.nodes = driver.nodes;
     shape(fresh.nodes);

@@ -1,5 +1,5 @@
 // The language's operations called directly: write targets, the work budget,
-// the regex cache, comparisons and hand-made records the parser never builds.
+// the regex cache and comparisons, with operands the parser never builds.
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -53,7 +53,7 @@ PropertyGraph tree(std::size_t size, std::size_t fanout) {
   return g;
 }
 
-TEST(CypherBudget, BothDirectionsOverALargeTreeFailAndAskToNarrow) {
+TEST(CypherBudget, LargeMatchesFailAndAskToNarrow) {
   auto g = tree(10'000, 4);
   const Query wide = *parseStatement("MATCH (w:Window)-[:CHILD|PARENT*1..8]->(b) RETURN count(*)").asRead();
   try {
@@ -69,12 +69,9 @@ TEST(CypherBudget, BothDirectionsOverALargeTreeFailAndAskToNarrow) {
   EXPECT_THROW(executeQuery(open, g), BadRequestError);
   const Query down = *parseStatement("MATCH (w:Window)-[:CHILD*1..8]->(b:Button) RETURN count(*)").asRead();
   EXPECT_EQ(testing::rowsText(executeQuery(down, g)), "{count(*): 3333}");
-}
-
-TEST(CypherBudget, CartesianBindingsCountToo) {
-  auto g = tree(1'000, 4);
+  // Cartesian bindings count too.
   EXPECT_THROW(matchBindings(matchOf("MATCH (a), (b)"), g), BadRequestError);
-  EXPECT_EQ(matchBindings(matchOf("MATCH (a), (b:Window)"), g).size(), 1'000u);
+  EXPECT_EQ(matchBindings(matchOf("MATCH (a), (b:Window)"), g).size(), 10'000u);
 }
 
 TEST(CypherMatcher, CandidateLabelsAndGraphFailures) {
@@ -156,19 +153,6 @@ TEST(CypherOrder, CompareRowKeys) {
   EXPECT_EQ(compareRowKeys(Keys{true}, Keys{"true"}, asc), 0);
   const std::vector<OrderItem> two{asc[0], desc[0]};
   EXPECT_GT(compareRowKeys(Keys{1, 1}, Keys{1, 2}, two), 0);
-}
-
-TEST(CypherProjection, HandMadeAggregateWithoutProperty) {
-  auto g = testing::uiGraph();
-  Query query = *parseStatement("MATCH (n) RETURN count(n)").asRead();
-  std::get<AggregateItem>(query.returns[0].value).function = AggregateFunc::avg;
-  try {
-    executeQuery(query, g);
-    FAIL();
-  } catch (const BadRequestError& e) {
-    EXPECT_EQ(e.message(), "avg() requires a property argument");
-    EXPECT_FALSE(e.hint());
-  }
 }
 
 }  // namespace
