@@ -14,7 +14,7 @@ constexpr std::int64_t ms = 1'000'000;
 // measured by the test are exact to within a few of those.
 void expectElapsed(std::int64_t actual, std::int64_t expected) { EXPECT_NEAR(actual, expected, 10) << actual; }
 
-TEST(DrivenClock, SleepsOnTwoQueuesWakeInTimeOrderAndTakeNoRealTime) {
+TEST(DrivenClock, SleepsOnTwoQueuesWakeInTimeOrderAndMainLoopTasksRunOnItsThread) {
   DrivenClock clock;
   const auto start = clock.nowNs();
   auto slow = clock.makeSerialQueue("slow");
@@ -28,9 +28,13 @@ TEST(DrivenClock, SleepsOnTwoQueuesWakeInTimeOrderAndTakeNoRealTime) {
     clock.sleepNs(10 * ms);
     order.push_back("quick");
   });
+  std::thread::id mainRanOn;
+  clock.mainLoop().post([&] { mainRanOn = std::this_thread::get_id(); });
   clock.runUntilIdle();
   EXPECT_EQ(order, (std::vector<std::string>{"quick", "slow"}));
   expectElapsed(clock.nowNs() - start, 30 * ms);
+  EXPECT_NE(mainRanOn, std::thread::id());
+  EXPECT_NE(mainRanOn, std::this_thread::get_id());
 }
 
 TEST(DrivenClock, TimedWaitEndsAtItsDeadlineOrAtANotification) {
@@ -72,15 +76,6 @@ TEST(DrivenClock, DelayedTasksRunWhenDueAndInOrder) {
   EXPECT_EQ(ran, std::vector<int>{1});
   clock.advance(1 * ms);
   EXPECT_EQ(ran, (std::vector<int>{1, 2}));
-}
-
-TEST(DrivenClock, MainLoopRunsPostedTasksOnItsOwnThread) {
-  DrivenClock clock;
-  std::thread::id ranOn;
-  clock.mainLoop().post([&] { ranOn = std::this_thread::get_id(); });
-  clock.runUntilIdle();
-  EXPECT_NE(ranOn, std::thread::id());
-  EXPECT_NE(ranOn, std::this_thread::get_id());
 }
 
 TEST(DrivenClock, AScheduleThatNeverSettlesIsReported) {

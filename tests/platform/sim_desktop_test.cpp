@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/sim/demo_apps.h"
 #include "platform/sim/driven_clock.h"
 #include "platform/sim/fixture.h"
 
@@ -103,6 +102,9 @@ TEST(SimDesktop, PressRunsEffectsAndNotifiesOnTheMainLoop) {
   ASSERT_EQ(d.names(), std::vector<std::string>{"AXValueChanged"});
   EXPECT_EQ(d.seen[0].second, d.desktop.element(501, "display"));
   EXPECT_EQ(d.ax.perform(d.desktop.element(501, "display"), "AXPress"), AxError::actionUnsupported);
+  auto app = d.ax.applicationElement(501);
+  EXPECT_EQ(d.ax.addNotification(*d.keep, app, "AXValueChanged"), AxError::notificationAlreadyRegistered);
+  EXPECT_EQ(d.ax.addNotification(*d.keep, app, "AXLoadComplete"), AxError::notificationUnsupported);  // refused
 }
 
 TEST(SimDesktop, AHangingPressTakesItsTimeAndAFrozenApplicationItsTimeout) {
@@ -121,16 +123,6 @@ TEST(SimDesktop, AHangingPressTakesItsTimeAndAFrozenApplicationItsTimeout) {
   start = d.clock.nowNs();
   EXPECT_TRUE(d.ax.copy(d.desktop.element(501, "display"), "AXValue").isError());
   expectElapsed(d.clock.nowNs() - start, 6000 * ms);  // elements read from it keep the default
-}
-
-TEST(SimDesktop, RegistrationAnswersRefusedAndRepeatedNames) {
-  Desktop d;
-  auto observer = d.ax.createObserver(501, [](const Element&, const std::string&) {});
-  ASSERT_TRUE(observer.ok());
-  auto app = d.ax.applicationElement(501);
-  EXPECT_EQ(d.ax.addNotification(*observer.value, app, "AXValueChanged"), AxError::success);
-  EXPECT_EQ(d.ax.addNotification(*observer.value, app, "AXValueChanged"), AxError::notificationAlreadyRegistered);
-  EXPECT_EQ(d.ax.addNotification(*observer.value, app, "AXLoadComplete"), AxError::notificationUnsupported);
 }
 
 TEST(SimDesktop, TypingFillsTheFocusedFieldAndReturnRunsItsEffects) {
@@ -180,29 +172,6 @@ TEST(SimDesktop, ChangesToTheTreeNotifyAndLeaveDeadHandles) {
   EXPECT_EQ(windows->size(), 2u);
 }
 
-TEST(SimDesktop, WorkspaceActivatesAndQuitsAsTheApplicationAllows) {
-  Desktop d;
-  auto& workspace = d.desktop.workspace();
-  std::vector<std::int32_t> activated;
-  workspace.observeActivation([&](const RunningApplication& app) { activated.push_back(app.pid); });
-  EXPECT_EQ(workspace.frontmost()->pid, 501);
-  EXPECT_TRUE(workspace.activate(502));
-  d.clock.runUntilIdle();
-  EXPECT_EQ(activated, std::vector<std::int32_t>{502});
-  EXPECT_EQ(workspace.frontmost()->pid, 502);
-  EXPECT_TRUE(workspace.terminate(502));  // refused: still running
-  EXPECT_TRUE(workspace.application(502));
-  EXPECT_TRUE(workspace.terminate(501));
-  EXPECT_FALSE(workspace.application(501));
-  EXPECT_EQ(workspace.runningApplications().size(), 1u);
-  std::optional<OpenOutcome> relaunched;
-  workspace.launch(LaunchRequest{"com.example.calculator", "", true},
-                   [&](const OpenOutcome& outcome) { relaunched = outcome; });
-  ASSERT_TRUE(relaunched && relaunched->app);
-  EXPECT_EQ(relaunched->app->pid, 501);
-  EXPECT_EQ(workspace.frontmost()->pid, 501);
-}
-
 TEST(SimDesktop, CaptureDrawsElementsOverTheBackground) {
   Desktop d;
   auto pixels = d.desktop.screen().capture(AxRect{100, 100, 240, 320}, 2, std::nullopt);
@@ -236,50 +205,6 @@ TEST(Fixture, ProblemsNameTheirPlace) {
       EXPECT_NE(std::string(e.what()).find(c.place), std::string::npos) << e.what();
     }
   }
-}
-
-TEST(Fixture, AttributeKeysBecomeAxNames) {
-  EXPECT_EQ(attributeName("title"), "AXTitle");
-  EXPECT_EQ(attributeName("placeholder"), "AXPlaceholderValue");
-  EXPECT_EQ(attributeName("url"), "AXURL");
-  EXPECT_EQ(attributeName("AXCustom"), "AXCustom");
-  auto spec = parseFixture(calculatorFixture);
-  const auto& field = spec.apps[0].windows[0].children[3];
-  EXPECT_EQ(field.settable, (std::vector<std::string>{"AXValue", "AXFocused"}));
-  EXPECT_EQ(spec.apps[0].windows[0].children[1].actions, std::vector<std::string>{"AXPress"});
-}
-
-TEST(Fixture, ReadsHowAnApplicationStartsEndsAndTakesFocus) {
-  auto spec = parseFixture(R"({"applicationDirectories": ["/opt/apps"],
-    "apps": [{"pid": 7, "activation": "reopen", "launchMs": 900, "launchError": "no disk", "quitMs": 40,
-              "filePanelPid": 8, "windows": [{"key": "f", "ignoresFocus": true,
-                                              "onSetValue": [{"append": {"text": ".00"}}]}]}]})");
-  EXPECT_EQ(spec.applicationDirectories, std::vector<std::string>{"/opt/apps"});
-  const auto& app = spec.apps[0];
-  EXPECT_EQ(app.activation, Activation::reopen);
-  EXPECT_EQ(app.launchMs, 900);
-  EXPECT_EQ(app.launchError, "no disk");
-  EXPECT_EQ(app.quitMs, 40);
-  EXPECT_EQ(app.filePanelPid, 8);
-  EXPECT_TRUE(app.windows[0].ignoresFocus);
-  ASSERT_EQ(app.windows[0].onSetValue.size(), 1u);
-  EXPECT_EQ(app.windows[0].onSetValue[0].text, ".00");
-}
-
-TEST(DemoDesktop, HasTheThreeApplications) {
-  DrivenClock clock;
-  SimDesktop desktop(demoDesktop(), clock, clock.mainLoop());
-  auto running = desktop.workspace().runningApplications();
-  ASSERT_EQ(running.size(), 3u);
-  EXPECT_EQ(desktop.workspace().frontmost()->name, "Calculator");
-  // And one more, installed: the notes that a launch by "メモ" starts.
-  auto installed = desktop.workspace().installedApplications();
-  ASSERT_EQ(installed.size(), 4u);
-  EXPECT_EQ(installed[3].names.at("ja"), "メモ");
-  auto rows = desktop.accessibility().copy(desktop.element(demoListPid, "list"), "AXChildren").as<AxList>();
-  ASSERT_TRUE(rows);
-  EXPECT_EQ(rows->size(), 2000u);
-  clock.runUntilIdle();
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <thread>
 
 #include "core/errors.h"
-#include "server/server_texts.h"
 #include "server/support/driven_lease_clock.h"
 #include "server/support/fake_backend.h"
 #include "server/support/socket_client.h"
@@ -88,12 +87,11 @@ class DaemonServerTest : public ::testing::Test {
 TEST_F(DaemonServerTest, PlainConnectionTranscript) {
   start();
   SocketClient client(folder_.socketPath());
+  // Only a first line can ask for a mode; later it is an unknown request.
   const std::vector<std::pair<std::string, std::string>> transcript{
       {R"({"id":1,"operation":"ping","params":{}})", R"({"id":1,"ok":true,"result":{"pong":true}})"},
       {R"({"mode":"mcp"})",
        R"({"ok":false,"error":{"code":"invalid_argument","message":"未知の操作です: ","retry":"fix the statement, then retry"}})"},
-      {R"({"id":"q","operation":"query","params":{"cypher":"MATCH (n) RETURN n","app":"Calculator"},"format":"text"})",
-       R"j({"id":"q","ok":true,"result":{"text":"(no rows)\n(Calculator g4 3ms)"}})j"},
   };
   for (const auto& [request, reply] : transcript) EXPECT_EQ(roundTrip(client, request), reply);
   client.sendLine("not json");
@@ -105,30 +103,12 @@ TEST_F(DaemonServerTest, PlainConnectionTranscript) {
       R"({"id":2,"ok":false,"error":{"code":"invalid_argument","message":"未知の操作です: ","retry":"fix the statement, then retry"}})");
 }
 
-TEST_F(DaemonServerTest, McpConnectionTranscript) {
+TEST_F(DaemonServerTest, McpConnectionListsTheTool) {
   start();
-  SocketClient client(folder_.socketPath());
-  client.sendLine(R"({"mode":"mcp"})");
-  client.sendLine(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})");
-  client.sendLine(R"({"jsonrpc":"2.0","method":"notifications/initialized"})");
-  client.sendLine(R"({"jsonrpc":"2.0","id":2,"method":"ping"})");
+  auto agent = mcpClient();
   EXPECT_EQ(
-      client.readLine(),
-      R"({"jsonrpc":"2.0","id":1,"result":{"protocolVersion":"2025-06-18","capabilities":{"tools":{"listChanged":true}},"serverInfo":{"name":"glimmerstrand","version":"0.3.5"},"instructions":)" +
-          core::jsonString(serverInstructions()) + "}}");
-  EXPECT_EQ(client.readLine(), R"({"jsonrpc":"2.0","id":2,"result":{}})");
-
-  EXPECT_EQ(
-      roundTrip(client, R"({"jsonrpc":"2.0","id":"t","method":"tools/list"})"),
+      roundTrip(*agent, R"({"jsonrpc":"2.0","id":"t","method":"tools/list"})"),
       R"({"jsonrpc":"2.0","id":"t","result":{"tools":[{"name":"do","title":"Mac のアプリを見て操作する","description":"Look at and operate macOS apps (Spotify, Finder, Safari, Calculator, Notes, System Settings, any app) through their accessibility tree with Cypher. Mac のアプリを見る、押す、入力する、開く。Read with MATCH ... RETURN, act with SET b.pressed = true or CALL ui.open/ui.press/ui.type/ui.key/ui.click/ui.menu/ui.scroll/ui.read/ui.screenshot/ui.window/ui.clipboard/ui.wait_for/ui.quit. Separate statements with ; to act and check in one call. The server instructions describe the grammar.","inputSchema":{"$schema":"http://json-schema.org/draft-07/schema#","type":"object","properties":{"cypher":{"type":"string","description":"Cypher statements separated by ;, e.g. CALL ui.open(\"Spotify\"); MATCH (b:Button) WHERE b.name CONTAINS \"Play\" RETURN b LIMIT 5"},"app":{"description":"App name or bundle id to look at or operate, such as \"Calculator\" or \"計算機\". Pass it on every call: several agents can share this connection, so the previous call's app is not remembered.","type":"string"}},"required":["cypher","app"]},"annotations":{"title":"Mac のアプリを見て操作する","readOnlyHint":false,"destructiveHint":true,"openWorldHint":false},"execution":{"taskSupport":"forbidden"}}]}})");
-  EXPECT_EQ(
-      roundTrip(
-          client,
-          R"({"jsonrpc":"2.0","id":4,"method":"tools/call","params":{"name":"do","arguments":{"cypher":"MATCH (n) RETURN n","app":"Calculator"}}})"),
-      R"j({"jsonrpc":"2.0","id":4,"result":{"content":[{"type":"text","text":"(no rows)\n(Calculator g4 3ms)"}]}})j");
-  auto calls = backend_->calls();
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_TRUE(calls[0].session && calls[0].session->starts_with("mcp-"));
 }
 
 TEST_F(DaemonServerTest, StatusCountsSessionsWhileConnected) {
@@ -175,10 +155,10 @@ TEST_F(DaemonServerTest, SessionsShareAnAppThroughLeases) {
   EXPECT_TRUE(roundTrip(*first, call(1)).ends_with(done));
   second->sendLine(call(2));
   ASSERT_TRUE(clock_.waitForWaits(1));  // the first session's grace holds the app
-  clock_.advance(9s);
-  ASSERT_TRUE(clock_.waitForWaits(2));
+  clock_.advance(9.9s);
+  ASSERT_TRUE(clock_.waitForWaits(2));  // looked again, and went back to waiting
   EXPECT_FALSE(second->readLine(0ms));
-  clock_.advance(1s);
+  clock_.advance(0.1s);
   EXPECT_TRUE(second->readLine()->ends_with(done));
 
   // Now the second session holds its grace; the first waits, until the
@@ -186,7 +166,7 @@ TEST_F(DaemonServerTest, SessionsShareAnAppThroughLeases) {
   first->sendLine(call(3));
   ASSERT_TRUE(clock_.waitForWaits(3));
   second.reset();
-  EXPECT_TRUE(first->readLine()->ends_with(done));
+  EXPECT_TRUE(first->readLine()->ends_with(done));  // at once: no time has passed
 }
 
 TEST_F(DaemonServerTest, ClosingDuringADoReleasesTheLeaseAfterIt) {
@@ -210,7 +190,6 @@ TEST_F(DaemonServerTest, RejectedPeerIsLogged) {
   ASSERT_TRUE(eventually([&] { return !logged().empty(); }));
   auto line = core::parseJSON(logged()[0]);
   EXPECT_EQ(core::optionalString(line, "level"), "warn");
-  EXPECT_EQ(core::optionalString(line, "name"), "daemon");
   EXPECT_EQ(core::optionalString(line, "message"), "接続を断りました");
   EXPECT_EQ(core::optionalString(line, "reason"), "別のユーザーからの接続です: uid 4242");
 }

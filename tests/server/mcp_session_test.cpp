@@ -54,6 +54,8 @@ TEST_F(McpSessionTest, MethodsAndErrors) {
   std::vector<Case> cases{
       {R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2024-11-05"}})",
        {initializeReply("1", "2024-11-05")}},
+      {R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})",
+       {initializeReply("1", "2025-06-18")}},
       {R"({"jsonrpc":"2.0","id":"a","method":"initialize","params":{"protocolVersion":"2099-01-01"}})",
        {initializeReply("\"a\"", "2025-11-25")}},
       {R"({"jsonrpc":"2.0","id":2,"method":"initialize","params":{"protocolVersion":20241105}})",

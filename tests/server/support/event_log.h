@@ -37,11 +37,6 @@ class EventLog {
     return events_;
   }
 
-  std::vector<std::string> events() {
-    std::lock_guard guard(lock_);
-    return events_;
-  }
-
  private:
   std::mutex lock_;  // guards events_
   std::condition_variable changed_;

@@ -8,7 +8,7 @@ namespace glimmerstrand::server::testing {
 
 using namespace std::chrono_literals;
 
-core::CypherResult readResult(std::string app, std::vector<cypher::Row> rows, double elapsedMs) {
+core::CypherResult readResult(std::string app, std::vector<cypher::Row> rows) {
   core::CypherResult result;
   result.app = std::move(app);
   result.pid = 501;
@@ -16,7 +16,7 @@ core::CypherResult readResult(std::string app, std::vector<cypher::Row> rows, do
   auto statement = std::make_shared<core::StatementResult>("read");
   statement->rows = std::move(rows);
   result.results.push_back(statement);
-  result.elapsedMs = elapsedMs;
+  result.elapsedMs = 3;
   return result;
 }
 

@@ -22,8 +22,9 @@ struct BackendCall {
   std::optional<std::string> session;
 };
 
-/// A result of one read statement with the given rows.
-core::CypherResult readResult(std::string app, std::vector<cypher::Row> rows, double elapsedMs = 3);
+/// A result of one read statement with the given rows: pid 501, generation
+/// 4, 3 ms.
+core::CypherResult readResult(std::string app, std::vector<cypher::Row> rows);
 
 class FakeBackend final : public ServerBackend {
  public:
