@@ -2,12 +2,12 @@
 #include "native/applications.h"
 
 #include <gtest/gtest.h>
-#include <png.h>
 
 #include <cstdlib>
 
 #include "action_sim.h"
 #include "core/errors.h"
+#include "native/image_encoding.h"
 #include "native/in_process_driver.h"
 
 namespace glimmerstrand::native::testing {
@@ -206,38 +206,23 @@ TEST(RaiseWindow, ChoosesByIndexOrByTitle) {
   }
 }
 
-std::vector<std::uint8_t> png(std::uint32_t width, std::uint32_t height) {
-  png_image image{};
-  image.version = PNG_IMAGE_VERSION;
-  image.width = width;
-  image.height = height;
-  image.format = PNG_FORMAT_RGBA;
-  std::vector<std::uint8_t> pixels(width * height * 4, 200);
-  png_alloc_size_t size = 0;
-  png_image_write_to_memory(&image, nullptr, &size, 0, pixels.data(), 0, nullptr);
-  std::vector<std::uint8_t> bytes(size);
-  png_image_write_to_memory(&image, bytes.data(), &size, 0, pixels.data(), 0, nullptr);
-  return bytes;
+std::vector<std::uint8_t> png(std::int64_t width, std::int64_t height) {
+  return encodeImage({width, height, std::vector<std::uint8_t>(static_cast<std::size_t>(width * height * 4), 200)},
+                     "png", 1);
 }
 
 TEST(Clipboard, HoldsTextOrAnImage) {
   ActionSim sim(desktop());
   EXPECT_EQ(core::optionalInt(sim.call("setClipboard", {{"text", "日本語 👍🏽"}}), "length"), 5);
   EXPECT_EQ(core::optionalString(sim.call("clipboard"), "text"), "日本語 👍🏽");
+  EXPECT_EQ(sim.failure("setClipboard").message(), "text が必要です");
   auto size = copyImage(sim.platform, png(3, 2));
   EXPECT_EQ(size.width, 3);
   EXPECT_EQ(size.height, 2);
   EXPECT_TRUE(sim.call("clipboard").find("text")->isNull());
-  try {
-    copyImage(sim.platform, {1, 2, 3});
-    ADD_FAILURE() << "no image, no failure";
-  } catch (const RPCError& e) {
-    EXPECT_EQ(e.code(), "invalid_argument");
-    EXPECT_EQ(e.message(), "画像を読めません");
-  }
-  EXPECT_EQ(sim.failure("setClipboard").message(), "text が必要です");
 
-  // A statement's copy of a screenshot goes through the same routine.
+  // A statement's copy of a screenshot goes through the same routine, and
+  // bytes that are no image leave the clipboard as it was.
   Queues queues;
   InProcessDriver driver(sim.table, queues, sim.host, nullptr);
   sim.call("setClipboard", {{"text", "kept"}});

@@ -110,36 +110,6 @@ TEST(Daemon, AnAgentDrivesTheCalculatorOverMcp) {
   EXPECT_TRUE(image) << core::jsonText(shot);
 }
 
-std::string doCall(int id, const std::string& cypher) {
-  return R"x({"jsonrpc":"2.0","id":)x" + std::to_string(id) +
-         R"x(,"method":"tools/call","params":{"name":"do","arguments":{"app":"Calculator","cypher":)x" +
-         core::jsonString(cypher) + "}}}";
-}
-
-TEST(Daemon, TwoSessionsMeetAtTheApplicationsLease) {
-  TempFolder folder;
-  Daemon daemon(folder);
-  SocketClient holder(daemon.socket());
-  SocketClient waiter(daemon.socket());
-  for (auto* agent : {&holder, &waiter}) {
-    agent->sendLine(R"({"mode":"mcp"})");
-    ask(*agent, R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})");
-  }
-  ask(holder, doCall(2, R"(CALL ui.press("1"))"));  // the first session now holds the calculator
-  waiter.sendLine(doCall(2, R"(CALL ui.press("2"))"));
-  EXPECT_EQ(waiter.readLine(300ms), std::nullopt) << "the second session waits for the lease";
-
-  SocketClient shell(daemon.socket());
-  auto read = ask(
-      shell, R"({"operation":"query","params":{"app":"Calculator","cypher":"MATCH (t:StaticText) RETURN t.value"}})");
-  EXPECT_EQ(core::optionalBool(read, "ok"), true) << "a query takes no lease: " << core::jsonText(read);
-
-  holder.close();  // a closing session hands the lease on at once
-  auto reply = waiter.readLine(20s);
-  ASSERT_TRUE(reply.has_value());
-  EXPECT_NE(reply->find("012"), std::string::npos) << *reply;
-}
-
 TEST(Daemon, ASecondDaemonStopsAtTheLockAndTermRemovesTheSocket) {
   TempFolder folder;
   Daemon daemon(folder);

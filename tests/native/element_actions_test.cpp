@@ -61,14 +61,6 @@ platform::sim::DesktopSpec desktop() {
   return spec;
 }
 
-TEST(Press, OnALabelPressesItsButton) {
-  ActionSim sim(desktop());
-  auto result = sim.call("press", sim.ref(pid, "okLabel"));
-  EXPECT_EQ(core::optionalString(result, "method"), "press");
-  EXPECT_EQ(core::optionalBool(result, "completed"), true);
-  EXPECT_EQ(sim.text(pid, "status"), "pressed");
-}
-
 TEST(Press, ThatHangsAnswersAtTheFirstNotificationAndHoldsUpNoCaller) {
   ActionSim sim(desktop());
   auto slow = sim.ref(pid, "slow");
@@ -102,11 +94,22 @@ TEST(Press, WaitCompleteOrNoTimeAnswersWithoutCompletion) {
   EXPECT_EQ(sim.text(pid, "status"), "pressedstuck");
 }
 
-TEST(Press, FallsBackToSelectionThenFocusThenFails) {
+TEST(Press, PressesALabelsButtonOrFallsBackToSelectionThenFocusThenFails) {
   ActionSim sim(desktop());
-  EXPECT_EQ(core::optionalString(sim.call("press", sim.ref(pid, "rowLabel")), "method"), "select");
-  EXPECT_EQ(sim.desktop().attribute(pid, "row", "AXSelected"), platform::AxValue(true));
-  EXPECT_EQ(core::optionalString(sim.call("press", sim.ref(pid, "focusable")), "method"), "focus");
+  const std::tuple<const char*, const char*, const char*, const char*, platform::AxValue> cases[] = {
+      {"okLabel", "press", "status", "AXValue", platform::AxValue("pressed")},  // a label presses its button
+      {"rowLabel", "select", "row", "AXSelected", platform::AxValue(true)},
+      {"focusable", "focus", nullptr, nullptr, platform::AxValue()},  // Focus tests where the focus goes
+  };
+  for (const auto& [key, method, changed, attribute, value] : cases) {
+    SCOPED_TRACE(key);
+    auto result = sim.call("press", sim.ref(pid, key));
+    EXPECT_EQ(core::optionalString(result, "method"), method);
+    EXPECT_EQ(core::optionalBool(result, "completed"), true);
+    if (changed) {
+      EXPECT_EQ(sim.desktop().attribute(pid, changed, attribute), value);
+    }
+  }
   auto failure = sim.failure("press", sim.ref(pid, "image"));
   EXPECT_EQ(failure.code(), "no_action");
   EXPECT_EQ(failure.message(), "この要素は押せません。actions=[\"AXShowMenu\"]");
@@ -240,20 +243,19 @@ TEST(Inspect, ShowsEachKindOfValueAsText) {
   EXPECT_TRUE(sawTitle);
 }
 
-TEST(ElementFrame, GivesTheFrameOrStale) {
+TEST(ElementFrameAndShowMenu, AnswerOrSayWhyNot) {
   ActionSim sim(desktop());
   EXPECT_EQ(core::jsonText(sim.call("elementFrame", sim.ref(pid, "ok"))), R"({"x":10,"y":40,"width":80,"height":30})");
-  auto failure = sim.failure("elementFrame", sim.ref(pid, "bare"));
-  EXPECT_EQ(failure.code(), "stale");
-  EXPECT_EQ(failure.message(), "要素の位置を読めませんでした");
-}
-
-TEST(ShowMenu, PerformsTheActionOrSaysWhyNot) {
-  ActionSim sim(desktop());
   EXPECT_TRUE(sim.call("showMenu", sim.ref(pid, "image")).find("notificationsBefore"));
-  auto failure = sim.failure("showMenu", sim.ref(pid, "ok"));
-  EXPECT_EQ(failure.code(), "no_action");
-  EXPECT_EQ(failure.message(), "メニューを開けませんでした: -25206");
+  const std::tuple<const char*, const char*, const char*, const char*> failures[] = {
+      {"elementFrame", "bare", "stale", "要素の位置を読めませんでした"},
+      {"showMenu", "ok", "no_action", "メニューを開けませんでした: -25206"},
+  };
+  for (const auto& [operation, key, code, message] : failures) {
+    auto failure = sim.failure(operation, sim.ref(pid, key));
+    EXPECT_EQ(failure.code(), code);
+    EXPECT_EQ(failure.message(), message);
+  }
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 namespace glimmerstrand::native {
 namespace {
 
-TEST(PixelSize, ScalesTheLongerSideWithAFloor) {
+TEST(PixelSizeAndClipRegion, ScaleWithAFloorAndStayOnTheScreen) {
   const std::tuple<double, double, std::int64_t, PixelSize> cases[] = {
       {3000, 2000, 1568, {1568, 1045}},
       {1000, 800, 1568, {1000, 800}},
@@ -17,9 +17,7 @@ TEST(PixelSize, ScalesTheLongerSideWithAFloor) {
       {100, 100, 1568, {280, 280}},
   };
   for (const auto& [w, h, max, size] : cases) EXPECT_EQ(pixelSize(w, h, max), size) << w << "x" << h;
-}
-
-TEST(ClipRegion, GrowsAboutTheCentreAndShiftsInwardsAtEdges) {
+  // A clip grows about the centre and shifts inwards at the screen's edges.
   EXPECT_EQ(clipRegion({500, 500, 10, 10}, 140, 1440, 900), (Region{435, 435, 140, 140}));
   EXPECT_EQ(clipRegion({0, 895, 10, 10}, 140, 1440, 900), (Region{0, 760, 140, 140}));
   EXPECT_EQ(clipRegion({-50, 0, 3000, 50}, 140, 1440, 900), (Region{0, 0, 1440, 140}));
@@ -35,7 +33,7 @@ RgbaImage checker(std::int64_t w, std::int64_t h) {
   return image;
 }
 
-TEST(EncodeImage, PngRoundTripsExactly) {
+TEST(EncodeImage, PngRoundTripsExactlyAndOtherFormatsGiveJpeg) {
   auto image = checker(40, 30);
   auto bytes = encodeImage(image, "png", 0.5);
   png_image png{};
@@ -46,9 +44,8 @@ TEST(EncodeImage, PngRoundTripsExactly) {
   ASSERT_TRUE(png_image_finish_read(&png, nullptr, back.data(), 0, nullptr));
   EXPECT_EQ(png.width, 40u);
   EXPECT_EQ(back, image.rgba);
-}
 
-TEST(EncodeImage, OtherFormatsGiveJpegOfTheSameSize) {
+  // Other formats give a JPEG of the same size.
   for (const char* format : {"jpeg", "webp"}) {
     auto bytes = encodeImage(checker(64, 48), format, 0.8);
     ASSERT_GT(bytes.size(), 4u);

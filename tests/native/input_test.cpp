@@ -69,22 +69,16 @@ std::vector<std::pair<int, int>> scrolls(const std::vector<Posted>& posted) {
   return out;
 }
 
-TEST(InputOperations, EveryOperationOfTheInputQueueIsRegistered) {
-  ActionSim sim(desktop());
-  for (const auto& name : inputOperations()) EXPECT_TRUE(sim.table.find(name)) << name;
-}
-
-TEST(Key, PressesModifiersInOrderAndReleasesThemInReverse) {
+TEST(Key, PressesModifiersInOrderReleasesThemInReverseAndChecksNamesFirst) {
   ActionSim sim(desktop());
   auto result = sim.call("key", {{"key", "CMD+Shift+4"}});
   EXPECT_EQ(core::optionalString(result, "key"), "cmd+shift+4");
   EXPECT_EQ(keys(sim.desktop().posted()),
             (std::vector<std::string>{"down 55 0x100000", "down 56 0x120000", "down 21 0x120000", "up 21 0x120000",
                                       "up 56 0x100000", "up 55 0x0"}));
-}
 
-TEST(Key, NamesAreCheckedBeforeAnyEventGoesOut) {
-  ActionSim sim(desktop());
+  // Names are checked before any event goes out.
+  sim.desktop().clearPosted();
   const std::pair<const char*, const char*> cases[] = {
       {"f13", "未知のキーです: f13"}, {"Hyper+A", "未知の修飾キーです: hyper"},   {"cmd+", "未知のキーです: cmd+"},
       {"", "未知のキーです: "},       {"cmd+shift", "未知のキーです: cmd+shift"},
@@ -117,7 +111,7 @@ TEST(Type, SendsOneKeyPerGraphemeWithItsText) {
   EXPECT_EQ(events[2].keyCode, 0);
 }
 
-TEST(Type, WithAPidWatchesTheFocusedElement) {
+TEST(Type, WithAPidWatchesTheFocusedElementAndSendsPanelKeysToTheirProcess) {
   ActionSim sim(desktop());
   auto result = sim.call("type", {{"text", "hello"}, {"pid", 501}});
   EXPECT_EQ(core::optionalBool(result, "seen"), true);
@@ -127,11 +121,10 @@ TEST(Type, WithAPidWatchesTheFocusedElement) {
   const std::int64_t start = sim.clock.nowNs();
   EXPECT_EQ(core::optionalBool(sim.call("type", {{"text", "x"}, {"pid", 504}}), "seen"), false);
   EXPECT_LE(sim.elapsedMs(start), 300 + 4);
-}
 
-TEST(Type, KeysForAnOpenPanelGoToTheProcessThatDrawsIt) {
-  ActionSim sim(desktop());
-  auto result = sim.call("type", {{"text", "ab"}, {"pid", 502}});
+  // Keys for an open panel go to the process that draws it.
+  sim.desktop().clearPosted();
+  result = sim.call("type", {{"text", "ab"}, {"pid", 502}});
   for (const auto& key : keys(sim.desktop().posted())) EXPECT_NE(key.find("@503"), std::string::npos) << key;
   EXPECT_EQ(sim.text(503, "typed"), "ab");
   // What is watched is the application's own focused field, which the keys never reached.

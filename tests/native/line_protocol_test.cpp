@@ -1,11 +1,9 @@
 #include "native/line_protocol.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <random>
 #include <thread>
 
@@ -146,44 +144,6 @@ TEST_F(HostFixture, WaitForRepliesGivesUpOnAHangingOperation) {
   EXPECT_EQ(lineCount(), 1u);
   release = true;
   EXPECT_TRUE(host_.waitForReplies(5s));
-}
-
-// The process itself: the done-when exchange of the line protocol.
-std::filesystem::path nativeBinary() {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../../src/native/glimmerstrand-native";
-}
-
-TEST(LineProcess, AnswersAndExitsZeroAtEndOfInput) {
-  int in[2], out[2];
-  ASSERT_EQ(::pipe(in), 0);
-  ASSERT_EQ(::pipe(out), 0);
-  pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(in[0], 0);
-    ::dup2(out[1], 1);
-    ::close(in[1]);
-    ::close(out[0]);
-    ::execl(nativeBinary().c_str(), "glimmerstrand-native", nullptr);
-    ::_exit(127);
-  }
-  ::close(in[0]);
-  ::close(out[1]);
-  std::string requests =
-      "{\"id\":1,\"method\":\"ping\"}\n{\"method\":\"ping\"}\n[1]\n{\"id\":\"x\",\"method\":\"nope\"}\n";
-  ASSERT_EQ(::write(in[1], requests.data(), requests.size()), static_cast<ssize_t>(requests.size()));
-  ::close(in[1]);
-  std::string replies;
-  char buffer[4096];
-  for (ssize_t n; (n = ::read(out[0], buffer, sizeof buffer)) > 0;) replies.append(buffer, static_cast<std::size_t>(n));
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  std::string pong = "{\"id\":1,\"ok\":true,\"result\":{\"pong\":true,\"pid\":" + std::to_string(child) + "}}\n";
-  std::string unknown =
-      R"({"id":"x","ok":false,"error":{"code":"invalid_argument","message":"未知のメソッドです: nope"}})"
-      "\n";
-  EXPECT_TRUE(replies == pong + unknown || replies == unknown + pong) << replies;
 }
 
 }  // namespace
