@@ -100,7 +100,6 @@ TEST(AxGraphRowLine, Examples) {
   AxNode close = node(5, -1, "AXButton");
   close.uid.reset();
   close.subrole = "AXCloseButton";
-  AxNode text = node(1, -1, "AXStaticText", std::nullopt, "Hello");
   AxNode item = node(3, -1, "AXMenuItem", "Copy");
   item.menu = true;
   item.enabled = false;
@@ -110,7 +109,6 @@ TEST(AxGraphRowLine, Examples) {
   const std::pair<AxNode, std::string> cases[] = {
       {field, R"(e7 TextField "Search" = "abc" focused)"},
       {close, "e5 Button (CloseButton)"},
-      {text, R"(e101 StaticText "Hello")"},
       {item, R"(m3 AppMenuItem "Copy" disabled)"},
       {unknownRole, "e102 Unknown"},
   };

@@ -64,7 +64,7 @@ std::pair<std::int64_t, std::int64_t> FakeDriver::axCounter(const AppSelector& s
 
 AxMenus FakeDriver::axMenus(const AppSelector& selector, std::optional<std::int64_t> maxAgeMs) {
   record("axMenus", jsonText(toJSON(selector)) + " " + std::to_string(maxAgeMs.value_or(-1)));
-  return AxMenus{app, app.pid, NodeList(menuNodes)};
+  return AxMenus{app, app.pid, NodeList(std::vector<AxNode>{})};
 }
 
 PressResult FakeDriver::press(const ElementRef& ref) {

@@ -34,7 +34,6 @@ class FakeDriver final : public UIDriver {
   // The application as the next snapshot shows it.
   AppInfo app{501, "com.example.calculator", "Calculator"};
   std::vector<AxNode> nodes;
-  std::vector<AxNode> menuNodes;
   std::int64_t generation = 1;
   std::int64_t counter = 10;
   bool running = true;

@@ -20,7 +20,6 @@ TEST_F(ProcedureTest, ActingProceduresReachTheDriverInOrder) {
       {R"(CALL ui.press("e102"))", {counterCall, "press " + ref(2)}, done("e102", "pressed")},
       {R"(CALL ui.focus("To"))", {counterCall, "focus " + ref(1)}, done("e101", "focused")},
       {R"(CALL ui.set_value("e101", 7))", {counterCall, "setValue " + ref(1) + " \"7\""}, done("e101", "value=7")},
-      {R"(CALL ui.set_value("e101"))", {counterCall, "setValue " + ref(1) + " \"\""}, done("e101", "value=undefined")},
       {R"(CALL ui.key("Return"))", {counterCall, "key \"Return\" 501"}, done("", "key \"Return\"")},
       {R"(CALL ui.type("héllo"))", {counterCall, "type \"héllo\" 501"}, done("", "type \"héllo\"")},
       {"CALL ui.click(100.4, 200.6)", {a, f, counterCall, "click 100.4,200.6 left 1"}, done("", "click left 100,201")},
@@ -30,9 +29,6 @@ TEST_F(ProcedureTest, ActingProceduresReachTheDriverInOrder) {
       {R"(CALL ui.hover("e102"))", {a, f, counterCall, "move 340,20"}, done("e102", "hover 340,20")},
       {"CALL ui.drag(1, 2, 3, 4)", {a, f, counterCall, "drag 1,2 3,4"}, done("", "drag 1,2 -> 3,4")},
       {R"(CALL ui.drag("e102", "e101"))", {a, f, counterCall, "drag 340,20 110,20"}, done("", "drag e102 -> e101")},
-      {R"(CALL ui.drag("e102", 100, 200))",
-       {a, f, counterCall, "drag 340,20 100,200"},
-       done("", "drag e102 -> 100,200")},
       {R"(CALL ui.menu("e102"))", {counterCall, "showMenu " + ref(2)}, done("e102", "menu")},
       // The list runs past its scroll area: the wheel goes to the middle of the visible part.
       {R"(CALL ui.scroll("e104", "down", 3))",
@@ -54,7 +50,6 @@ TEST_F(ProcedureTest, ScrollPagesAndDirections) {
   driver.nodes.push_back(framed(node(40, 0, "AXGroup"), {0, 50, 300, 500}));
   const std::tuple<const char*, std::string, std::string> cases[] = {
       {R"(CALL ui.scroll("e140", "down", 3))", "dx=- dy=-1200 at 150,300", "scroll down 3"},
-      {R"(CALL ui.scroll("e140", "up", 0))", "dx=- dy=400 at 150,300", "scroll up 0"},
       {R"(CALL ui.scroll("e140", null, 100))", "dx=- dy=-8000 at 150,300", "scroll down 100"},
       {R"(CALL ui.scroll("e140", "left", "2.4"))", "dx=480 dy=- at 150,300", "scroll left 2.4"},
       {R"(CALL ui.scroll("e102", "right"))", "dx=-64 dy=- at 340,20", "scroll right 1"},
@@ -88,9 +83,7 @@ TEST_F(ProcedureTest, SelectAllKeysGoToTheFocusedField) {
   const std::string focus = "focus " + ref(1);
   const std::pair<const char*, Lines> cases[] = {
       {R"(CALL ui.focus("e101"); CALL ui.key("cmd+a"))", {counterCall, focus, focus, "selectAll " + ref(1)}},
-      {R"(CALL ui.focus("e101"); CALL ui.key("CMD+A"))", {counterCall, focus, focus, "selectAll " + ref(1)}},
       {R"(CALL ui.focus("e101"); CALL ui.key("Cmd+B"))", {counterCall, focus, focus, "key \"Cmd+B\" 501"}},
-      {R"(CALL ui.focus("e101"); CALL ui.type("x"))", {counterCall, focus, focus, "type \"x\" 501"}},
       {R"(CALL ui.key("cmd+a"))", {counterCall, "key \"cmd+a\" 501"}},
   };
   for (const auto& [script, expected] : cases) {
@@ -99,10 +92,6 @@ TEST_F(ProcedureTest, SelectAllKeysGoToTheFocusedField) {
     all.insert(all.end(), {settleCall, freshRead});
     EXPECT_EQ(calls(), all) << script;
   }
-  driver.failures["selectAll"] = "no_action";
-  run(R"(MATCH (f:TextField) SET f.focused = true; CALL ui.key("cmd+a"))");
-  EXPECT_EQ(calls(),
-            (Lines{counterCall, focus, focus, "selectAll " + ref(1), "key \"cmd+a\" 501", settleCall, freshRead}));
 }
 
 TEST_F(ProcedureTest, TypedTextThatCannotBeSeenGetsANote) {
@@ -110,8 +99,6 @@ TEST_F(ProcedureTest, TypedTextThatCannotBeSeenGetsANote) {
   EXPECT_EQ(run(R"(CALL ui.type("abc"))").results[0]->notes, Lines{std::string(typedNote)});
   EXPECT_EQ(run(R"(CALL ui.type(""))").results[0]->notes, std::nullopt);
   EXPECT_EQ(calls()[1], "type \"\" 501");
-  driver.typedSeen = true;
-  EXPECT_EQ(run(R"(CALL ui.type("abc"))").results[0]->notes, std::nullopt);
 }
 
 TEST_F(ProcedureTest, FailedKeysShowTheirActionAndTheWriteIsStillReported) {

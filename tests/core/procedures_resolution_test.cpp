@@ -21,17 +21,15 @@ TEST(ProcedureArguments, TextsAndNumbersOfLooseLiterals) {
   EXPECT_EQ(textOf(&yes), "true");
   EXPECT_EQ(textOf(&twelve), "12.5");
   EXPECT_EQ(textOr(&null, "left"), "left");
-  EXPECT_EQ(textOr(nullptr, "left"), "left");
   EXPECT_EQ(textOr(&text, "left"), " 12 ");
 
   const double inf = INFINITY;
   const std::pair<ScalarValue, double> numbers[] = {
-      {nullptr, 0},      {true, 1},          {false, 0},          {" 12 ", 12},   {"\n", 0},
-      {"Infinity", inf}, {"+Infinity", inf}, {"-Infinity", -inf}, {"1e3", 1000},  {".5", 0.5},
-      {"5.", 5},         {"+3", 3},          {"-2.5E-1", -0.25},  {"1e400", inf}, {"\u30003\u3000", 3},
+      {nullptr, 0},        {true, 1},   {" 12 ", 12},       {"\n", 0},
+      {"-Infinity", -inf}, {".5", 0.5}, {"-2.5E-1", -0.25}, {"\u30003\u3000", 3},
   };
   for (const auto& [value, expected] : numbers) EXPECT_EQ(numberOf(&value), expected) << value.text();
-  for (const char* notANumber : {"abc", "1e", "0x10", ".", "1 2", "infinity", "- 1"}) {
+  for (const char* notANumber : {"abc", "1e", "0x10", "infinity"}) {
     const ScalarValue value(notANumber);
     EXPECT_TRUE(std::isnan(numberOf(&value))) << notANumber;
   }
@@ -55,9 +53,7 @@ TEST_F(ProcedureTest, IdsAndNames) {
       {R"(CALL ui.press("e999 "))", "e999 " + staleTail},
       {R"(CALL ui.press("m3"))", "m3" + staleTail},
       {R"(CALL ui.press("E102"))", "「E102」という名前の要素がありません。ui.tree() か MATCH で探してください"},
-      {R"(CALL ui.press("e102a"))", "「e102a」という名前の要素がありません。ui.tree() か MATCH で探してください"},
       {"CALL ui.click(10)", "「10」という名前の要素がありません。ui.tree() か MATCH で探してください"},
-      {R"(CALL ui.click(10, "right"))", "「10」という名前の要素がありません。ui.tree() か MATCH で探してください"},
       {R"(CALL ui.click("e105"))", "e105 は位置がわからないので、ポインタで操作できません"},
   };
   for (const auto& [script, message] : failures) EXPECT_EQ(failure(script).second, message) << script;
@@ -102,16 +98,6 @@ TEST_F(RecallTest, ARerenderedElementIsFoundByRoleNameAndUrl) {
   // Another link is not the same element.
   rerender([](AxNode& n) { n.uid = 340, n.url = "https://example.com/other"; });
   EXPECT_EQ(failure(R"(CALL ui.press("e240"))").second, "e240" + staleTail);
-}
-
-TEST_F(RecallTest, TwinsAreToldApartByTheOldParentsName) {
-  driver.nodes.push_back(node(40, 0, "AXGroup", "Inbox"));
-  driver.nodes.push_back(framed(node(41, 40, "AXButton", "Reply"), {0, 0, 10, 10}));
-  driver.nodes.push_back(node(42, 0, "AXGroup", "Sent"));
-  driver.nodes.push_back(framed(node(43, 42, "AXButton", "Reply"), {0, 0, 10, 10}));
-  rerender([](AxNode& n) { *n.uid += 100; });
-  run(R"(CALL ui.press("e143"))");
-  EXPECT_EQ(calls()[1], "press " + ref(43, 243));
 }
 
 TEST_F(RecallTest, TwinsUnderOneParentAreToldApartByPositionUpToFortyPoints) {

@@ -11,8 +11,7 @@ const std::string pollSettle = R"(waitSettle {"pid":501,"since":10,"quietMs":30,
 
 TEST_F(ProcedureTest, WaitSleepsThenReadsTheWindowAgain) {
   const std::pair<const char*, std::vector<double>> cases[] = {
-      {"2", {2000}}, {"10", {5000}}, {"11", {11}}, {"500", {500}}, {"0.5", {500}},
-      {"0", {}},     {"", {}},       {"-5", {}},   {"'abc'", {}},  {"'3'", {3000}},
+      {"2", {2000}}, {"10", {5000}}, {"11", {11}}, {"0.5", {500}}, {"-5", {}}, {"'3'", {3000}},
   };
   for (const auto& [arg, slept] : cases) {
     run("CALL ui.wait(" + std::string(arg) + ")");
@@ -42,15 +41,6 @@ class WaitForTest : public ProcedureTest {
   std::function<void()> onWait;
 };
 
-TEST_F(WaitForTest, AMatchAtOnceReturnsItsRows) {
-  auto [result, ms] = waitFor(R"("MATCH (b:Button) RETURN b.name", 500)");
-  EXPECT_EQ(result->kind, "call");
-  EXPECT_EQ(result->rows, (std::vector<Row>{{{"b.name", "Send"}}}));
-  EXPECT_EQ(result->returns, std::nullopt);
-  EXPECT_EQ(calls(), Lines{counterCall});
-  EXPECT_EQ(ms, 0);
-}
-
 TEST_F(WaitForTest, AMatchThatComesLater) {
   int waits = 0;
   onWait = [&] {
@@ -74,7 +64,7 @@ TEST_F(WaitForTest, AStillTreeEndsAfterThreeSeconds) {
 TEST_F(WaitForTest, TheBudgetEndsTheWait) {
   int added = 0;
   onWait = [&] { driver.nodes.push_back(node(100 + added++, 0, "AXStaticText", "tick")); };
-  const std::pair<const char*, double> cases[] = {{"1000", 1000}, {"20000", 10000}, {"'x'", 10000}, {"-1", 0}};
+  const std::pair<const char*, double> cases[] = {{"1000", 1000}, {"20000", 10000}, {"-1", 0}};
   for (const auto& [budget, expected] : cases) {
     auto [result, ms] = waitFor(R"("MATCH (b:Button {name:'Done'}) RETURN b", )" + std::string(budget));
     EXPECT_EQ(result->timedOut, true) << budget;
@@ -146,9 +136,7 @@ TEST_F(ProcedureTest, OpenURLUsesTheApplicationThatTookIt) {
 TEST_F(ProcedureTest, NamesAreRequired) {
   const std::pair<const char*, std::string> cases[] = {
       {"CALL ui.open()", "ui.open にはアプリの名前を渡してください。例: ui.open(\"Spotify\")"},
-      {"CALL ui.open(null)", "ui.open にはアプリの名前を渡してください。例: ui.open(\"Spotify\")"},
       {R"(CALL ui.open_url(""))", "ui.open_url には URL を渡してください。例: ui.open_url(\"https://example.com\")"},
-      {"CALL ui.quit()", "ui.quit にはアプリの名前を渡してください。例: ui.quit(\"Spotify\")"},
   };
   for (const auto& [script, message] : cases) EXPECT_EQ(failure(script).second, message) << script;
 }
@@ -161,11 +149,9 @@ TEST_F(ProcedureTest, AnApplicationThatDoesNotQuitIsNoFailure) {
             (std::vector<ActionRecord>{{"", "quit \"Calculator\"", false,
                                         "終了しませんでした。保存を確かめるダイアログが出ているかもしれません"}}));
   EXPECT_EQ(r.results[1]->rows.size(), 1u);
-  driver.quitTerminates = true;
-  EXPECT_TRUE(run(R"(CALL ui.quit("Calculator"))").results[0]->actions[0].ok);
 }
 
-TEST_F(ProcedureTest, WindowsAndRefresh) {
+TEST_F(ProcedureTest, Windows) {
   driver.windowList.push_back(WindowInfo{2, "Inbox", false, false, true});
   EXPECT_EQ(run("CALL ui.windows()").results[0]->rows,
             (std::vector<Row>{{{"index", 1}, {"title", "Main"}, {"main", true}, {"minimized", false}},
@@ -182,10 +168,6 @@ TEST_F(ProcedureTest, WindowsAndRefresh) {
     EXPECT_EQ(calls(), (Lines{R"(raiseWindow {"pid":501} )" + selector, refreshCall, freshRead})) << arg;
     EXPECT_EQ(r.results[0]->actions[0].action, action);
   }
-
-  auto refreshed = run("CALL ui.refresh()");
-  EXPECT_EQ(calls(), (Lines{refreshCall, freshRead}));
-  EXPECT_EQ(refreshed.results[0]->actions[0].action, "refresh");
 }
 
 }  // namespace

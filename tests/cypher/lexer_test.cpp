@@ -34,26 +34,18 @@ TEST(CypherLexer, Tokens) {
       {"a-1 --1", "I(a)@0 N(-1)@1 P(-)@4 N(-1)@5"},
       {"(a)<-[:R]-(b)",
        "P(()@0 I(a)@1 P())@2 P(<)@3 P(-)@4 P([)@5 P(:)@6 I(R)@7 P(])@8 P(-)@9 P(()@10 I(b)@11 P())@12"},
-      {"1. .5 1..2", "N(1)@0 P(.)@1 P(.)@3 N(5)@4 N(1)@6 P(..)@7 N(2)@9"},
-      {"-12.50", "N(-12.50)@0"},
       {"-> .. >= <= <> =~", "P(->)@0 P(..)@3 P(>=)@6 P(<=)@9 P(<>)@12 P(=~)@15"},
       {"`a`", "error: Unexpected character \"`\" at position 0"},
-      {"a\fb", "error: Unexpected character \"\f\" at position 1"},
-      {"a\u00a0b", "error: Unexpected character \"\u00a0\" at position 1"},
       {"x \"a\\", "error: Unterminated string literal at position 2"},
       {"'é' \"abc", "error: Unterminated string literal at position 4"},  // positions count UTF-16 units
       {R"("a\"b" 'c\\d' "e\nf")", R"(S(a"b)@0 S(c\d)@7 S(enf)@14)"},      // an escape takes the next unit literally
-      {R"('say "hi"' "it's")", R"(S(say "hi")@0 S(it's)@11)"},
-      {"'a\nb'", "S(a\nb)@0"},
       {"Match mAtCh order desc As", "K(MATCH|Match)@0 K(MATCH|mAtCh)@6 K(ORDER|order)@12 K(DESC|desc)@18 K(AS|As)@23"},
-      {"TRUE True false Null", "B(true)@0 B(true)@5 B(false)@10 Z(null)@16"},
       {"ſet", "K(SET|ſet)@0"},  // full upper casing makes keywords
       {"名前 _x1 ǅa x²٣ straße", "I(名前)@0 I(_x1)@3 I(ǅa)@7 I(x²٣)@10 I(straße)@14"},
       {"٣", "error: Unexpected character \"٣\" at position 0"},
       {"'😀' x", "S(😀)@0 I(x)@5"},
       // Outside strings a supplementary character fails on its first unit.
       {"x 😀", "error: Unexpected character \"\uFFFD\" at position 2"},
-      {"ab😀", "error: Unexpected character \"\uFFFD\" at position 2"},
       {"a \xff", "error: Unexpected character \"\uFFFD\" at position 2"},
   };
   for (const auto& [text, tokens] : cases) EXPECT_EQ(tokensText(text), tokens) << text;

@@ -41,7 +41,6 @@ const char* const kBound = "Use a variable that appears in the MATCH pattern.";
 
 const std::vector<ParseFailure> kStatementAndReadErrors = {
     {"", "Empty statement"},
-    {";;", "Empty statement"},
     {"MATCH (n) RETURN n; MATCH (m) RETURN m.x != 1", "Unexpected character \"!\" at position 41", nullptr},
     {"RETURN 1", P + "Expected keyword \"MATCH\", \"CREATE\", or \"CALL\"" + found("RETURN", 0)},
     {"MATCH (n) WITH n RETURN n", kAfterMatch + found("WITH", 10)},
@@ -51,36 +50,16 @@ const std::vector<ParseFailure> kStatementAndReadErrors = {
     {"MATCH (n) WHERE n.x", "Unexpected end of query", nullptr},
     {"MATCH (n) WHERE n.a = b.c RETURN n", P + "Expected a scalar value but found \"b\"" + found(".", 23)},
     {"MATCH (n) WHERE n.a IS NULL RETURN n", P + "Expected a comparison operator but found \"IS\"" + found("null", 23)},
-    {"MATCH (n) WHERE n.a STARTS 'x' RETURN n", P + "Expected keyword \"WITH\"" + found("x", 27)},
-    {"MATCH (n) WHERE n.x = [1] RETURN n", P + "Expected a scalar value but found \"[\"" + found("1", 23)},
-    {"MATCH (n) WHERE n.x IN 1 RETURN n", P + "Expected \"[\"" + found("1", 23)},
-    {"MATCH (n) WHERE n.x = 1 WHERE n.y = 2 RETURN n", kAfterMatch + found("WHERE", 24)},
-    {"MATCH (n) WHERE n:A|B RETURN n", kAfterMatch + found("|", 19)},
-    {"MATCH (a)-[r:X]->(b) RETURN a", P + "Expected \":\"" + found("r", 11)},
     {"MATCH (a)--(b) RETURN a", P + "Expected \"[\"" + found("-", 10)},
-    {"MATCH (a)-[]->(b) RETURN a", P + "Expected \":\"" + found("]", 11)},
-    {"MATCH (a)-[:A|:B]->(b) RETURN a", P + "Expected identifier" + found(":", 14)},
-    {"MATCH (a)<-[:R]->(b) RETURN a", P + "Expected \"-\"" + found("->", 15)},
-    {"MATCH (a)-[:R]-(b) RETURN a", P + "Expected \"->\"" + found("-", 14)},
     {"MATCH (a)-[:R*2..1]->(b) RETURN a", P + "Variable-length range max (1) is less than min (2)" + found("]", 18)},
-    {"MATCH (a)-[:R*9..]->(b) RETURN a", P + "Variable-length range max (8) is less than min (9)" + found("]", 17)},
-    {"MATCH (a)-[:R*1.5]->(b) RETURN a", P + "Expected an integer but found \"1.5\"" + found("]", 17)},
-    {"MATCH (n {a: 1,}) RETURN n", P + "Expected identifier" + found("}", 15)},
-    {"MATCH (n {'a': 1}) RETURN n", P + "Expected identifier" + found("a", 10)},
     {"MATCH (n) RETURN n LIMIT 2.5", P + "Expected an integer but found \"2.5\"" + kEnd},
     {"MATCH (n) RETURN n SKIP -1 LIMIT 1", P + "SKIP must be a non-negative integer" + found("LIMIT", 27)},
-    {"MATCH (n) RETURN n LIMIT -3", P + "LIMIT must be a non-negative integer" + kEnd},
-    {"MATCH (n) RETURN n LIMIT 1 SKIP 2", P + "Unexpected token after RETURN clause" + found("SKIP", 27)},
     {"MATCH (n), (m) RETURN n, m AS n LIMIT 1", P + "Duplicate RETURN column \"n\"" + found("LIMIT", 32),
-     "Give each column a distinct name with AS."},
-    {"MATCH (n) RETURN count(*), COUNT(*)", P + "Duplicate RETURN column \"count(*)\"" + kEnd,
      "Give each column a distinct name with AS."},
     {"MATCH (n) RETURN *, count(*)", P + "RETURN * cannot be combined with aggregate functions" + kEnd},
     {"MATCH (n) RETURN sum(n) AS s",
      P + "sum() requires a property argument such as sum(n.pitch); only count() accepts count(*) or count(var)" +
          found("AS", 24)},
-    {"MATCH (n) RETURN count(DISTINCT n)", P + "Expected identifier" + found("DISTINCT", 23)},
-    {"MATCH (n) RETURN n AS true", P + "Expected identifier" + found("true", 22)},
     {"MATCH (n) RETURN n; MATCH (m) RETURN m", "Expected a single statement but found 2"},
 };
 
@@ -94,8 +73,6 @@ const std::vector<ParseFailure> kWriteErrors = {
      P + "Standalone CREATE requires a node pattern such as CREATE (n:Label {prop: value})" + found("n", 7)},
     {"CREATE (a)-[:R]->(b:L)", P + "Standalone CREATE cannot use an anchored relationship pattern" + found("(", 7),
      "Use MATCH ... CREATE (a)-[:REL]->(n:Label) for anchored CREATE."},
-    {"CREATE (a:L)-[:R]->(b:M)", P + "Unexpected token after CREATE clause" + found("-", 12)},
-    {"CREATE (a:L|M)", P + "Expected \")\"" + found("|", 11)},
     {"MATCH (t) CREATE (t)-[:R]->(n:L) RETURN n",
      P + "Write statements must not include RETURN; the response includes the diff automatically" + found("RETURN", 33),
      noReturn},
@@ -108,20 +85,9 @@ const std::vector<ParseFailure> kWriteErrors = {
      "Use one relationship type, e.g. [:HAS_DEVICE]."},
     {"MATCH (t) CREATE (t)-[:R*2]->(n:L)",
      P + "Variable-length relationships are not supported in anchored CREATE" + found("*", 24)},
-    {"MATCH (t) CREATE (t)<-[:R]-(n:L)", P + "Expected \"-\"" + found("<", 20)},
     {"MATCH (a), (b) SET a.x = 1, b.y = 2 RETURN a",
      P + "SET assignments must target a single variable" + found("RETURN", 36),
      "Split assignments across multiple do calls when updating different variables."},
-    {"MATCH (a) SET a.x = 1 a", P + "Unexpected token after write clause" + found("a", 22)},
-    {"MATCH (a) SET a.x = [{k: 1}, 2]", P + "Expected \"{\"" + found("2", 29)},
-    {"MATCH (a) SET a.x = [1, {k: 1}]", P + "Expected a scalar value but found \"{\"" + found("k", 25)},
-    {"MATCH (n) DETACH RETURN n", P + "Expected keyword \"DELETE\"" + found("RETURN", 17)},
-    {"MATCH (n) DELETE m", P + "Variable \"m\" in DELETE is not bound in the MATCH pattern" + kEnd, kBound},
-    {"MATCH (n) COPY n RETURN n",
-     P + "Write statements must not include RETURN; the response includes the diff automatically" + found("RETURN", 17),
-     noReturn},
-    {"CALL ui.type(x)", P + "Expected a scalar value but found \"x\"" + found(")", 14)},
-    {"CALL ui.set(1)", P + "Expected identifier" + found("SET", 8)},
     {"CALL p() RETURN 1",
      P + "Unexpected token after CALL statement; a single CALL with literal arguments is required" +
          found("RETURN", 9)},
@@ -144,11 +110,8 @@ TEST(CypherParser, HopForms) {
   };
   for (const auto& h : std::vector<Hops>{{"", 1, 1},
                                          {"*", 1, 8},
-                                         {"*3", 3, 3},
-                                         {"*2..", 2, 8},
                                          {"*2..5", 2, 5},
                                          {"*..4", 1, 4},
-                                         {"*..", 1, 8},
                                          {"*0", 0, 0},
                                          {"*1..99999999999999999999", 1, INT64_MAX}}) {
     Query q = readOf("MATCH (a)-[:R" + h.written + "]->(b) RETURN a");
@@ -178,40 +141,17 @@ TEST(CypherParser, PatternParts) {
   EXPECT_EQ(boundVariables(q.match()), (std::set<std::string>{"n", "m", "o"}));
 }
 
-TEST(CypherParser, WhereClausesJoinWithAndInTextOrder) {
-  Query joined = readOf("MATCH (a) WHERE a.x = 1 MATCH (b) WHERE b.y = 2 OR NOT (b:L) RETURN a");
-  Query single = readOf("MATCH (a), (b) WHERE a.x = 1 AND (b.y = 2 OR NOT b:L) RETURN a");
-  EXPECT_EQ(joined.where, single.where);
-  const auto& top = std::get<WhereExpr::Logical>(joined.where->value);
-  EXPECT_EQ(top.op, LogicalOperator::and_);
-  Query precedence = readOf("MATCH (a) WHERE a.x = 1 OR a.x = 2 AND a.y = 3 RETURN a");
-  EXPECT_EQ(std::get<WhereExpr::Logical>(precedence.where->value).op, LogicalOperator::or_);
-}
-
 TEST(CypherParser, OrderKeysAreRewrittenAgainstReturn) {
   auto keys = [](const std::string& script) { return readOf(script).orderBy; };
   using Prop = ReturnItem::Property;
   EXPECT_EQ(keys("MATCH (n) RETURN n.x AS nx ORDER BY nx DESC")[0],
             (OrderItem{OrderKey{Prop{"n", "x", "nx"}}, OrderDirection::descending}));
   EXPECT_EQ(keys("MATCH (n) RETURN n.x AS nx ORDER BY n.x")[0].key, (OrderKey{Prop{"n", "x", "nx"}}));
-  EXPECT_EQ(keys("MATCH (n) RETURN n.x ORDER BY n.x")[0].key, (OrderKey{Prop{"n", "x", std::nullopt}}));
-  EXPECT_EQ(keys("MATCH (n) RETURN n AS m ORDER BY m")[0].key, (OrderKey{OrderKey::Variable{"m"}}));
   auto counted = keys("MATCH (n) RETURN n.r, count(*) AS c ORDER BY c, COUNT(*) ASC, count(n)");
   const AggregateItem star{AggregateFunc::count, AggregateArg{AggregateArg::Star{}}, "c"};
   EXPECT_EQ(counted[0].key, OrderKey{star});
   EXPECT_EQ(counted[1].key, OrderKey{star});
   EXPECT_EQ(std::get<AggregateItem>(counted[2].key.value).alias, "count(n)");
-}
-
-TEST(CypherParser, ReturnItemsAndAliases) {
-  Query q = readOf("MATCH (n) RETURN DISTINCT n.a AS order, Min(n.p), n SKIP 2.0 LIMIT 0");
-  EXPECT_TRUE(q.distinct);
-  EXPECT_EQ(std::get<ReturnItem::Property>(q.returns[0].value).alias, "order");
-  EXPECT_EQ(std::get<AggregateItem>(q.returns[1].value).alias, "min(n.p)");
-  EXPECT_TRUE(std::holds_alternative<ReturnItem::All>(readOf("MATCH (n) RETURN *, n").returns[0].value));
-  EXPECT_TRUE(std::holds_alternative<ReturnItem::Variable>(readOf("MATCH (count) RETURN count").returns[0].value));
-  EXPECT_EQ(q.skip, 2);
-  EXPECT_EQ(q.limit, 0);
 }
 
 TEST(CypherParser, WriteRecords) {
@@ -229,10 +169,8 @@ TEST(CypherParser, WriteRecords) {
   EXPECT_EQ(create.asCreate()->anchorVariable, "t");
   EXPECT_EQ(create.asCreate()->relationshipType, "HAS");
   EXPECT_EQ(create.asCreate()->node.createProperties.keys(), (std::vector<std::string>{"tags", "x"}));
-  EXPECT_FALSE(parseStatement("CREATE (:Note)").asCreate()->match);
 
   EXPECT_EQ(parseStatement("MATCH (n) DETACH DELETE n"), parseStatement("MATCH (n) DELETE n"));
-  EXPECT_EQ(parseStatement("MATCH (n) COPY n").kindName(), "copy");
   Statement call = parseStatement("CALL a.b.c(1, 'x', true, null)");
   EXPECT_EQ(call.asCall()->procedure, "a.b.c");
   EXPECT_EQ(call.asCall()->args, (std::vector<ScalarValue>{1, "x", true, nullptr}));

@@ -46,35 +46,20 @@ const std::vector<QueryCase> kMatching = {
     {"MATCH (n:Button)<-[:LINKS]-(m) RETURN m", "",
      "Relationship \"LINKS\" cannot be followed backwards; write it as -[:LINKS]->"},
     {"MATCH (a {id: 'b3'})<-[:CHILD]-(b) RETURN b.id", "{b.id: \"g1\"}"},
-    {"MATCH (a:App)-[:NOPE]->(x) RETURN x.id", ""},
     // A cycle returns to its start once per path.
     {"MATCH (a {id: 'b1'})-[:CHILD|PARENT*2]->(b) RETURN b.id",
      "{b.id: \"app\"} | {b.id: \"b1\"} | {b.id: \"b2\"} | {b.id: \"g1\"}"},
     {"MATCH (a:CheckBox|Button) RETURN a.id",
      "{a.id: \"b1\"} | {a.id: \"b2\"} | {a.id: \"b3\"} | {a.id: \"c1\"} | {a.id: \"b4\"}"},
     {"MATCH (a), (a:Window) RETURN a.id", "{a.id: \"w1\"} | {a.id: \"w2\"}"},
-    {"MATCH (a:Window), (b:Window) RETURN a.id, b.id",
-     "{a.id: \"w1\", b.id: \"w1\"} | {a.id: \"w1\", b.id: \"w2\"} | {a.id: \"w2\", b.id: \"w1\"} | "
-     "{a.id: \"w2\", b.id: \"w2\"}"},
     {"MATCH (a) WHERE a.width > 15 MATCH (a)<-[:CHILD]-(p) WHERE p.id = 'g1' RETURN a.id", "{a.id: \"b3\"}"},
     // An anonymous node still multiplies rows.
     {"MATCH (w:Window)-[:CHILD]->() RETURN w.id",
      "{w.id: \"w1\"} | {w.id: \"w1\"} | {w.id: \"w1\"} | {w.id: \"w2\"} | {w.id: \"w2\"}"},
-    {"MATCH (a)-[:CHILD]->(a) RETURN a", ""},
     {"MATCH (a:Button)-[:PARENT]->()-[:CHILD]->(a) RETURN a.id",
      "{a.id: \"b1\"} | {a.id: \"b2\"} | {a.id: \"b3\"} | {a.id: \"b4\"}"},
-    {"MATCH (w:Window)-[:CHILD*1..8]->(b:Button) RETURN w.id, b.id",
-     "{w.id: \"w1\", b.id: \"b1\"} | {w.id: \"w1\", b.id: \"b2\"} | {w.id: \"w1\", b.id: \"b3\"} | "
-     "{w.id: \"w2\", b.id: \"b4\"}"},
-    {"MATCH (a:App)-[:CHILD*2]->(x) RETURN x.id",
-     "{x.id: \"b1\"} | {x.id: \"b2\"} | {x.id: \"g1\"} | {x.id: \"c1\"} | {x.id: \"b4\"}"},
-    {"MATCH (w {id: 'w1'})-[:CHILD*0]->(x) RETURN x.id", ""},
     {"MATCH (w {id: 'w1'})-[:CHILD*0..1]->(x) RETURN x.id", "{x.id: \"b1\"} | {x.id: \"b2\"} | {x.id: \"g1\"}"},
     {"MATCH (n:Button {name: null}) RETURN n.id", "{n.id: \"b4\"}"},
-    {"MATCH (t {name: 10}) RETURN t.id", ""},
-    {"MATCH (g:Group)-[:CHILD]->(b:Button), (w {id: 'w2'}) RETURN *",
-     "{g: {_label: \"Group\", id: \"g1\"}, b: {_label: \"Button\", id: \"b3\", name: \"play\", width: 20}, "
-     "w: {_label: \"Window\", id: \"w2\", name: \"Prefs\", order: 2}}"},
     {"MATCH (:Window) RETURN *", "{} | {}"},
 };
 
@@ -83,37 +68,26 @@ TEST(CypherQueries, Matching) { expectRows("ui", kMatching); }
 const std::vector<QueryCase> kWhere = {
     {"MATCH (n:Button) WHERE n.name = null RETURN n.id", "{n.id: \"b4\"}"},
     {"MATCH (n:Button) WHERE n.name <> null RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"} | {n.id: \"b3\"}"},
-    {"MATCH (n:Button) WHERE NOT n.name = null RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"} | {n.id: \"b3\"}"},
-    {"MATCH (n:Button) WHERE n.name <> 'Play' RETURN n.id", "{n.id: \"b2\"} | {n.id: \"b3\"} | {n.id: \"b4\"}"},
     {"MATCH (t) WHERE t.name = 10 OR t.width = '10' OR t.enabled = 0 RETURN t.id", ""},
-    {"MATCH (n) WHERE n.enabled > false OR n.enabled <= false RETURN n.id", ""},
     // WHERE compares code units, not collation.
     {"MATCH (n:Button) WHERE n.name < 'b' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"}"},
     {"MATCH (n) WHERE n.width >= 20 AND n.name >= 'play' RETURN n.id", "{n.id: \"b3\"}"},
-    {"MATCH (n) WHERE n.width < 'z' OR n.name > 1 RETURN n.id", ""},
     {"MATCH (n:Button) WHERE n.name CONTAINS '' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"} | {n.id: \"b3\"}"},
     {"MATCH (n) WHERE n.width CONTAINS '' RETURN n.id", ""},
-    {"MATCH (n) WHERE n.name CONTAINS 'P' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"w2\"}"},
     {"MATCH (n) WHERE n.name STARTS WITH 'Pl' OR n.name ENDS WITH 'op' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"}"},
     {"MATCH (n) WHERE n.name =~ 'la' RETURN n.id", ""},
     {"MATCH (n) WHERE n.name =~ '(?i)PLAY' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b3\"}"},
-    {"MATCH (n) WHERE n.name =~ 'Play|Stop' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"}"},
     {"MATCH (n:Button) WHERE n.name =~ '(' RETURN n.id", "",
      "Invalid regular expression \"(\": Invalid regular expression: /^(?:()$/u: Invalid pattern"},
-    {"MATCH (n:Button) WHERE n.name =~ '(?i)[' RETURN n.id", "",
-     "Invalid regular expression \"(?i)[\": Invalid regular expression: /^(?:[)$/iu: Invalid pattern"},
     // A missing property never compiles the pattern.
     {"MATCH (n {id: 'b4'}) WHERE n.name =~ '(' RETURN n.id", ""},
     {"MATCH (n {id: 'b4'}) WHERE n.name =~ 1 RETURN n.id", "", "Operator \"=~\" requires a string pattern"},
     {"MATCH (n) WHERE n.width IN [10, 20] RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b3\"}"},
     {"MATCH (n:Button) WHERE n.name IN [null] RETURN n.id", "{n.id: \"b4\"}"},
-    {"MATCH (n) WHERE n.name IN [] RETURN n.id", ""},
     {"MATCH (n:Button) WHERE m.x = 1 OR n.name = 'Play' RETURN n.id", "", "Unknown variable \"m\" in WHERE",
      kWhereHint},
     // An unknown variable that is never reached is no error.
     {"MATCH (n {id: 'b1'}) WHERE n.name = 'Play' OR m.x = 1 RETURN n.id", "{n.id: \"b1\"}"},
-    {"MATCH (n) WHERE n.id = 'zz' AND m:Nope RETURN n.id", ""},
-    {"MATCH (n:Ghost) WHERE m.x = 1 RETURN n", ""},
     {"MATCH (n) WHERE n:Control AND NOT n:Button OR n:Ghost RETURN n.id", "{n.id: \"c1\"}"},
 };
 
@@ -127,15 +101,10 @@ const std::vector<QueryCase> kProjectionOverTheWindowTree = {
     // Without bindings, only aggregates check their variables.
     {"MATCH (n:Ghost) RETURN m.x", ""},
     {"MATCH (n) RETURN count(m)", "", "Unknown variable \"m\" in count(m)", kBoundHint},
-    {"MATCH (n:Ghost) RETURN max(m.x) AS top", "", "Unknown variable \"m\" in top", kBoundHint},
-    {"MATCH (w:Window)-[:CHILD]->() RETURN DISTINCT w",
-     "{w: {_label: \"Window\", id: \"w1\", name: \"Main\", order: 1}} | "
-     "{w: {_label: \"Window\", id: \"w2\", name: \"Prefs\", order: 2}}"},
     {"MATCH (w:Window)-[:CHILD]->(c) RETURN w, count(c) AS n",
      "{w: {_label: \"Window\", id: \"w1\", name: \"Main\", order: 1}, n: 3} | "
      "{w: {_label: \"Window\", id: \"w2\", name: \"Prefs\", order: 2}, n: 2}"},
     {"MATCH (n {id: 'g1'}) RETURN n.id, n, *", "{n.id: \"g1\", n: {_label: \"Group\", id: \"g1\"}}"},
-    {"MATCH (n {id: 'g1'}) RETURN n.name", "{n.name: null}"},
 };
 
 TEST(CypherQueries, ProjectionOverTheWindowTree) { expectRows("ui", kProjectionOverTheWindowTree); }
@@ -167,11 +136,6 @@ const std::vector<QueryCase> kOrderingAndAggregatesOverItems = {
     {"MATCH (n:Item) RETURN sum(n.x) AS s, avg(n.x) AS a, min(n.x) AS lo, max(n.x) AS hi, count(n.x) AS c, "
      "count(n) AS cn",
      "{s: 17, a: 5.666666666666667, lo: 2, hi: \"abc\", c: 5, cn: 6}"},
-    {"MATCH (n:Item) RETURN n.k, count(*) ORDER BY count(*) DESC",
-     "{n.k: \"a\", count(*): 2} | {n.k: NaN, count(*): 2} | {n.k: \"b\", count(*): 1} | "
-     "{n.k: \"c\", count(*): 1}"},
-    {"MATCH (n:Item) RETURN n.k AS key, count(*) AS c ORDER BY key DESC",
-     "{key: NaN, c: 2} | {key: \"c\", c: 1} | {key: \"b\", c: 1} | {key: \"a\", c: 2}"},
     {"MATCH (n:Item) RETURN n.k, count(*) ORDER BY n.x", "",
      "ORDER BY \"n.x\" must appear in RETURN for an aggregating query",
      "Add the expression to RETURN, or order by a returned item."},
@@ -179,7 +143,6 @@ const std::vector<QueryCase> kOrderingAndAggregatesOverItems = {
      "ORDER BY in an aggregating query must reference a grouping key or aggregate",
      "Order by a returned property or aggregate, e.g. ORDER BY count(n) DESC."},
     {"MATCH (n:Item) RETURN n.k SKIP 1 LIMIT 1", "{n.k: \"b\"}"},
-    {"MATCH (n:Item) RETURN n.k LIMIT 0", ""},
     // A LIMIT past the end means all.
     {"MATCH (n:Item) RETURN n.k SKIP 5 LIMIT 9223372036854775807", "{n.k: Infinity}"},
 };
