@@ -31,11 +31,6 @@ TEST(JsonText, IsCompactOrderedAndPrintsNumbersAsTheLanguageDoes) {
   for (const auto& [value, text] : cases) EXPECT_EQ(jsonText(value), text);
 }
 
-TEST(JsonValueOfRow, KeepsMapOrderAndCases) {
-  cypher::Row row{{"z", 1}, {"a", cypher::RowValue::List{"t", nullptr, false}}};
-  EXPECT_EQ(jsonText(jsonValue(row)), R"({"z":1,"a":["t",null,false]})");
-}
-
 TEST(ParseJson, KeepsOrderAndDuplicatesAndRefusesGarbage) {
   auto v = parseJSON(R"({"b":{"y":1,"x":[1,2.5,"s"]},"a":null,"b":true})");
   EXPECT_EQ(jsonText(v), R"({"b":{"y":1,"x":[1,2.5,"s"]},"a":null,"b":true})");
@@ -56,7 +51,6 @@ TEST(LenientReaders, TreatWrongTypesAsAbsentAndMixBoolsWithNumbers) {
 
 TEST(Errors, CodeAndMessageOfEachKind) {
   GlimmerstrandError g("not_found", "x");
-  EXPECT_STREQ(g.what(), "GlimmerstrandError(not_found): x");
   EXPECT_EQ(errorCode(g), "not_found");
   EXPECT_TRUE(hasCode(g, codes::notFound));
   cypher::BadRequestError b("だめ", std::string("hint"));

@@ -160,7 +160,6 @@ TEST_F(ProcedureTest, Windows) {
 
   const std::tuple<const char*, std::string, std::string> cases[] = {
       {"2", "index=2", "window \"Inbox\""},
-      {"'Inbox'", "title=\"Inbox\"", "window \"Inbox\""},
       {"'2'", "title=\"2\"", "window \"2\""},
   };
   for (const auto& [arg, selector, action] : cases) {

@@ -36,7 +36,6 @@ TEST(CypherLexer, Tokens) {
        "P(()@0 I(a)@1 P())@2 P(<)@3 P(-)@4 P([)@5 P(:)@6 I(R)@7 P(])@8 P(-)@9 P(()@10 I(b)@11 P())@12"},
       {"-> .. >= <= <> =~", "P(->)@0 P(..)@3 P(>=)@6 P(<=)@9 P(<>)@12 P(=~)@15"},
       {"`a`", "error: Unexpected character \"`\" at position 0"},
-      {"x \"a\\", "error: Unterminated string literal at position 2"},
       {"'é' \"abc", "error: Unterminated string literal at position 4"},  // positions count UTF-16 units
       {R"("a\"b" 'c\\d' "e\nf")", R"(S(a"b)@0 S(c\d)@7 S(enf)@14)"},      // an escape takes the next unit literally
       {"Match mAtCh order desc As", "K(MATCH|Match)@0 K(MATCH|mAtCh)@6 K(ORDER|order)@12 K(DESC|desc)@18 K(AS|As)@23"},

@@ -71,7 +71,6 @@ const std::vector<QueryCase> kWhere = {
     {"MATCH (t) WHERE t.name = 10 OR t.width = '10' OR t.enabled = 0 RETURN t.id", ""},
     // WHERE compares code units, not collation.
     {"MATCH (n:Button) WHERE n.name < 'b' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"}"},
-    {"MATCH (n) WHERE n.width >= 20 AND n.name >= 'play' RETURN n.id", "{n.id: \"b3\"}"},
     {"MATCH (n:Button) WHERE n.name CONTAINS '' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"} | {n.id: \"b3\"}"},
     {"MATCH (n) WHERE n.width CONTAINS '' RETURN n.id", ""},
     {"MATCH (n) WHERE n.name STARTS WITH 'Pl' OR n.name ENDS WITH 'op' RETURN n.id", "{n.id: \"b1\"} | {n.id: \"b2\"}"},
