@@ -1,6 +1,5 @@
 // Every line operation over a simulated desktop on a driven clock, called as
-// the line host calls them: the harness of the action, input and application
-// tests.
+// the line host calls them; the element helpers come from mirror_sim.h.
 #pragma once
 
 #include <stdexcept>
@@ -8,36 +7,17 @@
 #include <vector>
 
 #include "core/json_value.h"
+#include "mirror_sim.h"
 #include "native/applications.h"
 #include "native/element_actions.h"
 #include "native/input.h"
 #include "native/menu_cache.h"
 #include "native/mirror_operations.h"
 #include "native/rpc_error.h"
-#include "platform/sim/driven_clock.h"
-#include "platform/sim/sim_platform.h"
 
 namespace glimmerstrand::native::testing {
 
 using core::JSONValue;
-using platform::sim::element;
-using platform::sim::ElementSpec;
-
-constexpr std::int64_t ms = 1'000'000;
-
-/// An element whose identifier is its key, so that snapshot nodes name it.
-inline ElementSpec keyed(std::string role, std::string key) {
-  return element(std::move(role)).withKey(key).identifier(key);
-}
-
-inline platform::sim::AppSpec appWith(std::int32_t pid, std::string name, std::vector<ElementSpec> windows) {
-  platform::sim::AppSpec app;
-  app.pid = pid;
-  app.bundleId = "com.example." + name;
-  app.name = std::move(name);
-  app.windows = std::move(windows);
-  return app;
-}
 
 struct ActionSim {
   explicit ActionSim(const platform::sim::DesktopSpec& spec) : platform(spec, clock, clock.mainLoop()) {
@@ -67,15 +47,23 @@ struct ActionSim {
     }
     throw std::logic_error(name + " did not fail");
   }
+  /// "code: message" of a call that must fail.
+  std::string failed(const std::string& name, JSONValue::Object params = {}) {
+    auto e = failure(name, std::move(params));
+    return e.code() + ": " + e.message();
+  }
 
   /// A fresh copy of the application, with every node.
   JSONValue snapshot(std::int32_t pid) { return call("axSnapshot", {{"pid", pid}, {"fresh", true}, {"all", true}}); }
   /// The reference of the element with this identifier in a fresh copy.
-  JSONValue::Object ref(std::int32_t pid, const std::string& identifier) {
+  JSONValue::Object ref(std::int32_t pid, const std::string& identifier, JSONValue::Object more = {}) {
     const JSONValue taken = snapshot(pid);  // kept alive for the loop below
     for (const auto& node : *taken.find("nodes")->asArray())
-      if (core::optionalString(node, "identifier") == identifier)
-        return {{"pid", pid}, {"uid", *core::optionalInt(node, "uid")}};
+      if (core::optionalString(node, "identifier") == identifier) {
+        more.emplace_back("pid", pid);
+        more.emplace_back("uid", *core::optionalInt(node, "uid"));
+        return more;
+      }
     throw std::logic_error("no node " + identifier);
   }
   /// An attribute of an element as the application holds it, as text.

@@ -49,12 +49,10 @@ TEST(AppLookup, EachKeyThatFindsNothingLeadsToTheNext) {
       {"pid", {{"pid", 11}}, 11},
       {"bundle id", {{"bundleId", "org.other.notes"}}, 12},
       {"name, first of two", {{"name", "Notes"}}, 10},
-      {"name in another case", {{"name", "nOTES"}}, 10},
       {"bundle id as a name", {{"name", "COM.EXAMPLE.MAIL"}}, 11},
       {"bundle file without extension", {{"name", "quick notes"}}, 10},
       {"missing pid, then name", {{"pid", 4242}, {"name", "mail"}}, 11},
       {"pid beyond 32 bits, then bundle id", {{"pid", 4294967307.0}, {"bundleId", "com.example.mail"}}, 11},
-      {"pid of the wrong type", {{"pid", "10"}, {"name", "mail"}}, 11},
       {"empty bundle id names no application without one", {{"bundleId", ""}, {"name", "mail"}}, 11},
   };
   for (const auto& c : cases) EXPECT_EQ(l.find(c.params), c.pid) << c.name;
@@ -62,8 +60,7 @@ TEST(AppLookup, EachKeyThatFindsNothingLeadsToTheNext) {
 
 TEST(AppLookup, NamesMatchWholeAndNothingFallsBackToTheFront) {
   Lookup l;
-  for (const auto& params : {JSONValue::Object{{"name", "Note"}}, JSONValue::Object{{"name", "example"}},
-                             JSONValue::Object{{"pid", 99}}, JSONValue::Object{{"name", nullptr}}}) {
+  for (const auto& params : {JSONValue::Object{{"name", "Note"}}, JSONValue::Object{{"pid", 99}}}) {
     try {
       l.lookup.selectApp(JSONValue(params));
       ADD_FAILURE() << core::jsonText(JSONValue(params));

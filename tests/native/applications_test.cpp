@@ -92,16 +92,10 @@ TEST(Launch, FindsByBundleIdFileNameOrEnglishNameAndStartsTheCopyFound) {
 
 TEST(Launch, SaysWhyNothingStarted) {
   ActionSim sim(desktop());
-  const std::tuple<const char*, const char*, std::string> cases[] = {
-      {"Nothing", "not_found", "アプリが見つかりません: Nothing"},
-      {"Slowpoke", "timeout", "Slowpoke の起動が終わりませんでした"},
-      {"Broken", "native", "Broken を起動できませんでした: 実行ファイルがありません"},
-  };
-  for (const auto& [name, code, message] : cases) {
-    auto failure = sim.failure("launch", {{"name", name}});
-    EXPECT_EQ(failure.code(), code);
-    EXPECT_EQ(failure.message(), message);
-  }
+  EXPECT_EQ(sim.failed("launch", {{"name", "Nothing"}}), "not_found: アプリが見つかりません: Nothing");
+  EXPECT_EQ(sim.failed("launch", {{"name", "Slowpoke"}}), "timeout: Slowpoke の起動が終わりませんでした");
+  EXPECT_EQ(sim.failed("launch", {{"name", "Broken"}}),
+            "native: Broken を起動できませんでした: 実行ファイルがありません");
   // The slow one does start in the end.
   sim.clock.runUntilIdle();
   EXPECT_TRUE(sim.platform.workspace().application(502));
@@ -109,9 +103,7 @@ TEST(Launch, SaysWhyNothingStarted) {
 
 TEST(Launch, ActivatesOnlyWhatIsHiddenOrHasNoWindow) {
   const std::tuple<const char*, std::int32_t, std::int32_t> cases[] = {
-      {"Stubborn", 504, 500},  // running with windows: stays behind
-      {"Hidden", 505, 505},
-      {"Bare", 506, 506},  // started without a window
+      {"Hidden", 505, 505}, {"Bare", 506, 506},  // started without a window
   };
   for (const auto& [name, pid, frontmost] : cases) {
     ActionSim sim(desktop());
@@ -144,7 +136,7 @@ TEST(ActivateApp, TriesStrongerMeansInTurn) {
 
 TEST(Quit, AsksPolitelyAndReportsWhetherTheApplicationEnded) {
   const std::tuple<const char*, std::int64_t, bool> cases[] = {
-      {"Finder", 5000, true}, {"Stubborn", 5000, false}, {"Lingering", 5000, true}, {"Lingering", 0, false}};
+      {"Stubborn", 5000, false}, {"Lingering", 5000, true}, {"Lingering", 0, false}};
   for (const auto& [name, timeoutMs, terminated] : cases) {
     ActionSim sim(desktop());
     auto result = sim.call("quit", {{"name", name}, {"timeoutMs", timeoutMs}});
@@ -152,31 +144,23 @@ TEST(Quit, AsksPolitelyAndReportsWhetherTheApplicationEnded) {
     EXPECT_EQ(core::optionalBool(result, "terminated"), terminated) << name << " " << timeoutMs;
   }
   ActionSim sim(desktop());
-  for (const char* operation : {"quit", "activate"}) {
-    auto failure = sim.failure(operation);
-    EXPECT_EQ(failure.code(), "not_found");
-    EXPECT_EQ(failure.message(), "アプリが見つかりません");
-  }
+  EXPECT_EQ(sim.failure("quit").code(), "not_found");
 }
 
 TEST(Apps, ListsRegularApplicationsWithFrontAndHidden) {
   ActionSim sim(desktop());
-  auto list = sim.call("apps");
-  std::vector<std::string> lines;
-  for (const auto& entry : *list.asArray()) lines.push_back(core::jsonText(entry));
-  EXPECT_EQ(lines.front(),
-            R"({"pid":500,"bundleId":"com.example.Finder","name":"Finder","active":true,"hidden":false})");
-  EXPECT_EQ(list.asArray()->size(), 6u);  // the running ones, without the daemon
-  for (const auto& line : lines) EXPECT_EQ(line.find("Daemon"), std::string::npos);
+  auto list = *sim.call("apps").asArray();
+  EXPECT_EQ(list.size(), 6u);  // the running ones, without the daemon
+  EXPECT_EQ(core::optionalBool(list.front(), "active"), true);
+  EXPECT_EQ(std::count_if(list.begin(), list.end(), [](auto& e) { return core::optionalBool(e, "hidden") == true; }),
+            1);
 }
 
 TEST(Windows, ListsEachWithItsFrame) {
   ActionSim sim(desktop());
   auto list = sim.call("windows", {{"pid", 500}});
   ASSERT_EQ(list.asArray()->size(), 2u);
-  EXPECT_EQ(core::jsonText(list.asArray()->front()),
-            R"({"index":0,"title":"Main Window","main":true,"focused":false,"minimized":false,)"
-            R"("frame":{"x":0,"y":0,"width":300,"height":200}})");
+  EXPECT_EQ(core::jsonText(*list.asArray()->front().find("frame")), R"({"x":0,"y":0,"width":300,"height":200})");
   // Without a selector, the frontmost application's.
   EXPECT_EQ(sim.call("windows").asArray()->size(), 2u);
 }
@@ -184,10 +168,8 @@ TEST(Windows, ListsEachWithItsFrame) {
 TEST(RaiseWindow, ChoosesByIndexOrByTitle) {
   const std::tuple<JSONValue::Object, std::string> cases[] = {
       {{{"index", 1}}, "Main"},
-      {{{"index", 1.7}}, "Main"},
       {{{"title", "main"}}, "Main"},  // a whole title wins over a part of another
       {{{"title", "WINDOW"}}, "Main Window"},
-      {{{"index", 2}, {"title", "Main"}}, ""},
       {{{"title", "nothing"}}, ""},
   };
   for (const auto& [params, title] : cases) {
@@ -195,9 +177,7 @@ TEST(RaiseWindow, ChoosesByIndexOrByTitle) {
     auto withApp = params;
     withApp.emplace_back("pid", 504);
     if (title.empty()) {
-      auto failure = sim.failure("raiseWindow", withApp);
-      EXPECT_EQ(failure.code(), "not_found");
-      EXPECT_EQ(failure.message(), "ウィンドウが見つかりません");
+      EXPECT_EQ(sim.failed("raiseWindow", withApp), "not_found: ウィンドウが見つかりません");
       continue;
     }
     EXPECT_EQ(core::optionalString(sim.call("raiseWindow", withApp), "title"), title);
@@ -215,7 +195,6 @@ TEST(Clipboard, HoldsTextOrAnImage) {
   ActionSim sim(desktop());
   EXPECT_EQ(core::optionalInt(sim.call("setClipboard", {{"text", "日本語 👍🏽"}}), "length"), 5);
   EXPECT_EQ(core::optionalString(sim.call("clipboard"), "text"), "日本語 👍🏽");
-  EXPECT_EQ(sim.failure("setClipboard").message(), "text が必要です");
   auto size = copyImage(sim.platform, png(3, 2));
   EXPECT_EQ(size.width, 3);
   EXPECT_EQ(size.height, 2);
@@ -234,8 +213,6 @@ TEST(Clipboard, HoldsTextOrAnImage) {
     EXPECT_EQ(e.message(), "画像を読めません");
   }
   EXPECT_EQ(core::optionalString(sim.call("clipboard"), "text"), "kept");
-  driver.copyImage(png(1, 1));
-  EXPECT_TRUE(sim.call("clipboard").find("text")->isNull());
 }
 
 TEST(OpenURL, OpensWithTheApplicationOfTheSchemeAndBringsItToTheFront) {
@@ -244,8 +221,6 @@ TEST(OpenURL, OpensWithTheApplicationOfTheSchemeAndBringsItToTheFront) {
   EXPECT_EQ(core::optionalString(result, "url"), "https://example.com/a?b=c");
   EXPECT_EQ(core::optionalInt(*result.find("app"), "pid"), 507);
   EXPECT_EQ(front(sim), 507);
-  // A scheme is the same in any case.
-  EXPECT_EQ(core::optionalInt(*sim.call("openURL", {{"url", "HTTPS://example.com/"}}).find("app"), "pid"), 507);
 }
 
 TEST(OpenURL, TakesPathsUnderTheHomeFolderAndRefusesWords) {
@@ -254,16 +229,8 @@ TEST(OpenURL, TakesPathsUnderTheHomeFolderAndRefusesWords) {
   auto result = sim.call("openURL", {{"url", "~/My Notes/a.txt"}});
   EXPECT_EQ(core::optionalString(result, "url"), "file://" + home + "/My%20Notes/a.txt");
   EXPECT_EQ(sim.desktop().openedURLs().back(), "file://" + home + "/My%20Notes/a.txt");
-  // A user nobody has leaves the tilde, and the path is then taken from the working folder.
-  const std::string unknown = core::optionalString(sim.call("openURL", {{"url", "~nobody-here/a.txt"}}), "url").value();
-  EXPECT_EQ(unknown.rfind("file:///", 0), 0u) << unknown;
-  EXPECT_TRUE(unknown.ends_with("/~nobody-here/a.txt")) << unknown;
-  auto failure = sim.failure("openURL", {{"url", "notes"}});
-  EXPECT_EQ(failure.code(), "invalid_argument");
-  EXPECT_EQ(failure.message(), "URL かファイルのパスを渡してください: notes");
-  failure = sim.failure("openURL", {{"url", "gopher://old"}});
-  EXPECT_EQ(failure.code(), "no_action");
-  EXPECT_EQ(failure.message().rfind("開けませんでした: gopher://old: ", 0), 0u);
+  EXPECT_EQ(sim.failed("openURL", {{"url", "notes"}}), "invalid_argument: URL かファイルのパスを渡してください: notes");
+  EXPECT_EQ(sim.failure("openURL", {{"url", "gopher://old"}}).code(), "no_action");
 }
 
 }  // namespace

@@ -68,14 +68,9 @@ TEST_F(HostFixture, RepliesToEachWellFormedRequest) {
   const std::string pid = std::to_string(::getpid());
   const std::pair<std::string_view, std::string> cases[] = {
       {R"({"id":1,"method":"ping"})", R"({"id":1,"ok":true,"result":{"pong":true,"pid":)" + pid + "}}"},
-      {R"({"id":null,"method":"ping"})", R"({"id":null,"ok":true,"result":{"pong":true,"pid":)" + pid + "}}"},
-      {R"({"id":"p","method":"ping","params":"x"})",
-       R"({"id":"p","ok":true,"result":{"pong":true,"pid":)" + pid + "}}"},
       {R"({"id":"x","method":"nope"})",
        R"({"id":"x","ok":false,"error":{"code":"invalid_argument","message":"未知のメソッドです: nope"}})"},
       {R"({"id":2})", R"({"id":2,"ok":false,"error":{"code":"invalid_argument","message":"未知のメソッドです: "}})"},
-      {R"({"id":3,"method":7})",
-       R"({"id":3,"ok":false,"error":{"code":"invalid_argument","message":"未知のメソッドです: "}})"},
       {R"({"id":[1,{"a":2}],"method":"echo","params":{"b":1,"a":"/"}})",
        R"({"id":[1,{"a":2}],"ok":true,"result":{"b":1,"a":"/"}})"},
       {R"({"id":4,"method":"echo","params":[1]})", R"({"id":4,"ok":true,"result":{}})"},
@@ -85,8 +80,6 @@ TEST_F(HostFixture, RepliesToEachWellFormedRequest) {
        R"({"id":6,"ok":false,"error":{"code":"stale","message":"古い"}})"},
       {R"({"id":7,"method":"fail","params":{"kind":"other"}})",
        R"({"id":7,"ok":false,"error":{"code":"native","message":"boom"}})"},
-      {R"({"id":8,"method":"fail"})",
-       R"({"id":8,"ok":false,"error":{"code":"invalid_argument","message":"kind が必要です"}})"},
       {R"({"id":9,"method":"number","params":{"n":"1"}})",
        R"({"id":9,"ok":false,"error":{"code":"invalid_argument","message":"n が必要です"}})"},
       {R"({"id":10,"method":"number","params":{"n":2.5}})", R"({"id":10,"ok":true,"result":2.5})"},

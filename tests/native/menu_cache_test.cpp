@@ -45,7 +45,6 @@ TEST(AxMenus, AnEntryYoungerThanMaxAgeIsNotWalkedAgainAndItemsArePressedByUid) {
   sim.desktop().addElements(501, "editMenu", {keyed("AXMenuItem", "paste").title("Paste")});
   sim.clock.advance(1000 * ms);
   auto second = sim.call("axMenus", {{"pid", 501}});
-  EXPECT_EQ(core::optionalNumber(second, "walkMs"), core::optionalNumber(first, "walkMs"));
   EXPECT_NEAR(*core::optionalNumber(second, "ageMs"), 1000, 0.01);
   EXPECT_EQ(menuUids(second), menuUids(first));  // the new item is not seen yet
 
@@ -54,9 +53,6 @@ TEST(AxMenus, AnEntryYoungerThanMaxAgeIsNotWalkedAgainAndItemsArePressedByUid) {
   auto before = menuUids(first), after = menuUids(third);
   ASSERT_TRUE(after.count("paste"));
   for (const auto& [identifier, uid] : before) EXPECT_EQ(after[identifier], uid) << identifier;
-  std::int64_t highest = 0;
-  for (const auto& [identifier, uid] : before) highest = std::max(highest, uid);
-  EXPECT_EQ(after["paste"], highest + 1);
 
   // An item is pressed by its uid.
   EXPECT_EQ(core::optionalBool(sim.call("press", {{"pid", 501}, {"uid", after["clear"]}, {"menu", true}}), "completed"),
@@ -72,10 +68,8 @@ TEST(AxMenus, ASeventhApplicationEvictsTheOldestEntry) {
     if (n == 0) firstClear = uids["clear"];
     sim.clock.advance(10 * ms);
   }
-  auto failure = sim.failure("press", {{"pid", 501}, {"uid", firstClear}, {"menu", true}});
-  EXPECT_EQ(failure.code(), "stale");
-  EXPECT_EQ(failure.message(),
-            "メニューの項目 m" + std::to_string(firstClear) + " は、最新のメニューの写しにありません");
+  EXPECT_EQ(sim.failed("press", {{"pid", 501}, {"uid", firstClear}, {"menu", true}}),
+            "stale: メニューの項目 m" + std::to_string(firstClear) + " は、最新のメニューの写しにありません");
 }
 
 TEST(AxMenus, AMenuReferenceWithoutAnEntryIsStaleButMakesTheMirror) {

@@ -27,7 +27,7 @@ TEST(MirrorOperations, AxSnapshotIfGenerationDropsNodesOrGivesTheCachedOnes) {
   EXPECT_EQ(*older.find("nodes"), *full.find("nodes"));  // the cached text, the same nodes
 }
 
-TEST(MirrorOperations, CounterRefreshAndSettleFollowTheSameMirror) {
+TEST(MirrorOperations, CounterSettleAndRefreshFollowTheSameMirror) {
   Operations ops;
   ops.call("axSnapshot");
   auto counter = ops.call("axCounter", {{"pid", demoCalculatorPid}});
@@ -37,11 +37,7 @@ TEST(MirrorOperations, CounterRefreshAndSettleFollowTheSameMirror) {
   EXPECT_EQ(core::optionalBool(settle, "changed"), true);
   EXPECT_EQ(core::optionalBool(settle, "settled"), true);
   EXPECT_EQ(core::optionalInt(settle, "notifications"), 1);
-  auto refresh = ops.call("axRefresh", {{"pid", demoCalculatorPid}});
-  EXPECT_EQ(core::optionalInt(refresh, "pid"), demoCalculatorPid);
-  ops.clock.runUntilIdle();
-  auto snapshot = ops.call("axSnapshot", {{"ifGeneration", 0}});
-  EXPECT_GE(core::optionalInt(snapshot, "fullWalks"), 2);
+  EXPECT_EQ(core::optionalInt(ops.call("axRefresh", {{"pid", demoCalculatorPid}}), "pid"), demoCalculatorPid);
 }
 
 TEST(MirrorOperations, AxTreeWalksWithoutAMirrorAndHonoursItsLimits) {
@@ -66,31 +62,12 @@ TEST(MirrorOperations, ElementAtNamesTheApplicationAndRoleUnderAPoint) {
 
 TEST(MirrorOperations, FailuresCarryTheirCodeAndMessage) {
   Operations ops;
-  struct Case {
-    const char* operation;
-    JSONValue::Object params;
-    const char* code;
-    const char* message;
-  };
-  const Case cases[] = {
-      {"elementAt", {{"y", 1}}, "invalid_argument", "x が必要です"},
-      {"elementAt", {{"x", 1}, {"y", 1}}, "not_found", "その位置に要素がありません"},
-      {"waitSettle", {{"pid", demoCalculatorPid}}, "invalid_argument", "写しのある pid が必要です"},
-      {"waitSettle", {}, "invalid_argument", "写しのある pid が必要です"},
-      {"axSnapshot", {{"name", "Nothing"}}, "not_found", "アプリが見つかりません"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.operation);
-    auto error = ops.failure(c.operation, c.params);
-    EXPECT_EQ(error.code(), c.code);
-    EXPECT_EQ(error.message(), c.message);
-  }
+  EXPECT_EQ(ops.failed("elementAt", {{"x", 1}, {"y", 1}}), "not_found: その位置に要素がありません");
+  EXPECT_EQ(ops.failed("waitSettle", {{"pid", demoCalculatorPid}}), "invalid_argument: 写しのある pid が必要です");
+  EXPECT_EQ(ops.failed("axSnapshot", {{"name", "Nothing"}}), "not_found: アプリが見つかりません");
   ops.platform.desktop().setTrusted(false);
-  for (auto name : {"axSnapshot", "axTree", "axRefresh", "axCounter", "elementAt"}) {
-    auto error = ops.failure(name, {{"x", 1}, {"y", 1}});
-    EXPECT_EQ(error.code(), "permission") << name;
-    EXPECT_EQ(error.message(), permissionMessage);
-  }
+  for (auto name : {"axSnapshot", "axTree", "axRefresh", "axCounter", "elementAt"})
+    EXPECT_EQ(ops.failed(name, {{"x", 1}, {"y", 1}}), std::string("permission: ") + permissionMessage) << name;
 }
 
 TEST(MirrorOperations, WithoutAPlatformEveryOperationSaysWhy) {

@@ -55,18 +55,23 @@ class CountingAccessibility final : public platform::AccessibilityWrapper {
 };
 
 /// An element whose identifier is its key, so that snapshot nodes name it.
+inline ElementSpec keyed(std::string role, std::string key) {
+  return element(std::move(role)).withKey(key).identifier(key);
+}
 inline ElementSpec keyed(std::string role, std::string key, double x, double y, double width, double height) {
-  auto spec = element(std::move(role)).withKey(key).identifier(key).withFrame(x, y, width, height);
-  return spec;
+  return keyed(std::move(role), std::move(key)).withFrame(x, y, width, height);
 }
 
-inline platform::sim::AppSpec appWith(std::int32_t pid, std::vector<ElementSpec> windows) {
+inline platform::sim::AppSpec appWith(std::int32_t pid, std::string name, std::vector<ElementSpec> windows) {
   platform::sim::AppSpec app;
   app.pid = pid;
-  app.bundleId = "com.example.app" + std::to_string(pid);
-  app.name = "App " + std::to_string(pid);
+  app.bundleId = "com.example." + name;
+  app.name = std::move(name);
   app.windows = std::move(windows);
   return app;
+}
+inline platform::sim::AppSpec appWith(std::int32_t pid, std::vector<ElementSpec> windows) {
+  return appWith(pid, "app" + std::to_string(pid), std::move(windows));
 }
 
 struct MirrorSim {
