@@ -66,18 +66,6 @@ TEST(DrivenClock, TimedWaitEndsAtItsDeadlineOrAtANotification) {
   }
 }
 
-TEST(DrivenClock, DelayedTasksRunWhenDueAndInOrder) {
-  DrivenClock clock;
-  auto queue = clock.makeSerialQueue("q");
-  std::vector<int> ran;
-  queue->asyncAfter(50 * ms, [&] { ran.push_back(2); });
-  queue->asyncAfter(10 * ms, [&] { ran.push_back(1); });
-  clock.advance(49 * ms);
-  EXPECT_EQ(ran, std::vector<int>{1});
-  clock.advance(1 * ms);
-  EXPECT_EQ(ran, (std::vector<int>{1, 2}));
-}
-
 TEST(DrivenClock, AScheduleThatNeverSettlesIsReported) {
   DrivenClock clock;
   auto queue = clock.makeSerialQueue("ticker");

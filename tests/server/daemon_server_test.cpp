@@ -28,25 +28,13 @@ bool eventually(const std::function<bool()>& condition) {
   return condition();
 }
 
-class OtherUser final : public PeerInspector {
- public:
-  std::optional<PeerCredentials> credentials(int) override { return PeerCredentials{1, 4242}; }
-  std::string executablePath(std::int64_t) override { return "/nonexistent"; }
-  std::uint32_t ownUid() override { return 1000; }
-};
-
 class DaemonServerTest : public ::testing::Test {
  protected:
   DaemonServerTest() { backend_->coordinator = &coordinator_; }
 
-  void start(GatewayOptions gateway = {}) {
-    auto sink = [this](std::string_view line) {
-      std::lock_guard guard(loggedLock_);
-      logged_.emplace_back(line);
-    };
-    server_ = DaemonServer::make(
-        backend_, folder_.path() / "state", makeLog("daemon", "info", sink),
-        DaemonServerOptions{&coordinator_, std::move(gateway), [sink] { return makeLog("mcp", "info", sink); }});
+  void SetUp() override {
+    server_ = DaemonServer::make(backend_, folder_.path() / "state", makeLog("daemon", "info", [](std::string_view) {}),
+                                 DaemonServerOptions{&coordinator_, {}, {}});
     server_->start(folder_.socketPath(), std::nullopt);
   }
 
@@ -65,27 +53,14 @@ class DaemonServerTest : public ::testing::Test {
     return client;
   }
 
-  std::int64_t sessionsByStatus(SocketClient& client) {
-    auto reply = core::parseJSON(roundTrip(client, R"({"operation":"status"})"));
-    return core::optionalInt(*reply.find("result"), "sessions").value_or(-1);
-  }
-
-  std::vector<std::string> logged() {
-    std::lock_guard guard(loggedLock_);
-    return logged_;
-  }
-
   TempFolder folder_;
   DrivenLeaseClock clock_;
   AppCoordinator coordinator_{clock_};
   std::shared_ptr<FakeBackend> backend_ = std::make_shared<FakeBackend>();
   std::shared_ptr<DaemonServer> server_;
-  std::mutex loggedLock_;  // guards logged_
-  std::vector<std::string> logged_;
 };
 
 TEST_F(DaemonServerTest, PlainConnectionTranscript) {
-  start();
   SocketClient client(folder_.socketPath());
   // Only a first line can ask for a mode; later it is an unknown request.
   const std::vector<std::pair<std::string, std::string>> transcript{
@@ -96,35 +71,16 @@ TEST_F(DaemonServerTest, PlainConnectionTranscript) {
   for (const auto& [request, reply] : transcript) EXPECT_EQ(roundTrip(client, request), reply);
   client.sendLine("not json");
   EXPECT_EQ(roundTrip(client, R"({"operation":"ping"})"), R"({"ok":true,"result":{"pong":true}})");
-
-  SocketClient other(folder_.socketPath());
-  EXPECT_EQ(
-      roundTrip(other, R"({"mode":"other","id":2})"),
-      R"({"id":2,"ok":false,"error":{"code":"invalid_argument","message":"未知の操作です: ","retry":"fix the statement, then retry"}})");
 }
 
 TEST_F(DaemonServerTest, McpConnectionListsTheTool) {
-  start();
   auto agent = mcpClient();
   EXPECT_EQ(
       roundTrip(*agent, R"({"jsonrpc":"2.0","id":"t","method":"tools/list"})"),
       R"({"jsonrpc":"2.0","id":"t","result":{"tools":[{"name":"do","title":"Mac のアプリを見て操作する","description":"Look at and operate macOS apps (Spotify, Finder, Safari, Calculator, Notes, System Settings, any app) through their accessibility tree with Cypher. Mac のアプリを見る、押す、入力する、開く。Read with MATCH ... RETURN, act with SET b.pressed = true or CALL ui.open/ui.press/ui.type/ui.key/ui.click/ui.menu/ui.scroll/ui.read/ui.screenshot/ui.window/ui.clipboard/ui.wait_for/ui.quit. Separate statements with ; to act and check in one call. The server instructions describe the grammar.","inputSchema":{"$schema":"http://json-schema.org/draft-07/schema#","type":"object","properties":{"cypher":{"type":"string","description":"Cypher statements separated by ;, e.g. CALL ui.open(\"Spotify\"); MATCH (b:Button) WHERE b.name CONTAINS \"Play\" RETURN b LIMIT 5"},"app":{"description":"App name or bundle id to look at or operate, such as \"Calculator\" or \"計算機\". Pass it on every call: several agents can share this connection, so the previous call's app is not remembered.","type":"string"}},"required":["cypher","app"]},"annotations":{"title":"Mac のアプリを見て操作する","readOnlyHint":false,"destructiveHint":true,"openWorldHint":false},"execution":{"taskSupport":"forbidden"}}]}})");
 }
 
-TEST_F(DaemonServerTest, StatusCountsSessionsWhileConnected) {
-  start();
-  SocketClient plain(folder_.socketPath());
-  EXPECT_EQ(sessionsByStatus(plain), 0);
-  auto first = mcpClient();
-  auto second = mcpClient();
-  EXPECT_EQ(sessionsByStatus(plain), 2);
-  first.reset();
-  EXPECT_TRUE(eventually([&] { return server_->sessionCount() == 1; }));
-  EXPECT_EQ(sessionsByStatus(plain), 1);
-}
-
 TEST_F(DaemonServerTest, LongDoHoldsUpOnlyItsOwnConnection) {
-  start();
   backend_->hold("long");
   SocketClient busy(folder_.socketPath());
   busy.sendLine(R"({"id":1,"operation":"do","params":{"cypher":"long","app":"Finder"}})");
@@ -143,7 +99,6 @@ TEST_F(DaemonServerTest, LongDoHoldsUpOnlyItsOwnConnection) {
 }
 
 TEST_F(DaemonServerTest, SessionsShareAnAppThroughLeases) {
-  start();
   auto call = [](int id) {
     return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
            R"(,"method":"tools/call","params":{"name":"do","arguments":{"cypher":"MATCH (n) RETURN n","app":"Spotify"}}})";
@@ -170,7 +125,6 @@ TEST_F(DaemonServerTest, SessionsShareAnAppThroughLeases) {
 }
 
 TEST_F(DaemonServerTest, ClosingDuringADoReleasesTheLeaseAfterIt) {
-  start();
   backend_->hold("long");
   auto agent = mcpClient();
   agent->sendLine(
@@ -181,17 +135,6 @@ TEST_F(DaemonServerTest, ClosingDuringADoReleasesTheLeaseAfterIt) {
   backend_->release();
   EXPECT_TRUE(eventually([&] { return !coordinator_.lease("name:notes"); }));
   EXPECT_EQ(server_->sessionCount(), 0);
-}
-
-TEST_F(DaemonServerTest, RejectedPeerIsLogged) {
-  start(GatewayOptions{std::make_shared<OtherUser>()});
-  SocketClient client(folder_.socketPath());
-  EXPECT_TRUE(client.closedByPeer());
-  ASSERT_TRUE(eventually([&] { return !logged().empty(); }));
-  auto line = core::parseJSON(logged()[0]);
-  EXPECT_EQ(core::optionalString(line, "level"), "warn");
-  EXPECT_EQ(core::optionalString(line, "message"), "接続を断りました");
-  EXPECT_EQ(core::optionalString(line, "reason"), "別のユーザーからの接続です: uid 4242");
 }
 
 }  // namespace

@@ -61,14 +61,6 @@ std::vector<TextCase> textCases() {
                      "with the new ids or a MATCH on names\n(Calculator g12 34ms)"});
   }
   {
-    auto result = resultOf({statement("set"), statement("set")});
-    result.error = core::StatementError{3, "遅い"};
-    result.errorCode = "timeout";
-    cases.push_back({"ErrorAfterFirstStatementWarnsAgainstRepeating", result,
-                     "#1\n#2\nerror in #3: 遅い\nretry: statements before #3 already ran, so do not repeat them; "
-                     "safe to retry as is\n(Calculator g12 34ms)"});
-  }
-  {
     auto result = resultOf({statement("read")}, 7);
     result.app = "Safari";
     result.generation = 4;
@@ -121,11 +113,8 @@ TEST(CellText, KeepsTheTableWhole) {
   };
   std::vector<Case> cases{
       {RowValue(), "null"},
-      {RowValue(false), "false"},
       {RowValue(1e21), "1e+21"},
       {RowValue(std::numeric_limits<double>::quiet_NaN()), "null"},
-      {RowValue("Play"), "Play"},
-      {RowValue(""), "\"\""},
       {RowValue("null"), "\"null\""},
       {RowValue("a\tb"), "\"a\\tb\""},
       {node({{"_label", "StaticText"}, {"id", "e3"}, {"name", "Total"}, {"value", "Total"}}),
@@ -142,7 +131,6 @@ TEST(CellText, KeepsTheTableWhole) {
        "e7 TextField \"Search\" desc=\"Find\" = \"abc\" placeholder=\"Type here\" #search focused"},
       {node({{"_label", "TextField"}, {"id", "e8"}, {"placeholder", "Name"}, {"enabled", false}, {"focused", 1}}),
        "e8 TextField placeholder=\"Name\" disabled"},
-      {node({{"_label", "Button"}, {"id", 9}}), "{\"_label\":\"Button\",\"id\":9}"},
       {node({{"b", 1}, {"10", node({{"z", 1}, {"3", RowValue::List{1, "x"}}})}}),
        "{\"10\":{\"3\":[1,\"x\"],\"z\":1},\"b\":1}"},
   };
@@ -158,10 +146,7 @@ TEST(OrderedKeys, IndexKeysFirstInNumericOrder) {
 TEST(RoundHalfUp, HalvesGoAwayFromZero) {
   // 12.5 and 12.4 are covered by the closing lines above.
   std::vector<std::pair<double, std::string>> cases{{0.5, "1"},
-                                                    {0, "0"},
                                                     {-2.5, "-3"},
-                                                    {-2.4, "-2"},
-                                                    {1e21, "1e+21"},
                                                     {std::nan(""), "NaN"},
                                                     {-std::numeric_limits<double>::infinity(), "-Infinity"},
                                                     {0.49999999999999994, "0"}};

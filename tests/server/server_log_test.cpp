@@ -20,7 +20,6 @@ TEST(ServerLog, ThresholdByLevelName) {
     std::vector<std::string> written;
   };
   std::vector<Case> cases{{"debug", {"debug", "info", "warn", "error"}},
-                          {"info", {"info", "warn", "error"}},
                           {"Warn", {"info", "warn", "error"}},  // misspelt: acts as info
                           {"error", {"error"}},
                           {"silent", {}}};
