@@ -98,12 +98,6 @@ TEST(Outline, HidesRepeatsAndBareGroupsAndCutsChildren) {
   EXPECT_EQ(outlineOf(many, "e12").lines.size(), 8u) << "an explicit root shows all its children";
 }
 
-TEST(Outline, CountsPastTheCap) {
-  auto out = outlineOf(buttons(100, "b"), "e100", 80);
-  EXPECT_EQ(out.lines.size(), 80u);
-  EXPECT_EQ(out.total, 101u);
-}
-
 TEST(ChangedPart, DeepestNodeWithSeventyPercentOfTheNewNodes) {
   std::vector<AxNode> nodes{node(0, -1, "AXWindow"), node(1, 0, "AXGroup"), node(2, 1, "AXList"),
                             node(3, 2, "AXRow"),     node(4, 2, "AXRow"),   node(5, 0, "AXButton")};

@@ -1,4 +1,3 @@
-#include "core/procedure_handlers.h"
 #include "procedure_fixture.h"
 
 namespace glimmerstrand::core {
@@ -26,7 +25,6 @@ TEST_F(ProcedureTest, ActingProceduresReachTheDriverInOrder) {
        {a, f, counterCall, "click 340,20 left 2"},
        done("e102", "click double 340,20")},
       {R"(CALL ui.hover("e102"))", {a, f, counterCall, "move 340,20"}, done("e102", "hover 340,20")},
-      {"CALL ui.drag(1, 2, 3, 4)", {a, f, counterCall, "drag 1,2 3,4"}, done("", "drag 1,2 -> 3,4")},
       {R"(CALL ui.drag("e102", "e101"))", {a, f, counterCall, "drag 340,20 110,20"}, done("", "drag e102 -> e101")},
       {R"(CALL ui.menu("e102"))", {counterCall, "showMenu " + ref(2)}, done("e102", "menu")},
       // The list runs past its scroll area: the wheel goes to the middle of the visible part.
@@ -52,7 +50,6 @@ TEST_F(ProcedureTest, ScrollPagesAndDirections) {
       {R"(CALL ui.scroll("e140", null, 100))", "dx=- dy=-8000 at 150,300", "scroll down 100"},
       {R"(CALL ui.scroll("e140", "left", "2.4"))", "dx=480 dy=- at 150,300", "scroll left 2.4"},
       {R"(CALL ui.scroll("e102", "right"))", "dx=-64 dy=- at 340,20", "scroll right 1"},
-      {R"(CALL ui.scroll("e102", "up", -3))", "dx=- dy=40 at 340,20", "scroll up -3"},
   };
   for (const auto& [script, scroll, action] : cases) {
     auto r = run(script);
@@ -63,19 +60,6 @@ TEST_F(ProcedureTest, ScrollPagesAndDirections) {
   EXPECT_EQ(failure(R"(CALL ui.scroll("e140", "sideways"))").second,
             "向きは up、down、left、right のどれかにしてください: sideways");
   EXPECT_EQ(failure(R"(CALL ui.scroll("e105"))").second, "e105 は位置がわからないので、スクロールできません");
-}
-
-TEST(VisibleFrame, ClipsToScrollAreasWindowsAndSheetsOnly) {
-  AxSnapshot s;
-  s.nodes =
-      NodeList({framed(node(0, -1, "AXWindow"), {0, 0, 100, 100}),
-                framed(node(1, 0, "AXGroup"), {0, 0, 10, 10}),  // groups do not clip
-                framed(node(2, 1, "AXButton"), {50, 50, 100, 100}), framed(node(3, 0, "AXScrollArea"), {0, 0, 10, 10}),
-                framed(node(4, 3, "AXButton"), {20, 20, 5, 5}), node(5, 0, "AXButton")});
-  AxGraph graph(s, {});
-  EXPECT_EQ(visibleFrame(graph, *graph.byIndex(2)), (Rect{50, 50, 50, 50}));
-  EXPECT_EQ(visibleFrame(graph, *graph.byIndex(4)), (Rect{20, 20, 5, 5})) << "wholly hidden: the frame as it is";
-  EXPECT_EQ(visibleFrame(graph, *graph.byIndex(5)), std::nullopt);
 }
 
 TEST_F(ProcedureTest, SelectAllKeysGoToTheFocusedField) {
@@ -91,13 +75,6 @@ TEST_F(ProcedureTest, SelectAllKeysGoToTheFocusedField) {
     all.insert(all.end(), {settleCall, freshRead});
     EXPECT_EQ(calls(), all) << script;
   }
-}
-
-TEST_F(ProcedureTest, TypedTextThatCannotBeSeenGetsANote) {
-  driver.typedSeen = false;
-  EXPECT_EQ(run(R"(CALL ui.type("abc"))").results[0]->notes, Lines{std::string(typedNote)});
-  EXPECT_EQ(run(R"(CALL ui.type(""))").results[0]->notes, std::nullopt);
-  EXPECT_EQ(calls()[1], "type \"\" 501");
 }
 
 TEST_F(ProcedureTest, FailedKeysShowTheirActionAndTheWriteIsStillReported) {

@@ -117,7 +117,6 @@ TEST(CypherParser, HopForms) {
 }
 
 TEST(CypherParser, ScriptSplitting) {
-  EXPECT_EQ(parseStatements("MATCH (n) RETURN n;").size(), 1u);
   EXPECT_EQ(parseStatements(";MATCH (n) RETURN n;; CALL a.b(';') ;").size(), 2u);
   EXPECT_EQ(parseStatement("CALL ui.type(\"hello\");").asCall()->procedure, "ui.type");
 }
