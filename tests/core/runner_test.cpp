@@ -184,6 +184,24 @@ TEST_F(RunnerTest, ASparseBackgroundApplicationIsBroughtForward) {
             (Lines{"Calculator showed almost nothing in the background, so it was brought to the front"}));
 }
 
+TEST_F(RunnerTest, OnlySparseWindowedPagesWithoutWebAreasAreBroughtForward) {
+  const std::pair<std::function<void(std::vector<AxNode>&)>, bool> cases[] = {
+      {[](auto& n) { n.resize(30); }, false},
+      {[](auto& n) { n.resize(5), n.push_back(node(9, 0, "AXWebArea")); }, false},
+      {[](auto& n) { n.resize(5), n[0].role = "AXGroup"; }, false},
+      {[](auto& n) { n.resize(29); }, true},
+  };
+  for (const auto& [shape, forward] : cases) {
+    FakeDriver fresh;
+    fresh.nodes = driver.nodes;
+    shape(fresh.nodes);
+    fresh.front = AppInfo{1, "com.other", "Other"};
+    CypherRunner r(fresh, memory, clock);
+    r.run("MATCH (n) RETURN count(*)", std::nullopt, true);
+    EXPECT_EQ(fresh.callNames().size() > 1, forward) << fresh.nodes.size();
+  }
+}
+
 TEST(FrontOrFail, LockedScreenAndStubbornApplications) {
   FakeDriver driver;
   ManualClock clock;
