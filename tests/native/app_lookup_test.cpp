@@ -30,11 +30,21 @@ platform::sim::DesktopSpec threeApps() {
 }
 
 struct Lookup {
+  explicit Lookup(const platform::sim::DesktopSpec& spec = threeApps()) : desktop(spec, clock, clock.mainLoop()) {}
   ~Lookup() { clock.runUntilIdle(); }
   std::int32_t find(JSONValue::Object params) { return lookup.findApp(JSONValue(std::move(params))).pid; }
+  /// "code: message" of a selection that must fail.
+  std::string failed(JSONValue::Object params) {
+    try {
+      lookup.selectApp(JSONValue(std::move(params)));
+    } catch (const RPCError& e) {
+      return e.code() + ": " + e.message();
+    }
+    return "selected";
+  }
 
   platform::sim::DrivenClock clock;
-  platform::sim::SimDesktop desktop{threeApps(), clock, clock.mainLoop()};
+  platform::sim::SimDesktop desktop;
   AppLookup lookup{desktop.workspace()};
 };
 
@@ -60,15 +70,8 @@ TEST(AppLookup, EachKeyThatFindsNothingLeadsToTheNext) {
 
 TEST(AppLookup, NamesMatchWholeAndNothingFallsBackToTheFront) {
   Lookup l;
-  for (const auto& params : {JSONValue::Object{{"name", "Note"}}, JSONValue::Object{{"pid", 99}}}) {
-    try {
-      l.lookup.selectApp(JSONValue(params));
-      ADD_FAILURE() << core::jsonText(JSONValue(params));
-    } catch (const RPCError& e) {
-      EXPECT_EQ(e.code(), "not_found");
-      EXPECT_EQ(e.message(), "アプリが見つかりません");
-    }
-  }
+  EXPECT_EQ(l.failed({{"name", "Note"}}), "not_found: アプリが見つかりません");
+  EXPECT_EQ(l.failed({{"pid", 99}}), "not_found: アプリが見つかりません");
   EXPECT_EQ(l.lookup.selectApp(JSONValue::Object{}).pid, 11);
 }
 
@@ -86,16 +89,8 @@ TEST(AppLookup, ARememberedNameIsCheckedBeforeItIsBelieved) {
 }
 
 TEST(AppLookup, WithoutAFrontmostApplicationTheSelectorFails) {
-  platform::sim::DrivenClock clock;
-  platform::sim::SimDesktop desktop({}, clock, clock.mainLoop());
-  AppLookup lookup(desktop.workspace());
-  try {
-    lookup.selectApp(JSONValue::Object{});
-    ADD_FAILURE();
-  } catch (const RPCError& e) {
-    EXPECT_EQ(e.code(), "native");
-    EXPECT_EQ(e.message(), "最前面のアプリがわかりません");
-  }
+  Lookup empty(platform::sim::DesktopSpec{});
+  EXPECT_EQ(empty.failed({}), "native: 最前面のアプリがわかりません");
 }
 
 }  // namespace

@@ -72,11 +72,6 @@ JSONValue ask(SocketClient& client, const std::string& line) {
   return core::parseJSON(*reply);
 }
 
-std::string toolText(const JSONValue& reply) {
-  const auto* content = reply.find("result")->find("content");
-  return *content->asArray()->at(0).find("text")->asString();
-}
-
 TEST(Daemon, AnAgentDrivesTheCalculatorOverMcp) {
   TempFolder folder;
   Daemon daemon(folder);
@@ -90,7 +85,7 @@ TEST(Daemon, AnAgentDrivesTheCalculatorOverMcp) {
   auto reply = ask(agent, R"x({"jsonrpc":"2.0","id":3,"method":"tools/call","params":{"name":"do","arguments":{)x"
                           R"x("app":"Calculator","cypher":"CALL ui.open(\"Calculator\"); CALL ui.press(\"7\"); )x"
                           R"x(MATCH (t:StaticText) RETURN t.value"}}})x");
-  const auto text = toolText(reply);
+  const auto text = *reply.find("result")->find("content")->asArray()->at(0).find("text")->asString();
   EXPECT_EQ(reply.find("result")->find("isError"), nullptr) << text;
   // Everything but the closing line's generation and time is fixed.
   const std::string expected =

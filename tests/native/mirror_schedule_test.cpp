@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "mirror_lab.h"
+#include "mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {
@@ -24,9 +24,7 @@ TEST(MirrorSchedule, AValueChangeRefreshesOneElementAndKeepsItsUid) {
   EXPECT_EQ(findNode(plain, "status")->value, "idle");
   EXPECT_TRUE(plain.dirty);
   // A fresh read waits for a walk begun after the notification.
-  const auto start = sim.clock.nowNs();
   auto after = sim.fresh(*mirror);
-  EXPECT_GT(sim.clock.nowNs(), start);
   EXPECT_EQ(after.generation, before.generation + 1);
   EXPECT_EQ(after.lastWalk, "partial");
   EXPECT_EQ(after.partialNodes, 1);

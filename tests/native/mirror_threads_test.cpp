@@ -5,7 +5,7 @@
 
 #include <thread>
 
-#include "mirror_lab.h"
+#include "mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {
