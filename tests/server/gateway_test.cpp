@@ -31,14 +31,10 @@ class PeerInspectorProbe final : public PeerInspector {
     if (real && otherUid) real->uid = *otherUid;
     return real;
   }
-  std::string executablePath(std::int64_t pid) override {
-    ++executableLookups;
-    return PeerInspector::system()->executablePath(pid);
-  }
+  std::string executablePath(std::int64_t pid) override { return PeerInspector::system()->executablePath(pid); }
   std::uint32_t ownUid() override { return PeerInspector::system()->ownUid(); }
 
   std::optional<std::uint32_t> otherUid;
-  std::atomic<int> executableLookups = 0;
 };
 
 class GatewayTest : public ::testing::Test {
@@ -107,7 +103,7 @@ TEST_F(GatewayTest, BytesBecomeLines) {
                                         "line 1 \xEF\xBF\xBD\xEF\xBF\xBD", "close 1"}));
 }
 
-TEST_F(GatewayTest, SendCloseStaleStopAndListenAgain) {
+TEST_F(GatewayTest, SendCloseStaleAndStop) {
   Gateway& gateway = makeGateway();
   gateway.listen(folder_.socketPath(), std::nullopt);
   SocketClient client(folder_.socketPath());
@@ -126,10 +122,6 @@ TEST_F(GatewayTest, SendCloseStaleStopAndListenAgain) {
   EXPECT_TRUE(second.closedByPeer());
   EXPECT_EQ(events_.waitFor(4), (Events{"open 1", "close 1", "open 2", "close 2"}));
   EXPECT_TRUE(std::filesystem::exists(folder_.socketPath()));  // removing it is the caller's
-  gateway.listen(folder_.socketPath(), std::nullopt);
-  SocketClient third(folder_.socketPath());
-  third.sendLine("again");
-  EXPECT_EQ(events_.waitFor(6).back(), "line 3 again");
 }
 
 TEST_F(GatewayTest, PeersAreCheckedBeforeTheyOpen) {
@@ -166,9 +158,6 @@ TEST_F(GatewayTest, PeersAreCheckedBeforeTheyOpen) {
       } else {
         EXPECT_TRUE(client.closedByPeer());
       }
-    }
-    if (c.requirement.empty()) {
-      EXPECT_EQ(probe->executableLookups, 0);
     }
     gateway->stop();
     EXPECT_TRUE(gateway->waitForThreads(10s));

@@ -58,7 +58,6 @@ TEST_F(McpSessionTest, MethodsAndErrors) {
        {initializeReply("\"a\"", "2025-11-25")}},
       {R"({"jsonrpc":"2.0","id":2,"method":"initialize","params":{"protocolVersion":20241105}})",
        {R"({"jsonrpc":"2.0","id":2,"error":{"code":-32602,"message":"Invalid params: protocolVersion is required"}})"}},
-      {R"({"jsonrpc":"2.0","id":2.5,"method":"ping"})", {R"({"jsonrpc":"2.0","id":2.5,"result":{}})"}},
       {R"({"jsonrpc":"2.0","id":3,"method":"resources/list"})",
        {R"({"jsonrpc":"2.0","id":3,"error":{"code":-32601,"message":"Method not found"}})"}},
       {R"({"jsonrpc":"2.0","id":4,"method":"tools/call","params":{"arguments":{}}})",
@@ -82,12 +81,9 @@ TEST_F(McpSessionTest, ToolCallValidation) {
   std::vector<Case> cases{
       {R"({"name":"run"})", "MCP error -32602: Tool run not found"},
       {R"({"name":"do"})", invalid + "Invalid input: expected object, received undefined"},
-      {R"({"name":"do","arguments":[]})", invalid + "Invalid input: expected object, received array"},
       {R"({"name":"do","arguments":{"app":4}})", invalid +
                                                      "Invalid input: expected string, received undefined at cypher\n"
                                                      "Invalid input: expected string, received number at app"},
-      {R"({"name":"do","arguments":{"cypher":false,"app":"Safari"}})",
-       invalid + "Invalid input: expected string, received boolean at cypher"},
   };
   for (const auto& c : cases)
     EXPECT_EQ(exchange(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":)" + c.params + "}"),

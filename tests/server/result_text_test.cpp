@@ -40,9 +40,6 @@ struct TextCase {
 
 std::vector<TextCase> textCases() {
   std::vector<TextCase> cases;
-  cases.push_back({"SingleReadHasNoNumber",
-                   resultOf({statement("read", {Row{{"n", 1}}, Row{{"n", 2}}, Row{{"n", 3}}})}),
-                   "n\n1\n2\n3\n(Calculator g12 34ms)"});
   {
     auto press = statement("set");
     press->actions = {{"e41", "pressed", true, std::nullopt}, {"", "key return", false, "遅い"}};
