@@ -221,6 +221,8 @@ TEST(OpenURL, OpensWithTheApplicationOfTheSchemeAndBringsItToTheFront) {
   EXPECT_EQ(core::optionalString(result, "url"), "https://example.com/a?b=c");
   EXPECT_EQ(core::optionalInt(*result.find("app"), "pid"), 507);
   EXPECT_EQ(front(sim), 507);
+  // A scheme is the same in any case.
+  EXPECT_EQ(core::optionalInt(*sim.call("openURL", {{"url", "HTTPS://example.com/"}}).find("app"), "pid"), 507);
 }
 
 TEST(OpenURL, TakesPathsUnderTheHomeFolderAndRefusesWords) {
@@ -229,6 +231,10 @@ TEST(OpenURL, TakesPathsUnderTheHomeFolderAndRefusesWords) {
   auto result = sim.call("openURL", {{"url", "~/My Notes/a.txt"}});
   EXPECT_EQ(core::optionalString(result, "url"), "file://" + home + "/My%20Notes/a.txt");
   EXPECT_EQ(sim.desktop().openedURLs().back(), "file://" + home + "/My%20Notes/a.txt");
+  // A user nobody has leaves the tilde, and the path is then taken from the working folder.
+  const std::string unknown = core::optionalString(sim.call("openURL", {{"url", "~nobody-here/a.txt"}}), "url").value();
+  EXPECT_EQ(unknown.rfind("file:///", 0), 0u) << unknown;
+  EXPECT_TRUE(unknown.ends_with("/~nobody-here/a.txt")) << unknown;
   EXPECT_EQ(sim.failed("openURL", {{"url", "notes"}}), "invalid_argument: URL かファイルのパスを渡してください: notes");
   EXPECT_EQ(sim.failure("openURL", {{"url", "gopher://old"}}).code(), "no_action");
 }
