@@ -46,6 +46,7 @@ class PropertyGraph : public GraphAdapter {
   /// Makes `property` throw for this name, as a failing graph would.
   void failOnProperty(std::string name) { failingProperty_ = std::move(name); }
 
+  std::size_t size() const { return nodes_.size(); }
   static Node handle(std::size_t index) { return Node{index}; }
   static std::size_t index(Node node) { return static_cast<std::size_t>(node.handle); }
 
