@@ -3,6 +3,7 @@
 #include <exception>
 #include <sstream>
 
+#include "platform/linux/linux_platform.h"
 #include "platform/sim/demo_apps.h"
 #include "platform/sim/fixture.h"
 #include "platform/sim/sim_platform.h"
@@ -38,9 +39,7 @@ PlatformChoice selectPlatform(const char* platformNames, const char* simApps) {
     if (name == "sim") {
       choice = simulated(simApps);
     } else if (name == "linux") {
-      choice.problem =
-          "このビルドには linux のプラットフォームがまだありません。GLIMMERSTRAND_PLATFORM=sim "
-          "で模擬デスクトップを使えます";
+      choice.platform = linux_desktop::makeLinuxPlatform(choice.problem);
     } else {
       choice.problem = "未知のプラットフォームです: " + name;
     }

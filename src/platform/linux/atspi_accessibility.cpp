@@ -1,0 +1,671 @@
+#include "platform/linux/atspi_accessibility.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <mutex>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "platform/linux/atspi_element.h"
+
+namespace glimmerstrand::platform::linux_desktop {
+
+namespace {
+
+constexpr const char* registryBus = "org.a11y.atspi.Registry";
+constexpr const char* accessibleIface = "org.a11y.atspi.Accessible";
+constexpr const char* systemWidePath = "/org/a11y/atspi/systemwide";
+constexpr int defaultTimeoutMs = 6000;
+// How long a prefetched record may stand in for a read of its own.
+constexpr auto prefetchLife = std::chrono::milliseconds(1000);
+// The most records one prefetch reads ahead, below the elements it was given.
+constexpr std::size_t readAheadBudget = 4000;
+// Lists longer than this are narrowed by the walk before it reads them.
+constexpr std::size_t longList = 500;
+
+std::string keyOf(const ObjectRef& ref) { return ref.bus + '\n' + ref.path; }
+
+// Records read ahead by a prefetch, for the thread that asked: a walk runs
+// on one thread, and no other thread ever sees values read before its own
+// action.
+struct Prefetched {
+  ElementRecord record;
+  std::chrono::steady_clock::time_point at;
+};
+thread_local std::unordered_map<std::string, Prefetched> prefetched;
+
+class AtspiObserver final : public Observer {
+ public:
+  AtspiObserver(std::int32_t pid, std::string bus, ObserverCallback callback)
+      : pid_(pid), bus_(std::move(bus)), callback_(std::move(callback)) {}
+  std::int32_t pid() const override { return pid_; }
+  const std::string& bus() const { return bus_; }
+
+  std::mutex lock;              // guards names, subscription and removed
+  std::set<std::string> names;  // AX notifications delivered
+  guint subscription = 0;       // the D-Bus signal subscription, 0 before the first name
+  bool removed = false;
+
+  void deliver(const Element& element, const std::string& name) {
+    {
+      std::lock_guard guard(lock);
+      if (removed || !names.count(name)) return;
+    }
+    callback_(element, name);
+  }
+
+ private:
+  std::int32_t pid_;
+  std::string bus_;
+  ObserverCallback callback_;
+};
+
+}  // namespace
+
+struct AtspiAccessibility::State {
+  AtspiBus& bus;
+  RunLoop& mainLoop;
+  GDBusConnection* connection;
+  std::atomic<int> defaultTimeout{defaultTimeoutMs};
+
+  std::mutex lock;                                         // guards everything below; never held across a bus call
+  std::unordered_map<std::string, std::int32_t> pids;      // bus name → pid
+  std::unordered_map<std::string, std::string> toolkits;   // bus name → toolkit
+  std::unordered_map<std::string, ObjectRef> lastFocused;  // bus name → element that took the focus
+  std::set<std::string> registeredEvents;                  // event types told to the registry
+  std::vector<std::function<void(std::int32_t)>> activationCallbacks;
+  guint activationSubscription = 0;
+  guint focusSubscription = 0;
+  std::chrono::steady_clock::time_point trustCheckedAt{};
+  bool trusted = false;
+
+  State(AtspiBus& b, RunLoop& loop) : bus(b), mainLoop(loop), connection(b.connection()) {}
+
+  int timeoutOf(const Element& element) {
+    auto* e = element.as<AtspiElement>();
+    int own = e ? e->timeoutMs() : 0;
+    return own > 0 ? own : defaultTimeout.load();
+  }
+
+  std::optional<std::int32_t> pidOfBus(const std::string& name) {
+    {
+      std::lock_guard guard(lock);
+      if (auto it = pids.find(name); it != pids.end()) return it->second;
+    }
+    Reply reply = callSync(connection,
+                           Call{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                "GetConnectionUnixProcessID", own(g_variant_new("(s)", name.c_str()))},
+                           defaultTimeout.load());
+    Variant v = replyChild(reply);
+    if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_UINT32)) return std::nullopt;
+    auto pid = static_cast<std::int32_t>(g_variant_get_uint32(v.get()));
+    std::lock_guard guard(lock);
+    pids[name] = pid;
+    return pid;
+  }
+
+  std::string toolkitOf(const std::string& name) {
+    {
+      std::lock_guard guard(lock);
+      if (auto it = toolkits.find(name); it != toolkits.end()) return it->second;
+    }
+    Reply reply = callSync(connection, propertyCall(name, rootPath, "org.a11y.atspi.Application", "ToolkitName"),
+                           defaultTimeout.load());
+    if (!reply.ok() && reply.error != AxError::attributeUnsupported) return "";  // try again next time
+    Variant v = replyChild(reply);
+    std::string toolkit =
+        v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING) ? g_variant_get_string(v.get(), nullptr) : "";
+    // "GTK", "gtk", "Qt": compared in one case.
+    std::transform(toolkit.begin(), toolkit.end(), toolkit.begin(), [](unsigned char c) { return std::toupper(c); });
+    if (toolkit == "QT") toolkit = "Qt";
+    std::lock_guard guard(lock);
+    toolkits[name] = toolkit;
+    return toolkit;
+  }
+
+  ElementRecord record(const ObjectRef& ref, std::uint32_t parts, int timeoutMs) {
+    if (auto it = prefetched.find(keyOf(ref)); it != prefetched.end()) {
+      Prefetched entry = std::move(it->second);
+      prefetched.erase(it);
+      if ((entry.record.parts & parts) == parts && std::chrono::steady_clock::now() - entry.at < prefetchLife)
+        return std::move(entry.record);
+    }
+    return std::move(readRecords(connection, {ref}, parts, timeoutMs).front());
+  }
+
+  Reply call(const Element& element, const char* interface, const char* method, GVariant* args) {
+    auto* e = element.as<AtspiElement>();
+    return callSync(connection, Call{e->bus(), e->path(), interface, method, own(args)}, timeoutOf(element));
+  }
+
+  std::vector<ObjectRef> desktopApplications() {
+    Reply reply = callSync(connection, Call{registryBus, rootPath, accessibleIface, "GetChildren", nullptr},
+                           defaultTimeout.load());
+    std::vector<ObjectRef> apps;
+    Variant list = replyChild(reply);
+    if (!list || !g_variant_is_of_type(list.get(), G_VARIANT_TYPE("a(so)"))) return apps;
+    GVariantIter iter;
+    g_variant_iter_init(&iter, list.get());
+    const char *name, *path;
+    while (g_variant_iter_next(&iter, "(&s&o)", &name, &path)) apps.push_back(ObjectRef{name, path});
+    return apps;
+  }
+
+  void registerEvents(const std::vector<std::string>& types) {
+    for (const auto& type : types) {
+      if (type.empty()) continue;
+      {
+        std::lock_guard guard(lock);
+        if (!registeredEvents.insert(type).second) continue;
+      }
+      // Toolkits send only the events some listener has asked the registry for.
+      callSync(connection,
+               Call{registryBus, "/org/a11y/atspi/registry", "org.a11y.atspi.Registry", "RegisterEvent",
+                    own(g_variant_new("(s@ass)", type.c_str(), g_variant_new_strv(nullptr, 0), ""))},
+               defaultTimeout.load());
+    }
+  }
+};
+
+namespace {
+
+ObjectRef refOf(const Element& element) {
+  auto* e = element.as<AtspiElement>();
+  return e ? ObjectRef{e->bus(), e->path()} : ObjectRef{};
+}
+
+bool isOurs(const Element& element) { return element.as<AtspiElement>() != nullptr; }
+
+bool isSystemWide(const Element& element) {
+  auto* e = element.as<AtspiElement>();
+  return e && e->path() == systemWidePath;
+}
+
+// An event signal: (detail, detail1, detail2, any data, properties).
+void onEvent(GDBusConnection*, const gchar* sender, const gchar* path, const gchar* interface, const gchar* member,
+             GVariant* parameters, gpointer data) {
+  auto* observer = static_cast<AtspiObserver*>(data);
+  constexpr std::string_view prefix = "org.a11y.atspi.Event.";
+  std::string_view iface(interface);
+  if (iface.substr(0, prefix.size()) != prefix || !g_variant_is_of_type(parameters, G_VARIANT_TYPE_TUPLE) ||
+      g_variant_n_children(parameters) < 3)
+    return;
+  const char* detail = "";
+  gint32 detail1 = 0;
+  Variant first(g_variant_get_child_value(parameters, 0));
+  Variant second(g_variant_get_child_value(parameters, 1));
+  if (g_variant_is_of_type(first.get(), G_VARIANT_TYPE_STRING)) detail = g_variant_get_string(first.get(), nullptr);
+  if (g_variant_is_of_type(second.get(), G_VARIANT_TYPE_INT32)) detail1 = g_variant_get_int32(second.get());
+  auto notification = notificationFor({iface.substr(prefix.size()), member, detail, detail1});
+  if (!notification) return;
+  observer->deliver(atspiElement(sender, path), std::string(*notification));
+}
+
+}  // namespace
+
+AtspiAccessibility::AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop) : s_(std::make_unique<State>(bus, mainLoop)) {
+  // AT-SPI cannot be asked which element has the focus: follow it.
+  s_->registerEvents({"object:state-changed"});
+  GMainContext* main = g_main_context_default();
+  g_main_context_push_thread_default(main);
+  s_->focusSubscription = g_dbus_connection_signal_subscribe(
+      s_->connection, nullptr, "org.a11y.atspi.Event.Object", "StateChanged", nullptr, "focused",
+      G_DBUS_SIGNAL_FLAGS_NONE,
+      [](GDBusConnection*, const gchar* sender, const gchar* path, const gchar*, const gchar*, GVariant* parameters,
+         gpointer data) {
+        auto* state = static_cast<State*>(data);
+        gint32 gained = 0;
+        if (g_variant_n_children(parameters) >= 2) {
+          Variant second(g_variant_get_child_value(parameters, 1));
+          if (g_variant_is_of_type(second.get(), G_VARIANT_TYPE_INT32)) gained = g_variant_get_int32(second.get());
+        }
+        if (!gained) return;
+        std::lock_guard guard(state->lock);
+        state->lastFocused[sender] = ObjectRef{sender, path};
+      },
+      s_.get(), nullptr);
+  g_main_context_pop_thread_default(main);
+}
+
+AtspiAccessibility::~AtspiAccessibility() {
+  if (s_->focusSubscription) g_dbus_connection_signal_unsubscribe(s_->connection, s_->focusSubscription);
+  if (s_->activationSubscription) g_dbus_connection_signal_unsubscribe(s_->connection, s_->activationSubscription);
+}
+
+bool AtspiAccessibility::isTrusted() {
+  // Asked at the head of nearly every operation: the switch is read at most
+  // once a second.
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard guard(s_->lock);
+    if (now - s_->trustCheckedAt < std::chrono::seconds(1)) return s_->trusted;
+  }
+  const bool trusted = s_->bus.isEnabled();
+  std::lock_guard guard(s_->lock);
+  s_->trusted = trusted;
+  s_->trustCheckedAt = now;
+  return trusted;
+}
+
+bool AtspiAccessibility::requestTrust() {
+  const bool trusted = s_->bus.enable();
+  std::lock_guard guard(s_->lock);
+  s_->trusted = trusted;
+  s_->trustCheckedAt = std::chrono::steady_clock::now();
+  return trusted;
+}
+
+Element AtspiAccessibility::applicationElement(std::int32_t pid) {
+  auto cell = std::make_shared<std::atomic<int>>(0);
+  for (const auto& app : s_->desktopApplications())
+    if (s_->pidOfBus(app.bus) == pid) return Element(std::make_shared<AtspiElement>(app.bus, rootPath, cell));
+  // Calls on a bus name that no application holds fail as a gone element.
+  return Element(std::make_shared<AtspiElement>(":no-application-" + std::to_string(pid), rootPath, cell));
+}
+
+Element AtspiAccessibility::systemWide() { return atspiElement(registryBus, systemWidePath); }
+
+AxError AtspiAccessibility::setMessagingTimeout(const Element& element, double seconds) {
+  auto* e = element.as<AtspiElement>();
+  if (!e || seconds < 0) return AxError::illegalArgument;
+  const int ms = seconds > 0 ? std::max(1, static_cast<int>(std::lround(seconds * 1000))) : 0;
+  if (isSystemWide(element)) {
+    s_->defaultTimeout = ms > 0 ? ms : defaultTimeoutMs;
+  } else {
+    if (!e->timeoutCell()) return AxError::illegalArgument;  // only handles made with a cell carry their own
+    e->timeoutCell()->store(ms);
+  }
+  return AxError::success;
+}
+
+namespace {
+
+bool isWindowLevel(std::string_view name) {
+  return name == "AXFocusedWindow" || name == "AXMainWindow" || name == "AXWindows" || name == "AXMenuBar" ||
+         name == "AXFocusedUIElement" || name == "AXFrontmost" || name == "AXFocusedApplication";
+}
+
+}  // namespace
+
+AxResult<std::vector<AxValue>> AtspiAccessibility::copyMultiple(const Element& element,
+                                                                const std::vector<std::string>& names) {
+  if (!isOurs(element)) return {AxError::illegalArgument, {}};
+  if (isSystemWide(element)) {
+    std::vector<AxValue> values;
+    for (const auto& name : names) values.push_back(copy(element, name));
+    return {AxError::success, std::move(values)};
+  }
+  const ObjectRef ref = refOf(element);
+  const int timeoutMs = s_->timeoutOf(element);
+  std::vector<std::string> plain;
+  for (const auto& name : names)
+    if (!isWindowLevel(name)) plain.push_back(name);
+  ElementRecord record = s_->record(ref, partsFor(plain.empty() ? names : plain), timeoutMs);
+  if (record.error != AxError::success) return {record.error, {}};
+  const std::string toolkit = s_->toolkitOf(ref.bus);
+  std::vector<AxValue> values;
+  values.reserve(names.size());
+  for (const auto& name : names)
+    values.push_back(isWindowLevel(name) ? copy(element, name) : attributeValue(record, name, toolkit));
+  return {AxError::success, std::move(values)};
+}
+
+AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) {
+  if (!isOurs(element)) return AxError::illegalArgument;
+  const int timeoutMs = s_->timeoutOf(element);
+  if (isSystemWide(element)) {
+    if (name == "AXFocusedUIElement" || name == "AXFocusedApplication") {
+      for (const auto& app : s_->desktopApplications()) {
+        auto focusedApp = applicationElement(s_->pidOfBus(app.bus).value_or(0));
+        AxValue frontmost = copy(focusedApp, "AXFrontmost");
+        if (frontmost.as<bool>().value_or(false))
+          return name == "AXFocusedApplication" ? AxValue(focusedApp) : copy(focusedApp, "AXFocusedUIElement");
+      }
+      return AxError::noValue;
+    }
+    return AxError::attributeUnsupported;
+  }
+  const ObjectRef ref = refOf(element);
+  if (name == "AXFocusedWindow" || name == "AXMainWindow" || name == "AXWindows" || name == "AXFrontmost") {
+    ElementRecord app = s_->record(ref, childrenPart, timeoutMs);
+    if (app.error != AxError::success) return app.error;
+    auto windows = readRecords(s_->connection, *app.children, basicPart, timeoutMs);
+    AxList list;
+    for (std::size_t k = 0; k < windows.size(); ++k) {
+      if (windows[k].error != AxError::success || !isWindowRole(windows[k].role)) continue;
+      const auto& child = (*app.children)[k];
+      if (name == "AXFrontmost" && windows[k].states.active()) return AxValue(true);
+      if (name != "AXWindows" && name != "AXFrontmost" && windows[k].states.active())
+        return AxValue(atspiElement(child.bus, child.path));
+      list.emplace_back(atspiElement(child.bus, child.path));
+    }
+    if (name == "AXFrontmost") return AxValue(false);
+    if (name == "AXWindows") return list;
+    return AxError::noValue;
+  }
+  if (name == "AXFocusedUIElement") {
+    ObjectRef focused;
+    {
+      std::lock_guard guard(s_->lock);
+      if (auto it = s_->lastFocused.find(ref.bus); it != s_->lastFocused.end()) focused = it->second;
+    }
+    if (focused.bus.empty()) return AxError::noValue;
+    ElementRecord r = s_->record(focused, basicPart, timeoutMs);
+    if (r.error != AxError::success || !r.states.focused()) return AxError::noValue;
+    return AxValue(atspiElement(focused.bus, focused.path));
+  }
+  if (name == "AXMenuBar") return AxError::attributeUnsupported;
+  auto values = copyMultiple(element, {std::string(name)});
+  if (!values.ok()) return values.error;
+  return std::move(values.value.front());
+}
+
+AxError AtspiAccessibility::set(const Element& element, std::string_view name, const AxValue& value) {
+  if (!isOurs(element) || isSystemWide(element)) return AxError::illegalArgument;
+  // Toolkits build their trees whenever a client listens: nothing to switch.
+  if (name == "AXManualAccessibility") return AxError::success;
+  const int timeoutMs = s_->timeoutOf(element);
+  const ObjectRef ref = refOf(element);
+  prefetched.erase(keyOf(ref));
+  ElementRecord r = s_->record(ref, basicPart, timeoutMs);
+  if (r.error != AxError::success) return r.error;
+  auto succeeded = [](const Reply& reply) {
+    if (!reply.ok()) return reply.error;
+    Variant v = replyChild(reply);
+    if (v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_BOOLEAN) && !g_variant_get_boolean(v.get()))
+      return AxError::cannotComplete;
+    return AxError::success;
+  };
+  if (name == "AXValue") {
+    if (auto text = value.get<std::string>(); text && (r.interfaces & editableTextInterface))
+      return succeeded(
+          s_->call(element, "org.a11y.atspi.EditableText", "SetTextContents", g_variant_new("(s)", text->c_str())));
+    if (auto number = value.get<double>(); number && (r.interfaces & valueInterface))
+      return succeeded(
+          s_->call(element, "org.freedesktop.DBus.Properties", "Set",
+                   g_variant_new("(ssv)", "org.a11y.atspi.Value", "CurrentValue", g_variant_new_double(*number))));
+    return AxError::attributeUnsupported;
+  }
+  if (name == "AXFocused") {
+    if (!value.as<bool>().value_or(false)) return AxError::attributeUnsupported;
+    if (!(r.interfaces & componentInterface)) return AxError::attributeUnsupported;
+    return succeeded(s_->call(element, "org.a11y.atspi.Component", "GrabFocus", nullptr));
+  }
+  if (name == "AXSelected") {
+    if (!r.states.selectable()) return AxError::attributeUnsupported;
+    ElementRecord withParent = s_->record(ref, parentPart, timeoutMs);
+    Reply index = s_->call(element, accessibleIface, "GetIndexInParent", nullptr);
+    Variant i = replyChild(index);
+    if (!withParent.parent || !i || !g_variant_is_of_type(i.get(), G_VARIANT_TYPE_INT32))
+      return AxError::cannotComplete;
+    Element parent = atspiElement(withParent.parent->bus, withParent.parent->path);
+    const bool select = value.as<bool>().value_or(false);
+    return succeeded(s_->call(parent, "org.a11y.atspi.Selection", select ? "SelectChild" : "DeselectChild",
+                              g_variant_new("(i)", g_variant_get_int32(i.get()))));
+  }
+  if (name == "AXSelectedTextRange") {
+    auto range = value.get<AxRange>();
+    if (!range || !(r.interfaces & textInterface)) return AxError::attributeUnsupported;
+    const auto start = static_cast<gint32>(range->location);
+    const auto end = static_cast<gint32>(range->location + range->length);
+    if (range->length == 0)
+      return succeeded(s_->call(element, "org.a11y.atspi.Text", "SetCaretOffset", g_variant_new("(i)", start)));
+    // Setting a selection fails where there is none; adding one works.
+    s_->call(element, "org.a11y.atspi.Text", "RemoveSelection", g_variant_new("(i)", 0));
+    return succeeded(s_->call(element, "org.a11y.atspi.Text", "AddSelection", g_variant_new("(ii)", start, end)));
+  }
+  return AxError::attributeUnsupported;
+}
+
+AxResult<bool> AtspiAccessibility::isSettable(const Element& element, std::string_view name) {
+  if (!isOurs(element) || isSystemWide(element)) return {AxError::illegalArgument, false};
+  ElementRecord r = s_->record(refOf(element), basicPart, s_->timeoutOf(element));
+  if (r.error != AxError::success) return {r.error, false};
+  bool settable = false;
+  if (name == "AXValue")
+    settable = ((r.interfaces & editableTextInterface) && r.states.editable()) || (r.interfaces & valueInterface);
+  else if (name == "AXFocused")
+    settable = r.states.focusable() && (r.interfaces & componentInterface);
+  else if (name == "AXSelected")
+    settable = r.states.selectable();
+  else if (name == "AXSelectedTextRange")
+    settable = r.interfaces & textInterface;
+  else if (name == "AXManualAccessibility")
+    settable = isApplicationRole(r.role);
+  return {AxError::success, settable};
+}
+
+AxResult<std::vector<std::string>> AtspiAccessibility::attributeNames(const Element& element) {
+  static const std::vector<std::string> candidates{"AXRole",
+                                                   "AXSubrole",
+                                                   "AXTitle",
+                                                   "AXDescription",
+                                                   "AXValue",
+                                                   "AXIdentifier",
+                                                   "AXPlaceholderValue",
+                                                   "AXPosition",
+                                                   "AXSize",
+                                                   "AXEnabled",
+                                                   "AXFocused",
+                                                   "AXSelected",
+                                                   "AXExpanded",
+                                                   "AXURL",
+                                                   "AXParent",
+                                                   "AXChildren",
+                                                   "AXMinValue",
+                                                   "AXMaxValue",
+                                                   "AXNumberOfCharacters",
+                                                   "AXSelectedTextRange"};
+  auto values = copyMultiple(element, candidates);
+  if (!values.ok()) return {values.error, {}};
+  std::vector<std::string> names;
+  for (std::size_t k = 0; k < candidates.size(); ++k)
+    if (!values.value[k].isError()) names.push_back(candidates[k]);
+  return {AxError::success, std::move(names)};
+}
+
+AxResult<std::vector<std::string>> AtspiAccessibility::actionNames(const Element& element) {
+  if (!isOurs(element) || isSystemWide(element)) return {AxError::illegalArgument, {}};
+  ElementRecord r = s_->record(refOf(element), basicPart | actionsPart, s_->timeoutOf(element));
+  if (r.error != AxError::success) return {r.error, {}};
+  return {AxError::success, axActionNames(r.actions, r.interfaces)};
+}
+
+AxResult<std::string> AtspiAccessibility::actionDescription(const Element& element, std::string_view action) {
+  auto names = actionNames(element);
+  if (!names.ok()) return {names.error, ""};
+  if (std::find(names.value.begin(), names.value.end(), action) == names.value.end())
+    return {AxError::actionUnsupported, ""};
+  std::string text(action.substr(action.rfind("AX") == 0 ? 2 : 0));
+  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+  return {AxError::success, text};
+}
+
+AxError AtspiAccessibility::perform(const Element& element, std::string_view action) {
+  if (!isOurs(element) || isSystemWide(element)) return AxError::illegalArgument;
+  const ObjectRef ref = refOf(element);
+  prefetched.erase(keyOf(ref));
+  ElementRecord r = s_->record(ref, basicPart | actionsPart | contentPart, s_->timeoutOf(element));
+  if (r.error != AxError::success) return r.error;
+  // Toolkits answer success to an action on a disabled control and do
+  // nothing: refuse it here instead of reporting a press that never happened.
+  if (!r.states.enabled() && (r.interfaces & actionInterface)) return AxError::cannotComplete;
+  auto doAction = [&](std::size_t index) {
+    Reply reply = s_->call(element, "org.a11y.atspi.Action", "DoAction", g_variant_new("(i)", gint32(index)));
+    if (!reply.ok()) return reply.error;
+    Variant v = replyChild(reply);
+    return v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_BOOLEAN) && !g_variant_get_boolean(v.get())
+               ? AxError::cannotComplete
+               : AxError::success;
+  };
+  if (auto index = atspiActionFor(action, r.actions)) return doAction(*index);
+  if ((action == "AXIncrement" || action == "AXDecrement") && (r.interfaces & valueInterface) && r.value) {
+    double step = r.step.value_or(0) > 0 ? *r.step : 1;
+    double next = *r.value + (action == "AXIncrement" ? step : -step);
+    if (r.maximum) next = std::min(next, *r.maximum);
+    if (r.minimum) next = std::max(next, *r.minimum);
+    return set(element, "AXValue", AxValue(next));
+  }
+  if (action == "AXRaise" && (r.interfaces & componentInterface)) return set(element, "AXFocused", AxValue(true));
+  return AxError::actionUnsupported;
+}
+
+AxResult<Element> AtspiAccessibility::elementAt(double x, double y) {
+  const gint32 px = static_cast<gint32>(std::floor(x)), py = static_cast<gint32>(std::floor(y));
+  std::optional<ObjectRef> best;
+  bool bestActive = false;
+  for (const auto& app : s_->desktopApplications()) {
+    ElementRecord a = s_->record(app, childrenPart, s_->defaultTimeout.load());
+    if (a.error != AxError::success || !a.children) continue;
+    auto windows = readRecords(s_->connection, *a.children, basicPart | extentsPart, s_->defaultTimeout.load());
+    for (std::size_t k = 0; k < windows.size(); ++k) {
+      const auto& w = windows[k];
+      if (w.error != AxError::success || !w.extents || !w.states.showing()) continue;
+      const auto& e = *w.extents;
+      if (px < e.x || py < e.y || px >= e.x + e.width || py >= e.y + e.height) continue;
+      if (!best || (w.states.active() && !bestActive)) {
+        best = (*a.children)[k];
+        bestActive = w.states.active();
+      }
+    }
+  }
+  if (!best) return {AxError::noValue, Element()};
+  ObjectRef current = *best;
+  for (int depth = 0; depth < 64; ++depth) {
+    Reply reply = callSync(s_->connection,
+                           Call{current.bus, current.path, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
+                                own(g_variant_new("(iiu)", px, py, 0u))},
+                           s_->defaultTimeout.load());
+    Variant v = replyChild(reply);
+    if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("(so)"))) break;
+    const char *bus, *path;
+    g_variant_get(v.get(), "(&s&o)", &bus, &path);
+    ObjectRef next{bus, path};
+    if (next.isNull() || next == current) break;
+    current = next;
+  }
+  return {AxError::success, atspiElement(current.bus, current.path)};
+}
+
+AxResult<std::int32_t> AtspiAccessibility::pidOf(const Element& element) {
+  auto* e = element.as<AtspiElement>();
+  if (!e || isSystemWide(element)) return {AxError::illegalArgument, 0};
+  auto pid = s_->pidOfBus(e->bus());
+  if (!pid) return {AxError::invalidElement, 0};
+  return {AxError::success, *pid};
+}
+
+void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) {
+  const auto now = std::chrono::steady_clock::now();
+  std::erase_if(prefetched, [&](const auto& entry) { return now - entry.second.at >= prefetchLife; });
+  if (elements.empty() || !isOurs(elements.front())) return;
+  const std::uint32_t parts = partsFor(names);
+  const int timeoutMs = s_->timeoutOf(elements.front());
+  std::vector<ObjectRef> level;
+  for (const auto& element : elements) {
+    ObjectRef ref = refOf(element);
+    if (!ref.bus.empty() && !prefetched.count(keyOf(ref))) level.push_back(std::move(ref));
+  }
+  // Read ahead level by level below the elements given, so that a walk of
+  // the subtree costs one round trip a level instead of one an element.
+  std::size_t read = 0;
+  while (!level.empty() && read < readAheadBudget) {
+    if (level.size() > readAheadBudget - read) level.resize(readAheadBudget - read);
+    auto records = readRecords(s_->connection, level, parts, timeoutMs);
+    read += level.size();
+    std::vector<ObjectRef> next;
+    for (std::size_t k = 0; k < records.size(); ++k) {
+      auto& r = records[k];
+      if (r.error != AxError::success) continue;
+      if ((parts & childrenPart) && r.children && r.children->size() <= longList)
+        for (const auto& child : *r.children)
+          if (!prefetched.count(keyOf(child))) next.push_back(child);
+      prefetched[keyOf(level[k])] = Prefetched{std::move(r), now};
+    }
+    if (!(parts & childrenPart)) break;
+    level = std::move(next);
+  }
+}
+
+AxResult<std::shared_ptr<Observer>> AtspiAccessibility::createObserver(std::int32_t pid, ObserverCallback callback) {
+  for (const auto& app : s_->desktopApplications())
+    if (s_->pidOfBus(app.bus) == pid)
+      return {AxError::success, std::make_shared<AtspiObserver>(pid, app.bus, std::move(callback))};
+  return {AxError::invalidElement, nullptr};
+}
+
+AxError AtspiAccessibility::addNotification(Observer& observer, const Element& element, std::string_view notification) {
+  auto* ours = dynamic_cast<AtspiObserver*>(&observer);
+  if (!ours || !isOurs(element)) return AxError::illegalArgument;
+  const auto types = eventTypesFor(notification);
+  if (types.empty()) return AxError::notificationUnsupported;
+  s_->registerEvents(types);
+  std::lock_guard guard(ours->lock);
+  if (ours->removed) return AxError::invalidObserver;
+  if (!ours->names.insert(std::string(notification)).second) return AxError::notificationAlreadyRegistered;
+  if (ours->subscription == 0) {
+    // Signals are dispatched to the thread-default context at subscription:
+    // make it the main loop's, whichever thread registers.
+    GMainContext* main = g_main_context_default();
+    g_main_context_push_thread_default(main);
+    ours->subscription =
+        g_dbus_connection_signal_subscribe(s_->connection, ours->bus().c_str(), nullptr, nullptr, nullptr, nullptr,
+                                           G_DBUS_SIGNAL_FLAGS_NONE, onEvent, ours, nullptr);
+    g_main_context_pop_thread_default(main);
+  }
+  return AxError::success;
+}
+
+void AtspiAccessibility::removeObserver(Observer& observer) {
+  auto* ours = dynamic_cast<AtspiObserver*>(&observer);
+  if (!ours) return;
+  std::lock_guard guard(ours->lock);
+  ours->removed = true;
+  ours->names.clear();
+  if (ours->subscription) g_dbus_connection_signal_unsubscribe(s_->connection, ours->subscription);
+  ours->subscription = 0;
+}
+
+std::vector<BusApplication> AtspiAccessibility::applications() {
+  std::vector<BusApplication> apps;
+  for (const auto& app : s_->desktopApplications()) {
+    auto pid = s_->pidOfBus(app.bus);
+    if (!pid) continue;
+    Reply name = callSync(s_->connection, propertyCall(app.bus, rootPath, accessibleIface, "Name"), 1000);
+    Variant v = replyChild(name);
+    apps.push_back(BusApplication{
+        app.bus, *pid,
+        v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING) ? g_variant_get_string(v.get(), nullptr) : ""});
+  }
+  return apps;
+}
+
+void AtspiAccessibility::observeActivation(std::function<void(std::int32_t pid)> callback) {
+  s_->registerEvents({"window:activate", "object:state-changed"});
+  std::lock_guard guard(s_->lock);
+  s_->activationCallbacks.push_back(std::move(callback));
+  if (s_->activationSubscription) return;
+  GMainContext* main = g_main_context_default();
+  g_main_context_push_thread_default(main);
+  s_->activationSubscription = g_dbus_connection_signal_subscribe(
+      s_->connection, nullptr, "org.a11y.atspi.Event.Window", "Activate", nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+      [](GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar*, GVariant*, gpointer data) {
+        auto* state = static_cast<State*>(data);
+        // The bus name's pid is cached after the first window of an application.
+        auto pid = state->pidOfBus(sender);
+        if (!pid) return;
+        std::vector<std::function<void(std::int32_t)>> callbacks;
+        {
+          std::lock_guard guard(state->lock);
+          callbacks = state->activationCallbacks;
+        }
+        for (auto& callback : callbacks) callback(*pid);
+      },
+      s_.get(), nullptr);
+  g_main_context_pop_thread_default(main);
+}
+
+}  // namespace glimmerstrand::platform::linux_desktop

@@ -1,0 +1,62 @@
+// The accessibility interface of the Linux desktop: AT-SPI2 spoken over
+// GDBus on the session's accessibility bus. Every call may be made from any
+// thread at once (GDBus is thread-safe and nothing here blocks on a lock
+// while the bus is called); event callbacks run on the main run loop.
+#pragma once
+
+#include <memory>
+
+#include "platform/accessibility.h"
+#include "platform/linux/atspi_bus.h"
+#include "platform/linux/atspi_reader.h"
+#include "platform/run_loop.h"
+
+namespace glimmerstrand::platform::linux_desktop {
+
+/// The applications on the accessibility bus, as the registry lists them.
+struct BusApplication {
+  std::string bus;
+  std::int32_t pid = 0;
+  std::string name;
+};
+
+class AtspiAccessibility final : public Accessibility {
+ public:
+  /// `bus` and `mainLoop` outlive this object.
+  AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop);
+  ~AtspiAccessibility() override;
+
+  bool isTrusted() override;
+  bool requestTrust() override;
+  Element applicationElement(std::int32_t pid) override;
+  Element systemWide() override;
+  AxError setMessagingTimeout(const Element& element, double seconds) override;
+  AxResult<std::vector<AxValue>> copyMultiple(const Element& element, const std::vector<std::string>& names) override;
+  AxValue copy(const Element& element, std::string_view name) override;
+  AxError set(const Element& element, std::string_view name, const AxValue& value) override;
+  AxResult<bool> isSettable(const Element& element, std::string_view name) override;
+  AxResult<std::vector<std::string>> attributeNames(const Element& element) override;
+  AxResult<std::vector<std::string>> actionNames(const Element& element) override;
+  AxResult<std::string> actionDescription(const Element& element, std::string_view action) override;
+  AxError perform(const Element& element, std::string_view action) override;
+  AxResult<Element> elementAt(double x, double y) override;
+  AxResult<std::int32_t> pidOf(const Element& element) override;
+  void prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) override;
+  AxResult<std::shared_ptr<Observer>> createObserver(std::int32_t pid, ObserverCallback callback) override;
+  AxError addNotification(Observer& observer, const Element& element, std::string_view notification) override;
+  void removeObserver(Observer& observer) override;
+
+  /// Every application on the bus with its pid and name, in the registry's
+  /// order. Calls the bus.
+  std::vector<BusApplication> applications();
+  /// Runs `callback` on the main run loop whenever a window of an
+  /// application becomes active, with that application's pid.
+  void observeActivation(std::function<void(std::int32_t pid)> callback);
+
+  struct State;
+
+ private:
+  std::unique_ptr<State> s_;
+};
+
+}  // namespace glimmerstrand::platform::linux_desktop

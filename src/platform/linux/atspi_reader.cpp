@@ -1,0 +1,374 @@
+#include "platform/linux/atspi_reader.h"
+
+#include "platform/linux/atspi_element.h"
+
+#include <atspi/atspi-constants.h>
+
+#include <algorithm>
+#include <cctype>
+#include <climits>
+#include <functional>
+
+namespace glimmerstrand::platform::linux_desktop {
+
+namespace {
+
+constexpr const char* accessibleIface = "org.a11y.atspi.Accessible";
+constexpr const char* nullPath = "/org/a11y/atspi/null";
+
+// A round of calls, each with what to do with its reply.
+class Round {
+ public:
+  using Handler = std::function<void(const Reply&)>;
+  void add(Call call, Handler handler) {
+    calls_.push_back(std::move(call));
+    handlers_.push_back(std::move(handler));
+  }
+  void run(GDBusConnection* connection, int timeoutMs) {
+    auto replies = callAll(connection, calls_, timeoutMs);
+    for (std::size_t k = 0; k < replies.size(); ++k) handlers_[k](replies[k]);
+    calls_.clear();
+    handlers_.clear();
+  }
+
+ private:
+  std::vector<Call> calls_;
+  std::vector<Handler> handlers_;
+};
+
+Call method(const ObjectRef& ref, const char* interface, const char* name, GVariant* args = nullptr) {
+  return Call{ref.bus, ref.path, interface, name, own(args)};
+}
+
+std::string stringOf(const Variant& v) {
+  if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING)) return "";
+  return g_variant_get_string(v.get(), nullptr);
+}
+
+std::optional<std::int32_t> intOf(const Variant& v) {
+  if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_INT32)) return std::nullopt;
+  return g_variant_get_int32(v.get());
+}
+
+std::optional<double> doubleOf(const Variant& v) {
+  if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_DOUBLE)) return std::nullopt;
+  return g_variant_get_double(v.get());
+}
+
+std::optional<ObjectRef> refOf(GVariant* v) {
+  if (!v || !g_variant_is_of_type(v, G_VARIANT_TYPE("(so)"))) return std::nullopt;
+  const char* bus = nullptr;
+  const char* path = nullptr;
+  g_variant_get(v, "(&s&o)", &bus, &path);
+  return ObjectRef{bus, path};
+}
+
+std::vector<ObjectRef> refsOf(const Variant& list) {
+  std::vector<ObjectRef> refs;
+  if (!list || !g_variant_is_of_type(list.get(), G_VARIANT_TYPE("a(so)"))) return refs;
+  refs.reserve(g_variant_n_children(list.get()));
+  GVariantIter iter;
+  g_variant_iter_init(&iter, list.get());
+  const char* bus = nullptr;
+  const char* path = nullptr;
+  while (g_variant_iter_next(&iter, "(&s&o)", &bus, &path))
+    if (std::string_view(path) != nullPath) refs.push_back(ObjectRef{bus, path});
+  return refs;
+}
+
+// A failure of the first, most basic call decides whether the element is
+// there at all; later calls failing only leave their part empty.
+void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
+  round.add(method(ref, accessibleIface, "GetRole"), [&r](const Reply& reply) {
+    if (!reply.ok()) {
+      r.error = reply.error == AxError::attributeUnsupported ? AxError::invalidElement : reply.error;
+      return;
+    }
+    Variant v = replyChild(reply);
+    if (v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_UINT32)) r.role = g_variant_get_uint32(v.get());
+  });
+  round.add(method(ref, accessibleIface, "GetState"), [&r](const Reply& reply) {
+    Variant v = replyChild(reply);
+    if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("au"))) return;
+    std::size_t n = 0;
+    auto* words = static_cast<const std::uint32_t*>(g_variant_get_fixed_array(v.get(), &n, sizeof(std::uint32_t)));
+    for (std::size_t k = 0; k < n && k < 2; ++k) r.states.bits |= std::uint64_t(words[k]) << (32 * k);
+  });
+  round.add(method(ref, accessibleIface, "GetInterfaces"), [&r](const Reply& reply) {
+    Variant v = replyChild(reply);
+    if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING_ARRAY)) return;
+    GVariantIter iter;
+    g_variant_iter_init(&iter, v.get());
+    const char* name = nullptr;
+    while (g_variant_iter_next(&iter, "&s", &name)) r.interfaces |= interfaceBit(name);
+  });
+  round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Name"),
+            [&r](const Reply& reply) { r.name = stringOf(replyChild(reply)); });
+  round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Description"),
+            [&r](const Reply& reply) { r.description = stringOf(replyChild(reply)); });
+  round.add(propertyCall(ref.bus, ref.path, accessibleIface, "AccessibleId"),
+            [&r](const Reply& reply) { r.accessibleId = stringOf(replyChild(reply)); });
+}
+
+void readChildren(Round& round, const ObjectRef& ref, ElementRecord& r) {
+  round.add(method(ref, accessibleIface, "GetChildren"), [&r](const Reply& reply) {
+    if (reply.ok()) r.children = refsOf(replyChild(reply));
+  });
+}
+
+void readParent(Round& round, const ObjectRef& ref, ElementRecord& r) {
+  round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Parent"), [&r](const Reply& reply) {
+    Variant v = replyChild(reply);
+    if (auto parent = refOf(v.get()); parent && !parent->isNull()) r.parent = *parent;
+  });
+}
+
+bool textIsValue(const ElementRecord& r) {
+  return isStaticTextRole(r.role) || isTextEntryRole(r.role) || isComboRole(r.role) ||
+         (r.name.empty() && !isApplicationRole(r.role) && !isWindowRole(r.role));
+}
+
+// The calls that depend on what the first round told: the interfaces and
+// the role.
+void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts) {
+  if ((parts & extentsPart) && (r.interfaces & componentInterface)) {
+    round.add(method(ref, "org.a11y.atspi.Component", "GetExtents", g_variant_new("(u)", 0u)),
+              [&r](const Reply& reply) {
+                Variant v = replyChild(reply);
+                if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("(iiii)"))) return;
+                gint32 x, y, w, h;
+                g_variant_get(v.get(), "(iiii)", &x, &y, &w, &h);
+                // Hidden and off-screen objects report INT_MIN: they have no frame.
+                if (x == INT_MIN || y == INT_MIN) return;
+                r.extents = AxRect{double(x), double(y), double(w), double(h)};
+              });
+  }
+  if ((parts & (contentPart | textPart)) && (r.interfaces & textInterface)) {
+    round.add(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Text", "CharacterCount"),
+              [&r](const Reply& reply) { r.characterCount = intOf(replyChild(reply)).value_or(-1); });
+  }
+  if ((parts & contentPart) && (r.interfaces & valueInterface)) {
+    auto value = [&](const char* property, std::optional<double>& out) {
+      round.add(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Value", property),
+                [&out](const Reply& reply) { out = doubleOf(replyChild(reply)); });
+    };
+    value("CurrentValue", r.value);
+    value("MinimumValue", r.minimum);
+    value("MaximumValue", r.maximum);
+    value("MinimumIncrement", r.step);
+  }
+  if ((parts & contentPart) && (r.interfaces & hyperlinkInterface)) {
+    round.add(method(ref, "org.a11y.atspi.Hyperlink", "GetURI", g_variant_new("(i)", 0)),
+              [&r](const Reply& reply) { r.uri = stringOf(replyChild(reply)); });
+  }
+  if ((parts & contentPart) && isTextEntryRole(r.role)) {
+    round.add(method(ref, accessibleIface, "GetAttributes"), [&r](const Reply& reply) {
+      Variant v = replyChild(reply);
+      if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("a{ss}"))) return;
+      const char* text = nullptr;
+      if (g_variant_lookup(v.get(), "placeholder-text", "&s", &text)) r.placeholder = text;
+    });
+  }
+  if (((parts & contentPart) && roleNeedsParent(r.role) && !r.parent)) readParent(round, ref, r);
+  if ((parts & contentPart) && roleNeedsChildren(r.role) && r.children) {
+    for (std::size_t k = 0; k < r.children->size() && k < 3; ++k) {
+      round.add(method((*r.children)[k], accessibleIface, "GetRole"), [&r](const Reply& reply) {
+        Variant v = replyChild(reply);
+        if (v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_UINT32) && isTextEntryRole(g_variant_get_uint32(v.get())))
+          r.editableChild = true;
+      });
+    }
+  }
+  if ((parts & actionsPart) && (r.interfaces & actionInterface)) {
+    round.add(method(ref, "org.a11y.atspi.Action", "GetActions"), [&r](const Reply& reply) {
+      Variant v = replyChild(reply);
+      if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("a(sss)"))) return;
+      GVariantIter iter;
+      g_variant_iter_init(&iter, v.get());
+      const char *name, *description, *keys;
+      while (g_variant_iter_next(&iter, "(&s&s&s)", &name, &description, &keys)) r.actions.emplace_back(name);
+    });
+  }
+  if ((parts & textPart) && (r.interfaces & textInterface)) {
+    round.add(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Text", "CaretOffset"),
+              [&r](const Reply& reply) { r.caret = intOf(replyChild(reply)).value_or(-1); });
+    round.add(method(ref, "org.a11y.atspi.Text", "GetSelection", g_variant_new("(i)", 0)), [&r](const Reply& reply) {
+      if (!reply.ok()) return;
+      gint32 start, end;
+      g_variant_get(reply.value.get(), "(ii)", &start, &end);
+      if (end > start) r.selection = std::pair{start, end};
+    });
+  }
+}
+
+void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts) {
+  // Some toolkits answer GetText(0, -1) with nothing: ask for the count.
+  if ((parts & contentPart) && r.characterCount > 0 && textIsValue(r)) {
+    round.add(method(ref, "org.a11y.atspi.Text", "GetText", g_variant_new("(ii)", 0, r.characterCount)),
+              [&r](const Reply& reply) {
+                if (reply.ok()) r.text = stringOf(replyChild(reply));
+              });
+  } else if ((parts & contentPart) && r.characterCount == 0 && textIsValue(r)) {
+    r.text = "";
+  }
+  if ((parts & contentPart) && roleNeedsParent(r.role) && r.parent) {
+    round.add(method(*r.parent, accessibleIface, "GetRole"), [&r](const Reply& reply) {
+      Variant v = replyChild(reply);
+      if (v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_UINT32)) r.parentRole = g_variant_get_uint32(v.get());
+    });
+  }
+}
+
+}  // namespace
+
+std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
+                                       std::uint32_t parts, int timeoutMs) {
+  // Interfaces and role steer every later part: read them whenever more
+  // than the structure is asked for.
+  if (parts & ~(childrenPart | parentPart)) parts |= basicPart;
+  std::vector<ElementRecord> records(elements.size());
+  Round round;
+  for (std::size_t k = 0; k < elements.size(); ++k) {
+    records[k].parts = parts;
+    if (parts & basicPart) readBasic(round, elements[k], records[k]);
+    if (parts & childrenPart) readChildren(round, elements[k], records[k]);
+    if (parts & parentPart) readParent(round, elements[k], records[k]);
+  }
+  if (!(parts & basicPart)) {
+    // Structure only: a missing answer is all we can go by.
+    round.run(connection, timeoutMs);
+    for (auto& r : records)
+      if ((parts & childrenPart) && !r.children) r.error = AxError::invalidElement;
+    return records;
+  }
+  round.run(connection, timeoutMs);
+  for (std::size_t k = 0; k < elements.size(); ++k)
+    if (records[k].error == AxError::success) readSecond(round, elements[k], records[k], parts);
+  round.run(connection, timeoutMs);
+  for (std::size_t k = 0; k < elements.size(); ++k)
+    if (records[k].error == AxError::success) readThird(round, elements[k], records[k], parts);
+  round.run(connection, timeoutMs);
+  return records;
+}
+
+std::uint32_t partsFor(const std::vector<std::string>& names) {
+  std::uint32_t parts = 0;
+  for (const auto& name : names) {
+    if (name == "AXChildren" || name == "AXWindows" || name == "AXFocusedWindow" || name == "AXMainWindow" ||
+        name == "AXMenuBar" || name == "AXVisibleChildren")
+      parts |= childrenPart | basicPart;
+    else if (name == "AXParent")
+      parts |= parentPart;
+    else if (name == "AXPosition" || name == "AXSize" || name == "AXFrame")
+      parts |= extentsPart;
+    else if (name == "AXSelectedTextRange" || name == "AXNumberOfCharacters" || name == "AXSelectedText" ||
+             name == "AXInsertionPointLineNumber")
+      parts |= textPart | contentPart;
+    else
+      parts |= basicPart | contentPart;
+  }
+  return parts;
+}
+
+std::string cleanedName(const std::string& name, std::uint32_t role, std::string_view toolkit) {
+  if (toolkit != "GTK") return name;
+  // An unlabelled widget named after its class ("GtkButton") has no name.
+  if (name.size() > 3 && name.compare(0, 3, "Gtk") == 0 && std::isupper(static_cast<unsigned char>(name[3])) &&
+      name.find(' ') == std::string::npos)
+    return "";
+  const bool buttonLike = role == ATSPI_ROLE_PUSH_BUTTON || role == ATSPI_ROLE_TOGGLE_BUTTON ||
+                          role == ATSPI_ROLE_CHECK_BOX || role == ATSPI_ROLE_RADIO_BUTTON ||
+                          role == ATSPI_ROLE_PUSH_BUTTON_MENU;
+  if (!buttonLike || name.size() < 3 || name.size() % 2 == 0) return name;
+  // A button's label read twice ("1 1", "_Retry Retry"): keep the second,
+  // which has no mnemonic mark.
+  const std::size_t half = name.size() / 2;
+  if (name[half] != ' ') {
+    // With a mnemonic underscore the halves differ by one byte.
+    const std::size_t cut = name.find(' ');
+    if (cut == std::string::npos || name[0] != '_') return name;
+    std::string second = name.substr(cut + 1);
+    std::string plain;
+    for (char c : name.substr(0, cut))
+      if (c != '_') plain += c;
+    return plain == second ? second : name;
+  }
+  std::string first = name.substr(0, half), second = name.substr(half + 1);
+  return first == second ? second : name;
+}
+
+namespace {
+
+AxValue missing() { return AxError::attributeUnsupported; }
+
+AxValue textOrMissing(const std::string& text) { return text.empty() ? missing() : AxValue(text); }
+
+AxValue valueOf(const ElementRecord& r, std::string_view toolkit) {
+  if (isCheckRole(r.role)) {
+    if (r.role == ATSPI_ROLE_PAGE_TAB) return AxValue(r.states.selected() ? 1 : 0);
+    if (r.states.indeterminate()) return AxValue(2);
+    return AxValue(r.states.checked() || r.states.pressed() ? 1 : 0);
+  }
+  if (isRangeRole(r.role) && r.value) return AxValue(*r.value);
+  if (r.text) return AxValue(*r.text);
+  if (isComboRole(r.role)) return textOrMissing(cleanedName(r.name, r.role, toolkit));
+  if (isStaticTextRole(r.role)) return textOrMissing(cleanedName(r.name, r.role, toolkit));
+  if (r.value) return AxValue(*r.value);
+  return missing();
+}
+
+AxValue titleOf(const ElementRecord& r, std::string_view toolkit) {
+  // Static text shows its text as its value; a pop-up's name is its choice.
+  if (isStaticTextRole(r.role) || (isComboRole(r.role) && !r.editableChild)) return missing();
+  return textOrMissing(cleanedName(r.name, r.role, toolkit));
+}
+
+AxValue childrenOf(const ElementRecord& r) {
+  if (!r.children) return AxError::noValue;
+  AxList list;
+  list.reserve(r.children->size());
+  for (const auto& child : *r.children) list.emplace_back(atspiElement(child.bus, child.path));
+  return list;
+}
+
+}  // namespace
+
+AxValue attributeValue(const ElementRecord& r, std::string_view name, std::string_view toolkit) {
+  if (r.error != AxError::success) return r.error;
+  const AxRole ax = axRole(r.roleContext());
+  if (name == "AXRole") return ax.role;
+  if (name == "AXSubrole") return ax.subrole.empty() ? missing() : AxValue(ax.subrole);
+  if (name == "AXTitle") return titleOf(r, toolkit);
+  if (name == "AXDescription") return textOrMissing(r.description);
+  if (name == "AXValue") return valueOf(r, toolkit);
+  if (name == "AXIdentifier") return textOrMissing(r.accessibleId);
+  if (name == "AXPlaceholderValue") return textOrMissing(r.placeholder);
+  if (name == "AXPosition") return r.extents ? AxValue(AxPoint{r.extents->x, r.extents->y}) : missing();
+  if (name == "AXSize") return r.extents ? AxValue(AxSize{r.extents->width, r.extents->height}) : missing();
+  if (name == "AXFrame") return r.extents ? AxValue(*r.extents) : missing();
+  if (name == "AXEnabled") {
+    // Only controls can be disabled; a container without the state is not.
+    const bool control = r.interfaces & (actionInterface | editableTextInterface | valueInterface);
+    return AxValue(!control || r.states.enabled());
+  }
+  if (name == "AXFocused") return AxValue(r.states.focused());
+  if (name == "AXSelected") return r.states.selectable() ? AxValue(r.states.selected()) : missing();
+  if (name == "AXExpanded") return r.states.expandable() ? AxValue(r.states.expanded()) : missing();
+  if (name == "AXMenuItemMarkChar") return isCheckMenuItemRole(r.role) && r.states.checked() ? AxValue("✓") : missing();
+  if (name == "AXURL") return r.uri.empty() ? missing() : AxValue(AxUrl{r.uri});
+  if (name == "AXChildren") return childrenOf(r);
+  if (name == "AXParent") return r.parent ? AxValue(atspiElement(r.parent->bus, r.parent->path)) : AxError::noValue;
+  if (name == "AXMinimized") return AxValue(r.states.iconified());
+  if (name == "AXMain" || name == "AXFrontmost") return AxValue(r.states.active());
+  if (name == "AXMinValue") return r.minimum ? AxValue(*r.minimum) : missing();
+  if (name == "AXMaxValue") return r.maximum ? AxValue(*r.maximum) : missing();
+  if (name == "AXNumberOfCharacters") return r.characterCount >= 0 ? AxValue(r.characterCount) : missing();
+  if (name == "AXSelectedTextRange") {
+    if (r.characterCount < 0) return missing();
+    if (r.selection) return AxValue(AxRange{r.selection->first, r.selection->second - r.selection->first});
+    return AxValue(AxRange{std::max(r.caret, 0), 0});
+  }
+  return missing();
+}
+
+}  // namespace glimmerstrand::platform::linux_desktop

@@ -1,0 +1,85 @@
+// Reads what an element shows through AT-SPI, for many elements at once:
+// every call of a round goes out before the first reply is awaited, so a
+// batch costs a few round trips however many elements it covers. Internal to
+// the Linux backend. Thread-safe: it keeps no state of its own.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/ax_error.h"
+#include "platform/ax_value.h"
+#include "platform/linux/atspi_vocabulary.h"
+#include "platform/linux/gdbus_call.h"
+
+namespace glimmerstrand::platform::linux_desktop {
+
+/// An object reference as AT-SPI passes it: bus name and path.
+struct ObjectRef {
+  std::string bus;
+  std::string path;
+  bool isNull() const { return bus.empty() || path == "/org/a11y/atspi/null"; }
+  bool operator==(const ObjectRef&) const = default;
+};
+
+/// What to read. Each part costs calls; a read asks for what its names need.
+enum Part : std::uint32_t {
+  basicPart = 1u << 0,     // role, states, interfaces, name, description, id
+  childrenPart = 1u << 1,  // the children
+  extentsPart = 1u << 2,   // the frame
+  contentPart = 1u << 3,   // text, value, URL, placeholder, and what the role needs
+  parentPart = 1u << 4,    // the parent
+  actionsPart = 1u << 5,   // the action names
+  textPart = 1u << 6,      // caret, selection and character count
+  allWalkParts = basicPart | childrenPart | extentsPart | contentPart,
+};
+
+struct ElementRecord {
+  AxError error = AxError::success;  // set when the element could not be read at all
+  std::uint32_t parts = 0;           // what was read
+  std::uint32_t role = 0;
+  States states;
+  std::uint32_t interfaces = 0;
+  std::string name;
+  std::string description;
+  std::string accessibleId;
+  std::optional<std::vector<ObjectRef>> children;
+  std::optional<AxRect> extents;  // absent for hidden objects
+  std::optional<std::string> text;
+  std::optional<double> value;
+  std::optional<double> minimum, maximum, step;
+  std::string placeholder;
+  std::string uri;
+  std::optional<ObjectRef> parent;
+  std::optional<std::uint32_t> parentRole;
+  bool editableChild = false;
+  std::vector<std::string> actions;
+  std::int32_t characterCount = -1;
+  std::int32_t caret = -1;
+  std::optional<std::pair<std::int32_t, std::int32_t>> selection;
+  std::string toolkit;  // of the application element only, for its quirks
+
+  RoleContext roleContext() const { return {role, states, interfaces, parentRole, editableChild}; }
+};
+
+/// Reads `parts` of each element, pipelined. One record per element, in order;
+/// a record whose element is gone or does not answer has its error set.
+std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
+                                       std::uint32_t parts, int timeoutMs);
+
+/// The AX value of one attribute from a record; an AxError value when the
+/// element does not have it. `toolkit` names the application's toolkit
+/// ("GTK", "Qt"), whose naming quirks are undone here.
+AxValue attributeValue(const ElementRecord& record, std::string_view name, std::string_view toolkit);
+
+/// The parts a read of these AX attribute names needs.
+std::uint32_t partsFor(const std::vector<std::string>& names);
+
+/// A toolkit's name for a button or a label, cleaned of what the toolkit adds
+/// (a repeated label, a mnemonic underscore, a class name for no name).
+std::string cleanedName(const std::string& name, std::uint32_t role, std::string_view toolkit);
+
+}  // namespace glimmerstrand::platform::linux_desktop

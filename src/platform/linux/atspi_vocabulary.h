@@ -1,0 +1,116 @@
+// The AT-SPI vocabulary translated into the AX one, in one table each: roles,
+// states, interfaces, actions and events. Everything above the Linux backend
+// speaks AX names; nothing outside this file and its source knows an AT-SPI
+// role number or event name.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace glimmerstrand::platform::linux_desktop {
+
+/// The interfaces an element implements, as bits.
+enum Interface : std::uint32_t {
+  accessibleInterface = 1u << 0,
+  actionInterface = 1u << 1,
+  componentInterface = 1u << 2,
+  textInterface = 1u << 3,
+  editableTextInterface = 1u << 4,
+  valueInterface = 1u << 5,
+  selectionInterface = 1u << 6,
+  hyperlinkInterface = 1u << 7,
+  tableInterface = 1u << 8,
+  applicationInterface = 1u << 9,
+  collectionInterface = 1u << 10,
+  hypertextInterface = 1u << 11,
+};
+
+/// The bit of one D-Bus interface name ("org.a11y.atspi.Text"); 0 for others.
+std::uint32_t interfaceBit(std::string_view name);
+
+/// The states we read, as bit numbers of the AT-SPI state set.
+struct States {
+  std::uint64_t bits = 0;
+  bool has(int state) const { return state >= 0 && state < 64 && (bits >> state) & 1u; }
+  bool active() const;
+  bool checked() const;
+  bool indeterminate() const;
+  bool pressed() const;
+  bool editable() const;
+  bool enabled() const;
+  bool expandable() const;
+  bool expanded() const;
+  bool focusable() const;
+  bool focused() const;
+  bool iconified() const;
+  bool multiLine() const;
+  bool selectable() const;
+  bool selected() const;
+  bool showing() const;
+  bool visible() const;
+  bool managesDescendants() const;
+  bool defunct() const;
+};
+
+/// What decides an element's AX role besides its own AT-SPI role.
+struct RoleContext {
+  std::uint32_t role = 0;
+  States states;
+  std::uint32_t interfaces = 0;
+  std::optional<std::uint32_t> parentRole;  // read for menus only
+  bool editableChild = false;               // read for combo boxes only
+};
+
+struct AxRole {
+  std::string role;
+  std::string subrole;  // empty for none
+};
+
+AxRole axRole(const RoleContext& context);
+
+/// Whether the AX role of an element with this AT-SPI role depends on its
+/// parent's role, or on its children.
+bool roleNeedsParent(std::uint32_t role);
+bool roleNeedsChildren(std::uint32_t role);
+/// Whether the AT-SPI role is a menu bar, a menu or a popup menu.
+bool isMenuRole(std::uint32_t role);
+bool isWindowRole(std::uint32_t role);
+bool isApplicationRole(std::uint32_t role);
+/// Roles whose value is the number of a Value interface rather than text.
+bool isRangeRole(std::uint32_t role);
+/// Roles whose AX value is a check state (0, 1 or 2).
+bool isCheckRole(std::uint32_t role);
+bool isComboRole(std::uint32_t role);
+bool isTextEntryRole(std::uint32_t role);
+/// Roles shown as static text: their text is their value, not their title.
+bool isStaticTextRole(std::uint32_t role);
+/// Menu items with a check mark.
+bool isCheckMenuItemRole(std::uint32_t role);
+bool isColumnHeaderRole(std::uint32_t role);
+
+/// The AT-SPI action that serves an AX action ("AXPress" → the first of
+/// click, press, activate, toggle, jump), by index into `actions`.
+std::optional<std::size_t> atspiActionFor(std::string_view axAction, const std::vector<std::string>& actions);
+/// The AX names of an element's AT-SPI actions, each once, in a stable order.
+std::vector<std::string> axActionNames(const std::vector<std::string>& actions, std::uint32_t interfaces);
+
+/// An AT-SPI event, as it arrives: the signal's interface suffix ("Object",
+/// "Window", "Focus"), its member ("StateChanged") and its detail ("focused").
+struct AtspiEvent {
+  std::string_view interface;
+  std::string_view member;
+  std::string_view detail;
+  std::int32_t detail1 = 0;
+};
+
+/// The AX notification an event means; none for events the mirror does not
+/// follow (including those that would flood it).
+std::optional<std::string_view> notificationFor(const AtspiEvent& event);
+/// The AT-SPI event types (as the registry names them, "object:state-changed")
+/// that can produce this notification; empty when none can.
+std::vector<std::string> eventTypesFor(std::string_view notification);
+
+}  // namespace glimmerstrand::platform::linux_desktop

@@ -1,0 +1,124 @@
+#include "platform/linux/gdbus_call.h"
+
+#include <cstring>
+
+namespace glimmerstrand::platform::linux_desktop {
+
+namespace {
+
+struct ErrorFree {
+  void operator()(GError* e) const { g_error_free(e); }
+};
+using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
+
+Reply replyOf(GVariant* value, GError* raw) {
+  ErrorPtr error(raw);
+  Reply reply;
+  if (error) {
+    reply.error = translateError(error.get());
+    if (g_dbus_error_is_remote_error(error.get())) {
+      gchar* name = g_dbus_error_get_remote_error(error.get());
+      reply.errorName = name ? name : "";
+      g_free(name);
+    } else {
+      reply.errorName = error->message ? error->message : "";
+    }
+    return reply;
+  }
+  reply.value = Variant(value);
+  return reply;
+}
+
+// GDBus owns its arguments' floating references only; a Call keeps its own
+// reference, so hand over a fresh one each time.
+GVariant* argsOf(const Call& call) { return call.args ? g_variant_ref(call.args.get()) : nullptr; }
+
+}  // namespace
+
+AxError translateError(const GError* error) {
+  if (!error) return AxError::success;
+  if (error->domain == G_IO_ERROR && error->code == G_IO_ERROR_TIMED_OUT) return AxError::cannotComplete;
+  if (error->domain == G_IO_ERROR && error->code == G_IO_ERROR_CLOSED) return AxError::cannotComplete;
+  if (error->domain == G_DBUS_ERROR) {
+    switch (error->code) {
+      case G_DBUS_ERROR_UNKNOWN_OBJECT:
+      case G_DBUS_ERROR_SERVICE_UNKNOWN:
+      case G_DBUS_ERROR_NAME_HAS_NO_OWNER:
+        return AxError::invalidElement;
+      case G_DBUS_ERROR_UNKNOWN_METHOD:
+      case G_DBUS_ERROR_UNKNOWN_INTERFACE:
+      case G_DBUS_ERROR_UNKNOWN_PROPERTY:
+      case G_DBUS_ERROR_INVALID_ARGS:
+        return AxError::attributeUnsupported;
+      case G_DBUS_ERROR_NO_REPLY:
+      case G_DBUS_ERROR_TIMEOUT:
+      case G_DBUS_ERROR_TIMED_OUT:
+        return AxError::cannotComplete;
+      default:
+        break;
+    }
+  }
+  return AxError::failure;
+}
+
+Reply callSync(GDBusConnection* connection, const Call& call, int timeoutMs) {
+  GError* error = nullptr;
+  GVariant* value =
+      g_dbus_connection_call_sync(connection, call.bus.c_str(), call.path.c_str(), call.interface, call.method,
+                                  argsOf(call), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs, nullptr, &error);
+  return replyOf(value, error);
+}
+
+std::vector<Reply> callAll(GDBusConnection* connection, const std::vector<Call>& calls, int timeoutMs) {
+  std::vector<Reply> replies(calls.size());
+  if (calls.empty()) return replies;
+  if (calls.size() == 1) {
+    replies[0] = callSync(connection, calls[0], timeoutMs);
+    return replies;
+  }
+  struct Pending {
+    std::vector<Reply>* replies;
+    std::size_t index;
+    std::size_t* remaining;
+    GDBusConnection* connection;
+  };
+  std::size_t remaining = calls.size();
+  // Replies are dispatched to the main context that is the thread's default
+  // when a call is made: a private one, iterated right here.
+  GMainContext* context = g_main_context_new();
+  g_main_context_push_thread_default(context);
+  std::vector<Pending> pending(calls.size());
+  for (std::size_t k = 0; k < calls.size(); ++k) {
+    pending[k] = Pending{&replies, k, &remaining, connection};
+    const Call& call = calls[k];
+    g_dbus_connection_call(
+        connection, call.bus.c_str(), call.path.c_str(), call.interface, call.method, argsOf(call), nullptr,
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs, nullptr,
+        [](GObject*, GAsyncResult* result, gpointer data) {
+          auto* p = static_cast<Pending*>(data);
+          GError* error = nullptr;
+          GVariant* value = g_dbus_connection_call_finish(p->connection, result, &error);
+          (*p->replies)[p->index] = replyOf(value, error);
+          --*p->remaining;
+        },
+        &pending[k]);
+  }
+  while (remaining > 0) g_main_context_iteration(context, TRUE);
+  g_main_context_pop_thread_default(context);
+  g_main_context_unref(context);
+  return replies;
+}
+
+Call propertyCall(const std::string& bus, const std::string& path, const char* interface, const char* property) {
+  return Call{bus, path, "org.freedesktop.DBus.Properties", "Get", own(g_variant_new("(ss)", interface, property))};
+}
+
+Variant replyChild(const Reply& reply, std::size_t index) {
+  if (!reply.ok() || !reply.value || !g_variant_is_container(reply.value.get())) return nullptr;
+  if (index >= g_variant_n_children(reply.value.get())) return nullptr;
+  Variant child(g_variant_get_child_value(reply.value.get(), index));
+  if (g_variant_is_of_type(child.get(), G_VARIANT_TYPE_VARIANT)) return Variant(g_variant_get_variant(child.get()));
+  return child;
+}
+
+}  // namespace glimmerstrand::platform::linux_desktop

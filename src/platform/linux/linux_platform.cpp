@@ -1,0 +1,53 @@
+#include "platform/linux/linux_platform.h"
+
+#include <optional>
+
+#include "platform/linux/atspi_accessibility.h"
+#include "platform/linux/atspi_bus.h"
+#include "platform/linux/glib_run_loop.h"
+#include "platform/linux/linux_workspace.h"
+#include "platform/linux/pending_devices.h"
+
+namespace glimmerstrand::platform::linux_desktop {
+
+namespace {
+
+class LinuxPlatform final : public Platform {
+ public:
+  explicit LinuxPlatform(AtspiBus bus) : bus_(std::move(bus)), accessibility_(bus_, loop_), workspace_(accessibility_) {
+    // Toolkits that build their trees only on request (Qt) are asked to.
+    if (!bus_.isEnabled()) bus_.enable();
+  }
+
+  std::string_view name() const override { return "linux"; }
+  Accessibility& accessibility() override { return accessibility_; }
+  Input& input() override { return input_; }
+  Workspace& workspace() override { return workspace_; }
+  Pasteboard& pasteboard() override { return pasteboard_; }
+  Screen& screen() override { return screen_; }
+  Session& session() override { return session_; }
+  OverlayPainter& overlay() override { return overlay_; }
+  Clock& clock() override { return systemClock(); }
+  RunLoop& mainLoop() override { return loop_; }
+
+ private:
+  GlibRunLoop loop_;
+  AtspiBus bus_;
+  AtspiAccessibility accessibility_;
+  LinuxWorkspace workspace_;
+  PendingInput input_;
+  PendingPasteboard pasteboard_;
+  PendingScreen screen_;
+  PendingSession session_;
+  PendingOverlay overlay_;
+};
+
+}  // namespace
+
+std::unique_ptr<Platform> makeLinuxPlatform(std::string& problem) {
+  auto bus = AtspiBus::connect(problem);
+  if (!bus) return nullptr;
+  return std::make_unique<LinuxPlatform>(std::move(*bus));
+}
+
+}  // namespace glimmerstrand::platform::linux_desktop
