@@ -209,8 +209,6 @@ void onEvent(GDBusConnection*, const gchar* sender, const gchar* path, const gch
 AtspiAccessibility::AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop) : s_(std::make_unique<State>(bus, mainLoop)) {
   // AT-SPI cannot be asked which element has the focus: follow it.
   s_->registerEvents({"object:state-changed"});
-  GMainContext* main = g_main_context_default();
-  g_main_context_push_thread_default(main);
   s_->focusSubscription = g_dbus_connection_signal_subscribe(
       s_->connection, nullptr, "org.a11y.atspi.Event.Object", "StateChanged", nullptr, "focused",
       G_DBUS_SIGNAL_FLAGS_NONE,
@@ -227,7 +225,6 @@ AtspiAccessibility::AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop) : s_(st
         state->lastFocused[sender] = ObjectRef{sender, path};
       },
       s_.get(), nullptr);
-  g_main_context_pop_thread_default(main);
 }
 
 AtspiAccessibility::~AtspiAccessibility() {
@@ -607,14 +604,12 @@ AxError AtspiAccessibility::addNotification(Observer& observer, const Element& e
   if (ours->removed) return AxError::invalidObserver;
   if (!ours->names.insert(std::string(notification)).second) return AxError::notificationAlreadyRegistered;
   if (ours->subscription == 0) {
-    // Signals are dispatched to the thread-default context at subscription:
-    // make it the main loop's, whichever thread registers.
-    GMainContext* main = g_main_context_default();
-    g_main_context_push_thread_default(main);
+    // Signals are dispatched to the context that is the thread's default at
+    // subscription; no thread of ours keeps one pushed outside a batch of
+    // calls, so that is the global one the main loop runs.
     ours->subscription =
         g_dbus_connection_signal_subscribe(s_->connection, ours->bus().c_str(), nullptr, nullptr, nullptr, nullptr,
                                            G_DBUS_SIGNAL_FLAGS_NONE, onEvent, ours, nullptr);
-    g_main_context_pop_thread_default(main);
   }
   return AxError::success;
 }
@@ -648,8 +643,6 @@ void AtspiAccessibility::observeActivation(std::function<void(std::int32_t pid)>
   std::lock_guard guard(s_->lock);
   s_->activationCallbacks.push_back(std::move(callback));
   if (s_->activationSubscription) return;
-  GMainContext* main = g_main_context_default();
-  g_main_context_push_thread_default(main);
   s_->activationSubscription = g_dbus_connection_signal_subscribe(
       s_->connection, nullptr, "org.a11y.atspi.Event.Window", "Activate", nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
       [](GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar*, GVariant*, gpointer data) {
@@ -665,7 +658,6 @@ void AtspiAccessibility::observeActivation(std::function<void(std::int32_t pid)>
         for (auto& callback : callbacks) callback(*pid);
       },
       s_.get(), nullptr);
-  g_main_context_pop_thread_default(main);
 }
 
 }  // namespace glimmerstrand::platform::linux_desktop

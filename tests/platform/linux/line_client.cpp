@@ -1,0 +1,62 @@
+#include "platform/linux/line_client.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace glimmerstrand::testing {
+
+LineClient::LineClient(const std::string& binary, const std::map<std::string, std::string>& environment) {
+  int toChild[2], fromChild[2];
+  if (::pipe(toChild) != 0 || ::pipe(fromChild) != 0) throw std::runtime_error("pipe");
+  child_ = ::fork();
+  if (child_ == 0) {
+    ::dup2(toChild[0], 0);
+    ::dup2(fromChild[1], 1);
+    ::close(toChild[1]);
+    ::close(fromChild[0]);
+    for (const auto& [name, value] : environment) ::setenv(name.c_str(), value.c_str(), 1);
+    ::execl(binary.c_str(), binary.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(toChild[0]);
+  ::close(fromChild[1]);
+  input_ = toChild[1];
+  output_ = fromChild[0];
+}
+
+LineClient::~LineClient() {
+  ::close(input_);  // end of input ends the process
+  int status = 0;
+  ::waitpid(child_, &status, 0);
+  ::close(output_);
+}
+
+core::JSONValue LineClient::call(const std::string& method, const std::string& paramsJson) {
+  const std::int64_t id = nextId_++;
+  std::string line =
+      R"({"id":)" + std::to_string(id) + R"(,"method":")" + method + R"(","params":)" + paramsJson + "}\n";
+  if (::write(input_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) throw std::runtime_error("write");
+  pollfd poller{output_, POLLIN, 0};
+  for (;;) {
+    for (std::size_t end; (end = pending_.find('\n')) != std::string::npos;) {
+      auto reply = core::parseJSON(pending_.substr(0, end));
+      pending_.erase(0, end + 1);
+      if (core::optionalInt(reply, "id") == id) return reply;
+    }
+    if (::poll(&poller, 1, 30'000) <= 0) throw std::runtime_error("no reply to " + line);
+    char buffer[65536];
+    ssize_t n = ::read(output_, buffer, sizeof buffer);
+    if (n <= 0) throw std::runtime_error("the process ended");
+    pending_.append(buffer, static_cast<std::size_t>(n));
+  }
+}
+
+core::JSONValue LineClient::cypher(const std::string& app, const std::string& statement) {
+  return call("cypher",
+              R"({"cypher":)" + core::jsonString(statement) + R"(,"app":{"name":)" + core::jsonString(app) + "}}");
+}
+
+}  // namespace glimmerstrand::testing

@@ -1,0 +1,178 @@
+// The linux platform against real GTK3 and GTK4 applications on a headless
+// desktop of the test's own: walks, actions through the daemon's line
+// protocol, the mirror's partial walks, and a frozen application.
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include "native/app_mirror.h"
+#include "platform/linux/line_client.h"
+#include "platform/linux/linux_platform.h"
+#include "platform/linux/test_desktop.h"
+
+namespace glimmerstrand::platform::linux_desktop {
+namespace {
+
+using core::JSONValue;
+using glimmerstrand::testing::LineClient;
+using glimmerstrand::testing::TestDesktop;
+
+const std::string formApp = GLIMMERSTRAND_SOURCE_DIR "/tests/platform/linux/data/form_app.py";
+
+// The same reads without the batching a prefetch allows.
+class NoPrefetch final : public AccessibilityWrapper {
+ public:
+  using AccessibilityWrapper::AccessibilityWrapper;
+  void prefetch(const std::vector<Element>&, const std::vector<std::string>&) override {}
+};
+
+class LinuxDesktopTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    desktop_ = new TestDesktop({"gtk3-widget-factory", "gnome-calculator", "galculator", formApp});
+    std::string problem;
+    platform_ = makeLinuxPlatform(problem).release();  // lives as long as the process, as in the daemon
+    ASSERT_NE(platform_, nullptr) << problem;
+    loop_ = new std::thread([] { platform_->mainLoop().run(); });
+  }
+  static void TearDownTestSuite() {
+    platform_->mainLoop().stop();
+    loop_->join();
+    delete desktop_;
+  }
+
+  static std::unique_ptr<LineClient> lineClient() {
+    auto environment = desktop_->environment();
+    environment["GLIMMERSTRAND_PLATFORM"] = "linux";
+    return std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY, environment);
+  }
+
+  static std::string onlyId(LineClient& client, const std::string& app, const std::string& match) {
+    auto reply = client.cypher(app, match + " RETURN n.id");
+    const JSONValue* rows = reply.find("result") ? reply.find("result")->find("results") : nullptr;
+    if (!rows || rows->asArray()->empty()) throw std::runtime_error("no result: " + core::jsonText(reply));
+    auto first = rows->asArray()->front().find("rows")->asArray();
+    if (!first || first->size() != 1) throw std::runtime_error("not one row: " + core::jsonText(reply));
+    return *first->front().find("n.id")->asString();
+  }
+
+  static TestDesktop* desktop_;
+  static Platform* platform_;
+  static std::thread* loop_;
+};
+
+TestDesktop* LinuxDesktopTest::desktop_ = nullptr;
+Platform* LinuxDesktopTest::platform_ = nullptr;
+std::thread* LinuxDesktopTest::loop_ = nullptr;
+
+TEST_F(LinuxDesktopTest, BatchedWalkEqualsTheElementByElementRead) {
+  for (std::string app : {"gtk3-widget-factory", "gnome-calculator", "galculator", "form_app.py"}) {
+    SCOPED_TRACE(app);
+    auto& ax = platform_->accessibility();
+    NoPrefetch plain(ax);
+    Element root = ax.applicationElement(desktop_->pid(app));
+    auto batched = native::walkTree(ax, root, "window", 64, 10000);
+    auto oneByOne = native::walkTree(plain, root, "window", 64, 10000);
+    ASSERT_GT(batched.nodes.size(), 5u);
+    EXPECT_EQ(batched.incomplete, 0);
+    ASSERT_EQ(batched.nodes.size(), oneByOne.nodes.size());
+    for (std::size_t n = 0; n < batched.nodes.size(); ++n) {
+      const auto& a = batched.nodes[n];
+      const auto& b = oneByOne.nodes[n];
+      EXPECT_EQ(batched.elements[n], oneByOne.elements[n]) << n;
+      EXPECT_EQ(a.role, b.role) << n;
+      EXPECT_EQ(a.title, b.title) << n;
+      EXPECT_EQ(a.description, b.description) << n;
+      EXPECT_EQ(a.frame, b.frame) << n;
+      EXPECT_EQ(a.parent, b.parent) << n;
+      // Progress bars and spinners animate between the two walks.
+      if (a.role != "AXProgressIndicator" && a.role != "AXBusyIndicator") {
+        EXPECT_EQ(a.value, b.value) << n;
+      }
+    }
+  }
+}
+
+TEST_F(LinuxDesktopTest, ReadsMapRolesValuesAndStates) {
+  auto client = lineClient();
+  auto reply = client->cypher("form_app.py",
+                              "MATCH (n) WHERE n.role IN ['TextField', 'CheckBox'] RETURN n.role, n.name, n.value, "
+                              "n.enabled ORDER BY n.y");
+  auto rows = core::jsonText(*reply.find("result")->find("results")->asArray()->front().find("rows"));
+  EXPECT_EQ(rows, R"([{"n.role":"TextField","n.name":null,"n.value":"start","n.enabled":true},)"
+                  R"({"n.role":"CheckBox","n.name":"Subscribe","n.value":"0","n.enabled":true},)"
+                  R"({"n.role":"CheckBox","n.name":"Locked","n.value":"0","n.enabled":false}])");
+}
+
+TEST_F(LinuxDesktopTest, PressingACheckBoxReportsTheChangeAndADisabledOneIsRefused) {
+  auto client = lineClient();
+  const auto id = onlyId(*client, "form_app.py", "MATCH (n:CheckBox {name: 'Subscribe'})");
+  auto pressed = client->cypher("form_app.py", "MATCH (c {id: '" + id + "'}) SET c.pressed = true");
+  auto changes = core::jsonText(*pressed.find("result")->find("results")->asArray()->front().find("changes"));
+  EXPECT_NE(changes.find("~ " + id + " CheckBox \\\"Subscribe\\\" = \\\"1\\\" (was \\\"0\\\")"), std::string::npos)
+      << changes;
+
+  const auto locked = onlyId(*client, "form_app.py", "MATCH (n:CheckBox {name: 'Locked'})");
+  auto refused = client->cypher("form_app.py", "MATCH (c {id: '" + locked + "'}) SET c.pressed = true");
+  auto text = core::jsonText(refused);
+  EXPECT_NE(text.find("押せませんでした"), std::string::npos) << text;
+  auto after = client->cypher("form_app.py", "MATCH (c {id: '" + locked + "'}) RETURN c.value");
+  EXPECT_NE(core::jsonText(after).find(R"("c.value":"0")"), std::string::npos);
+}
+
+TEST_F(LinuxDesktopTest, ATextValueArrivesInABackgroundWindowWithoutMovingTheFocus) {
+  const auto focusBefore = glimmerstrand::testing::inputFocus();
+
+  auto client = lineClient();
+  const auto id = onlyId(*client, "form_app.py", "MATCH (n:TextField)");
+  auto set = client->cypher("form_app.py", "MATCH (t {id: '" + id + "'}) SET t.value = 'typed here'");
+  auto changes = core::jsonText(*set.find("result")->find("results")->asArray()->front().find("changes"));
+  EXPECT_NE(changes.find("~ " + id + " TextField = \\\"typed here\\\""), std::string::npos) << changes;
+
+  // Read back straight from the application, not from the mirror.
+  auto& ax = platform_->accessibility();
+  auto fields = native::walkTree(ax, ax.applicationElement(desktop_->pid("form_app.py")), "window", 64, 10000);
+  bool found = false;
+  for (const auto& node : fields.nodes) found = found || (node.role == "AXTextField" && node.value == "typed here");
+  EXPECT_TRUE(found);
+
+  EXPECT_EQ(focusBefore, glimmerstrand::testing::inputFocus());
+}
+
+TEST_F(LinuxDesktopTest, OneChangedFieldIsReadAloneByAPartialWalk) {
+  auto client = lineClient();
+  const auto id = onlyId(*client, "form_app.py", "MATCH (n:TextField)");
+  client->cypher("form_app.py", "MATCH (t {id: '" + id + "'}) SET t.value = 'partial'");
+  // The change and its trailing walks settle within a second or two.
+  JSONValue snapshot;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    snapshot = client->call("axSnapshot", R"({"name":"form_app.py","timeoutMs":1000})");
+    if (core::optionalString(*snapshot.find("result"), "lastWalk") == "partial") break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  const auto& result = *snapshot.find("result");
+  EXPECT_EQ(core::optionalString(result, "lastWalk"), "partial");
+  EXPECT_EQ(core::optionalInt(result, "partialNodes"), 1);
+}
+
+TEST_F(LinuxDesktopTest, AFrozenApplicationHoldsUpNoOtherAndKeepsItsLastCopy) {
+  auto client = lineClient();
+  const auto before = client->cypher("galculator", "MATCH (n) RETURN count(n) AS nodes");
+  const pid_t frozen = desktop_->pid("galculator");
+  ::kill(frozen, SIGSTOP);
+  auto other = client->cypher("form_app.py", "MATCH (c:CheckBox) RETURN c.name");
+  auto stale = client->call("axSnapshot", R"({"name":"galculator"})");
+  ::kill(frozen, SIGCONT);
+
+  EXPECT_EQ(other.find("ok")->asBool() ? *other.find("ok")->asBool() : false, true) << core::jsonText(other);
+  ASSERT_TRUE(stale.find("result")) << core::jsonText(stale);
+  EXPECT_FALSE(stale.find("result")->find("nodes")->asArray()->empty());
+  EXPECT_NE(core::jsonText(before).find("nodes"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace glimmerstrand::platform::linux_desktop

@@ -1,0 +1,69 @@
+#include "platform/linux/test_desktop.h"
+
+#include <X11/Xlib.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+
+namespace glimmerstrand::testing {
+
+namespace {
+
+std::string run(const std::string& command) {
+  std::string output;
+  FILE* pipe = ::popen(command.c_str(), "r");
+  if (!pipe) throw std::runtime_error("cannot run " + command);
+  std::array<char, 4096> buffer{};
+  while (auto n = std::fread(buffer.data(), 1, buffer.size(), pipe)) output.append(buffer.data(), n);
+  if (::pclose(pipe) != 0) throw std::runtime_error("failed: " + command + "\n" + output);
+  return output;
+}
+
+std::string script(const std::string& folder) {
+  return "GLIMMERSTRAND_DESKTOP_DIR='" + folder + "' " + GLIMMERSTRAND_SOURCE_DIR "/scripts/desktop.sh";
+}
+
+}  // namespace
+
+TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool windowManager)
+    : folder_("/tmp/glimmerstrand-test-desktop-" + std::to_string(::getpid())) {
+  std::string command = script(folder_) + " start" + (windowManager ? " --wm" : "");
+  for (const auto& app : applications) command += " '" + app + "'";
+  const std::string printed = run(command + " 2>/dev/null");
+  static const std::regex line(R"(export (\w+)='?([^'\n]*)'?)");
+  std::istringstream lines(printed);
+  for (std::string text; std::getline(lines, text);) {
+    std::smatch m;
+    if (!std::regex_match(text, m, line)) continue;
+    environment_[m[1]] = m[2];
+    ::setenv(m[1].str().c_str(), m[2].str().c_str(), 1);
+  }
+}
+
+TestDesktop::~TestDesktop() { std::system((script(folder_) + " stop >/dev/null 2>&1").c_str()); }
+
+std::int32_t TestDesktop::pid(const std::string& application) const {
+  std::string key = "GLIMMERSTRAND_PID_" + application;
+  for (auto& c : key)
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+  auto it = environment_.find(key);
+  if (it == environment_.end()) throw std::runtime_error("no application " + application);
+  return std::stoi(it->second);
+}
+
+unsigned long inputFocus() {
+  ::Display* display = XOpenDisplay(nullptr);
+  if (!display) throw std::runtime_error("no display");
+  ::Window focus = 0;
+  int revert = 0;
+  XGetInputFocus(display, &focus, &revert);
+  XCloseDisplay(display);
+  return focus;
+}
+
+}  // namespace glimmerstrand::testing

@@ -1,0 +1,35 @@
+// A headless desktop for one test program: scripts/desktop.sh started with
+// the applications a suite names, its environment taken into this process,
+// and everything stopped by pid when the suite ends.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace glimmerstrand::testing {
+
+class TestDesktop {
+ public:
+  /// Starts the desktop (with openbox when `windowManager`) and the
+  /// applications, each ready when its tree answers. Throws when it can't.
+  TestDesktop(const std::vector<std::string>& applications, bool windowManager = false);
+  ~TestDesktop();
+  TestDesktop(const TestDesktop&) = delete;
+  TestDesktop& operator=(const TestDesktop&) = delete;
+
+  /// The pid of an application started by name ("gtk3-widget-factory").
+  std::int32_t pid(const std::string& application) const;
+  /// The desktop's environment, as the script printed it.
+  const std::map<std::string, std::string>& environment() const { return environment_; }
+
+ private:
+  std::string folder_;
+  std::map<std::string, std::string> environment_;
+};
+
+/// The window that has the X input focus on the desktop of $DISPLAY.
+unsigned long inputFocus();
+
+}  // namespace glimmerstrand::testing
