@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cctype>
 #include <cmath>
 
 #include "core/errors.h"
@@ -181,7 +182,20 @@ class Builder : public nlohmann::json_sax<nlohmann::json> {
   bool end_object() override { return close(); }
   bool start_array(std::size_t) override { return open(JSONValue::Array{}); }
   bool end_array() override { return close(); }
-  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override { return false; }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& error) override {
+    // 406: a number beyond the range of a double.
+    if (reason) return false;
+    if (error.id == 406)
+      reason = "JSON の数が倍精度の範囲を超えています";
+    else if (std::string_view(error.what()).find("surrogate") != std::string_view::npos)
+      reason = "JSON の文字列に対のないサロゲートがあります";
+    else
+      reason = "JSON ではありません";
+    return false;
+  }
+
+  /// Why the text was refused; none while it parses.
+  std::optional<std::string> reason;
 
  private:
   // Deeper texts are refused: values are destroyed and printed recursively.
@@ -204,7 +218,10 @@ class Builder : public nlohmann::json_sax<nlohmann::json> {
     return true;
   }
   bool open(JSONValue container) {
-    if (stack_.size() >= maxDepth) return false;
+    if (stack_.size() >= maxDepth) {
+      reason = "JSON の入れ子が深すぎます (上限 " + std::to_string(maxDepth) + " 段)";
+      return false;
+    }
     stack_.push_back({std::move(container), std::move(pendingKey_)});
     return true;
   }
@@ -223,8 +240,157 @@ class Builder : public nlohmann::json_sax<nlohmann::json> {
 JSONValue parseJSON(std::string_view text) {
   Builder builder;
   bool ok = nlohmann::json::sax_parse(text.begin(), text.end(), &builder, nlohmann::json::input_format_t::json, true);
-  if (!ok) throw GlimmerstrandError(codes::invalidArgument, "JSON ではありません");
+  if (!ok) throw GlimmerstrandError(codes::invalidArgument, builder.reason.value_or("JSON ではありません"));
   return std::move(builder.result);
+}
+
+namespace {
+
+// Checks a text against the JSON grammar alone, without the limits the
+// parser adds (nesting depth, the range of a double, paired surrogates), and
+// notes where the value of one key of the top-level object lies. It keeps
+// its nesting in a vector and never recurses.
+class GrammarCheck {
+ public:
+  GrammarCheck(std::string_view text, std::string_view key) : text_(text), key_(key) {}
+
+  /// Whether the whole text is one JSON value.
+  bool run() {
+    std::vector<char> open;  // '{' or '[' for each open container
+    bool memberIsKey = false;
+    std::size_t memberStart = 0;
+    for (;;) {
+      // A value is expected here.
+      skipSpace();
+      if (open.size() == 1 && open.back() == '{') memberStart = at_;
+      if (at_ >= text_.size()) return false;
+      const char c = text_[at_];
+      if (c == '{' || c == '[') {
+        open.push_back(c);
+        ++at_;
+        skipSpace();
+        if (at_ < text_.size() && text_[at_] == (c == '{' ? '}' : ']')) {
+          ++at_;
+          open.pop_back();
+        } else if (c == '{') {
+          if (!member(open.size(), memberIsKey)) return false;
+          continue;
+        } else {
+          continue;
+        }
+      } else if (c == '"') {
+        if (!string()) return false;
+      } else if (c == '-' || (c >= '0' && c <= '9')) {
+        if (!number()) return false;
+      } else if (!word("true") && !word("false") && !word("null")) {
+        return false;
+      }
+      // A value ended: close containers, or go on to the next item.
+      for (;;) {
+        if (open.size() == 1 && open.back() == '{' && memberIsKey && !found_) {
+          found_ = text_.substr(memberStart, at_ - memberStart);
+          memberIsKey = false;
+        }
+        skipSpace();
+        if (open.empty()) return at_ == text_.size();
+        if (at_ >= text_.size()) return false;
+        const char next = text_[at_++];
+        if (next == ',') {
+          if (open.back() == '{' && !member(open.size(), memberIsKey)) return false;
+          break;
+        }
+        if (next != (open.back() == '{' ? '}' : ']')) return false;
+        open.pop_back();
+      }
+    }
+  }
+
+  /// The text of the key's value, when run() found one.
+  std::optional<std::string_view> found() const { return found_; }
+
+ private:
+  // A key and its colon; notes whether a top-level member has the key.
+  bool member(std::size_t depth, bool& memberIsKey) {
+    skipSpace();
+    const std::size_t start = at_;
+    if (!string()) return false;
+    if (depth == 1 && !found_) {
+      try {
+        auto name = parseJSON(text_.substr(start, at_ - start));
+        memberIsKey = name.asString() && *name.asString() == key_;
+      } catch (const GlimmerstrandError&) {
+        memberIsKey = false;  // a key that does not decode is not the one asked for
+      }
+    }
+    skipSpace();
+    return at_ < text_.size() && text_[at_++] == ':';
+  }
+  void skipSpace() {
+    while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t' || text_[at_] == '\n' || text_[at_] == '\r'))
+      ++at_;
+  }
+  bool digits() {
+    const std::size_t start = at_;
+    while (at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '9') ++at_;
+    return at_ > start;
+  }
+  bool number() {
+    if (text_[at_] == '-') ++at_;
+    if (at_ < text_.size() && text_[at_] == '0')
+      ++at_;
+    else if (!digits())
+      return false;
+    if (at_ < text_.size() && text_[at_] == '.' && (++at_, !digits())) return false;
+    if (at_ < text_.size() && (text_[at_] == 'e' || text_[at_] == 'E')) {
+      ++at_;
+      if (at_ < text_.size() && (text_[at_] == '+' || text_[at_] == '-')) ++at_;
+      if (!digits()) return false;
+    }
+    return true;
+  }
+  bool word(std::string_view w) {
+    if (text_.substr(at_, w.size()) != w) return false;
+    at_ += w.size();
+    return true;
+  }
+  bool string() {
+    if (at_ >= text_.size() || text_[at_] != '"') return false;
+    for (++at_; at_ < text_.size(); ++at_) {
+      const auto c = static_cast<unsigned char>(text_[at_]);
+      if (c < 0x20) return false;
+      if (c == '"') {
+        ++at_;
+        return true;
+      }
+      if (c != '\\') continue;
+      if (++at_ >= text_.size()) return false;
+      const char escape = text_[at_];
+      if (escape == 'u') {
+        for (int k = 0; k < 4; ++k)
+          if (++at_ >= text_.size() || !std::isxdigit(static_cast<unsigned char>(text_[at_]))) return false;
+      } else if (std::string_view("\"\\/bfnrt").find(escape) == std::string_view::npos) {
+        return false;
+      }
+    }
+    return false;
+  }
+
+  std::string_view text_;
+  std::string_view key_;
+  std::size_t at_ = 0;
+  std::optional<std::string_view> found_;
+};
+
+}  // namespace
+
+std::optional<JSONValue> keyOfRefusedText(std::string_view text, std::string_view key) {
+  GrammarCheck check(text, key);
+  if (!check.run() || !check.found()) return std::nullopt;
+  try {
+    return parseJSON(*check.found());
+  } catch (const GlimmerstrandError&) {
+    return std::nullopt;  // the key is there, but its own value is refused too
+  }
 }
 
 }  // namespace glimmerstrand::core

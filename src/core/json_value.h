@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -88,5 +89,13 @@ void putIf(JSONValue::Object& object, std::string key, const std::optional<T>& v
 /// Parses one JSON text; throws GlimmerstrandError "invalid_argument" when it
 /// is not JSON. Object key order and duplicates are kept.
 JSONValue parseJSON(std::string_view text);
+
+/// For a text that parseJSON refuses although it follows the JSON grammar
+/// (nested too deep, a number beyond a double, a lone surrogate), the value
+/// under `key` of its top-level object, the first such key as in `find`: so
+/// that a request whose id can be read still gets its error reply. None for
+/// a text that breaks the grammar, has no such key, or whose value under
+/// the key is refused itself.
+std::optional<JSONValue> keyOfRefusedText(std::string_view text, std::string_view key);
 
 }  // namespace glimmerstrand::core

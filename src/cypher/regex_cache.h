@@ -14,7 +14,9 @@ namespace glimmerstrand::cypher {
 /// A compiled whole-string pattern; immutable, usable from several threads.
 class CompiledRegex;
 
-/// Whether `regex` matches the whole of `text`.
+/// Whether `regex` matches the whole of `text`. Throws BadRequestError,
+/// naming the pattern, when the match runs away (catastrophic backtracking)
+/// and is stopped, or when the engine fails otherwise.
 bool regexMatches(const CompiledRegex& regex, std::string_view text);
 
 /// The process-wide cache of compiled patterns, made on first use.

@@ -56,8 +56,12 @@ void LineHost::handleLine(std::string_view line) {
   JSONValue request;
   try {
     request = core::parseJSON(line);
-  } catch (const core::GlimmerstrandError&) {
-    return;  // not JSON: no reply, by protocol
+  } catch (const core::GlimmerstrandError& error) {
+    // Not JSON has no id to answer; a request whose id can still be read
+    // (nested too deep, say) is told why, so its client does not wait for ever.
+    if (auto id = core::keyOfRefusedText(line, "id"))
+      output_.writeLine(failureLine(*id, "invalid_argument", error.message()));
+    return;
   }
   auto object = request.asObject();
   if (!object) return;

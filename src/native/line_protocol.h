@@ -31,7 +31,9 @@ class LineHost {
       : operations_(operations), queues_(queues), output_(output) {}
 
   /// Takes one request line (without its line ending) and queues its
-  /// operation. Malformed lines and lines without `id` are dropped silently.
+  /// operation. Lines that are no JSON object and lines without `id` are
+  /// dropped silently; a line that does not parse but whose `id` can be read
+  /// gets an "invalid_argument" reply.
   void handleLine(std::string_view line);
 
   /// Runs the named operation and writes its reply. Runs on a queue.

@@ -143,7 +143,16 @@ void McpSession::handleLine(std::string_view line) {
   JSONValue message;
   try {
     message = core::parseJSON(line);
-  } catch (const core::GlimmerstrandError&) {
+  } catch (const core::GlimmerstrandError& error) {
+    // A request whose id can still be read is answered, so that its client
+    // does not wait for ever; anything else has nobody to answer.
+    auto id = core::keyOfRefusedText(line, "id");
+    if (id && (id->asString() || id->asNumber())) {
+      log_.warn("MCP のメッセージを読めませんでした",
+                {{"line", firstCharacters(line, 200)}, {"error", error.message()}});
+      send_(core::jsonText(errorResponse(*id, -32700, "Parse error: " + error.message())));
+      return;
+    }
   }
   if (!message.asObject()) {
     log_.warn("MCP のメッセージを読めませんでした", {{"line", firstCharacters(line, 200)}});

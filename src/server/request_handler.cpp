@@ -87,8 +87,14 @@ std::optional<std::string> RequestHandler::handleLine(std::string_view line) con
   JSONValue request;
   try {
     request = core::parseJSON(line);
-  } catch (const core::GlimmerstrandError&) {
-    return std::nullopt;  // not JSON: no reply, the connection stays open
+  } catch (const core::GlimmerstrandError& error) {
+    // Not JSON has no id to answer, and the connection stays open; a request
+    // whose id can still be read (nested too deep, say) is told why.
+    auto id = core::keyOfRefusedText(line, "id");
+    if (!id) return std::nullopt;
+    log_.debug("リクエストを読めませんでした", {{"error", error.message()}});
+    return core::jsonText(JSONValue::Object{
+        {"id", echoedId(*id)}, {"ok", false}, {"error", errorObject(core::codes::invalidArgument, error.message())}});
   }
   if (!request.asObject()) return std::nullopt;
 

@@ -40,6 +40,35 @@ TEST(ParseJson, KeepsOrderAndDuplicatesAndRefusesGarbage) {
   EXPECT_THROW(parseJSON(deep + std::string(100000, ']')), GlimmerstrandError) << "deep nesting is refused";
 }
 
+// A request that follows the grammar but is refused by the parser still
+// shows its id; a text that breaks the grammar shows none.
+TEST(ParseJson, TheIdOfARefusedTextCanStillBeRead) {
+  const std::string deep = std::string(600, '[') + std::string(600, ']');
+  struct Case {
+    std::string text;
+    std::optional<std::string> id;  // as JSON text
+  };
+  const std::vector<Case> cases{
+      {R"({"id":1,"method":"ping","params":{"a":"\ud800"}})", "1"},
+      {R"({"id":2,"method":"ping","params":{"a":1e400}})", "2"},
+      {R"({"params":)" + deep + R"(, "id" : {"k":[3]} })", R"({"k":[3]})"},
+      {R"({"\u0069d":"x","a":-1e999})", R"("x")"},
+      {R"({"id":1e400,"a":1})", std::nullopt},                   // the id itself is refused
+      {R"({"a":)" + deep + "}", std::nullopt},                   // no id
+      {R"({"id":1,"a":)" + deep.substr(1) + "}", std::nullopt},  // brackets don't match
+      {R"({"id":1,"method":"ping")", std::nullopt},              // cut short
+      {R"({"id":1,"a":01})", std::nullopt},                      // not a JSON number
+      {R"({"id":1,"a":"\x"})", std::nullopt},                    // not a JSON escape
+      {R"([{"id":1},1e400])", std::nullopt},                     // the id of a nested object
+      {R"({"id":1,"a":1e400} x)", std::nullopt},                 // text after the value
+  };
+  for (const auto& c : cases) {
+    EXPECT_THROW(parseJSON(c.text), GlimmerstrandError) << c.text;
+    auto id = keyOfRefusedText(c.text, "id");
+    EXPECT_EQ(id ? std::optional(jsonText(*id)) : std::nullopt, c.id) << c.text;
+  }
+}
+
 TEST(LenientReaders, TreatWrongTypesAsAbsentAndMixBoolsWithNumbers) {
   auto params = parseJSON(R"({"s":"t","n":2,"b":true,"z":0,"o":{}})");
   EXPECT_EQ(optionalString(params, "s"), "t");

@@ -135,6 +135,37 @@ TEST(CypherRegexCache, SharedAcrossThreads) {
   for (const auto& rows : results) EXPECT_EQ(rows, "{n.id: \"b1\"} | {n.id: \"b3\"} | {n.id: \"w2\"}");
 }
 
+// Patterns that backtrack exponentially on a text they do not match: the
+// match is stopped and the statement fails naming the pattern, while the same
+// patterns still answer on texts they match quickly.
+TEST(CypherRegexCache, RunawayMatchesStopWithAnErrorNamingThePattern) {
+  const std::string runaway(40, 'a');
+  struct Case {
+    std::string pattern;
+    std::string matching;
+  };
+  const std::vector<Case> cases{{"(a+)+b", "aaab"}, {"(a|aa)+b", "aab"}, {"(a*)*b", "ab"}, {"(?i)(A+)+B", "aAb"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.pattern);
+    auto compiled = RegexCache::shared().compile(c.pattern);
+    EXPECT_TRUE(regexMatches(*compiled, c.matching));
+    try {
+      regexMatches(*compiled, runaway);
+      FAIL() << "the match ended by itself";
+    } catch (const BadRequestError& e) {
+      EXPECT_EQ(e.code(), "invalid_argument");
+      EXPECT_NE(e.message().find("\"" + c.pattern + "\""), std::string::npos) << e.message();
+    }
+  }
+  // Through a statement: the first binding that runs away ends the query.
+  PropertyGraph g;
+  g.add({"StaticText"}, {{"value", runaway}});
+  const Query query = *parseStatement("MATCH (t:StaticText) WHERE t.value =~ '(a+)+b' RETURN t.value").asRead();
+  EXPECT_THROW(executeQuery(query, g), BadRequestError);
+  // A long text that a simple pattern matches in linear time is no runaway.
+  EXPECT_TRUE(regexMatches(*RegexCache::shared().compile("[ab]*c"), std::string(200'000, 'a') + "c"));
+}
+
 TEST(CypherOrder, CompareRowKeys) {
   const std::vector<OrderItem> asc{{OrderKey{OrderKey::Variable{"k"}}, OrderDirection::ascending}};
   const std::vector<OrderItem> desc{{OrderKey{OrderKey::Variable{"k"}}, OrderDirection::descending}};

@@ -89,6 +89,18 @@ TEST_F(HostFixture, MalformedLinesGetNoReply) {
   EXPECT_TRUE(exchange({"", "not json", "[1]", "{}", R"({"method":"ping"})", "{\"id\":1", "\"text\"", "null"}).empty());
 }
 
+TEST_F(HostFixture, RefusedRequestsWithAReadableIdGetAnErrorReply) {
+  const std::string deep = std::string(600, '[') + std::string(600, ']');
+  EXPECT_EQ(
+      exchange({R"({"id":1,"method":"ping","params":{"a":"\ud800"}})"}),
+      std::vector<std::string>{
+          R"({"id":1,"ok":false,"error":{"code":"invalid_argument","message":"JSON の文字列に対のないサロゲートがあります"}})"});
+  EXPECT_EQ(
+      exchange({R"({"method":"echo","params":)" + deep + R"(,"id":[2]})"}),
+      std::vector<std::string>{
+          R"j({"id":[2],"ok":false,"error":{"code":"invalid_argument","message":"JSON の入れ子が深すぎます (上限 512 段)"}})j"});
+}
+
 TEST_F(HostFixture, InputOperationsRunInArrivalOrder) {
   exchange({R"({"id":1,"method":"type","params":{"text":"a","ms":1}})",
             R"({"id":2,"method":"type","params":{"text":"b","ms":0}})",

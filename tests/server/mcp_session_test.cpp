@@ -158,6 +158,21 @@ TEST_F(McpSessionTest, ResultsBecomeContent) {
   EXPECT_EQ(backend_->calls().back().app, (core::AppSelector{77, std::nullopt, std::nullopt}));
 }
 
+TEST_F(McpSessionTest, RefusedMessagesWithAnIdAreAnswered) {
+  EXPECT_EQ(
+      exchange(R"({"jsonrpc":"2.0","id":4,"method":"ping","params":{"a":1e400}})"),
+      Lines{
+          R"({"jsonrpc":"2.0","id":4,"error":{"code":-32700,"message":"Parse error: JSON の数が倍精度の範囲を超えています"}})"});
+  const std::string deep = std::string(513, '[') + std::string(513, ']');
+  EXPECT_EQ(
+      exchange(R"({"jsonrpc":"2.0","id":"d","method":"ping","params":)" + deep + "}"),
+      Lines{
+          R"j({"jsonrpc":"2.0","id":"d","error":{"code":-32700,"message":"Parse error: JSON の入れ子が深すぎます (上限 512 段)"}})j"});
+  // An id that is no request id, and no id at all, get nothing.
+  EXPECT_EQ(exchange(R"({"jsonrpc":"2.0","id":null,"method":"ping","params":{"a":"\udc00"}})"), Lines{});
+  EXPECT_EQ(exchange(R"({"jsonrpc":"2.0","method":"ping","params":{"a":"\udc00"}})"), Lines{});
+}
+
 TEST_F(McpSessionTest, MalformedLinesAreLoggedNotAnswered) {
   std::string longLine = "[" + std::string(300, '1');
   for (const auto& line : {longLine, std::string("\"が\"")}) EXPECT_EQ(exchange(line), Lines{}) << line;

@@ -72,6 +72,28 @@ TEST_F(RequestHandlerTest, RepliesToTheByte) {
   EXPECT_EQ(calls[2].app, (core::AppSelector{12, std::nullopt, std::nullopt}));
 }
 
+// JSON that the parser refuses still gets an answer when its id can be read,
+// so that its client does not wait for ever; text that is no JSON gets none.
+TEST_F(RequestHandlerTest, RefusedRequestsWithAReadableIdAreAnswered) {
+  const std::string deep = std::string(513, '[') + std::string(513, ']');
+  const std::string retry = R"(,"retry":"fix the statement, then retry"}})";
+  const std::pair<std::string, std::optional<std::string>> cases[] = {
+      {R"({"id":1,"operation":"ping","params":{"a":"\ud800"}})",
+       R"({"id":1,"ok":false,"error":{"code":"invalid_argument","message":"JSON の文字列に対のないサロゲートがあります")" +
+           retry},
+      {R"({"id":2,"operation":"ping","params":{"a":1e400}})",
+       R"({"id":2,"ok":false,"error":{"code":"invalid_argument","message":"JSON の数が倍精度の範囲を超えています")" +
+           retry},
+      {R"({"id":{"b":1,"a":2},"operation":"ping","params":)" + deep + "}",
+       R"j({"id":{"a":2,"b":1},"ok":false,"error":{"code":"invalid_argument","message":"JSON の入れ子が深すぎます (上限 512 段)")j" +
+           retry},
+      {R"({"operation":"ping","params":)" + deep + "}", std::nullopt},
+      {R"({"id":3,"operation":"ping")", std::nullopt},
+  };
+  for (const auto& [request, reply] : cases) EXPECT_EQ(handler_.handleLine(request), reply) << request;
+  EXPECT_TRUE(backend_->calls().empty());
+}
+
 TEST_F(RequestHandlerTest, StatusAndSkill) {
   auto status = core::parseJSON(*handler_.handleLine(R"({"operation":"status"})"));
   const auto* result = status.find("result");
