@@ -62,29 +62,6 @@ fs::path nativeExecutable() {
                            "glimmerstrand-native was found neither beside " + client.string() + " nor on PATH");
 }
 
-// Copies the daemon's output into the log, moving a full log to daemon.log.1.
-void copyToLog(int from, const fs::path& log) {
-  const auto open = [&](int flags) { return ::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0600); };
-  int file = open(O_APPEND);
-  struct stat info {};
-  off_t size = file >= 0 && ::fstat(file, &info) == 0 ? info.st_size : 0;
-  char buffer[8192];
-  for (ssize_t n; (n = ::read(from, buffer, sizeof buffer)) != 0;) {
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    if (size > 0 && size + n > logCapBytes) {
-      ::close(file);
-      fs::path previous = log;
-      ::rename(log.c_str(), previous.concat(".1").c_str());
-      file = open(O_TRUNC);
-      size = 0;
-    }
-    if (file >= 0 && ::write(file, buffer, static_cast<std::size_t>(n)) == n) size += n;
-  }
-}
-
 // The process between client and daemon: detached from the client's session
 // and streams, it writes the daemon's log and ends with the daemon's status,
 // which tells the client that the daemon ended.
@@ -105,7 +82,7 @@ void copyToLog(int from, const fs::path& log) {
     ::_exit(127);
   }
   ::close(output[1]);
-  if (daemon > 0) copyToLog(output[0], log);
+  if (daemon > 0) copyToLog(output[0], log, logCapBytes);
   int status = 0;
   if (daemon < 0 || ::waitpid(daemon, &status, 0) < 0) ::_exit(126);
   ::_exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
@@ -227,6 +204,28 @@ std::optional<Connection> connectTo(const std::string& socket) {
   std::memcpy(address.sun_path, socket.c_str(), socket.size() + 1);
   if (::connect(connection.fd(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return std::nullopt;
   return connection;
+}
+
+void copyToLog(int from, const fs::path& log, off_t capBytes) {
+  const auto open = [&](int flags) { return ::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0600); };
+  int file = open(O_APPEND);
+  struct stat info {};
+  off_t size = file >= 0 && ::fstat(file, &info) == 0 ? info.st_size : 0;
+  char buffer[8192];
+  for (ssize_t n; (n = ::read(from, buffer, sizeof buffer)) != 0;) {
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    if (size > 0 && size + n > capBytes) {
+      ::close(file);
+      fs::path previous = log;
+      ::rename(log.c_str(), previous.concat(".1").c_str());
+      file = open(O_TRUNC);
+      size = 0;
+    }
+    if (file >= 0 && ::write(file, buffer, static_cast<std::size_t>(n)) == n) size += n;
+  }
 }
 
 Connection startDaemon(const DaemonPaths& paths) {

@@ -49,6 +49,10 @@ std::optional<Connection> connectTo(const std::string& socket);
 /// The daemon's log is cut over to daemon.log.1 when it would pass this size.
 inline constexpr off_t logCapBytes = 1 << 20;
 
+/// Appends what comes from `from` to `log` until end of input; a log that
+/// would pass `capBytes` moves to `log`.1 (replacing it) and starts anew.
+void copyToLog(int from, const std::filesystem::path& log, off_t capBytes);
+
 /// Starts `glimmerstrand-native daemon` with its output in the log and waits
 /// until it answers. Throws at once, with the daemon's own last log lines,
 /// when it exits during start.
