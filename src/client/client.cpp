@@ -1,113 +1,165 @@
 #include "client/client.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <iterator>
 #include <thread>
 
+#include "client/arguments.h"
+#include "client/daemon_process.h"
+#include "client/reports.h"
+#include "core/errors.h"
 #include "core/json_value.h"
 
 namespace glimmerstrand::client {
 namespace {
 
-int connectTo(const std::string& path) {
-  sockaddr_un address{};
-  if (path.size() >= sizeof address.sun_path) return -1;
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  address.sun_family = AF_UNIX;
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-  ::close(fd);
-  return -1;
+using core::GlimmerstrandError;
+using core::JSONValue;
+
+// Settings a running daemon keeps from its start; a shell that sets them
+// otherwise would silently talk to the wrong desktop.
+constexpr const char* daemonSettings[] = {"GLIMMERSTRAND_PLATFORM", "GLIMMERSTRAND_SIM_APPS"};
+
+std::string environmentValue(const std::map<std::string, std::string>& environment, const std::string& name) {
+  auto found = environment.find(name);
+  return found == environment.end() ? "" : found->second;
 }
 
-void startDaemon() {
-  auto native =
-      std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "native" / "glimmerstrand-native";
-  if (!std::filesystem::exists(native)) native = "glimmerstrand-native";  // from PATH, when installed
-  pid_t child = ::fork();
-  if (child == 0) {
-    ::setsid();  // the daemon outlives this client
-    if (::fork() == 0) {
-      // Detached from the terminal: its log would only interleave with our output.
-      int null = ::open("/dev/null", O_RDWR);
-      for (int fd : {0, 1, 2}) ::dup2(null, fd);
-      ::execlp(native.c_str(), native.c_str(), "daemon", static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-    ::_exit(0);
+void checkSettings(pid_t pid, const DaemonPaths& paths) {
+  const auto theirs = processEnvironment(pid);
+  if (!theirs) return;  // gone already, or not ours to read: nothing to compare
+  for (const char* name : daemonSettings) {
+    const char* mine = std::getenv(name);
+    if (!mine || !*mine) continue;  // unset here: the running daemon's choice stands
+    const std::string running = environmentValue(*theirs, name);
+    if (running == mine) continue;
+    throw GlimmerstrandError(core::codes::invalidArgument,
+                             "the daemon on " + paths.socket + " (pid " + std::to_string(pid) + ") runs with " + name +
+                                 (running.empty() ? " unset" : "=" + running) + ", but this command has " + name + "=" +
+                                 mine + "; to restart it with this command's settings, run: glimmerstrand restart");
   }
-  ::waitpid(child, nullptr, 0);
 }
 
-bool writeAll(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(n));
+// A connection to the running daemon, or to one started now.
+Connection reach(const DaemonPaths& paths) {
+  if (auto connection = connectTo(paths.socket)) {
+    checkSettings(connection->peerPid(), paths);
+    return std::move(*connection);
   }
-  return true;
+  return startDaemon(paths);
 }
 
-int usage() {
-  std::cerr << "usage: glimmerstrand [--app APP] [--json] do|query STATEMENTS|-\n"
-               "       glimmerstrand ping|status|doctor|skill\n"
-               "       glimmerstrand mcp\n";
-  return 2;
+std::optional<std::string> daemonVersion(const DaemonPaths& paths) {
+  auto connection = connectTo(paths.socket);
+  if (!connection) return std::nullopt;
+  connection->send(R"({"mode":"mcp"})");
+  const auto reply = core::parseJSON(
+      connection->request(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18",)"
+                          R"("capabilities":{},"clientInfo":{"name":"glimmerstrand","version":")" +
+                          std::string(versionText()) + "\"}}}"));
+  const JSONValue* result = reply.find("result");
+  const JSONValue* info = result ? result->find("serverInfo") : nullptr;
+  return info ? core::optionalString(*info, "version") : std::nullopt;
 }
 
-}  // namespace
-
-std::string socketPath() {
-  const char* bundled = std::getenv("GLIMMERSTRAND_BUNDLED");
-  const char* socket = std::getenv("GLIMMERSTRAND_SOCKET");
-  if (!(bundled && std::strcmp(bundled, "1") == 0) && socket && *socket) return socket;
-  const char* state = std::getenv("XDG_STATE_HOME");
-  const char* home = std::getenv("HOME");
-  std::filesystem::path folder = state && *state
-                                     ? std::filesystem::path(state) / "glimmerstrand"
-                                     : std::filesystem::path(home ? home : "/tmp") / ".local/state/glimmerstrand";
-  return (folder / "glimmerstrand.sock").string();
-}
-
-int connectOrStart() {
-  const auto path = socketPath();
-  if (int fd = connectTo(path); fd >= 0) return fd;
-  startDaemon();
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    if (int fd = connectTo(path); fd >= 0) return fd;
+DaemonFacts factsOf(const Connection& connection, const DaemonPaths& paths) {
+  DaemonFacts facts{connection.peerPid(), daemonVersion(paths), "unknown", paths.log().string(), paths};
+  if (auto environment = processEnvironment(facts.pid)) {
+    const auto platform = environmentValue(*environment, "GLIMMERSTRAND_PLATFORM");
+    facts.platform = platform.empty() ? "linux (GLIMMERSTRAND_PLATFORM unset)" : platform;
+    if (environment->count("INVOCATION_ID")) facts.log = "the journal: journalctl --user -u glimmerstrand";
   }
-  return -1;
+  return facts;
 }
 
-std::optional<std::string> request(int fd, const std::string& line) {
-  if (!writeAll(fd, line + "\n")) return std::nullopt;
-  std::string reply;
-  char c;
-  while (::read(fd, &c, 1) == 1) {
-    if (c == '\n') return reply;
-    reply += c;
+JSONValue ask(const Connection& connection, const std::string& operation, JSONValue::Object params = {},
+              bool text = false) {
+  JSONValue::Object line{{"operation", operation}, {"params", std::move(params)}};
+  if (text) core::put(line, "format", "text");
+  return core::parseJSON(connection.request(core::jsonText(line)));
+}
+
+int printReply(const JSONValue& reply, const std::string& command) {
+  const JSONValue* result = reply.find("result");
+  if (!result) {
+    std::cerr << replyErrorText(reply);
+    return 1;
   }
-  return std::nullopt;
+  if (auto text = core::optionalString(*result, "text"))
+    std::cout << *text << "\n";
+  else if (command == "ping")
+    std::cout << "pong\n";
+  else
+    std::cout << core::jsonText(*result) << "\n";
+  return replyStatus(reply);
 }
 
-int bridgeMcp(int fd) {
-  if (!writeAll(fd, "{\"mode\":\"mcp\"}\n")) return 1;
+int statement(const Connection& connection, const Invocation& invocation) {
+  JSONValue::Object params;
+  if (invocation.statements) {
+    std::string statements = *invocation.statements;
+    if (statements == "-") statements.assign(std::istreambuf_iterator<char>(std::cin), {});
+    core::put(params, "cypher", statements);
+  }
+  core::putIf(params, "app", invocation.app);
+  const JSONValue reply = ask(connection, invocation.command, std::move(params), !invocation.json);
+  if (!invocation.json) return printReply(reply, invocation.command);
+  std::cout << core::jsonText(reply) << "\n";
+  return replyStatus(reply);
+}
+
+int report(const Connection& connection, const Invocation& invocation, const DaemonPaths& paths) {
+  const JSONValue doctor = ask(connection, "doctor");
+  const bool isStatus = invocation.command == "status";
+  const JSONValue status = isStatus ? ask(connection, "status") : JSONValue();
+  const JSONValue& reply = isStatus ? status : doctor;
+  if (invocation.json) {
+    std::cout << core::jsonText(reply) << "\n";
+    return replyStatus(reply);
+  }
+  const DaemonFacts facts = factsOf(connection, paths);
+  std::cout << (isStatus ? statusText(facts, status, doctor) : doctorText(facts, doctor));
+  return replyStatus(reply);
+}
+
+int stop(const DaemonPaths& paths) {
+  auto connection = connectTo(paths.socket);
+  if (!connection) {
+    std::cout << "no daemon answers on " << paths.socket << "\n";
+    return 0;
+  }
+  const pid_t pid = connection->peerPid();
+  connection.reset();
+  stopDaemon(pid);
+  std::cout << "stopped the daemon (pid " << pid << ") on " << paths.socket << "\n";
+  return 0;
+}
+
+int restart(const DaemonPaths& paths) {
+  if (auto connection = connectTo(paths.socket)) {
+    const pid_t pid = connection->peerPid();
+    connection.reset();
+    stopDaemon(pid);
+  }
+  const Connection connection = startDaemon(paths);
+  std::cout << "started the daemon (pid " << connection.peerPid() << ") on " << paths.socket << "; its log is "
+            << paths.log().string() << "\n";
+  return 0;
+}
+
+// Copies lines both ways between standard input/output and the socket,
+// after switching the connection to MCP.
+int bridgeMcp(const Connection& connection) {
+  connection.send(R"({"mode":"mcp"})");
+  const int fd = connection.fd();
   std::thread([fd] {
     char buffer[65536];
     for (ssize_t n; (n = ::read(0, buffer, sizeof buffer)) > 0;)
-      if (!writeAll(fd, std::string_view(buffer, static_cast<std::size_t>(n)))) break;
+      if (::send(fd, buffer, static_cast<std::size_t>(n), MSG_NOSIGNAL) != n) break;
     ::shutdown(fd, SHUT_WR);
   }).detach();
   char buffer[65536];
@@ -116,60 +168,45 @@ int bridgeMcp(int fd) {
   return 0;
 }
 
-int runClient(const std::vector<std::string>& args) {
-  std::optional<std::string> app;
-  bool json = false;
-  std::vector<std::string> rest;
-  for (std::size_t k = 0; k < args.size(); ++k) {
-    if (args[k] == "--app" && k + 1 < args.size())
-      app = args[++k];
-    else if (args[k] == "--json")
-      json = true;
-    else
-      rest.push_back(args[k]);
-  }
-  if (rest.empty()) return usage();
-  const std::string operation = rest[0];
-  int fd = connectOrStart();
-  if (fd < 0) {
-    std::cerr << "glimmerstrand: the daemon did not start; see glimmerstrand-native daemon\n";
-    return 1;
-  }
-  if (operation == "mcp") return bridgeMcp(fd);
+int runCommand(const Invocation& invocation) {
+  const auto paths = daemonPaths();
+  if (invocation.command == "stop") return stop(paths);
+  if (invocation.command == "restart") return restart(paths);
+  const Connection connection = reach(paths);
+  if (invocation.command == "mcp") return bridgeMcp(connection);
+  if (invocation.command == "status" || invocation.command == "doctor") return report(connection, invocation, paths);
+  return statement(connection, invocation);
+}
 
-  core::JSONValue::Object params;
-  if (operation == "do" || operation == "query") {
-    if (rest.size() < 2) return usage();
-    std::string statements = rest[1];
-    if (statements == "-") statements.assign(std::istreambuf_iterator<char>(std::cin), {});
-    core::put(params, "cypher", statements);
-    core::putIf(params, "app", app);
-  } else if (operation != "ping" && operation != "status" && operation != "doctor" && operation != "skill") {
-    return usage();
+int help(const Invocation& invocation) {
+  if (invocation.helpTopic)
+    std::cout << commandHelp(*findCommand(*invocation.helpTopic));
+  else
+    std::cout << usageText();
+  return 0;
+}
+
+}  // namespace
+
+int runClient(const std::vector<std::string>& args) {
+  Invocation invocation;
+  try {
+    invocation = parseArguments(args);
+  } catch (const GlimmerstrandError& e) {
+    std::cerr << "glimmerstrand: " << e.message() << "\nTry 'glimmerstrand --help' for more information.\n";
+    return 2;
   }
-  core::JSONValue::Object line{{"operation", operation}, {"params", std::move(params)}};
-  if (!json) core::put(line, "format", "text");
-  auto reply = request(fd, core::jsonText(line));
-  ::close(fd);
-  if (!reply) return 1;
-  if (json) {
-    std::cout << *reply << "\n";
-    return reply->find("\"ok\":true") != std::string::npos ? 0 : 1;
-  }
-  auto value = core::parseJSON(*reply);
-  const auto* result = value.find("result");
-  if (result && result->find("text") && result->find("text")->asString()) {
-    std::cout << *result->find("text")->asString() << "\n";
-    return result->find("error") ? 1 : 0;
-  }
-  if (result) {
-    std::cout << core::jsonText(*result) << "\n";
+  if (invocation.help) return help(invocation);
+  if (invocation.version) {
+    std::cout << "glimmerstrand " << versionText() << "\n";
     return 0;
   }
-  const auto* error = value.find("error");
-  std::cerr << (error ? core::optionalString(*error, "message").value_or(*reply) : *reply) << "\n";
-  if (error && core::optionalString(*error, "retry")) std::cerr << *core::optionalString(*error, "retry") << "\n";
-  return 1;
+  try {
+    return runCommand(invocation);
+  } catch (const std::exception& e) {
+    std::cerr << "glimmerstrand: " << core::errorMessage(e) << "\n";
+    return 1;
+  }
 }
 
 }  // namespace glimmerstrand::client

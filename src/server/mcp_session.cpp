@@ -20,13 +20,14 @@ using core::JSONValue;
 constexpr std::array<std::string_view, 5> knownVersions{"2025-11-25", "2025-06-18", "2025-03-26", "2024-11-05",
                                                         "2024-10-07"};
 constexpr std::string_view latestVersion = "2025-11-25";
+constexpr std::string_view ourVersion = GLIMMERSTRAND_VERSION;
 constexpr std::string_view toolTitle = "Mac のアプリを見て操作する";
 
 JSONValue initializeResult(const std::string& clientVersion) {
   bool known = std::find(knownVersions.begin(), knownVersions.end(), clientVersion) != knownVersions.end();
   return JSONValue::Object{{"protocolVersion", known ? clientVersion : std::string(latestVersion)},
                            {"capabilities", JSONValue::Object{{"tools", JSONValue::Object{{"listChanged", true}}}}},
-                           {"serverInfo", JSONValue::Object{{"name", "glimmerstrand"}, {"version", "0.3.5"}}},
+                           {"serverInfo", JSONValue::Object{{"name", "glimmerstrand"}, {"version", ourVersion}}},
                            {"instructions", serverInstructions()}};
 }
 
