@@ -8,6 +8,10 @@
 #include "platform/linux/x11_connection.h"
 #include "x11_desktop.h"
 
+// Xlib's macros (None, Status) clash with GoogleTest's names: it comes last.
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+
 namespace glimmerstrand::testing {
 namespace {
 
@@ -155,6 +159,77 @@ TEST_F(X11DevicesTest, PointerGoesWhereItIsSentAndWarps) {
     auto at = input.pointerLocation();
     return at.x == 40 && at.y == 50;
   }));
+}
+
+/// A plain window of one colour, drawn by the server itself, naming this
+/// process as its owner when asked.
+class ColourWindow {
+ public:
+  ColourWindow(::Display* x, int left, int top, unsigned long rgb, bool named) : x_(x) {
+    XSetWindowAttributes attributes{};
+    attributes.background_pixel = rgb;
+    attributes.override_redirect = True;  // where it is put, whatever the window manager thinks
+    window_ = XCreateWindow(x, DefaultRootWindow(x), left, top, 200, 150, 0, CopyFromParent, InputOutput,
+                            CopyFromParent, CWBackPixel | CWOverrideRedirect, &attributes);
+    if (named) {
+      unsigned long pid = static_cast<unsigned long>(::getpid());
+      XChangeProperty(x, window_, XInternAtom(x, "_NET_WM_PID", False), XA_CARDINAL, 32, PropModeReplace,
+                      reinterpret_cast<unsigned char*>(&pid), 1);
+    }
+    XMapRaised(x, window_);
+    XSync(x, False);
+  }
+  ~ColourWindow() {
+    XDestroyWindow(x_, window_);
+    XSync(x_, False);
+  }
+
+ private:
+  ::Display* x_;
+  ::Window window_;
+};
+
+std::uint32_t pixelAt(const platform::Pixels& p, std::int64_t x, std::int64_t y) {
+  const auto* px = &p.rgba[static_cast<std::size_t>((y * p.width + x) * 4)];
+  return (std::uint32_t{px[0]} << 16) | (std::uint32_t{px[1]} << 8) | px[2];
+}
+
+TEST_F(X11DevicesTest, DisplaysComeFromTheServer) {
+  auto displays = platform().screen().displays();
+  ASSERT_EQ(displays.size(), 1u);
+  EXPECT_EQ(displays[0].bounds, (platform::AxRect{0, 0, 1280, 800}));
+  EXPECT_TRUE(displays[0].main);
+  EXPECT_TRUE(platform().screen().hasCapturePermission());
+}
+
+TEST_F(X11DevicesTest, CaptureShowsTheTopWindowOrOneProcessAloneUnderAnother) {
+  auto* x = XOpenDisplay(nullptr);
+  ASSERT_NE(x, nullptr);
+  {
+    ColourWindow own(x, 300, 200, 0xff0000, true);
+    ColourWindow cover(x, 350, 250, 0x00ff00, false);
+    auto& screen = platform().screen();
+    // The region starts on the own window's uncovered corner and runs under the cover.
+    const platform::AxRect region{300, 200, 100, 100};
+    std::optional<platform::Pixels> desktop;
+    ASSERT_TRUE(eventually([&] {
+      desktop = screen.capture(region, 1, std::nullopt);
+      return desktop && pixelAt(*desktop, 10, 10) == 0xff0000 && pixelAt(*desktop, 80, 80) == 0x00ff00;
+    }));
+    EXPECT_EQ(desktop->width, 100);
+    EXPECT_EQ(desktop->height, 100);
+    std::optional<platform::Pixels> alone;
+    ASSERT_TRUE(eventually([&] {
+      alone = screen.capture(region, 1, ::getpid());
+      return alone && pixelAt(*alone, 10, 10) == 0xff0000 && pixelAt(*alone, 80, 80) == 0xff0000;
+    })) << "the covered part shows the process's own pixels";
+    // Twice the pixels at scale 2.
+    auto doubled = screen.capture(region, 2, std::nullopt);
+    ASSERT_TRUE(doubled);
+    EXPECT_EQ(doubled->width, 200);
+    EXPECT_EQ(pixelAt(*doubled, 190, 190), 0x00ff00u);
+  }
+  XCloseDisplay(x);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 
+#include <functional>
 #include <mutex>
 
 namespace glimmerstrand::platform::linux_desktop {
@@ -70,6 +71,18 @@ std::optional<ClientWindow> describe(::Display* d, ::Window w) {
   return c;
 }
 
+std::vector<::Window> childrenOf(::Display* d, ::Window w) {
+  ::Window parent, rootReturn;
+  ::Window* children = nullptr;
+  unsigned int count = 0;
+  std::vector<::Window> out;
+  if (XQueryTree(d, w, &rootReturn, &parent, &children, &count) && children) {
+    out.assign(children, children + count);
+    XFree(children);
+  }
+  return out;
+}
+
 }  // namespace
 
 XConnection* openX11() {
@@ -99,24 +112,18 @@ std::optional<XWindowId> activeWindow(XConnection* d) {
 
 std::vector<ClientWindow> clientWindows(XConnection* d) {
   std::vector<ClientWindow> out;
-  ::Window root = DefaultRootWindow(d);
-  std::vector<unsigned long> listed;
-  if (hasWindowManager(d)) listed = cardinals(d, root, "_NET_CLIENT_LIST_STACKING", XA_WINDOW);
-  if (listed.empty()) {
-    ::Window parent, rootReturn;
-    ::Window* children = nullptr;
-    unsigned int count = 0;
-    if (XQueryTree(d, root, &rootReturn, &parent, &children, &count) && children) {
-      listed.assign(children, children + count);
-      XFree(children);
+  // The root's children in stacking order, each a client window or a window
+  // manager's frame around one. Windows the manager does not list (menus,
+  // override-redirect panels) are an application's windows too.
+  std::function<void(::Window, int)> visit = [&](::Window w, int depth) {
+    if (!cardinals(d, w, "_NET_WM_PID", XA_CARDINAL).empty()) {
+      if (auto c = describe(d, w)) out.push_back(std::move(*c));
+      return;
     }
-    std::vector<unsigned long> named;
-    for (auto w : listed)
-      if (!cardinals(d, w, "_NET_WM_PID", XA_CARDINAL).empty()) named.push_back(w);
-    listed = std::move(named);
-  }
-  for (auto w : listed)
-    if (auto c = describe(d, w)) out.push_back(std::move(*c));
+    if (depth == 0) return;
+    for (auto child : childrenOf(d, w)) visit(child, depth - 1);
+  };
+  for (auto w : childrenOf(d, DefaultRootWindow(d))) visit(w, 2);
   return out;
 }
 

@@ -36,8 +36,9 @@ struct ClientWindow {
   std::string title;
 };
 
-/// Every client window, bottom of the stack first: the window manager's list
-/// when one runs, else the root's children that name a process.
+/// Every window that names its process, mapped or not, bottom of the stack
+/// first: the root's children, or the client windows inside the window
+/// manager's frames.
 std::vector<ClientWindow> clientWindows(XConnection* connection);
 /// The process whose top-level window holds `window`; absent when none names one.
 std::optional<std::int32_t> pidOfWindow(XConnection* connection, XWindowId window);
