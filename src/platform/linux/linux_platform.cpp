@@ -7,8 +7,6 @@
 #include "platform/linux/glib_run_loop.h"
 #include "platform/linux/linux_workspace.h"
 #include "platform/linux/pending_devices.h"
-#include "platform/linux/x11_input.h"
-#include "platform/linux/x11_screen.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
@@ -37,9 +35,9 @@ class LinuxPlatform final : public Platform {
   AtspiBus bus_;
   AtspiAccessibility accessibility_;
   LinuxWorkspace workspace_;
-  X11Input input_;
+  PendingInput input_;
   PendingPasteboard pasteboard_;
-  X11Screen screen_;
+  PendingScreen screen_;
   PendingSession session_;
   PendingOverlay overlay_;
 };
