@@ -113,14 +113,15 @@ int statement(const Connection& connection, const Invocation& invocation) {
 }
 
 int report(const Connection& connection, const Invocation& invocation, const DaemonPaths& paths) {
-  const JSONValue doctor = ask(connection, "doctor");
   const bool isStatus = invocation.command == "status";
-  const JSONValue status = isStatus ? ask(connection, "status") : JSONValue();
-  const JSONValue& reply = isStatus ? status : doctor;
+  const JSONValue reply = ask(connection, invocation.command);
   if (invocation.json) {
     std::cout << core::jsonText(reply) << "\n";
     return replyStatus(reply);
   }
+  // The text of status tells whether the platform is usable, which only the doctor knows.
+  const JSONValue doctor = isStatus ? ask(connection, "doctor") : reply;
+  const JSONValue& status = reply;
   const DaemonFacts facts = factsOf(connection, paths);
   std::cout << (isStatus ? statusText(facts, status, doctor) : doctorText(facts, doctor));
   return replyStatus(reply);

@@ -96,6 +96,16 @@ TEST_F(ClientTest, ExitStatusIsTheSameWithAndWithoutJson) {
       << "the autostarted daemon logs into the state folder";
 }
 
+TEST_F(ClientTest, TheMcpBridgeServesTheClientsVersion) {
+  const Outcome outcome =
+      client_.run({"mcp"}, R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18"}})"
+                           "\n");
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_NE(outcome.out.find(R"("serverInfo":{"name":"glimmerstrand","version":")" GLIMMERSTRAND_VERSION "\"}"),
+            std::string::npos)
+      << outcome.out;
+}
+
 TEST_F(ClientTest, StopEndsTheDaemonAndRestartTakesThisShellsSettings) {
   ASSERT_EQ(client_.run({"ping"}).status, 0);
   const pid_t first = daemonPid();
