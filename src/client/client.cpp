@@ -113,38 +113,39 @@ int statement(const Connection& connection, const Invocation& invocation) {
 }
 
 int report(const Connection& connection, const Invocation& invocation, const DaemonPaths& paths) {
-  const JSONValue doctor = ask(connection, "doctor");
   const bool isStatus = invocation.command == "status";
-  const JSONValue status = isStatus ? ask(connection, "status") : JSONValue();
-  const JSONValue& reply = isStatus ? status : doctor;
+  const JSONValue reply = ask(connection, invocation.command);
   if (invocation.json) {
     std::cout << core::jsonText(reply) << "\n";
     return replyStatus(reply);
   }
+  // The text of status tells whether the platform is usable, which only the doctor knows.
+  const JSONValue doctor = isStatus ? ask(connection, "doctor") : reply;
   const DaemonFacts facts = factsOf(connection, paths);
-  std::cout << (isStatus ? statusText(facts, status, doctor) : doctorText(facts, doctor));
+  std::cout << (isStatus ? statusText(facts, reply, doctor) : doctorText(facts, doctor));
   return replyStatus(reply);
 }
 
-int stop(const DaemonPaths& paths) {
+// The pid of the daemon that was stopped; none when none answered.
+std::optional<pid_t> stopRunning(const DaemonPaths& paths) {
   auto connection = connectTo(paths.socket);
-  if (!connection) {
-    std::cout << "no daemon answers on " << paths.socket << "\n";
-    return 0;
-  }
+  if (!connection) return std::nullopt;
   const pid_t pid = connection->peerPid();
   connection.reset();
   stopDaemon(pid);
-  std::cout << "stopped the daemon (pid " << pid << ") on " << paths.socket << "\n";
+  return pid;
+}
+
+int stop(const DaemonPaths& paths) {
+  if (auto pid = stopRunning(paths))
+    std::cout << "stopped the daemon (pid " << *pid << ") on " << paths.socket << "\n";
+  else
+    std::cout << "no daemon answers on " << paths.socket << "\n";
   return 0;
 }
 
 int restart(const DaemonPaths& paths) {
-  if (auto connection = connectTo(paths.socket)) {
-    const pid_t pid = connection->peerPid();
-    connection.reset();
-    stopDaemon(pid);
-  }
+  stopRunning(paths);
   const Connection connection = startDaemon(paths);
   std::cout << "started the daemon (pid " << connection.peerPid() << ") on " << paths.socket << "; its log is "
             << paths.log().string() << "\n";

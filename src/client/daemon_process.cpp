@@ -130,11 +130,15 @@ std::vector<std::string> logSince(const fs::path& log, off_t from) {
 std::string lockHolderNote(const DaemonPaths& paths) {
   const auto holder = lockHolder(paths.lock());
   if (!holder) return "";
-  std::string socket = "its socket";
-  if (auto env = processEnvironment(*holder); env && env->count("GLIMMERSTRAND_SOCKET"))
-    socket = env->at("GLIMMERSTRAND_SOCKET");
-  return "\nprocess " + std::to_string(*holder) + " holds " + paths.lock().string() + " and listens on " + socket +
-         "; stop it with: GLIMMERSTRAND_SOCKET=" + socket + " glimmerstrand stop";
+  const std::string head = "\nprocess " + std::to_string(*holder) + " holds " + paths.lock().string();
+  const auto variables = processEnvironment(*holder);
+  if (!variables) return head + "; stop it with: kill " + std::to_string(*holder);
+  const std::string socket = daemonPaths([&](const char* name) -> std::optional<std::string> {
+                               auto found = variables->find(name);
+                               if (found == variables->end() || found->second.empty()) return std::nullopt;
+                               return found->second;
+                             }).socket;
+  return head + " and listens on " + socket + "; stop it with: GLIMMERSTRAND_SOCKET=" + socket + " glimmerstrand stop";
 }
 
 GlimmerstrandError startFailure(const DaemonPaths& paths, off_t logStart, int status) {
@@ -152,7 +156,9 @@ GlimmerstrandError startFailure(const DaemonPaths& paths, off_t logStart, int st
 
 }  // namespace
 
-DaemonPaths daemonPaths() {
+DaemonPaths daemonPaths() { return daemonPaths(environment); }
+
+DaemonPaths daemonPaths(const Environment& environment) {
   fs::path state = environment("XDG_STATE_HOME")
                        ? fs::path(*environment("XDG_STATE_HOME")) / "glimmerstrand"
                        : fs::path(environment("HOME").value_or("/tmp")) / ".local/state/glimmerstrand";

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -21,6 +22,10 @@ struct DaemonPaths {
   std::filesystem::path log() const { return stateFolder / "daemon.log"; }
   std::filesystem::path lock() const { return std::filesystem::path(socket).parent_path() / "daemon.lock"; }
 };
+/// A process's environment: a variable's value, or none when unset or empty.
+using Environment = std::function<std::optional<std::string>(const char*)>;
+DaemonPaths daemonPaths(const Environment& environment);
+/// By this process's own environment.
 DaemonPaths daemonPaths();
 
 /// A connection to the daemon's socket; closed when it goes.

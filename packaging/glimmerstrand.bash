@@ -1,0 +1,26 @@
+# bash completion for glimmerstrand
+_glimmerstrand() {
+  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
+  local commands="do query status doctor ping skill mcp stop restart help"
+  if [[ $prev == --app ]]; then
+    return 0  # an application name: nothing to offer
+  fi
+  local word command=
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    [[ " $commands " == *" $word "* ]] && { command=$word; break; }
+  done
+  if [[ $cur == -* ]]; then
+    local options="--help --version"
+    case $command in
+      do|query) options+=" --app --json" ;;
+      status|doctor|ping|skill) options+=" --json" ;;
+      '') options+=" --app --json" ;;
+    esac
+    COMPREPLY=($(compgen -W "$options" -- "$cur"))
+  elif [[ -z $command ]]; then
+    COMPREPLY=($(compgen -W "$commands" -- "$cur"))
+  elif [[ $command == help ]]; then
+    COMPREPLY=($(compgen -W "$commands" -- "$cur"))
+  fi
+}
+complete -F _glimmerstrand glimmerstrand
