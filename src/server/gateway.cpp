@@ -71,7 +71,15 @@ bool Gateway::listen(const std::string& path, const std::optional<std::string>& 
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.data(), path.size());
-  ::unlink(path.c_str());
+  // Only a socket is replaced: a file that is something else at this path is
+  // no leftover of ours, and is not ours to delete.
+  struct stat existing {};
+  if (::lstat(path.c_str(), &existing) == 0) {
+    if (!S_ISSOCK(existing.st_mode))
+      throw GlimmerstrandError(core::codes::invalidArgument,
+                               "ソケットのパスにソケットではないファイルがあります: " + path);
+    ::unlink(path.c_str());
+  }
   mode_t previous = ::umask(0077);  // no moment in which others could connect
   int bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
   int bindError = errno;

@@ -58,7 +58,8 @@ class Gateway : public std::enable_shared_from_this<Gateway> {
 
   static std::shared_ptr<Gateway> make(EventHandler onEvent, GatewayOptions options = {});
 
-  /// Listens on `path` (replacing whatever is there), mode 0600. The
+  /// Listens on `path` (replacing a socket that is there, refusing any
+  /// other kind of file with "invalid_argument"), mode 0600. The
   /// requirement holds until the next listen. Returns whether one is in
   /// force. Throws GlimmerstrandError.
   bool listen(const std::string& path, const std::optional<std::string>& requirementText);

@@ -120,6 +120,15 @@ TEST(Daemon, ASecondDaemonStopsAtTheLockAndTermRemovesTheSocket) {
 
   EXPECT_EQ(daemon.terminate(), 0);
   EXPECT_FALSE(std::filesystem::exists(daemon.socket()));
+
+  // A regular file at the socket path is no leftover: it stays, and the
+  // daemon refuses to start.
+  std::ofstream(daemon.socket()) << "notes";
+  second = Daemon::start(folder);
+  ::waitpid(second, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  std::ifstream kept(daemon.socket());
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "notes");
 }
 
 // A press that hangs for half a minute in one application: reads of another

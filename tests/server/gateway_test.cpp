@@ -87,6 +87,21 @@ TEST_F(GatewayTest, SocketPathRequirementAndMode) {
 
   SocketClient client(longest);
   EXPECT_EQ(events_.waitFor(1), Events{"open 1"});
+
+  // A stale socket is replaced; a file of another kind is left alone.
+  gateway.stop();
+  EXPECT_FALSE(gateway.listen(longest, std::nullopt));
+  gateway.stop();
+  std::filesystem::remove(longest);
+  std::ofstream(longest) << "keep";
+  std::filesystem::create_directory(base + "folder");
+  for (const auto& other : {longest, base + "folder"}) {
+    EXPECT_EQ(errorOf([&] { gateway.listen(other, std::nullopt); }),
+              "invalid_argument: ソケットのパスにソケットではないファイルがあります: " + other);
+    EXPECT_TRUE(std::filesystem::exists(other));
+  }
+  std::ifstream kept(longest);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "keep");
 }
 
 TEST_F(GatewayTest, BytesBecomeLines) {
