@@ -85,14 +85,16 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
     request.timeoutMs = options.timeoutMs.value_or(2000);
     request.maxAgeMs = options.maxAgeMs;
     if (cached) request.ifGeneration = cached->generation;
-    auto snapshot = host_.mirrors().mirror(app.pid)->snapshot(request);
+    auto mirror = host_.mirrors().mirror(app.pid);
+    auto snapshot = mirror->snapshot(request);
+    if (!snapshot.nodes && (!cached || cached->pid != snapshot.pid || cached->generation != snapshot.generation)) {
+      // The generation matched by chance for another application (the front
+      // one changed, say): read again in full. The cache entry is replaced
+      // below.
+      request.ifGeneration.reset();
+      snapshot = mirror->snapshot(request);
+    }
     if (!snapshot.nodes) {
-      if (!cached || cached->pid != snapshot.pid || cached->generation != snapshot.generation) {
-        // The generation matched by chance for another application: read again in full.
-        std::lock_guard guard(lock_);
-        snapshots_.erase(key);
-        return axSnapshot(options);
-      }
       out.nodes = cached->nodes;
     } else {
       out.nodes = core::NodeList(snapshot.nodes);
