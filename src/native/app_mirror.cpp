@@ -394,6 +394,11 @@ std::int64_t AppMirror::notificationCount() {
   return notificationCount_;
 }
 
+bool AppMirror::answering() {
+  std::lock_guard guard(stateLock_);
+  return !unanswered_;
+}
+
 Element AppMirror::elementForUid(std::int64_t uid) {
   std::lock_guard guard(stateLock_);
   auto it = uidElements_.find(uid);

@@ -205,6 +205,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   core::SettleResult waitSettle(std::optional<std::int64_t> since, std::int64_t quietMs, std::int64_t firstMs,
                                 std::int64_t timeoutMs);
   std::int64_t notificationCount();
+  /// False while the last walk got no answer from the application.
+  bool answering();
   /// The live element of a uid of the last commit; RPCError "stale" otherwise.
   Element elementForUid(std::int64_t uid);
   /// The element at index `i` of a generation still kept.

@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "action_sim.h"
+#include "core/errors.h"
 
 namespace glimmerstrand::native::testing {
 namespace {
@@ -37,6 +40,48 @@ TEST(InProcessDriver, TheFrontApplicationsCopyIsReadAgainWhenTheFrontChanges) {
   sim.call("activate", {{"pid", 600}});
   sim.clock.runUntilIdle();
   EXPECT_EQ(driver.axSnapshot(front).nodes[0].title, "One");
+}
+
+// An element action on an application that does not answer would hold the
+// shared input queue while its calls wait: it is refused at once, and the
+// application is tried again by the next read.
+TEST(InProcessDriver, ActionsOnAnApplicationThatDoesNotAnswerAreRefusedAtOnce) {
+  auto spec = appWith(600, "Stuck",
+                      {
+                          keyed("AXWindow", "window")
+                              .title("Stuck")
+                              .withFrame(0, 0, 300, 200)
+                              .child(keyed("AXButton", "go", 10, 10, 50, 30).title("Go").pressDoes({})),
+                      });
+  ActionSim sim(platform::sim::DesktopSpec{{}, {spec}});
+  Queues queues;
+  InProcessDriver driver(sim.table, queues, sim.host, nullptr);
+  core::SnapshotOptions fresh;
+  fresh.app.pid = 600;
+  fresh.fresh = true;
+  fresh.all = true;
+  auto copy = driver.axSnapshot(fresh);
+  const auto go = std::find_if(copy.nodes.begin(), copy.nodes.end(), [](auto& n) { return n.title == "Go"; });
+  ASSERT_NE(go, copy.nodes.end());
+  core::ElementRef ref;
+  ref.pid = 600;
+  ref.uid = go->uid;
+
+  sim.desktop().setFrozen(600, true);
+  EXPECT_TRUE(driver.axSnapshot(fresh).dirty);
+  const auto asked = sim.clock.nowNs();
+  try {
+    driver.press(ref);
+    ADD_FAILURE() << "a press went to an application that does not answer";
+  } catch (const core::GlimmerstrandError& e) {
+    EXPECT_EQ(e.code(), "timeout");
+  }
+  EXPECT_THROW(driver.setValue(ref, "x"), core::GlimmerstrandError);
+  EXPECT_LT(sim.clock.nowNs() - asked, ms) << "the refusal waited for the application";
+
+  sim.desktop().setFrozen(600, false);
+  EXPECT_FALSE(driver.axSnapshot(fresh).dirty);
+  EXPECT_TRUE(sim.host.mirrors().existing(600)->answering());
 }
 
 }  // namespace
