@@ -168,6 +168,14 @@ TEST(MirrorThreads, AHungApplicationHoldsUpNoReadOfAnother) {
   EXPECT_TRUE(ax->hanging()) << "a plain read waited for the hung application";
   EXPECT_EQ(findNode(last, "status")->value, "idle");  // its last copy
   ax->release();
+
+  // Once it answers, its copy catches up; and no walk is left running when
+  // the test ends.
+  auto seen = hung->notificationCount();
+  while (hung->waitSettle(seen, 40, 250, 5000).changed) seen = hung->notificationCount();
+  auto caughtUp = hung->snapshot(fresh);
+  EXPECT_FALSE(caughtUp.dirty);
+  EXPECT_EQ(findNode(caughtUp, "status")->value, "busy");
 }
 
 }  // namespace
