@@ -126,10 +126,14 @@ class HangingAccessibility final : public platform::AccessibilityWrapper {
 TEST(MirrorThreads, AHungApplicationHoldsUpNoReadOfAnother) {
   constexpr std::int32_t hungPid = 720;
   auto desktop = labDesktop();
-  desktop.apps.push_back(
-      appWith(hungPid, {keyed("AXWindow", "window", 0, 0, 400, 300)
-                            .title("Hung")
-                            .child(keyed("AXStaticText", "status", 10, 10, 100, 20).value("idle"))}));
+  auto window = keyed("AXWindow", "window", 0, 0, 400, 300)
+                    .title("Hung")
+                    .child(keyed("AXStaticText", "status", 10, 10, 100, 20).value("idle"));
+  // Enough to read that the mirror arms no delayed walks for a tree that shows
+  // almost nothing: none may be left when the process ends.
+  for (int k = 0; k < 5; ++k)
+    window.child(element("AXButton").title("b" + std::to_string(k)).withFrame(10, 40 + k * 30.0, 50, 20));
+  desktop.apps.push_back(appWith(hungPid, {window}));
   auto* platform = new platform::sim::SimPlatform(desktop);
   std::thread([platform] { platform->mainLoop().run(); }).detach();
   auto* ax = new HangingAccessibility(platform->accessibility(), hungPid);
