@@ -199,7 +199,7 @@ bool AppMirror::registerNotifications() {
   std::vector<std::string> names;
   {
     std::lock_guard guard(registrationLock_);
-    if (unregistered_.empty()) return false;
+    if (unregistered_.empty() || detached_) return false;
     lastRegisterAttempt_ = clock_.nowNs();
     observer = observer_;
     names.assign(unregistered_.begin(), unregistered_.end());
@@ -213,6 +213,10 @@ bool AppMirror::registerNotifications() {
     if (!created.ok() || !created.value) return false;
     observer = created.value;
     std::lock_guard guard(registrationLock_);
+    if (detached_) {
+      ax_.removeObserver(*observer);  // evicted meanwhile: no notification may reach it
+      return false;
+    }
     observer_ = observer;
   }
   bool registered = false;
@@ -261,6 +265,7 @@ void AppMirror::retryRegistrationOnQueue() {
 
 void AppMirror::detach() {
   std::lock_guard guard(registrationLock_);
+  detached_ = true;
   if (observer_) ax_.removeObserver(*observer_);
   observer_.reset();
 }

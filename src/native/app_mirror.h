@@ -325,7 +325,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
 
   std::atomic<std::int64_t> lastUsedAt_;
 
-  // `registration`: guards the four fields below. Never held across a call
+  // `registration`: guards the five fields below. Never held across a call
   // into the application: the walk queue alone registers, so it reads the
   // names under the lock, calls without it, and writes back under it.
   std::mutex registrationLock_;
@@ -333,6 +333,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   std::set<std::string> unregistered_;
   std::int64_t lastRegisterAttempt_ = 0;
   bool registrationQueued_ = false;  // a retry waits on the walk queue
+  bool detached_ = false;            // evicted: registers nothing more
 };
 
 /// The process-wide uid counter: first value 1, never reused, shared by all
