@@ -124,7 +124,7 @@ class Lexer {
   }
 
   void emit(TokenType type, std::string value, std::int64_t start, std::optional<std::string> raw = std::nullopt) {
-    tokens_.emplace_back(type, std::move(value), start, std::move(raw));
+    tokens_.push_back(Token{type, std::move(value), start, std::move(raw)});
   }
 
   void readString(char quote) {

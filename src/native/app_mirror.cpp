@@ -65,7 +65,17 @@ AppMirror::AppMirror(std::int32_t pid, MirrorEnvironment environment)
       lastUsedAt_(clock_.nowNs()) {
   for (const auto& [name, kind] : mirrorNotifications()) unregistered_.insert(name);
   ax_.setMessagingTimeout(app_, 0.3);
-  manualAccessibilitySet_ = ax_.set(app_, "AXManualAccessibility", true) == platform::AxError::success;
+}
+
+void AppMirror::start() {
+  // Everything that waits for the application happens on its own queue, so
+  // that making the mirror of a hung application holds up nobody else.
+  walkQueue_->async([self = shared_from_this()] {
+    self->manualAccessibilitySet_ =
+        self->ax_.set(self->app_, "AXManualAccessibility", true) == platform::AxError::success;
+    self->registerNotifications();
+  });
+  scheduleWalk();
 }
 
 AppMirror::~AppMirror() = default;
@@ -185,35 +195,63 @@ NodeList AppMirror::labeledLocked() {
 }
 
 bool AppMirror::registerNotifications() {
-  std::lock_guard guard(registrationLock_);
-  if (unregistered_.empty()) return false;
-  lastRegisterAttempt_ = clock_.nowNs();
-  if (!observer_) {
+  std::shared_ptr<platform::Observer> observer;
+  std::vector<std::string> names;
+  {
+    std::lock_guard guard(registrationLock_);
+    if (unregistered_.empty() || detached_) return false;
+    lastRegisterAttempt_ = clock_.nowNs();
+    observer = observer_;
+    names.assign(unregistered_.begin(), unregistered_.end());
+  }
+  // The calls into the application run without the lock: readers look at
+  // the missing names, and must not wait out a hung application's timeouts.
+  if (!observer) {
     auto created = ax_.createObserver(pid_, [weak = weak_from_this()](const Element& element, const std::string& name) {
       if (auto self = weak.lock()) self->handleNotification(element, name);
     });
     if (!created.ok() || !created.value) return false;
-    observer_ = created.value;
+    observer = created.value;
+    std::lock_guard guard(registrationLock_);
+    if (detached_) {
+      ax_.removeObserver(*observer);  // evicted meanwhile: no notification may reach it
+      return false;
+    }
+    observer_ = observer;
   }
   bool registered = false;
-  for (auto it = unregistered_.begin(); it != unregistered_.end();) {
-    auto result = ax_.addNotification(*observer_, app_, *it);
+  std::vector<std::string> settled;
+  for (const auto& name : names) {
+    auto result = ax_.addNotification(*observer, app_, name);
     if (result == platform::AxError::success || result == platform::AxError::notificationAlreadyRegistered) {
-      it = unregistered_.erase(it);
+      settled.push_back(name);
       registered = true;
     } else if (result == platform::AxError::notificationUnsupported) {
-      it = unregistered_.erase(it);  // never sent by this application: not missing either
-    } else {
-      ++it;
+      settled.push_back(name);  // never sent by this application: not missing either
+    } else if (result == platform::AxError::cannotComplete) {
+      break;  // a hung application: every further name would wait out its timeout too
     }
   }
+  std::lock_guard guard(registrationLock_);
+  for (const auto& name : settled) unregistered_.erase(name);
   return registered;
 }
 
 void AppMirror::retryRegistration() {
   {
     std::lock_guard guard(registrationLock_);
-    if (unregistered_.empty() || clock_.nowNs() - lastRegisterAttempt_ <= 500 * msNs) return;
+    if (unregistered_.empty() || registrationQueued_ || clock_.nowNs() - lastRegisterAttempt_ <= 500 * msNs) return;
+    registrationQueued_ = true;
+  }
+  walkQueue_->async([weak = weak_from_this()] {
+    if (auto self = weak.lock()) self->retryRegistrationOnQueue();
+  });
+}
+
+void AppMirror::retryRegistrationOnQueue() {
+  {
+    std::lock_guard guard(registrationLock_);
+    registrationQueued_ = false;
   }
   if (!ax_.isTrusted() || !registerNotifications()) return;
   {
@@ -227,6 +265,7 @@ void AppMirror::retryRegistration() {
 
 void AppMirror::detach() {
   std::lock_guard guard(registrationLock_);
+  detached_ = true;
   if (observer_) ax_.removeObserver(*observer_);
   observer_.reset();
 }
@@ -268,6 +307,16 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
   } else {
     scheduleUnlocked();
   }
+  // A hung application is tried again. A plain read doesn't wait for that; a
+  // fresh one waits for this one walk, which ends within the application's
+  // messaging timeout when it still does not answer.
+  if (unanswered_) {
+    if (request.fresh) {
+      lastNotificationAt_ = clock_.nowNs();
+      markFullLocked();
+    }
+    scheduleUnlocked();
+  }
 
   std::int64_t waitMs = request.timeoutMs;
   if (request.fresh)
@@ -285,6 +334,7 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
     if (request.fresh && required >= completedWalkStartedAt_) urgent_ = true;
   }
   auto goodEnough = [&] {
+    if (unanswered_ && unansweredWalkStartedAt_ > required) return true;  // a walk begun for this read got no answer
     if (generation_ == 0) return false;
     if (!request.fresh) return true;
     return required < completedWalkStartedAt_ && (!needTrailing || !trailingPending_);
@@ -297,7 +347,7 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
   out.generation = generation_;
   out.ageMs = static_cast<double>(clock_.nowNs() - walkedAt_) / 1e6;
   out.walkMs = walkMs_;
-  if (generation_ == 0)
+  if (generation_ == 0 || unanswered_)
     out.dirty = true;
   else if (request.fresh)
     out.dirty = required < completedWalkStartedAt_ ? (needTrailing && trailingPending_) : true;
@@ -347,6 +397,11 @@ core::SettleResult AppMirror::waitSettle(std::optional<std::int64_t> since, std:
 std::int64_t AppMirror::notificationCount() {
   std::lock_guard guard(stateLock_);
   return notificationCount_;
+}
+
+bool AppMirror::answering() {
+  std::lock_guard guard(stateLock_);
+  return !unanswered_;
 }
 
 Element AppMirror::elementForUid(std::int64_t uid) {

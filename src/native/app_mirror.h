@@ -5,9 +5,13 @@
 // open context menus), or a partial walk into the few subtrees that changed.
 //
 // Threads and locks:
-// - `walkQueue_` (serial, one per mirror) runs every walk and commit. It alone
-//   writes `current_`, `indexOf_`, `uids_` and `nodes_`, and reads them without
-//   the lock; other threads read them under `state_`.
+// - `walkQueue_` (serial, one per mirror) runs every walk and commit, and
+//   every other call into the application (setup, registration), so a hung
+//   application holds up its own queue and nothing else. It alone writes
+//   `current_`, `indexOf_`, `uids_` and `nodes_`, and reads them without the
+//   lock; other threads read them under `state_`.
+// - A walk whose first element does not answer is not committed: the copy
+//   stays as it was and reads show it `dirty` until a walk gets an answer.
 // - The main run loop runs observer callbacks (handleNotification), which only
 //   mark state and wake the walk queue.
 // - Callers (line operations, the driver) wait on `state_` in snapshot and
@@ -57,6 +61,9 @@ struct WalkResult {
   std::vector<Element> elements;  // same length and order as nodes
   bool truncated = false;
   std::int64_t incomplete = 0;  // elements that could not be read
+  /// The first element did not answer within its messaging timeout: the
+  /// application is hung, and the result says nothing about its tree.
+  bool unanswered = false;
 };
 
 struct PartialWalkResult {
@@ -165,10 +172,12 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   static constexpr std::int64_t keepNs = 10'000'000'000;
   static constexpr std::int64_t outsideIndex = INT64_MIN;
 
-  /// Sets the messaging timeout and AXManualAccessibility on the application;
-  /// reads no tree. Mirrors registers notifications and schedules the first
-  /// walk.
+  /// Sets the messaging timeout on the application element; calls nothing
+  /// in the application, so it is cheap even for a hung one. start() begins.
   static std::shared_ptr<AppMirror> create(std::int32_t pid, MirrorEnvironment environment);
+  /// Queues, on the walk queue, AXManualAccessibility, the registration of
+  /// notifications and the first walk. Returns at once.
+  void start();
   ~AppMirror();
   AppMirror(const AppMirror&) = delete;
   AppMirror& operator=(const AppMirror&) = delete;
@@ -176,9 +185,11 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   std::int32_t pid() const { return pid_; }
 
   // Notifications and scheduling.
-  /// True when at least one name was registered now or before.
+  /// True when at least one name was registered now or before. Calls the
+  /// application; runs on the walk queue.
   bool registerNotifications();
-  /// registerNotifications at most every 500 ms while names are missing.
+  /// Queues registerNotifications on the walk queue, at most every 500 ms
+  /// while names are missing; returns at once.
   void retryRegistration();
   /// The body of the observer callback, on the main run loop.
   void handleNotification(const Element& element, const std::string& name);
@@ -194,6 +205,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   core::SettleResult waitSettle(std::optional<std::int64_t> since, std::int64_t quietMs, std::int64_t firstMs,
                                 std::int64_t timeoutMs);
   std::int64_t notificationCount();
+  /// False while the last walk got no answer from the application.
+  bool answering();
   /// The live element of a uid of the last commit; RPCError "stale" otherwise.
   Element elementForUid(std::int64_t uid);
   /// The element at index `i` of a generation still kept.
@@ -250,6 +263,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   void markDirtyLocked(const std::vector<DirtyTarget>& targets);
   void markFullLocked();
   void trailingWalkDue();
+  void retryRegistrationOnQueue();
   void afterDelay(std::int64_t delayMs, void (AppMirror::*step)());
   bool essentialUnregistered();
   std::int64_t unregisteredCount();
@@ -260,7 +274,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   const Element app_;
   const std::unique_ptr<platform::SerialQueue> walkQueue_;
 
-  std::mutex stateLock_;  // `state`: guards the fields below, down to `lastNotificationAt_`
+  std::mutex stateLock_;  // `state`: guards the fields below, down to `unansweredWalkStartedAt_`
   platform::Signal stateChanged_;
   std::int64_t generation_ = 0;
   NodeList nodes_;
@@ -294,6 +308,10 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   double partialWalkMs_ = 0;
   std::int64_t notificationCount_ = 0;
   std::int64_t lastNotificationAt_ = 0;
+  // The last walk got no answer from the application; the start of that
+  // walk. Cleared by a commit.
+  bool unanswered_ = false;
+  std::int64_t unansweredWalkStartedAt_ = 0;
 
   // Written on the walk queue only (see the top of the file).
   ElementIndex uids_;
@@ -307,10 +325,15 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
 
   std::atomic<std::int64_t> lastUsedAt_;
 
-  std::mutex registrationLock_;  // `registration`: guards the three fields below
+  // `registration`: guards the five fields below. Never held across a call
+  // into the application: the walk queue alone registers, so it reads the
+  // names under the lock, calls without it, and writes back under it.
+  std::mutex registrationLock_;
   std::shared_ptr<platform::Observer> observer_;
   std::set<std::string> unregistered_;
   std::int64_t lastRegisterAttempt_ = 0;
+  bool registrationQueued_ = false;  // a retry waits on the walk queue
+  bool detached_ = false;            // evicted: registers nothing more
 };
 
 /// The process-wide uid counter: first value 1, never reused, shared by all

@@ -157,9 +157,23 @@ void AppMirror::walkLoop() {
       commit.walk = walkTree(ax_, app_, "window", maxDepth, maxNodes, lastNodeCount);
     }
     commit.endedAt = clock_.nowNs();
+    if (commit.walk.unanswered) {
+      // A hung application: keep the copy, and walk it whole once it answers.
+      lock.lock();
+      walking_ = false;
+      unanswered_ = true;
+      unansweredWalkStartedAt_ = walkStartedAt_;
+      markFullLocked();
+      const bool quiet = lastNotificationAt_ <= walkStartedAt_;
+      if (quiet) walkScheduled_ = false;
+      clock_.notifyAll(stateChanged_);
+      if (quiet) return;
+      continue;
+    }
     prepareCommit(commit);
     lock.lock();
     finishCommitLocked(commit);
+    unanswered_ = false;
 
     // Unread elements: mark the walk again, a few times.
     if (commit.walk.incomplete >= 1 && incompleteRetries_ <= 2) {

@@ -308,7 +308,11 @@ std::uint64_t treeSignature(const std::vector<core::AxNode>& nodes) {
 Element rootElement(platform::Accessibility& ax, const Element& app, std::string_view scope) {
   if (scope == "app") return app;
   if (scope == "menubar") return elementOf(ax.copy(app, "AXMenuBar")).value_or(app);
-  if (auto window = elementOf(ax.copy(app, "AXFocusedWindow"))) return *window;
+  const platform::AxValue focused = ax.copy(app, "AXFocusedWindow");
+  // An application that does not answer would make each further read wait
+  // out its timeout too: the walk from the application element finds out.
+  if (auto error = focused.get<platform::AxError>(); error && *error == platform::AxError::cannotComplete) return app;
+  if (auto window = elementOf(focused)) return *window;
   if (auto window = elementOf(ax.copy(app, "AXMainWindow"))) return *window;
   auto windows = ax.copy(app, "AXWindows");
   if (auto list = windows.get<AxList>(); list && !list->empty())
@@ -399,6 +403,10 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
     auto read = ax.copyMultiple(entry.element, names);
     if (!read.ok() || read.value.size() != names.size()) {
       ++result.incomplete;
+      if (entry.parent < 0 && read.error == platform::AxError::cannotComplete) {
+        result.unanswered = true;  // the root: nothing below it will answer either
+        break;
+      }
       continue;
     }
     core::AxNode node = buildNode(read.value);
@@ -433,7 +441,7 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
 WalkResult walkTree(platform::Accessibility& ax, const Element& app, std::string_view scope, std::int64_t maxDepth,
                     std::int64_t maxNodes, std::size_t expectedNodes) {
   WalkResult result = walkElement(ax, rootElement(ax, app, scope), 0, maxDepth, maxNodes, expectedNodes);
-  if (scope != "window") return result;
+  if (scope != "window" || result.unanswered) return result;
   // Context menus and pop-ups hang from the application, outside every window.
   auto appChildren = elementList(ax.copy(app, "AXChildren"));
   if (!appChildren) return result;

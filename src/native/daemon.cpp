@@ -96,7 +96,13 @@ int runDaemon(DaemonParts parts) {
   const int lockFd = ::open((socketFolder / "daemon.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (lockFd >= 0 && ::flock(lockFd, LOCK_EX | LOCK_NB) != 0)
     return fail(log, "常駐プロセスはすでに動いています", {{"socketPath", socketPath}});
-  if (std::filesystem::exists(std::filesystem::symlink_status(socketPath))) {
+  if (const auto found = std::filesystem::symlink_status(socketPath); std::filesystem::exists(found)) {
+    // Only a socket can be a leftover of ours; any other file stays, and so
+    // does the daemon away.
+    if (found.type() != std::filesystem::file_type::socket)
+      return fail(
+          log, "ソケットのパスにソケットではないファイルがあります。別のパスを GLIMMERSTRAND_SOCKET で指定してください",
+          {{"socketPath", socketPath}});
     if (probeSocket(socketPath, 500))
       return fail(log, "常駐プロセスはすでに動いています", {{"socketPath", socketPath}});
     ::unlink(socketPath.c_str());  // a stale socket of a daemon that was killed

@@ -1,5 +1,7 @@
 #include "native/in_process_driver.h"
 
+#include <limits>
+
 #include "core/base64.h"
 #include "core/errors.h"
 #include "native/agent_cursor.h"
@@ -85,14 +87,16 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
     request.timeoutMs = options.timeoutMs.value_or(2000);
     request.maxAgeMs = options.maxAgeMs;
     if (cached) request.ifGeneration = cached->generation;
-    auto snapshot = host_.mirrors().mirror(app.pid)->snapshot(request);
+    auto mirror = host_.mirrors().mirror(app.pid);
+    auto snapshot = mirror->snapshot(request);
+    if (!snapshot.nodes && (!cached || cached->pid != snapshot.pid || cached->generation != snapshot.generation)) {
+      // The generation matched by chance for another application (the front
+      // one changed, say): read again in full. The cache entry is replaced
+      // below.
+      request.ifGeneration.reset();
+      snapshot = mirror->snapshot(request);
+    }
     if (!snapshot.nodes) {
-      if (!cached || cached->pid != snapshot.pid || cached->generation != snapshot.generation) {
-        // The generation matched by chance for another application: read again in full.
-        std::lock_guard guard(lock_);
-        snapshots_.erase(key);
-        return axSnapshot(options);
-      }
       out.nodes = cached->nodes;
     } else {
       out.nodes = core::NodeList(snapshot.nodes);
@@ -125,7 +129,18 @@ core::AxMenus InProcessDriver::axMenus(const core::AppSelector& app, std::option
   return core::axMenusFromJSON(call("axMenus", params));
 }
 
+void InProcessDriver::requireAnswering(const core::ElementRef& ref) {
+  auto mirror =
+      ref.pid >= std::numeric_limits<std::int32_t>::min() && ref.pid <= std::numeric_limits<std::int32_t>::max()
+          ? host_.mirrors().existing(static_cast<std::int32_t>(ref.pid))
+          : nullptr;
+  if (mirror && !mirror->answering())
+    throw core::GlimmerstrandError(
+        core::codes::timeout, "アプリが応答していないので、操作を送りませんでした: pid " + std::to_string(ref.pid));
+}
+
 core::PressResult InProcessDriver::press(const core::ElementRef& ref) {
+  requireAnswering(ref);
   pulseAtElement(ref, true);
   auto r = call("press", refParams(ref), On::input);
   return core::PressResult{core::optionalString(r, "method").value_or("press"), boolOr(r, "completed", true),
@@ -134,6 +149,7 @@ core::PressResult InProcessDriver::press(const core::ElementRef& ref) {
 }
 
 void InProcessDriver::focus(const core::ElementRef& ref) {
+  requireAnswering(ref);
   pulseAtElement(ref, false);
   auto r = call("focus", refParams(ref), On::input);
   if (!boolOr(r, "moved", true))
@@ -143,6 +159,7 @@ void InProcessDriver::focus(const core::ElementRef& ref) {
 }
 
 core::SetValueResult InProcessDriver::setValue(const core::ElementRef& ref, const std::string& text) {
+  requireAnswering(ref);
   pulseAtElement(ref, true);
   auto r = call("setValue", with(refParams(ref), "text", text), On::input);
   return core::SetValueResult{boolOr(r, "applied", false)};
@@ -266,6 +283,7 @@ core::InspectResult InProcessDriver::inspect(const core::ElementRef& ref) {
 }
 
 void InProcessDriver::showMenu(const core::ElementRef& ref) {
+  requireAnswering(ref);
   pulseAtElement(ref, true);
   call("showMenu", refParams(ref), On::input);
 }

@@ -6,7 +6,9 @@
 //
 // Callable from several threads. `lock_` guards `snapshots_` only and is
 // never held across a handler call. Operations that act on the user's screen
-// run synchronously on the serial input queue, among line clients' input.
+// run synchronously on the serial input queue, among line clients' input;
+// element actions on an application whose mirror gets no answer are refused
+// before they reach that queue.
 #pragma once
 
 #include <mutex>
@@ -66,6 +68,10 @@ class InProcessDriver final : public core::UIDriver {
   /// The middle of the element's frame in a cached snapshot, for the pulse.
   std::optional<core::Point> elementPoint(const core::ElementRef& ref);
   void pulseAt(std::optional<core::Point> point, bool click);
+  /// RPC "timeout" when the element's application is known not to answer:
+  /// an action on it would hold the shared input queue for as long as its
+  /// calls wait, and so every other application's input too.
+  void requireAnswering(const core::ElementRef& ref);
   void pulseAtElement(const core::ElementRef& ref, bool click) { pulseAt(elementPoint(ref), click); }
 
   const OperationTable& operations_;

@@ -31,9 +31,10 @@ std::shared_ptr<AppMirror> Mirrors::mirror(std::int32_t pid) {
     oldest->second->detach();
     mirrors_.erase(oldest);
   }
+  // Cheap: whatever waits for the application runs on the mirror's queue,
+  // so a hung application never holds this lock.
   auto created = AppMirror::create(pid, environment_);
-  created->registerNotifications();
-  created->scheduleWalk();
+  created->start();
   mirrors_.emplace_back(pid, created);
   return created;
 }

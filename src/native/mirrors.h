@@ -4,9 +4,9 @@
 // anybody asks, and the turning of an element reference back into a live
 // element.
 //
-// `lock_` guards the table. It is held while a new mirror is made and
-// registered (calls into that application included); no code takes it while
-// holding a mirror's lock.
+// `lock_` guards the table. It is held while a new mirror is made, which
+// calls nothing in the application (registration runs on the mirror's own
+// queue); no code takes it while holding a mirror's lock.
 #pragma once
 
 #include <functional>

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/errors.h"
+#include "core/json_value.h"
 #include "server/utf8_lines.h"
 
 namespace glimmerstrand::server {
@@ -71,7 +72,15 @@ bool Gateway::listen(const std::string& path, const std::optional<std::string>& 
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path.data(), path.size());
-  ::unlink(path.c_str());
+  // Only a socket is replaced: a file that is something else at this path is
+  // no leftover of ours, and is not ours to delete.
+  struct stat existing {};
+  if (::lstat(path.c_str(), &existing) == 0) {
+    if (!S_ISSOCK(existing.st_mode))
+      throw GlimmerstrandError(core::codes::invalidArgument,
+                               "ソケットのパスにソケットではないファイルがあります: " + path);
+    ::unlink(path.c_str());
+  }
   mode_t previous = ::umask(0077);  // no moment in which others could connect
   int bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
   int bindError = errno;
@@ -81,7 +90,9 @@ bool Gateway::listen(const std::string& path, const std::optional<std::string>& 
     failNative("ソケットに名前を付けられませんでした: ");
   }
   ::chmod(path.c_str(), 0600);
-  if (::listen(fd, 16) != 0) failNative("待ち受けられませんでした: ");
+  // As deep as the system allows: a burst of clients waits in it instead of
+  // being refused while the accept thread catches up.
+  if (::listen(fd, SOMAXCONN) != 0) failNative("待ち受けられませんでした: ");
 
   listening_ = socket;
   requirement_ = std::move(requirement);
@@ -108,17 +119,47 @@ void Gateway::acceptLoop(const std::shared_ptr<Socket>& listening) {
     int fd = ::accept4(listening->fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
+      // Out of descriptors: the peers waiting in the backlog get their turn
+      // once some connection ends.
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        continue;
+      }
       return;  // stop() shut the socket down, or it failed for good
     }
+    bool full = false;
     {
       std::lock_guard guard(lock_);
       if (listening_ != listening) {
         ::close(fd);
         return;
       }
+      full = active_ >= options_.maxConnections;
+      if (!full) ++active_;
     }
-    admit(fd);
+    if (full) {
+      refuse(fd);
+      continue;
+    }
+    // The check may read a large executable: it runs on the connection's
+    // own thread, so it holds up no other peer's accept.
+    startThread([fd](Gateway& self) {
+      self.admit(fd);
+      std::lock_guard guard(self.lock_);
+      --self.active_;
+    });
   }
+}
+
+void Gateway::refuse(int fd) {
+  const std::string reason = "接続が多すぎます: 上限 " + std::to_string(options_.maxConnections);
+  // One line in the form of an error reply, so that the peer learns why; a
+  // peer that doesn't read it loses nothing, as the socket is closed next.
+  const std::string line =
+      "{\"ok\":false,\"error\":{\"code\":\"busy\",\"message\":" + core::jsonString(reason) + "}}\n";
+  ::send(fd, line.data(), line.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  ::close(fd);
+  onEvent_(GatewayRejected{reason});
 }
 
 void Gateway::admit(int fd) {
@@ -143,8 +184,8 @@ void Gateway::admit(int fd) {
     connection = std::make_shared<Connection>(nextConnection_++, fd);
     connections_[connection->id] = connection;
   }
-  onEvent_(GatewayOpen{connection->id});  // before the reader starts, so before any line
-  startThread([connection](Gateway& self) { self.readLoop(connection); });
+  onEvent_(GatewayOpen{connection->id});  // before the first line
+  readLoop(connection);
 }
 
 void Gateway::readLoop(const std::shared_ptr<Connection>& connection) {

@@ -3,11 +3,13 @@
 // lines back. It knows nothing of what lines mean; it reports everything
 // through one callback of Events.
 //
-// Threads: one accept thread per listening socket and one reader thread per
-// connection, all detached and owned by the gateway (they hold it alive and
-// end by themselves after stop() or the peer's close). `onEvent` runs on
-// those threads: concurrently for different connections, strictly in order
-// for one. No lock of the gateway is held while `onEvent` runs.
+// Threads: one accept thread per listening socket and one thread per
+// connection, which checks the peer and then reads its lines; all detached
+// and owned by the gateway (they hold it alive and end by themselves after
+// stop() or the peer's close). `onEvent` runs on those threads: concurrently
+// for different connections, strictly in order for one. No lock of the
+// gateway is held while `onEvent` runs. At most `maxConnections` connection
+// threads live at once.
 //
 // Writes: each connection has its own write lock, so a line stays whole and
 // a peer that stops reading holds up only the writers to itself. A write
@@ -50,6 +52,9 @@ struct GatewayOptions {
   std::shared_ptr<PeerInspector> peers = PeerInspector::system();
   /// How long a write may make no progress before the peer counts as stalled.
   std::chrono::milliseconds sendTimeout{10000};
+  /// Connections open or being checked at once. One more is told so in one
+  /// line, closed, and reported as `rejected`.
+  std::size_t maxConnections = 256;
 };
 
 class Gateway : public std::enable_shared_from_this<Gateway> {
@@ -58,7 +63,8 @@ class Gateway : public std::enable_shared_from_this<Gateway> {
 
   static std::shared_ptr<Gateway> make(EventHandler onEvent, GatewayOptions options = {});
 
-  /// Listens on `path` (replacing whatever is there), mode 0600. The
+  /// Listens on `path` (replacing a socket that is there, refusing any
+  /// other kind of file with "invalid_argument"), mode 0600. The
   /// requirement holds until the next listen. Returns whether one is in
   /// force. Throws GlimmerstrandError.
   bool listen(const std::string& path, const std::optional<std::string>& requirementText);
@@ -83,7 +89,10 @@ class Gateway : public std::enable_shared_from_this<Gateway> {
   struct Connection;
 
   void acceptLoop(const std::shared_ptr<Socket>& listening);
+  /// On the connection's thread: the peer check, `open`, then its lines.
   void admit(int fd);
+  /// At the cap: tells the peer why and closes it.
+  void refuse(int fd);
   void readLoop(const std::shared_ptr<Connection>& connection);
   template <typename Loop>
   void startThread(Loop loop);
@@ -91,11 +100,12 @@ class Gateway : public std::enable_shared_from_this<Gateway> {
   const EventHandler onEvent_;
   const GatewayOptions options_;
 
-  std::mutex lock_;                    // guards the four fields below; never held during onEvent_ or a write
+  std::mutex lock_;                    // guards the five fields below; never held during onEvent_ or a write
   std::shared_ptr<Socket> listening_;  // none when not listening
   std::map<std::int64_t, std::shared_ptr<Connection>> connections_;
   std::int64_t nextConnection_ = 1;  // ids are never reused
   std::optional<PeerRequirement> requirement_;
+  std::size_t active_ = 0;  // connection threads alive: checking or reading
 
   std::mutex threadsLock_;  // guards threads_
   std::condition_variable threadsEnded_;

@@ -2,12 +2,24 @@
 // in force, only a peer whose executable meets it. A requirement names the
 // executable by file (`path=/abs/path`) or by the SHA-256 of its contents
 // (`sha256=HEX`). Callable from any thread.
+//
+// What the executable requirement guarantees, and what it does not: the
+// executable is read through /proc/PID/exe when the connection is checked,
+// not when the peer connected, so a program of the same user that connects
+// and then execs an allowed program passes. The uid check is the boundary;
+// the requirement only keeps other programs of the user from connecting by
+// mistake.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <tuple>
 
 namespace glimmerstrand::server {
 
@@ -49,7 +61,34 @@ inline constexpr int requirementNotMetStatus = -67050;
 std::optional<std::string> checkPeer(int fd, const std::optional<PeerRequirement>& requirement,
                                      PeerInspector& inspector);
 
-/// The SHA-256 of a file's contents; nothing when it can't be read.
+/// The SHA-256 of a file's contents as 64 lower-case hex digits; nothing
+/// when it can't be read.
 std::optional<std::string> fileSha256(const std::string& path);
+
+/// The SHA-256 of executables, remembered by the file's identity (device,
+/// inode, size, modification and change times), so that a program that
+/// connects again and again is read once, not at every connection.
+///
+/// Thread-safe: `lock_` guards the table and is never held while a file is
+/// read.
+class ExecutableDigests {
+ public:
+  /// The process-wide one, made on first use.
+  static ExecutableDigests& shared();
+
+  /// As fileSha256, from the table when the file is unchanged.
+  std::optional<std::string> digest(const std::string& path);
+  /// How many files were actually read so far.
+  std::size_t hashed() const;
+
+ private:
+  /// Forgotten whole when full: executables that connect are few.
+  static constexpr std::size_t maxEntries = 64;
+  using Identity = std::tuple<dev_t, ino_t, off_t, time_t, long, time_t, long>;
+
+  mutable std::mutex lock_;
+  std::map<Identity, std::string> digests_;
+  std::size_t hashed_ = 0;
+};
 
 }  // namespace glimmerstrand::server

@@ -41,12 +41,12 @@ JSONValue echoedId(const JSONValue& id) {
   }
   if (auto object = id.asObject()) {
     JSONValue::Object out;
-    for (const auto& [key, value] : *object) {
-      auto same = std::find_if(out.begin(), out.end(), [&](const auto& pair) { return pair.first == key; });
+    for (const auto& entry : *object) {
+      auto same = std::find_if(out.begin(), out.end(), [&](const auto& pair) { return pair.first == entry.first; });
       if (same != out.end())
-        same->second = echoedId(value);
+        same->second = echoedId(entry.second);
       else
-        out.emplace_back(key, echoedId(value));
+        out.emplace_back(entry.first, echoedId(entry.second));
     }
     std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     return out;

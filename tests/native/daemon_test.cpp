@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <thread>
 
@@ -25,9 +26,10 @@ using namespace std::chrono_literals;
 // A daemon started in its own state folder; killed at the end of the test.
 class Daemon {
  public:
-  explicit Daemon(const TempFolder& folder)
+  /// `apps`: a fixture file of simulated applications; the demo set without.
+  explicit Daemon(const TempFolder& folder, const std::string& apps = "")
       : socket_((folder.path() / "state/glimmerstrand/glimmerstrand.sock").string()) {
-    pid_ = start(folder);
+    pid_ = start(folder, apps);
     for (int k = 0; k < 500 && !std::filesystem::exists(socket_); ++k) std::this_thread::sleep_for(10ms);
   }
   ~Daemon() {
@@ -37,14 +39,17 @@ class Daemon {
     }
   }
 
-  static pid_t start(const TempFolder& folder) {
+  static pid_t start(const TempFolder& folder, const std::string& apps = "") {
     pid_t child = ::fork();
     if (child == 0) {
       ::setenv("XDG_STATE_HOME", (folder.path() / "state").c_str(), 1);
       ::setenv("GLIMMERSTRAND_PLATFORM", "sim", 1);
       ::setenv("GLIMMERSTRAND_LOG_LEVEL", "error", 1);
       ::unsetenv("GLIMMERSTRAND_SOCKET");
-      ::unsetenv("GLIMMERSTRAND_SIM_APPS");
+      if (apps.empty())
+        ::unsetenv("GLIMMERSTRAND_SIM_APPS");
+      else
+        ::setenv("GLIMMERSTRAND_SIM_APPS", apps.c_str(), 1);
       ::execl(GLIMMERSTRAND_NATIVE_BINARY, GLIMMERSTRAND_NATIVE_BINARY, "daemon", static_cast<char*>(nullptr));
       ::_exit(127);
     }
@@ -115,6 +120,58 @@ TEST(Daemon, ASecondDaemonStopsAtTheLockAndTermRemovesTheSocket) {
 
   EXPECT_EQ(daemon.terminate(), 0);
   EXPECT_FALSE(std::filesystem::exists(daemon.socket()));
+
+  // A regular file at the socket path is no leftover: it stays, and the
+  // daemon refuses to start.
+  std::ofstream(daemon.socket()) << "notes";
+  second = Daemon::start(folder);
+  ::waitpid(second, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  std::ifstream kept(daemon.socket());
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "notes");
+}
+
+// A press that hangs for half a minute in one application: reads of another
+// application, and of the hanging one, come back long before it ends (the
+// hanging one's text is still as it was before the press).
+TEST(Daemon, AHangingPressHoldsUpNoRead) {
+  TempFolder folder;
+  auto window = [](int pid, const std::string& title, const std::string& onPress) {
+    std::string children = R"({"key":"go","role":"AXButton","title":"Go","frame":[10,10,50,30],"onPress":)" + onPress +
+                           R"(},{"key":"status","role":"AXStaticText","value":"idle","frame":[10,50,100,20]})";
+    // Enough elements that the application never counts as showing almost nothing.
+    for (int k = 0; k < 40; ++k)
+      children += R"(,{"role":"AXStaticText","value":"row )" + std::to_string(k) + R"(","frame":[200,)" +
+                  std::to_string(5 * k) + ",50,5]}";
+    return R"({"pid":)" + std::to_string(pid) + R"(,"name":")" + title +
+           R"(","windows":[{"role":"AXWindow","title":")" + title + R"(","frame":[0,0,400,300],"children":[)" +
+           children + "]}]}";
+  };
+  const auto apps = folder.path() / "apps.json";
+  std::ofstream(apps) << R"({"apps":[)"
+                      << window(601, "Hang", R"([{"hangMs":30000},{"set":{"key":"status","value":"done"}}])") << ","
+                      << window(602, "Other", "[]") << "]}";
+  Daemon daemon(folder, apps.string());
+  SocketClient presser(daemon.socket());
+  presser.sendLine(R"x({"id":1,"operation":"do","params":{"app":"Hang","cypher":"CALL ui.press(\"Go\")"}})x");
+  SocketClient reader(daemon.socket());
+  const std::string readStatus =
+      R"({"id":2,"operation":"query","params":{"app":"APP","cypher":"MATCH (t:StaticText {value: 'idle'}) RETURN count(t) AS idle"}})";
+  auto readsIdle = [&](const char* app) {
+    auto reply = ask(reader, std::regex_replace(readStatus, std::regex("APP"), app));
+    EXPECT_EQ(core::optionalBool(reply, "ok"), true) << core::jsonText(reply);
+    auto results = reply.find("result") ? reply.find("result")->find("results") : nullptr;
+    return results && core::jsonText(*results->asArray()->at(0).find("rows")) == R"([{"idle":1}])";
+  };
+  // While the press is waited for, and after it has been given up on while
+  // the application still hangs.
+  EXPECT_TRUE(readsIdle("Other"));
+  EXPECT_TRUE(readsIdle("Hang"));
+  auto pressed = presser.readLine(20s);
+  ASSERT_TRUE(pressed);
+  EXPECT_NE(pressed->find(R"("ok":true)"), std::string::npos) << *pressed;
+  EXPECT_TRUE(readsIdle("Other"));
+  EXPECT_TRUE(readsIdle("Hang")) << "the press's effect came: the reads were not made while it hung";
 }
 
 }  // namespace

@@ -6,11 +6,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <fstream>
 #include <thread>
 
 #include "core/errors.h"
-#include "server/sha256.h"
 #include "server/support/event_log.h"
 #include "server/support/socket_client.h"
 
@@ -23,7 +23,9 @@ using testing::TempFolder;
 using Events = std::vector<std::string>;
 using namespace std::chrono_literals;
 
-// The system's answers, except for the uid when told to lie about it.
+// The system's answers, except for the uid when told to lie about it, and
+// the executable when told to show another file. Can hold the check of the
+// first peer until released, as a slow read of a large executable would.
 class PeerInspectorProbe final : public PeerInspector {
  public:
   std::optional<PeerCredentials> credentials(int fd) override {
@@ -31,10 +33,37 @@ class PeerInspectorProbe final : public PeerInspector {
     if (real && otherUid) real->uid = *otherUid;
     return real;
   }
-  std::string executablePath(std::int64_t pid) override { return PeerInspector::system()->executablePath(pid); }
+  std::string executablePath(std::int64_t pid) override {
+    std::unique_lock guard(lock_);
+    if (holdFirst && checks_++ == 0) {
+      held_ = true;
+      changed_.notify_all();
+      changed_.wait_for(guard, 20s, [&] { return released_; });
+    }
+    return executable ? *executable : PeerInspector::system()->executablePath(pid);
+  }
   std::uint32_t ownUid() override { return PeerInspector::system()->ownUid(); }
 
+  bool waitUntilHeld() {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, 20s, [&] { return held_; });
+  }
+  void release() {
+    std::lock_guard guard(lock_);
+    released_ = true;
+    changed_.notify_all();
+  }
+
   std::optional<std::uint32_t> otherUid;
+  std::optional<std::string> executable;
+  bool holdFirst = false;
+
+ private:
+  std::mutex lock_;  // guards the fields below
+  std::condition_variable changed_;
+  int checks_ = 0;
+  bool held_ = false;
+  bool released_ = false;
 };
 
 class GatewayTest : public ::testing::Test {
@@ -87,6 +116,21 @@ TEST_F(GatewayTest, SocketPathRequirementAndMode) {
 
   SocketClient client(longest);
   EXPECT_EQ(events_.waitFor(1), Events{"open 1"});
+
+  // A stale socket is replaced; a file of another kind is left alone.
+  gateway.stop();
+  EXPECT_FALSE(gateway.listen(longest, std::nullopt));
+  gateway.stop();
+  std::filesystem::remove(longest);
+  std::ofstream(longest) << "keep";
+  std::filesystem::create_directory(base + "folder");
+  for (const auto& other : {longest, base + "folder"}) {
+    EXPECT_EQ(errorOf([&] { gateway.listen(other, std::nullopt); }),
+              "invalid_argument: ソケットのパスにソケットではないファイルがあります: " + other);
+    EXPECT_TRUE(std::filesystem::exists(other));
+  }
+  std::ifstream kept(longest);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "keep");
 }
 
 TEST_F(GatewayTest, BytesBecomeLines) {
@@ -125,24 +169,29 @@ TEST_F(GatewayTest, SendCloseStaleAndStop) {
 }
 
 TEST_F(GatewayTest, PeersAreCheckedBeforeTheyOpen) {
-  auto sha = fileSha256(ownExecutable());
-  ASSERT_TRUE(sha);
+  // The peer shows a small file as its executable: what is checked is the
+  // same, and no case waits for a large file to be read.
+  const std::string program = folder_.path() / "program";
+  std::ofstream(program) << "abc";
   struct Case {
     std::string requirement;
     std::optional<std::uint32_t> otherUid;
     std::string event;
+    std::optional<std::string> executable;
   };
   std::vector<Case> cases{
-      {"", std::nullopt, "open"},
-      {"path=" + ownExecutable(), std::nullopt, "open"},
-      {"sha256=" + *sha, std::nullopt, "open"},
-      {"path=/bin/true", std::nullopt, "rejected 相手の署名が条件を満たしません: -67050"},
-      {"", ::getuid() + 1, "rejected 別のユーザーからの接続です: uid " + std::to_string(::getuid() + 1)},
+      {"", std::nullopt, "open", std::nullopt},
+      {"path=" + ownExecutable(), std::nullopt, "open", std::nullopt},
+      {"sha256=BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD", std::nullopt, "open", program},
+      {"sha256=" + std::string(64, '0'), std::nullopt, "rejected 相手の署名が条件を満たしません: -67050", program},
+      {"path=/bin/true", std::nullopt, "rejected 相手の署名が条件を満たしません: -67050", std::nullopt},
+      {"", ::getuid() + 1, "rejected 別のユーザーからの接続です: uid " + std::to_string(::getuid() + 1), std::nullopt},
   };
   int opened = 0;
   for (const auto& c : cases) {
     auto probe = std::make_shared<PeerInspectorProbe>();
     probe->otherUid = c.otherUid;
+    probe->executable = c.executable;
     EventLog events;
     auto gateway = Gateway::make(events.handler(), GatewayOptions{probe});
     EXPECT_EQ(gateway->listen(folder_.socketPath(), c.requirement), !c.requirement.empty());
@@ -224,15 +273,67 @@ TEST_F(GatewayTest, ConcurrentSendsKeepLinesWhole) {
   EXPECT_EQ(counts, (std::map<char, int>{{'a', lines}, {'b', lines}, {'c', lines}, {'d', lines}}));
 }
 
-TEST(Sha256, KnownDigests) {
-  auto digest = [](std::initializer_list<std::string> parts) {
-    Sha256 hash;
-    for (const auto& part : parts) hash.update(part);
-    return hash.hexDigest();
-  };
-  EXPECT_EQ(digest({"a", "bc"}), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-  EXPECT_EQ(digest({std::string(63, 'a'), std::string(999'937, 'a')}),
-            "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+// A peer whose check takes long (a large executable read, say) holds up
+// neither the accept of others nor their lines.
+TEST_F(GatewayTest, ASlowCheckHoldsUpNoOtherPeer) {
+  auto probe = std::make_shared<PeerInspectorProbe>();
+  probe->holdFirst = true;
+  Gateway& gateway = makeGateway(GatewayOptions{probe});
+  gateway.listen(folder_.socketPath(), "path=" + ownExecutable());
+  SocketClient slow(folder_.socketPath());
+  ASSERT_TRUE(probe->waitUntilHeld());
+  SocketClient quick(folder_.socketPath());
+  quick.sendLine("hello");
+  EXPECT_EQ(events_.waitFor(2), (Events{"open 1", "line 1 hello"}));
+  probe->release();
+  EXPECT_EQ(events_.waitFor(3).back(), "open 2");
+}
+
+// Beyond the cap a peer is told why and closed; a place that frees up is
+// taken again.
+TEST_F(GatewayTest, ConnectionsBeyondTheCapAreRefusedInOneLine) {
+  GatewayOptions options;
+  options.maxConnections = 2;
+  Gateway& gateway = makeGateway(options);
+  gateway.listen(folder_.socketPath(), std::nullopt);
+  auto first = std::make_unique<SocketClient>(folder_.socketPath());
+  events_.waitFor(1);
+  SocketClient second(folder_.socketPath());
+  EXPECT_EQ(events_.waitFor(2), (Events{"open 1", "open 2"}));
+  SocketClient third(folder_.socketPath());
+  EXPECT_EQ(third.readLine(), R"({"ok":false,"error":{"code":"busy","message":"接続が多すぎます: 上限 2"}})");
+  EXPECT_TRUE(third.closedByPeer());
+  EXPECT_EQ(events_.waitFor(3).back(), "rejected 接続が多すぎます: 上限 2");
+  first.reset();
+  EXPECT_EQ(events_.waitFor(4).back(), "close 1");
+  // The close event comes just before the connection's thread ends: try
+  // until the place has been given back.
+  bool admitted = false;
+  for (int k = 0; k < 1000 && !admitted; ++k) {
+    const auto before = events_.waitFor(0).size();
+    SocketClient again(folder_.socketPath());
+    const auto seen = events_.waitFor(before + 1);
+    ASSERT_GT(seen.size(), before);
+    admitted = seen[before].starts_with("open ");
+  }
+  EXPECT_TRUE(admitted);
+}
+
+TEST(ExecutableDigests, KnownDigestsReadOncePerVersionOfAFile) {
+  TempFolder folder;
+  const std::string path = folder.path() / "program";
+  std::ofstream(path) << std::string(1'000'000, 'a');
+  EXPECT_EQ(fileSha256(path), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+  auto& digests = ExecutableDigests::shared();
+  const auto before = digests.hashed();
+  EXPECT_EQ(digests.digest(path), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+  EXPECT_EQ(digests.digest(path), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+  EXPECT_EQ(digests.hashed(), before + 1);
+  // The same size, another content: a new version, read again.
+  std::ofstream(path) << std::string(999'999, 'a') << 'b';
+  EXPECT_NE(digests.digest(path), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+  EXPECT_EQ(digests.hashed(), before + 2);
+  EXPECT_EQ(fileSha256(folder.path() / "missing"), std::nullopt);
 }
 
 }  // namespace
