@@ -36,6 +36,7 @@ struct Prefetched {
   std::chrono::steady_clock::time_point at;
 };
 thread_local std::unordered_map<std::string, Prefetched> prefetched;
+thread_local std::chrono::steady_clock::time_point lastSweep{};
 
 class AtspiObserver final : public Observer {
  public:
@@ -99,9 +100,9 @@ struct AtspiAccessibility::State {
                            Call{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                                 "GetConnectionUnixProcessID", own(g_variant_new("(s)", name.c_str()))},
                            defaultTimeout.load());
-    Variant v = replyChild(reply);
-    if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_UINT32)) return std::nullopt;
-    auto pid = static_cast<std::int32_t>(g_variant_get_uint32(v.get()));
+    auto owner = uint32Of(replyChild(reply));
+    if (!owner) return std::nullopt;
+    auto pid = static_cast<std::int32_t>(*owner);
     std::lock_guard guard(lock);
     pids[name] = pid;
     return pid;
@@ -115,9 +116,7 @@ struct AtspiAccessibility::State {
     Reply reply = callSync(connection, propertyCall(name, rootPath, "org.a11y.atspi.Application", "ToolkitName"),
                            defaultTimeout.load());
     if (!reply.ok() && reply.error != AxError::attributeUnsupported) return "";  // try again next time
-    Variant v = replyChild(reply);
-    std::string toolkit =
-        v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING) ? g_variant_get_string(v.get(), nullptr) : "";
+    std::string toolkit = stringOf(replyChild(reply)).value_or("");
     // "GTK", "gtk", "Qt": compared in one case.
     std::transform(toolkit.begin(), toolkit.end(), toolkit.begin(), [](unsigned char c) { return std::toupper(c); });
     if (toolkit == "QT") toolkit = "Qt";
@@ -144,14 +143,7 @@ struct AtspiAccessibility::State {
   std::vector<ObjectRef> desktopApplications() {
     Reply reply = callSync(connection, Call{registryBus, rootPath, accessibleIface, "GetChildren", nullptr},
                            defaultTimeout.load());
-    std::vector<ObjectRef> apps;
-    Variant list = replyChild(reply);
-    if (!list || !g_variant_is_of_type(list.get(), G_VARIANT_TYPE("a(so)"))) return apps;
-    GVariantIter iter;
-    g_variant_iter_init(&iter, list.get());
-    const char *name, *path;
-    while (g_variant_iter_next(&iter, "(&s&o)", &name, &path)) apps.push_back(ObjectRef{name, path});
-    return apps;
+    return objectRefs(replyChild(reply));
   }
 
   void registerEvents(const std::vector<std::string>& types) {
@@ -184,22 +176,27 @@ bool isSystemWide(const Element& element) {
   return e && e->path() == systemWidePath;
 }
 
-// An event signal: (detail, detail1, detail2, any data, properties).
+// The detail and first number of an event signal, whose arguments are
+// (detail, detail1, detail2, any data, properties).
+struct EventDetail {
+  std::string detail;
+  std::int32_t detail1 = 0;
+};
+
+EventDetail eventDetail(GVariant* parameters) {
+  if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE_TUPLE) || g_variant_n_children(parameters) < 2) return {};
+  return {stringOf(Variant(g_variant_get_child_value(parameters, 0))).value_or(""),
+          int32Of(Variant(g_variant_get_child_value(parameters, 1))).value_or(0)};
+}
+
 void onEvent(GDBusConnection*, const gchar* sender, const gchar* path, const gchar* interface, const gchar* member,
              GVariant* parameters, gpointer data) {
   auto* observer = static_cast<AtspiObserver*>(data);
   constexpr std::string_view prefix = "org.a11y.atspi.Event.";
   std::string_view iface(interface);
-  if (iface.substr(0, prefix.size()) != prefix || !g_variant_is_of_type(parameters, G_VARIANT_TYPE_TUPLE) ||
-      g_variant_n_children(parameters) < 3)
-    return;
-  const char* detail = "";
-  gint32 detail1 = 0;
-  Variant first(g_variant_get_child_value(parameters, 0));
-  Variant second(g_variant_get_child_value(parameters, 1));
-  if (g_variant_is_of_type(first.get(), G_VARIANT_TYPE_STRING)) detail = g_variant_get_string(first.get(), nullptr);
-  if (g_variant_is_of_type(second.get(), G_VARIANT_TYPE_INT32)) detail1 = g_variant_get_int32(second.get());
-  auto notification = notificationFor({iface.substr(prefix.size()), member, detail, detail1});
+  if (iface.substr(0, prefix.size()) != prefix) return;
+  const EventDetail event = eventDetail(parameters);
+  auto notification = notificationFor({iface.substr(prefix.size()), member, event.detail, event.detail1});
   if (!notification) return;
   observer->deliver(atspiElement(sender, path), std::string(*notification));
 }
@@ -215,12 +212,7 @@ AtspiAccessibility::AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop) : s_(st
       [](GDBusConnection*, const gchar* sender, const gchar* path, const gchar*, const gchar*, GVariant* parameters,
          gpointer data) {
         auto* state = static_cast<State*>(data);
-        gint32 gained = 0;
-        if (g_variant_n_children(parameters) >= 2) {
-          Variant second(g_variant_get_child_value(parameters, 1));
-          if (g_variant_is_of_type(second.get(), G_VARIANT_TYPE_INT32)) gained = g_variant_get_int32(second.get());
-        }
-        if (!gained) return;
+        if (!eventDetail(parameters).detail1) return;  // the focus left
         std::lock_guard guard(state->lock);
         state->lastFocused[sender] = ObjectRef{sender, path};
       },
@@ -297,10 +289,7 @@ AxResult<std::vector<AxValue>> AtspiAccessibility::copyMultiple(const Element& e
   }
   const ObjectRef ref = refOf(element);
   const int timeoutMs = s_->timeoutOf(element);
-  std::vector<std::string> plain;
-  for (const auto& name : names)
-    if (!isWindowLevel(name)) plain.push_back(name);
-  ElementRecord record = s_->record(ref, partsFor(plain.empty() ? names : plain), timeoutMs);
+  ElementRecord record = s_->record(ref, partsFor(names), timeoutMs);
   if (record.error != AxError::success) return {record.error, {}};
   const std::string toolkit = s_->toolkitOf(ref.bus);
   std::vector<AxValue> values;
@@ -316,7 +305,7 @@ AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) 
   if (isSystemWide(element)) {
     if (name == "AXFocusedUIElement" || name == "AXFocusedApplication") {
       for (const auto& app : s_->desktopApplications()) {
-        auto focusedApp = applicationElement(s_->pidOfBus(app.bus).value_or(0));
+        Element focusedApp = atspiElement(app.bus, rootPath);
         AxValue frontmost = copy(focusedApp, "AXFrontmost");
         if (frontmost.as<bool>().value_or(false))
           return name == "AXFocusedApplication" ? AxValue(focusedApp) : copy(focusedApp, "AXFocusedUIElement");
@@ -369,19 +358,12 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
   prefetched.erase(keyOf(ref));
   ElementRecord r = s_->record(ref, basicPart, timeoutMs);
   if (r.error != AxError::success) return r.error;
-  auto succeeded = [](const Reply& reply) {
-    if (!reply.ok()) return reply.error;
-    Variant v = replyChild(reply);
-    if (v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_BOOLEAN) && !g_variant_get_boolean(v.get()))
-      return AxError::cannotComplete;
-    return AxError::success;
-  };
   if (name == "AXValue") {
     if (auto text = value.get<std::string>(); text && (r.interfaces & editableTextInterface))
-      return succeeded(
+      return outcomeOf(
           s_->call(element, "org.a11y.atspi.EditableText", "SetTextContents", g_variant_new("(s)", text->c_str())));
     if (auto number = value.get<double>(); number && (r.interfaces & valueInterface))
-      return succeeded(
+      return outcomeOf(
           s_->call(element, "org.freedesktop.DBus.Properties", "Set",
                    g_variant_new("(ssv)", "org.a11y.atspi.Value", "CurrentValue", g_variant_new_double(*number))));
     return AxError::attributeUnsupported;
@@ -389,19 +371,17 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
   if (name == "AXFocused") {
     if (!value.as<bool>().value_or(false)) return AxError::attributeUnsupported;
     if (!(r.interfaces & componentInterface)) return AxError::attributeUnsupported;
-    return succeeded(s_->call(element, "org.a11y.atspi.Component", "GrabFocus", nullptr));
+    return outcomeOf(s_->call(element, "org.a11y.atspi.Component", "GrabFocus", nullptr));
   }
   if (name == "AXSelected") {
     if (!r.states.selectable()) return AxError::attributeUnsupported;
     ElementRecord withParent = s_->record(ref, parentPart, timeoutMs);
-    Reply index = s_->call(element, accessibleIface, "GetIndexInParent", nullptr);
-    Variant i = replyChild(index);
-    if (!withParent.parent || !i || !g_variant_is_of_type(i.get(), G_VARIANT_TYPE_INT32))
-      return AxError::cannotComplete;
+    auto index = int32Of(replyChild(s_->call(element, accessibleIface, "GetIndexInParent", nullptr)));
+    if (!withParent.parent || !index) return AxError::cannotComplete;
     Element parent = atspiElement(withParent.parent->bus, withParent.parent->path);
     const bool select = value.as<bool>().value_or(false);
-    return succeeded(s_->call(parent, "org.a11y.atspi.Selection", select ? "SelectChild" : "DeselectChild",
-                              g_variant_new("(i)", g_variant_get_int32(i.get()))));
+    return outcomeOf(s_->call(parent, "org.a11y.atspi.Selection", select ? "SelectChild" : "DeselectChild",
+                              g_variant_new("(i)", *index)));
   }
   if (name == "AXSelectedTextRange") {
     auto range = value.get<AxRange>();
@@ -409,10 +389,10 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
     const auto start = static_cast<gint32>(range->location);
     const auto end = static_cast<gint32>(range->location + range->length);
     if (range->length == 0)
-      return succeeded(s_->call(element, "org.a11y.atspi.Text", "SetCaretOffset", g_variant_new("(i)", start)));
+      return outcomeOf(s_->call(element, "org.a11y.atspi.Text", "SetCaretOffset", g_variant_new("(i)", start)));
     // Setting a selection fails where there is none; adding one works.
     s_->call(element, "org.a11y.atspi.Text", "RemoveSelection", g_variant_new("(i)", 0));
-    return succeeded(s_->call(element, "org.a11y.atspi.Text", "AddSelection", g_variant_new("(ii)", start, end)));
+    return outcomeOf(s_->call(element, "org.a11y.atspi.Text", "AddSelection", g_variant_new("(ii)", start, end)));
   }
   return AxError::attributeUnsupported;
 }
@@ -490,15 +470,9 @@ AxError AtspiAccessibility::perform(const Element& element, std::string_view act
   // Toolkits answer success to an action on a disabled control and do
   // nothing: refuse it here instead of reporting a press that never happened.
   if (!r.states.enabled() && (r.interfaces & actionInterface)) return AxError::cannotComplete;
-  auto doAction = [&](std::size_t index) {
-    Reply reply = s_->call(element, "org.a11y.atspi.Action", "DoAction", g_variant_new("(i)", gint32(index)));
-    if (!reply.ok()) return reply.error;
-    Variant v = replyChild(reply);
-    return v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_BOOLEAN) && !g_variant_get_boolean(v.get())
-               ? AxError::cannotComplete
-               : AxError::success;
-  };
-  if (auto index = atspiActionFor(action, r.actions)) return doAction(*index);
+  if (auto index = atspiActionFor(action, r.actions))
+    return outcomeOf(
+        s_->call(element, "org.a11y.atspi.Action", "DoAction", g_variant_new("(i)", static_cast<gint32>(*index))));
   if ((action == "AXIncrement" || action == "AXDecrement") && (r.interfaces & valueInterface) && r.value) {
     double step = r.step.value_or(0) > 0 ? *r.step : 1;
     double next = *r.value + (action == "AXIncrement" ? step : -step);
@@ -536,13 +510,9 @@ AxResult<Element> AtspiAccessibility::elementAt(double x, double y) {
                            Call{current.bus, current.path, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
                                 own(g_variant_new("(iiu)", px, py, 0u))},
                            s_->defaultTimeout.load());
-    Variant v = replyChild(reply);
-    if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("(so)"))) break;
-    const char *bus, *path;
-    g_variant_get(v.get(), "(&s&o)", &bus, &path);
-    ObjectRef next{bus, path};
-    if (next.isNull() || next == current) break;
-    current = next;
+    auto next = objectRef(replyChild(reply));
+    if (!next || next->isNull() || *next == current) break;
+    current = *next;
   }
   return {AxError::success, atspiElement(current.bus, current.path)};
 }
@@ -556,8 +526,13 @@ AxResult<std::int32_t> AtspiAccessibility::pidOf(const Element& element) {
 }
 
 void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) {
+  // A walk prefetches at every node: sweep what it left unread only now and
+  // then, not each time.
   const auto now = std::chrono::steady_clock::now();
-  std::erase_if(prefetched, [&](const auto& entry) { return now - entry.second.at >= prefetchLife; });
+  if (now - lastSweep >= prefetchLife) {
+    std::erase_if(prefetched, [&](const auto& entry) { return now - entry.second.at >= prefetchLife; });
+    lastSweep = now;
+  }
   if (elements.empty() || !isOurs(elements.front())) return;
   const std::uint32_t parts = partsFor(names);
   const int timeoutMs = s_->timeoutOf(elements.front());
@@ -630,10 +605,7 @@ std::vector<BusApplication> AtspiAccessibility::applications() {
     auto pid = s_->pidOfBus(app.bus);
     if (!pid) continue;
     Reply name = callSync(s_->connection, propertyCall(app.bus, rootPath, accessibleIface, "Name"), 1000);
-    Variant v = replyChild(name);
-    apps.push_back(BusApplication{
-        app.bus, *pid,
-        v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING) ? g_variant_get_string(v.get(), nullptr) : ""});
+    apps.push_back(BusApplication{app.bus, *pid, stringOf(replyChild(name)).value_or("")});
   }
   return apps;
 }

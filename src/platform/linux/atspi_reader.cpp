@@ -40,42 +40,6 @@ Call method(const ObjectRef& ref, const char* interface, const char* name, GVari
   return Call{ref.bus, ref.path, interface, name, own(args)};
 }
 
-std::string stringOf(const Variant& v) {
-  if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING)) return "";
-  return g_variant_get_string(v.get(), nullptr);
-}
-
-std::optional<std::int32_t> intOf(const Variant& v) {
-  if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_INT32)) return std::nullopt;
-  return g_variant_get_int32(v.get());
-}
-
-std::optional<double> doubleOf(const Variant& v) {
-  if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_DOUBLE)) return std::nullopt;
-  return g_variant_get_double(v.get());
-}
-
-std::optional<ObjectRef> refOf(GVariant* v) {
-  if (!v || !g_variant_is_of_type(v, G_VARIANT_TYPE("(so)"))) return std::nullopt;
-  const char* bus = nullptr;
-  const char* path = nullptr;
-  g_variant_get(v, "(&s&o)", &bus, &path);
-  return ObjectRef{bus, path};
-}
-
-std::vector<ObjectRef> refsOf(const Variant& list) {
-  std::vector<ObjectRef> refs;
-  if (!list || !g_variant_is_of_type(list.get(), G_VARIANT_TYPE("a(so)"))) return refs;
-  refs.reserve(g_variant_n_children(list.get()));
-  GVariantIter iter;
-  g_variant_iter_init(&iter, list.get());
-  const char* bus = nullptr;
-  const char* path = nullptr;
-  while (g_variant_iter_next(&iter, "(&s&o)", &bus, &path))
-    if (std::string_view(path) != nullPath) refs.push_back(ObjectRef{bus, path});
-  return refs;
-}
-
 // A failure of the first, most basic call decides whether the element is
 // there at all; later calls failing only leave their part empty.
 void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
@@ -84,8 +48,7 @@ void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
       r.error = reply.error == AxError::attributeUnsupported ? AxError::invalidElement : reply.error;
       return;
     }
-    Variant v = replyChild(reply);
-    if (v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_UINT32)) r.role = g_variant_get_uint32(v.get());
+    r.role = uint32Of(replyChild(reply)).value_or(0);
   });
   round.add(method(ref, accessibleIface, "GetState"), [&r](const Reply& reply) {
     Variant v = replyChild(reply);
@@ -103,23 +66,22 @@ void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
     while (g_variant_iter_next(&iter, "&s", &name)) r.interfaces |= interfaceBit(name);
   });
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Name"),
-            [&r](const Reply& reply) { r.name = stringOf(replyChild(reply)); });
+            [&r](const Reply& reply) { r.name = stringOf(replyChild(reply)).value_or(""); });
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Description"),
-            [&r](const Reply& reply) { r.description = stringOf(replyChild(reply)); });
+            [&r](const Reply& reply) { r.description = stringOf(replyChild(reply)).value_or(""); });
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "AccessibleId"),
-            [&r](const Reply& reply) { r.accessibleId = stringOf(replyChild(reply)); });
+            [&r](const Reply& reply) { r.accessibleId = stringOf(replyChild(reply)).value_or(""); });
 }
 
 void readChildren(Round& round, const ObjectRef& ref, ElementRecord& r) {
   round.add(method(ref, accessibleIface, "GetChildren"), [&r](const Reply& reply) {
-    if (reply.ok()) r.children = refsOf(replyChild(reply));
+    if (reply.ok()) r.children = objectRefs(replyChild(reply));
   });
 }
 
 void readParent(Round& round, const ObjectRef& ref, ElementRecord& r) {
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Parent"), [&r](const Reply& reply) {
-    Variant v = replyChild(reply);
-    if (auto parent = refOf(v.get()); parent && !parent->isNull()) r.parent = *parent;
+    if (auto parent = objectRef(replyChild(reply)); parent && !parent->isNull()) r.parent = *parent;
   });
 }
 
@@ -145,7 +107,7 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
   }
   if ((parts & (contentPart | textPart)) && (r.interfaces & textInterface)) {
     round.add(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Text", "CharacterCount"),
-              [&r](const Reply& reply) { r.characterCount = intOf(replyChild(reply)).value_or(-1); });
+              [&r](const Reply& reply) { r.characterCount = int32Of(replyChild(reply)).value_or(-1); });
   }
   if ((parts & contentPart) && (r.interfaces & valueInterface)) {
     auto value = [&](const char* property, std::optional<double>& out) {
@@ -159,7 +121,7 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
   }
   if ((parts & contentPart) && (r.interfaces & hyperlinkInterface)) {
     round.add(method(ref, "org.a11y.atspi.Hyperlink", "GetURI", g_variant_new("(i)", 0)),
-              [&r](const Reply& reply) { r.uri = stringOf(replyChild(reply)); });
+              [&r](const Reply& reply) { r.uri = stringOf(replyChild(reply)).value_or(""); });
   }
   if ((parts & contentPart) && isTextEntryRole(r.role)) {
     round.add(method(ref, accessibleIface, "GetAttributes"), [&r](const Reply& reply) {
@@ -173,9 +135,7 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
   if ((parts & contentPart) && roleNeedsChildren(r.role) && r.children) {
     for (std::size_t k = 0; k < r.children->size() && k < 3; ++k) {
       round.add(method((*r.children)[k], accessibleIface, "GetRole"), [&r](const Reply& reply) {
-        Variant v = replyChild(reply);
-        if (v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_UINT32) && isTextEntryRole(g_variant_get_uint32(v.get())))
-          r.editableChild = true;
+        if (auto role = uint32Of(replyChild(reply)); role && isTextEntryRole(*role)) r.editableChild = true;
       });
     }
   }
@@ -191,7 +151,7 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
   }
   if ((parts & textPart) && (r.interfaces & textInterface)) {
     round.add(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Text", "CaretOffset"),
-              [&r](const Reply& reply) { r.caret = intOf(replyChild(reply)).value_or(-1); });
+              [&r](const Reply& reply) { r.caret = int32Of(replyChild(reply)).value_or(-1); });
     round.add(method(ref, "org.a11y.atspi.Text", "GetSelection", g_variant_new("(i)", 0)), [&r](const Reply& reply) {
       if (!reply.ok()) return;
       gint32 start, end;
@@ -206,20 +166,39 @@ void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32
   if ((parts & contentPart) && r.characterCount > 0 && textIsValue(r)) {
     round.add(method(ref, "org.a11y.atspi.Text", "GetText", g_variant_new("(ii)", 0, r.characterCount)),
               [&r](const Reply& reply) {
-                if (reply.ok()) r.text = stringOf(replyChild(reply));
+                if (reply.ok()) r.text = stringOf(replyChild(reply)).value_or("");
               });
   } else if ((parts & contentPart) && r.characterCount == 0 && textIsValue(r)) {
     r.text = "";
   }
   if ((parts & contentPart) && roleNeedsParent(r.role) && r.parent) {
-    round.add(method(*r.parent, accessibleIface, "GetRole"), [&r](const Reply& reply) {
-      Variant v = replyChild(reply);
-      if (v && g_variant_is_of_type(v.get(), G_VARIANT_TYPE_UINT32)) r.parentRole = g_variant_get_uint32(v.get());
-    });
+    round.add(method(*r.parent, accessibleIface, "GetRole"),
+              [&r](const Reply& reply) { r.parentRole = uint32Of(replyChild(reply)); });
   }
 }
 
 }  // namespace
+
+std::optional<ObjectRef> objectRef(const Variant& value) {
+  if (!value || !g_variant_is_of_type(value.get(), G_VARIANT_TYPE("(so)"))) return std::nullopt;
+  const char* bus = nullptr;
+  const char* path = nullptr;
+  g_variant_get(value.get(), "(&s&o)", &bus, &path);
+  return ObjectRef{bus, path};
+}
+
+std::vector<ObjectRef> objectRefs(const Variant& list) {
+  std::vector<ObjectRef> refs;
+  if (!list || !g_variant_is_of_type(list.get(), G_VARIANT_TYPE("a(so)"))) return refs;
+  refs.reserve(g_variant_n_children(list.get()));
+  GVariantIter iter;
+  g_variant_iter_init(&iter, list.get());
+  const char* bus = nullptr;
+  const char* path = nullptr;
+  while (g_variant_iter_next(&iter, "(&s&o)", &bus, &path))
+    if (std::string_view(path) != nullPath) refs.push_back(ObjectRef{bus, path});
+  return refs;
+}
 
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
                                        std::uint32_t parts, int timeoutMs) {
@@ -279,22 +258,15 @@ std::string cleanedName(const std::string& name, std::uint32_t role, std::string
   const bool buttonLike = role == ATSPI_ROLE_PUSH_BUTTON || role == ATSPI_ROLE_TOGGLE_BUTTON ||
                           role == ATSPI_ROLE_CHECK_BOX || role == ATSPI_ROLE_RADIO_BUTTON ||
                           role == ATSPI_ROLE_PUSH_BUTTON_MENU;
-  if (!buttonLike || name.size() < 3 || name.size() % 2 == 0) return name;
-  // A button's label read twice ("1 1", "_Retry Retry"): keep the second,
-  // which has no mnemonic mark.
-  const std::size_t half = name.size() / 2;
-  if (name[half] != ' ') {
-    // With a mnemonic underscore the halves differ by one byte.
-    const std::size_t cut = name.find(' ');
-    if (cut == std::string::npos || name[0] != '_') return name;
-    std::string second = name.substr(cut + 1);
-    std::string plain;
-    for (char c : name.substr(0, cut))
-      if (c != '_') plain += c;
-    return plain == second ? second : name;
+  if (!buttonLike) return name;
+  // A button's label read twice ("1 1", "_Retry Retry"): keep the second
+  // reading, which has no mnemonic mark.
+  for (auto space = name.find(' '); space != std::string::npos; space = name.find(' ', space + 1)) {
+    std::string first = name.substr(0, space);
+    std::erase(first, '_');
+    if (first == std::string_view(name).substr(space + 1)) return name.substr(space + 1);
   }
-  std::string first = name.substr(0, half), second = name.substr(half + 1);
-  return first == second ? second : name;
+  return name;
 }
 
 namespace {
@@ -335,9 +307,11 @@ AxValue childrenOf(const ElementRecord& r) {
 
 AxValue attributeValue(const ElementRecord& r, std::string_view name, std::string_view toolkit) {
   if (r.error != AxError::success) return r.error;
-  const AxRole ax = axRole(r.roleContext());
-  if (name == "AXRole") return ax.role;
-  if (name == "AXSubrole") return ax.subrole.empty() ? missing() : AxValue(ax.subrole);
+  if (name == "AXRole") return axRole(r.roleContext()).role;
+  if (name == "AXSubrole") {
+    auto subrole = axRole(r.roleContext()).subrole;
+    return subrole.empty() ? missing() : AxValue(std::move(subrole));
+  }
   if (name == "AXTitle") return titleOf(r, toolkit);
   if (name == "AXDescription") return textOrMissing(r.description);
   if (name == "AXValue") return valueOf(r, toolkit);

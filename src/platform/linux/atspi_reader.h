@@ -65,6 +65,11 @@ struct ElementRecord {
   RoleContext roleContext() const { return {role, states, interfaces, parentRole, editableChild}; }
 };
 
+/// An object reference of a reply ("(so)"), and a list of them ("a(so)",
+/// without the null object toolkits put for a missing child).
+std::optional<ObjectRef> objectRef(const Variant& value);
+std::vector<ObjectRef> objectRefs(const Variant& list);
+
 /// Reads `parts` of each element, pipelined. One record per element, in order;
 /// a record whose element is gone or does not answer has its error set.
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,

@@ -121,4 +121,40 @@ Variant replyChild(const Reply& reply, std::size_t index) {
   return child;
 }
 
+namespace {
+
+bool holds(const Variant& value, const GVariantType* type) { return value && g_variant_is_of_type(value.get(), type); }
+
+}  // namespace
+
+std::optional<std::string> stringOf(const Variant& value) {
+  if (!holds(value, G_VARIANT_TYPE_STRING)) return std::nullopt;
+  return g_variant_get_string(value.get(), nullptr);
+}
+
+std::optional<std::int32_t> int32Of(const Variant& value) {
+  if (!holds(value, G_VARIANT_TYPE_INT32)) return std::nullopt;
+  return g_variant_get_int32(value.get());
+}
+
+std::optional<std::uint32_t> uint32Of(const Variant& value) {
+  if (!holds(value, G_VARIANT_TYPE_UINT32)) return std::nullopt;
+  return g_variant_get_uint32(value.get());
+}
+
+std::optional<double> doubleOf(const Variant& value) {
+  if (!holds(value, G_VARIANT_TYPE_DOUBLE)) return std::nullopt;
+  return g_variant_get_double(value.get());
+}
+
+std::optional<bool> boolOf(const Variant& value) {
+  if (!holds(value, G_VARIANT_TYPE_BOOLEAN)) return std::nullopt;
+  return g_variant_get_boolean(value.get());
+}
+
+AxError outcomeOf(const Reply& reply) {
+  if (!reply.ok()) return reply.error;
+  return boolOf(replyChild(reply)).value_or(true) ? AxError::success : AxError::cannotComplete;
+}
+
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -7,7 +7,9 @@
 
 #include <gio/gio.h>
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -61,6 +63,17 @@ std::vector<Reply> callAll(GDBusConnection* connection, const std::vector<Call>&
 
 /// `Properties.Get` of one property (never GetAll: it crashes some toolkits).
 Call propertyCall(const std::string& bus, const std::string& path, const char* interface, const char* property);
+
+/// A value of one basic type; absent when null or of another type.
+std::optional<std::string> stringOf(const Variant& value);
+std::optional<std::int32_t> int32Of(const Variant& value);
+std::optional<std::uint32_t> uint32Of(const Variant& value);
+std::optional<double> doubleOf(const Variant& value);
+std::optional<bool> boolOf(const Variant& value);
+
+/// What a call that answers with success or a boolean did: a refusal
+/// (false) cannot complete.
+AxError outcomeOf(const Reply& reply);
 
 /// The one child of a reply tuple, unboxed when it is a variant (as a
 /// property's value is); null when the reply failed or has no such child.

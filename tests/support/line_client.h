@@ -1,5 +1,6 @@
 // glimmerstrand-native in line mode as a child process, for tests that drive
-// it one request at a time.
+// it one request at a time. A reply that does not come within 30 seconds, or
+// a process that ends, fails the call with an exception.
 #pragma once
 
 #include <sys/types.h>
@@ -13,16 +14,18 @@ namespace glimmerstrand::testing {
 
 class LineClient {
  public:
-  /// Starts the binary with these variables added to this process's.
+  /// Starts the binary with these variables set in its environment; an
+  /// empty value removes the variable.
   LineClient(const std::string& binary, const std::map<std::string, std::string>& environment);
   ~LineClient();
   LineClient(const LineClient&) = delete;
   LineClient& operator=(const LineClient&) = delete;
 
-  /// Sends one request and returns its reply; throws when none comes in 30 s.
-  core::JSONValue call(const std::string& method, const std::string& paramsJson);
-  /// The result of a cypher statement run against the application named.
-  core::JSONValue cypher(const std::string& app, const std::string& statement);
+  /// Sends one request and returns its whole reply, ok or not.
+  core::JSONValue reply(const std::string& method, const core::JSONValue& params);
+  /// The result of a request that must succeed; throws with the reply
+  /// otherwise.
+  core::JSONValue call(const std::string& method, const core::JSONValue& params);
 
  private:
   pid_t child_ = -1;

@@ -1,4 +1,4 @@
-#include "platform/linux/line_client.h"
+#include "support/line_client.h"
 
 #include <poll.h>
 #include <sys/wait.h>
@@ -7,6 +7,8 @@
 #include <stdexcept>
 
 namespace glimmerstrand::testing {
+
+using core::JSONValue;
 
 LineClient::LineClient(const std::string& binary, const std::map<std::string, std::string>& environment) {
   int toChild[2], fromChild[2];
@@ -17,7 +19,12 @@ LineClient::LineClient(const std::string& binary, const std::map<std::string, st
     ::dup2(fromChild[1], 1);
     ::close(toChild[1]);
     ::close(fromChild[0]);
-    for (const auto& [name, value] : environment) ::setenv(name.c_str(), value.c_str(), 1);
+    for (const auto& [name, value] : environment) {
+      if (value.empty())
+        ::unsetenv(name.c_str());
+      else
+        ::setenv(name.c_str(), value.c_str(), 1);
+    }
     ::execl(binary.c_str(), binary.c_str(), static_cast<char*>(nullptr));
     ::_exit(127);
   }
@@ -34,10 +41,9 @@ LineClient::~LineClient() {
   ::close(output_);
 }
 
-core::JSONValue LineClient::call(const std::string& method, const std::string& paramsJson) {
+JSONValue LineClient::reply(const std::string& method, const JSONValue& params) {
   const std::int64_t id = nextId_++;
-  std::string line =
-      R"({"id":)" + std::to_string(id) + R"(,"method":")" + method + R"(","params":)" + paramsJson + "}\n";
+  const std::string line = core::jsonText(JSONValue::Object{{"id", id}, {"method", method}, {"params", params}}) + "\n";
   if (::write(input_, line.data(), line.size()) != static_cast<ssize_t>(line.size())) throw std::runtime_error("write");
   pollfd poller{output_, POLLIN, 0};
   for (;;) {
@@ -46,17 +52,18 @@ core::JSONValue LineClient::call(const std::string& method, const std::string& p
       pending_.erase(0, end + 1);
       if (core::optionalInt(reply, "id") == id) return reply;
     }
-    if (::poll(&poller, 1, 30'000) <= 0) throw std::runtime_error("no reply to " + line);
+    if (::poll(&poller, 1, 30'000) <= 0) throw std::runtime_error(method + ": no reply");
     char buffer[65536];
     ssize_t n = ::read(output_, buffer, sizeof buffer);
-    if (n <= 0) throw std::runtime_error("the process ended");
+    if (n <= 0) throw std::runtime_error(method + ": the process ended");
     pending_.append(buffer, static_cast<std::size_t>(n));
   }
 }
 
-core::JSONValue LineClient::cypher(const std::string& app, const std::string& statement) {
-  return call("cypher",
-              R"({"cypher":)" + core::jsonString(statement) + R"(,"app":{"name":)" + core::jsonString(app) + "}}");
+JSONValue LineClient::call(const std::string& method, const JSONValue& params) {
+  auto answer = reply(method, params);
+  if (core::optionalBool(answer, "ok") != true) throw std::runtime_error(method + ": " + core::jsonText(answer));
+  return *answer.find("result");
 }
 
 }  // namespace glimmerstrand::testing
