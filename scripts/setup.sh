@@ -7,6 +7,8 @@ packages=(
   libatspi2.0-dev libglib2.0-dev libx11-dev libxtst-dev libpng-dev libturbojpeg0-dev libjpeg62-turbo-dev
   libxext-dev libxcomposite-dev libxrandr-dev libxfixes-dev libssl-dev clang
   nodejs xvfb dbus dbus-x11 at-spi2-core libglib2.0-bin x11-utils xdg-utils openbox
+  # the install tests check the user unit and the man page with the real tools
+  systemd groff-base
   # real applications the tests and the demo drive: GTK3, GTK4 and Qt5
   gtk-3-examples galculator mousepad gnome-calculator speedcrunch python3-gi gir1.2-gtk-3.0
 )
