@@ -7,6 +7,8 @@
 #include "platform/linux/glib_run_loop.h"
 #include "platform/linux/linux_workspace.h"
 #include "platform/linux/pending_devices.h"
+#include "platform/linux/x11_input.h"
+#include "platform/linux/x11_screen.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
@@ -35,9 +37,9 @@ class LinuxPlatform final : public Platform {
   AtspiBus bus_;
   AtspiAccessibility accessibility_;
   LinuxWorkspace workspace_;
-  PendingInput input_;
+  X11Input input_;
   PendingPasteboard pasteboard_;
-  PendingScreen screen_;
+  X11Screen screen_;
   PendingSession session_;
   PendingOverlay overlay_;
 };

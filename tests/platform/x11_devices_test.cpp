@@ -1,0 +1,236 @@
+// The X11 devices on a headless desktop with a window manager and two real
+// applications: keys and typing reach the application they are meant for,
+// also behind another one, and what they did is read back through the
+// accessibility tree.
+#include <string>
+#include <vector>
+
+#include "platform/linux/x11_connection.h"
+#include "x11_desktop.h"
+
+// Xlib's macros (None, Status) clash with GoogleTest's names: it comes last.
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+
+namespace glimmerstrand::testing {
+namespace {
+
+using platform::AxList;
+using platform::Element;
+using platform::KeyEvent;
+using platform::Platform;
+
+class X11DevicesTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    desktop_ = new X11Desktop("devices", true, {"galculator", "mousepad"});
+    std::string problem;
+    if (desktop_->ok()) platform_ = platform::linux_desktop::makeLinuxPlatform(problem).release();
+  }
+  static void TearDownTestSuite() {
+    delete platform_;
+    platform_ = nullptr;
+    delete desktop_;
+    desktop_ = nullptr;
+  }
+  void SetUp() override {
+    ASSERT_TRUE(desktop_->ok()) << "the desktop did not start; see " << desktop_->dir();
+    ASSERT_NE(platform_, nullptr);
+  }
+
+  static Platform& platform() { return *platform_; }
+
+  /// Every text an application shows: values, titles and descriptions.
+  static std::vector<std::string> texts(std::int32_t pid) {
+    std::vector<std::string> out;
+    auto& ax = platform().accessibility();
+    std::vector<Element> pending{ax.applicationElement(pid)};
+    while (!pending.empty()) {
+      Element e = pending.back();
+      pending.pop_back();
+      for (const char* name : {"AXValue", "AXTitle", "AXDescription"})
+        if (auto text = ax.copy(e, name).as<std::string>(); text && !text->empty()) out.push_back(*text);
+      if (auto children = ax.copy(e, "AXChildren").as<AxList>())
+        for (const auto& child : *children)
+          if (auto c = child.as<Element>()) pending.push_back(*c);
+    }
+    return out;
+  }
+  static bool shows(std::int32_t pid, const std::string& text) {
+    for (const auto& t : texts(pid))
+      if (t == text) return true;
+    return false;
+  }
+  static bool showsPart(std::int32_t pid, const std::string& text) {
+    for (const auto& t : texts(pid))
+      if (t.find(text) != std::string::npos) return true;
+    return false;
+  }
+
+  /// Types `text` as the shared typing logic does: a press and a release
+  /// for each character, with the table's key where it has one.
+  static void type(const std::u16string& text, std::optional<std::int32_t> pid) {
+    auto& input = platform().input();
+    for (char16_t c : text) {
+      std::string name(1, static_cast<char>(c));
+      auto code = c < 0x80 ? input.keyCodes().find(name) : input.keyCodes().end();
+      std::uint16_t keyCode = code != input.keyCodes().end() ? code->second : 0;
+      ASSERT_TRUE(input.postKey(KeyEvent{keyCode, true, 0, std::u16string(1, c)}, pid));
+      ASSERT_TRUE(input.postKey(KeyEvent{keyCode, false, 0, std::u16string(1, c)}, pid));
+    }
+  }
+  static void press(const std::string& key, std::optional<std::int32_t> pid) {
+    auto& input = platform().input();
+    std::uint16_t code = input.keyCodes().at(key);
+    ASSERT_TRUE(input.postKey(KeyEvent{code, true, 0, {}}, pid));
+    ASSERT_TRUE(input.postKey(KeyEvent{code, false, 0, {}}, pid));
+  }
+  static void shortcut(const std::string& modifier, const std::string& key, std::optional<std::int32_t> pid) {
+    auto& input = platform().input();
+    auto m = input.modifierKeys().at(modifier);
+    std::uint16_t code = input.keyCodes().at(key);
+    ASSERT_TRUE(input.postKey(KeyEvent{m.keyCode, true, m.flag, {}}, pid));
+    ASSERT_TRUE(input.postKey(KeyEvent{code, true, m.flag, {}}, pid));
+    ASSERT_TRUE(input.postKey(KeyEvent{code, false, m.flag, {}}, pid));
+    ASSERT_TRUE(input.postKey(KeyEvent{m.keyCode, false, 0, {}}, pid));
+  }
+
+  /// The process whose window the window manager calls active.
+  static std::optional<std::int32_t> activePid() {
+    auto* x = platform::linux_desktop::openX11();
+    std::optional<std::int32_t> pid;
+    if (auto window = platform::linux_desktop::activeWindow(x)) pid = platform::linux_desktop::pidOfWindow(x, *window);
+    platform::linux_desktop::closeX11(x);
+    return pid;
+  }
+
+  static X11Desktop* desktop_;
+  static Platform* platform_;
+};
+
+X11Desktop* X11DevicesTest::desktop_ = nullptr;
+Platform* X11DevicesTest::platform_ = nullptr;
+
+TEST_F(X11DevicesTest, KeyTableNamesEveryKeyAndModifier) {
+  auto& input = platform().input();
+  for (const char* name :
+       {"a",    "z",   "0",      "9",        "return", "enter", "tab", "space", "delete", "escape", "forwarddelete",
+        "home", "end", "pageup", "pagedown", "left",   "right", "up",  "down",  "f1",     "f12",    "=",
+        "/"})
+    EXPECT_NE(input.keyCodes().count(name), 0u) << name;
+  EXPECT_EQ(input.keyCodes().at("enter"), input.keyCodes().at("return"));
+  EXPECT_NE(input.keyCodes().at("a"), input.keyCodes().at("b"));
+  // The primary shortcut modifier is Control.
+  EXPECT_EQ(input.modifierKeys().at("cmd").keyCode, input.modifierKeys().at("ctrl").keyCode);
+  EXPECT_NE(input.modifierKeys().at("shift").keyCode, input.modifierKeys().at("alt").keyCode);
+}
+
+TEST_F(X11DevicesTest, KeysToAnApplicationBehindAnotherReachItAndLeaveTheFrontAlone) {
+  const auto calculator = desktop_->pid("galculator");
+  const auto editor = desktop_->pid("mousepad");
+  ASSERT_TRUE(eventually([&] { return activePid() == editor; })) << "mousepad, started last, is in front";
+  press("escape", calculator);
+  type(u"12+34=", calculator);
+  EXPECT_TRUE(eventually([&] { return shows(calculator, "46"); }));
+  EXPECT_EQ(activePid(), editor);
+}
+
+TEST_F(X11DevicesTest, TypingReachesTheFrontApplicationWithCharactersNoKeyTypes) {
+  const auto editor = desktop_->pid("mousepad");
+  ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
+  shortcut("cmd", "a", std::nullopt);
+  type(u"Hello, World! caf\u00e9 \u65e5\u672c", std::nullopt);
+  EXPECT_TRUE(eventually([&] { return showsPart(editor, "Hello, World! caf\u00e9 \u65e5\u672c"); }));
+  // cmd+a then typing replaces the whole document.
+  shortcut("cmd", "a", std::nullopt);
+  type(u"replaced", std::nullopt);
+  EXPECT_TRUE(eventually([&] { return showsPart(editor, "replaced") && !showsPart(editor, "Hello"); }));
+}
+
+TEST_F(X11DevicesTest, PointerGoesWhereItIsSentAndWarps) {
+  auto& input = platform().input();
+  input.warpPointer({321, 123});
+  EXPECT_TRUE(eventually([&] {
+    auto at = input.pointerLocation();
+    return at.x == 321 && at.y == 123;
+  }));
+  ASSERT_TRUE(input.postPointer({platform::PointerAction::moved, platform::MouseButton::left, 1, {40, 50}, 0}, {}));
+  EXPECT_TRUE(eventually([&] {
+    auto at = input.pointerLocation();
+    return at.x == 40 && at.y == 50;
+  }));
+}
+
+/// A plain window of one colour, drawn by the server itself, naming this
+/// process as its owner when asked.
+class ColourWindow {
+ public:
+  ColourWindow(::Display* x, int left, int top, unsigned long rgb, bool named) : x_(x) {
+    XSetWindowAttributes attributes{};
+    attributes.background_pixel = rgb;
+    attributes.override_redirect = True;  // where it is put, whatever the window manager thinks
+    window_ = XCreateWindow(x, DefaultRootWindow(x), left, top, 200, 150, 0, CopyFromParent, InputOutput,
+                            CopyFromParent, CWBackPixel | CWOverrideRedirect, &attributes);
+    if (named) {
+      unsigned long pid = static_cast<unsigned long>(::getpid());
+      XChangeProperty(x, window_, XInternAtom(x, "_NET_WM_PID", False), XA_CARDINAL, 32, PropModeReplace,
+                      reinterpret_cast<unsigned char*>(&pid), 1);
+    }
+    XMapRaised(x, window_);
+    XSync(x, False);
+  }
+  ~ColourWindow() {
+    XDestroyWindow(x_, window_);
+    XSync(x_, False);
+  }
+
+ private:
+  ::Display* x_;
+  ::Window window_;
+};
+
+std::uint32_t pixelAt(const platform::Pixels& p, std::int64_t x, std::int64_t y) {
+  const auto* px = &p.rgba[static_cast<std::size_t>((y * p.width + x) * 4)];
+  return (std::uint32_t{px[0]} << 16) | (std::uint32_t{px[1]} << 8) | px[2];
+}
+
+TEST_F(X11DevicesTest, DisplaysComeFromTheServer) {
+  auto displays = platform().screen().displays();
+  ASSERT_EQ(displays.size(), 1u);
+  EXPECT_EQ(displays[0].bounds, (platform::AxRect{0, 0, 1280, 800}));
+  EXPECT_TRUE(displays[0].main);
+  EXPECT_TRUE(platform().screen().hasCapturePermission());
+}
+
+TEST_F(X11DevicesTest, CaptureShowsTheTopWindowOrOneProcessAloneUnderAnother) {
+  auto* x = XOpenDisplay(nullptr);
+  ASSERT_NE(x, nullptr);
+  {
+    ColourWindow own(x, 300, 200, 0xff0000, true);
+    ColourWindow cover(x, 350, 250, 0x00ff00, false);
+    auto& screen = platform().screen();
+    // The region starts on the own window's uncovered corner and runs under the cover.
+    const platform::AxRect region{300, 200, 100, 100};
+    std::optional<platform::Pixels> desktop;
+    ASSERT_TRUE(eventually([&] {
+      desktop = screen.capture(region, 1, std::nullopt);
+      return desktop && pixelAt(*desktop, 10, 10) == 0xff0000 && pixelAt(*desktop, 80, 80) == 0x00ff00;
+    }));
+    EXPECT_EQ(desktop->width, 100);
+    EXPECT_EQ(desktop->height, 100);
+    std::optional<platform::Pixels> alone;
+    ASSERT_TRUE(eventually([&] {
+      alone = screen.capture(region, 1, ::getpid());
+      return alone && pixelAt(*alone, 10, 10) == 0xff0000 && pixelAt(*alone, 80, 80) == 0xff0000;
+    })) << "the covered part shows the process's own pixels";
+    // Twice the pixels at scale 2.
+    auto doubled = screen.capture(region, 2, std::nullopt);
+    ASSERT_TRUE(doubled);
+    EXPECT_EQ(doubled->width, 200);
+    EXPECT_EQ(pixelAt(*doubled, 190, 190), 0x00ff00u);
+  }
+  XCloseDisplay(x);
+}
+
+}  // namespace
+}  // namespace glimmerstrand::testing
