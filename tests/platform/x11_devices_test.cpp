@@ -115,6 +115,15 @@ class X11DevicesTest : public ::testing::Test {
     ASSERT_TRUE(input.postKey(KeyEvent{m.keyCode, false, 0, {}}, pid));
   }
 
+  static void editorTakesKeys(std::int32_t editor) {
+    // An editor just started takes keys a moment after its window is active:
+    // a probe character is typed until the document shows one.
+    EXPECT_TRUE(eventually([&] {
+      type(u"q", std::nullopt);
+      return documentText(editor).find('q') != std::string::npos;
+    })) << ::testing::PrintToString(texts(editor));
+  }
+
   /// The process whose window the window manager calls active.
   static std::optional<std::int32_t> activePid() {
     auto* x = platform::linux_desktop::openX11();
@@ -158,12 +167,7 @@ TEST_F(X11DevicesTest, KeysToAnApplicationBehindAnotherReachItAndLeaveTheFrontAl
 TEST_F(X11DevicesTest, TypingReachesTheFrontApplicationWithCharactersNoKeyTypes) {
   const auto editor = desktop_->pid("mousepad");
   ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
-  // An editor just started takes keys a moment after its window is active:
-  // a probe character is typed until the document shows one.
-  ASSERT_TRUE(eventually([&] {
-    type(u"q", std::nullopt);
-    return documentText(editor).find('q') != std::string::npos;
-  })) << ::testing::PrintToString(texts(editor));
+  editorTakesKeys(editor);
   shortcut("cmd", "a", std::nullopt);
   type(u"Hello, World! caf\u00e9 \u65e5\u672c", std::nullopt);
   EXPECT_TRUE(eventually([&] { return documentText(editor) == "Hello, World! caf\u00e9 \u65e5\u672c"; }))
@@ -172,6 +176,33 @@ TEST_F(X11DevicesTest, TypingReachesTheFrontApplicationWithCharactersNoKeyTypes)
   shortcut("cmd", "a", std::nullopt);
   type(u"replaced", std::nullopt);
   EXPECT_TRUE(eventually([&] { return documentText(editor) == "replaced"; })) << documentText(editor);
+}
+
+TEST_F(X11DevicesTest, ClipboardCarriesTextBothWaysWithAGtkApplication) {
+  const auto editor = desktop_->pid("mousepad");
+  ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
+  editorTakesKeys(editor);
+  auto& board = platform().pasteboard();
+  // Large enough to go in pieces.
+  const std::string large = std::string(150000, 'x') + " end";
+  const auto before = board.changeCount();
+  ASSERT_TRUE(board.writeText(large));
+  EXPECT_GT(board.changeCount(), before);
+  EXPECT_EQ(board.readText(), large);
+  shortcut("cmd", "a", std::nullopt);
+  shortcut("cmd", "v", std::nullopt);
+  EXPECT_TRUE(eventually([&] { return documentText(editor) == large; })) << documentText(editor).size();
+
+  shortcut("cmd", "a", std::nullopt);
+  type(u"copied by mousepad", std::nullopt);
+  ASSERT_TRUE(eventually([&] { return documentText(editor) == "copied by mousepad"; }));
+  const auto owned = board.changeCount();
+  shortcut("cmd", "a", std::nullopt);
+  shortcut("cmd", "c", std::nullopt);
+  EXPECT_TRUE(eventually([&] { return board.readText() == "copied by mousepad"; }));
+  EXPECT_GT(board.changeCount(), owned);
+  board.clear();
+  EXPECT_EQ(board.readText(), std::nullopt);
 }
 
 TEST_F(X11DevicesTest, PointerGoesWhereItIsSentAndWarps) {
