@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -28,6 +29,13 @@ class X11Desktop {
   /// script prints into this process's environment.
   X11Desktop(const std::string& name, bool wm, const std::vector<std::string>& apps)
       : dir_("/tmp/glimmerstrand-test-" + name + "-" + std::to_string(::getpid())) {
+    // Settings and saved sessions of its own: an editor that finds the state of
+    // one stopped by an earlier desktop asks to restore it.
+    for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
+      std::string folder = dir_ + "/home/" + name;
+      std::filesystem::create_directories(folder);
+      ::setenv(name, folder.c_str(), 1);
+    }
     std::string command =
         "GLIMMERSTRAND_DESKTOP_DIR=" + dir_ + " " GLIMMERSTRAND_SOURCE_DIR "/scripts/desktop.sh start";
     if (wm) command += " --wm";

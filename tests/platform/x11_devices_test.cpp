@@ -2,6 +2,11 @@
 // applications: keys and typing reach the application they are meant for,
 // also behind another one, and what they did is read back through the
 // accessibility tree.
+#include <signal.h>
+
+#include <filesystem>
+#include <fstream>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -61,6 +66,21 @@ class X11DevicesTest : public ::testing::Test {
       if (t == text) return true;
     return false;
   }
+  /// The text of the first text area of an application.
+  static std::string documentText(std::int32_t pid) {
+    auto& ax = platform().accessibility();
+    std::vector<Element> pending{ax.applicationElement(pid)};
+    while (!pending.empty()) {
+      Element e = pending.back();
+      pending.pop_back();
+      if (ax.copy(e, "AXRole").as<std::string>() == "AXTextArea")
+        return ax.copy(e, "AXValue").as<std::string>().value_or("");
+      if (auto children = ax.copy(e, "AXChildren").as<AxList>())
+        for (const auto& child : *children)
+          if (auto c = child.as<Element>()) pending.push_back(*c);
+    }
+    return "";
+  }
   static bool showsPart(std::int32_t pid, const std::string& text) {
     for (const auto& t : texts(pid))
       if (t.find(text) != std::string::npos) return true;
@@ -93,6 +113,15 @@ class X11DevicesTest : public ::testing::Test {
     ASSERT_TRUE(input.postKey(KeyEvent{code, true, m.flag, {}}, pid));
     ASSERT_TRUE(input.postKey(KeyEvent{code, false, m.flag, {}}, pid));
     ASSERT_TRUE(input.postKey(KeyEvent{m.keyCode, false, 0, {}}, pid));
+  }
+
+  static void editorTakesKeys(std::int32_t editor) {
+    // An editor just started takes keys a moment after its window is active:
+    // a probe character is typed until the document shows one.
+    EXPECT_TRUE(eventually([&] {
+      type(u"q", std::nullopt);
+      return documentText(editor).find('q') != std::string::npos;
+    })) << ::testing::PrintToString(texts(editor));
   }
 
   /// The process whose window the window manager calls active.
@@ -138,13 +167,42 @@ TEST_F(X11DevicesTest, KeysToAnApplicationBehindAnotherReachItAndLeaveTheFrontAl
 TEST_F(X11DevicesTest, TypingReachesTheFrontApplicationWithCharactersNoKeyTypes) {
   const auto editor = desktop_->pid("mousepad");
   ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
+  editorTakesKeys(editor);
   shortcut("cmd", "a", std::nullopt);
   type(u"Hello, World! caf\u00e9 \u65e5\u672c", std::nullopt);
-  EXPECT_TRUE(eventually([&] { return showsPart(editor, "Hello, World! caf\u00e9 \u65e5\u672c"); }));
+  EXPECT_TRUE(eventually([&] { return documentText(editor) == "Hello, World! caf\u00e9 \u65e5\u672c"; }))
+      << documentText(editor);
   // cmd+a then typing replaces the whole document.
   shortcut("cmd", "a", std::nullopt);
   type(u"replaced", std::nullopt);
-  EXPECT_TRUE(eventually([&] { return showsPart(editor, "replaced") && !showsPart(editor, "Hello"); }));
+  EXPECT_TRUE(eventually([&] { return documentText(editor) == "replaced"; })) << documentText(editor);
+}
+
+TEST_F(X11DevicesTest, ClipboardCarriesTextBothWaysWithAGtkApplication) {
+  const auto editor = desktop_->pid("mousepad");
+  ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
+  editorTakesKeys(editor);
+  auto& board = platform().pasteboard();
+  // Large enough to go in pieces.
+  const std::string large = std::string(150000, 'x') + " end";
+  const auto before = board.changeCount();
+  ASSERT_TRUE(board.writeText(large));
+  EXPECT_GT(board.changeCount(), before);
+  EXPECT_EQ(board.readText(), large);
+  shortcut("cmd", "a", std::nullopt);
+  shortcut("cmd", "v", std::nullopt);
+  EXPECT_TRUE(eventually([&] { return documentText(editor) == large; })) << documentText(editor).size();
+
+  shortcut("cmd", "a", std::nullopt);
+  type(u"copied by mousepad", std::nullopt);
+  ASSERT_TRUE(eventually([&] { return documentText(editor) == "copied by mousepad"; }));
+  const auto owned = board.changeCount();
+  shortcut("cmd", "a", std::nullopt);
+  shortcut("cmd", "c", std::nullopt);
+  EXPECT_TRUE(eventually([&] { return board.readText() == "copied by mousepad"; }));
+  EXPECT_GT(board.changeCount(), owned);
+  board.clear();
+  EXPECT_EQ(board.readText(), std::nullopt);
 }
 
 TEST_F(X11DevicesTest, PointerGoesWhereItIsSentAndWarps) {
@@ -230,6 +288,55 @@ TEST_F(X11DevicesTest, CaptureShowsTheTopWindowOrOneProcessAloneUnderAnother) {
     EXPECT_EQ(pixelAt(*doubled, 190, 190), 0x00ff00u);
   }
   XCloseDisplay(x);
+}
+
+TEST_F(X11DevicesTest, ActivationMovesTheFrontAndBack) {
+  auto& workspace = platform().workspace();
+  const auto calculator = desktop_->pid("galculator");
+  const auto editor = desktop_->pid("mousepad");
+  ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
+  EXPECT_EQ(workspace.frontmost().value_or(platform::RunningApplication{}).pid, editor);
+  ASSERT_TRUE(workspace.activate(calculator));
+  EXPECT_TRUE(
+      eventually([&] { return workspace.frontmost().value_or(platform::RunningApplication{}).pid == calculator; }));
+  ASSERT_TRUE(workspace.activate(editor));
+  EXPECT_TRUE(eventually([&] { return workspace.frontmost().value_or(platform::RunningApplication{}).pid == editor; }));
+}
+
+TEST_F(X11DevicesTest, AnApplicationFoundByItsJapaneseNameLaunchesAndQuitsPolitely) {
+  const std::string folder = desktop_->dir() + "/data";
+  std::filesystem::create_directories(folder + "/applications");
+  {
+    std::ofstream entry(folder + "/applications/glimmer-test-calculator.desktop");
+    entry << "[Desktop Entry]\nType=Application\nName=Test Calculator\nName[ja]=\u30c6\u30b9\u30c8\u96fb\u5353\n"
+             "Exec=galculator %U\n";
+  }
+  ::setenv("XDG_DATA_DIRS", (folder + ":/usr/share").c_str(), 1);
+  auto& workspace = platform().workspace();
+  std::optional<platform::InstalledApplication> found;
+  for (const auto& app : workspace.installedApplications())
+    if (app.names.count("ja") && app.names.at("ja") == "\u30c6\u30b9\u30c8\u96fb\u5353") found = app;
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->bundleId, "glimmer-test-calculator");
+  EXPECT_EQ(found->names.at("en"), "Test Calculator");
+
+  std::mutex lock;
+  std::optional<platform::OpenOutcome> outcome;
+  workspace.launch({"", found->path, false}, [&](const platform::OpenOutcome& o) {
+    std::lock_guard guard(lock);
+    outcome = o;
+  });
+  ASSERT_TRUE(eventually(
+      [&] {
+        std::lock_guard guard(lock);
+        return outcome.has_value();
+      },
+      std::chrono::seconds(20)));
+  ASSERT_TRUE(outcome->app) << outcome->error.value_or("no application");
+  const auto pid = outcome->app->pid;
+  EXPECT_NE(pid, desktop_->pid("galculator"));
+  ASSERT_TRUE(eventually([&] { return workspace.terminate(pid); }));
+  EXPECT_TRUE(eventually([&] { return ::kill(pid, 0) != 0; }));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "platform/linux/linux_workspace.h"
 #include "platform/linux/pending_devices.h"
 #include "platform/linux/x11_input.h"
+#include "platform/linux/x11_pasteboard.h"
 #include "platform/linux/x11_screen.h"
 
 namespace glimmerstrand::platform::linux_desktop {
@@ -38,7 +39,7 @@ class LinuxPlatform final : public Platform {
   AtspiAccessibility accessibility_;
   LinuxWorkspace workspace_;
   X11Input input_;
-  PendingPasteboard pasteboard_;
+  X11Pasteboard pasteboard_;
   X11Screen screen_;
   PendingSession session_;
   PendingOverlay overlay_;

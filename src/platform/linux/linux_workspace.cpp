@@ -1,12 +1,31 @@
 #include "platform/linux/linux_workspace.h"
 
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
 #include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+extern char** environ;
 
 namespace glimmerstrand::platform::linux_desktop {
 
 namespace {
+
+// How long a launched application has to show itself on the accessibility bus.
+constexpr auto launchLimit = std::chrono::seconds(15);
 
 std::string executableOf(std::int32_t pid) {
   char path[PATH_MAX];
@@ -15,15 +34,163 @@ std::string executableOf(std::int32_t pid) {
   return n > 0 ? std::string(path, static_cast<std::size_t>(n)) : "";
 }
 
-RunningApplication recordOf(const BusApplication& app) {
+bool alive(std::int32_t pid) { return ::kill(pid, 0) == 0 || errno == EPERM; }
+
+/// One `.desktop` entry of type Application.
+struct DesktopEntry {
+  std::string id;  // the file name without `.desktop`
+  std::string path;
+  std::map<std::string, std::string> names;  // "en" from Name, others from Name[xx]
+  std::string exec;
+  bool hidden = false;
+};
+
+std::optional<DesktopEntry> readEntry(const std::filesystem::path& file) {
+  std::ifstream in(file);
+  if (!in) return std::nullopt;
+  DesktopEntry entry;
+  entry.id = file.stem().string();
+  entry.path = file.string();
+  bool inMain = false, application = false;
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    if (line[0] == '[') {
+      inMain = line == "[Desktop Entry]";
+      continue;
+    }
+    if (!inMain) continue;
+    auto eq = line.find('=');
+    if (eq == std::string::npos) continue;
+    std::string key = line.substr(0, eq), value = line.substr(eq + 1);
+    while (!key.empty() && key.back() == ' ') key.pop_back();
+    while (!value.empty() && value.front() == ' ') value.erase(0, 1);
+    if (key == "Type") application = value == "Application";
+    if (key == "Exec") entry.exec = value;
+    if (key == "Hidden" || key == "NoDisplay") entry.hidden = entry.hidden || value == "true";
+    if (key == "Name") entry.names["en"] = value;
+    if (key.rfind("Name[", 0) == 0 && key.back() == ']') {
+      std::string language = key.substr(5, key.size() - 6);
+      // "ja_JP" and "ja" both name the Japanese display name; the plain one wins.
+      auto cut = language.find_first_of("_.@");
+      std::string base = language.substr(0, cut);
+      if (cut == std::string::npos || !entry.names.count(base)) entry.names[base] = value;
+    }
+  }
+  if (!application || entry.exec.empty()) return std::nullopt;
+  return entry;
+}
+
+std::vector<std::string> dataFolders() {
+  std::vector<std::string> out;
+  const char* home = std::getenv("XDG_DATA_HOME");
+  if (home && *home)
+    out.push_back(home);
+  else if (const char* h = std::getenv("HOME"))
+    out.push_back(std::string(h) + "/.local/share");
+  const char* dirs = std::getenv("XDG_DATA_DIRS");
+  std::istringstream list(dirs && *dirs ? dirs : "/usr/local/share:/usr/share");
+  for (std::string dir; std::getline(list, dir, ':');)
+    if (!dir.empty()) out.push_back(dir);
+  return out;
+}
+
+std::vector<DesktopEntry> desktopEntries() {
+  std::vector<DesktopEntry> out;
+  std::set<std::string> seen;
+  for (const auto& folder : dataFolders()) {
+    std::error_code error;
+    std::vector<std::filesystem::path> files;
+    for (const auto& file : std::filesystem::directory_iterator(folder + "/applications", error))
+      if (file.path().extension() == ".desktop") files.push_back(file.path());
+    std::sort(files.begin(), files.end());
+    for (const auto& file : files) {
+      // The first folder that has an id decides it, hidden or not.
+      if (!seen.insert(file.stem().string()).second) continue;
+      if (auto entry = readEntry(file); entry && !entry->hidden) out.push_back(std::move(*entry));
+    }
+  }
+  return out;
+}
+
+/// The words of an Exec line without its field codes, quotes undone.
+std::vector<std::string> commandOf(const std::string& exec) {
+  std::vector<std::string> words;
+  std::string word;
+  bool quoted = false, any = false;
+  for (std::size_t i = 0; i < exec.size(); ++i) {
+    char c = exec[i];
+    if (c == '"') {
+      quoted = !quoted;
+      any = true;
+    } else if (c == '\\' && quoted && i + 1 < exec.size()) {
+      word += exec[++i];
+    } else if (c == ' ' && !quoted) {
+      if (any || !word.empty()) words.push_back(word);
+      word.clear();
+      any = false;
+    } else {
+      word += c;
+    }
+  }
+  if (any || !word.empty()) words.push_back(word);
+  std::vector<std::string> out;
+  for (auto& w : words) {
+    if (w.size() == 2 && w[0] == '%') continue;  // %f, %U, %i, ...: nothing to fill in
+    std::string plain;
+    for (std::size_t i = 0; i < w.size(); ++i) {
+      if (w[i] == '%' && i + 1 < w.size()) ++i;  // "%%" is a percent sign; other codes go
+      plain += w[i];
+    }
+    out.push_back(plain);
+  }
+  return out;
+}
+
+/// Starts a command in a session of its own, so that it outlives this
+/// process's terminal and signals. The pid, or absent when it could not start.
+std::optional<pid_t> spawn(const std::vector<std::string>& command) {
+  if (command.empty()) return std::nullopt;
+  std::vector<char*> argv;
+  for (const auto& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+  pid_t pid = 0;
+  int failed = posix_spawnp(&pid, argv[0], nullptr, &attributes, argv.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (failed) return std::nullopt;
+  // Reaped by a waiter of its own, so that it leaves no zombie behind.
+  std::thread([pid] { waitpid(pid, nullptr, 0); }).detach();
+  return pid;
+}
+
+void sendMessage(::Display* d, ::Window to, ::Window about, const char* type, std::array<long, 5> data, long mask) {
+  XEvent event{};
+  event.xclient.type = ClientMessage;
+  event.xclient.window = about;
+  event.xclient.message_type = XInternAtom(d, type, False);
+  event.xclient.format = 32;
+  for (int n = 0; n < 5; ++n) event.xclient.data.l[n] = data[static_cast<std::size_t>(n)];
+  XSendEvent(d, to, False, mask, &event);
+}
+
+}  // namespace
+
+LinuxWorkspace::LinuxWorkspace(AtspiAccessibility& accessibility) : ax_(accessibility), x_(openX11()) {}
+
+LinuxWorkspace::~LinuxWorkspace() { closeX11(x_); }
+
+RunningApplication LinuxWorkspace::recordOf(const BusApplication& app) {
   RunningApplication r;
   r.pid = app.pid;
   r.name = app.name;
   r.bundlePath = executableOf(app.pid);
+  r.terminated = !alive(app.pid);
+  std::lock_guard guard(lock_);
+  r.hidden = hidden_.count(app.pid) > 0;
   return r;
 }
-
-}  // namespace
 
 std::vector<RunningApplication> LinuxWorkspace::runningApplications() {
   std::vector<RunningApplication> out;
@@ -37,8 +204,18 @@ std::optional<RunningApplication> LinuxWorkspace::application(std::int32_t pid) 
   return std::nullopt;
 }
 
+// The window manager's active window, else the window with the focus.
+std::optional<std::int32_t> LinuxWorkspace::frontPid() {
+  std::lock_guard guard(lock_);
+  if (!x_) return std::nullopt;
+  if (auto active = activeWindow(x_)) return pidOfWindow(x_, *active);
+  if (auto focused = focusedClient(x_)) return focused->pid;
+  return std::nullopt;
+}
+
 std::optional<RunningApplication> LinuxWorkspace::frontmost() {
-  // The application whose window holds the active state.
+  if (auto pid = frontPid()) return application(*pid);
+  // Without X, the application whose window holds the active state.
   for (const auto& app : ax_.applications()) {
     Element element = ax_.applicationElement(app.pid);
     if (ax_.copy(element, "AXFrontmost").as<bool>().value_or(false)) return recordOf(app);
@@ -52,24 +229,158 @@ void LinuxWorkspace::observeActivation(std::function<void(const RunningApplicati
   });
 }
 
-// Window management, launching and opening come with the X11 workspace;
-// until then these report that nothing was done.
-bool LinuxWorkspace::activate(std::int32_t) { return false; }
-bool LinuxWorkspace::hide(std::int32_t) { return false; }
-bool LinuxWorkspace::unhide(std::int32_t) { return false; }
-bool LinuxWorkspace::terminate(std::int32_t) { return false; }
-
-void LinuxWorkspace::launch(const LaunchRequest&, OpenCompletion done) {
-  done(OpenOutcome{std::nullopt, std::string("アプリケーションを起動できません")});
+bool LinuxWorkspace::activate(std::int32_t pid) {
+  std::lock_guard guard(lock_);
+  if (!x_) return false;
+  std::optional<ClientWindow> target;
+  for (const auto& w : clientWindows(x_))
+    if (w.pid == pid && (w.viewable || !target)) target = w;
+  if (!target) return false;
+  ::Window root = DefaultRootWindow(x_);
+  if (hasWindowManager(x_)) {
+    // Source 2: asked for by the user, so the manager does not refuse it.
+    sendMessage(x_, root, target->window, "_NET_ACTIVE_WINDOW", {2, CurrentTime, 0, 0, 0},
+                SubstructureRedirectMask | SubstructureNotifyMask);
+  } else {
+    XMapRaised(x_, target->window);
+    XSetInputFocus(x_, target->window, RevertToParent, CurrentTime);
+  }
+  hidden_.erase(pid);
+  XFlush(x_);
+  return true;
 }
 
-void LinuxWorkspace::openURL(const std::string&, bool, OpenCompletion done) {
-  done(OpenOutcome{std::nullopt, std::string("URL を開けません")});
+bool LinuxWorkspace::hide(std::int32_t pid) {
+  std::lock_guard guard(lock_);
+  if (!x_) return false;
+  bool any = false;
+  const bool managed = hasWindowManager(x_);
+  for (const auto& w : clientWindows(x_)) {
+    if (w.pid != pid || !w.viewable) continue;
+    // A manager iconifies; without one, unmapping is all there is.
+    if (managed)
+      XIconifyWindow(x_, w.window, DefaultScreen(x_));
+    else
+      XUnmapWindow(x_, w.window);
+    hidden_[pid].insert(w.window);
+    any = true;
+  }
+  XFlush(x_);
+  return any;
 }
 
+bool LinuxWorkspace::unhide(std::int32_t pid) {
+  std::lock_guard guard(lock_);
+  if (!x_) return false;
+  auto it = hidden_.find(pid);
+  if (it == hidden_.end()) return true;
+  // Mapping an iconic window makes it normal again, with or without a manager.
+  for (auto window : it->second) XMapWindow(x_, window);
+  hidden_.erase(it);
+  XFlush(x_);
+  return true;
+}
+
+bool LinuxWorkspace::terminate(std::int32_t pid) {
+  std::lock_guard guard(lock_);
+  if (!x_) return false;
+  bool delivered = false;
+  const Atom protocols = XInternAtom(x_, "WM_PROTOCOLS", False);
+  const Atom deleteWindow = XInternAtom(x_, "WM_DELETE_WINDOW", False);
+  const bool managed = hasWindowManager(x_);
+  for (const auto& w : clientWindows(x_)) {
+    if (w.pid != pid || !w.viewable) continue;
+    // Closing every window is how a person quits; nothing is killed.
+    if (managed) {
+      sendMessage(x_, DefaultRootWindow(x_), w.window, "_NET_CLOSE_WINDOW", {CurrentTime, 2, 0, 0, 0},
+                  SubstructureRedirectMask | SubstructureNotifyMask);
+      delivered = true;
+      continue;
+    }
+    Atom* list = nullptr;
+    int count = 0;
+    bool polite = false;
+    if (XGetWMProtocols(x_, w.window, &list, &count)) {
+      for (int n = 0; n < count; ++n) polite = polite || list[n] == deleteWindow;
+      XFree(list);
+    }
+    if (!polite) continue;
+    XEvent event{};
+    event.xclient.type = ClientMessage;
+    event.xclient.window = w.window;
+    event.xclient.message_type = protocols;
+    event.xclient.format = 32;
+    event.xclient.data.l[0] = static_cast<long>(deleteWindow);
+    event.xclient.data.l[1] = CurrentTime;
+    XSendEvent(x_, w.window, False, NoEventMask, &event);
+    delivered = true;
+  }
+  XFlush(x_);
+  return delivered;
+}
+
+void LinuxWorkspace::launch(const LaunchRequest& request, OpenCompletion done) {
+  std::vector<std::string> command;
+  for (const auto& entry : desktopEntries())
+    if ((!request.path.empty() && entry.path == request.path) ||
+        (!request.bundleId.empty() && entry.id == request.bundleId))
+      command = commandOf(entry.exec);
+  if (command.empty() && !request.path.empty() && access(request.path.c_str(), X_OK) == 0 &&
+      !std::filesystem::is_directory(request.path))
+    command = {request.path};
+  if (command.empty()) {
+    done(OpenOutcome{std::nullopt, std::string("アプリケーションが見つかりません")});
+    return;
+  }
+  auto pid = spawn(command);
+  if (!pid) {
+    done(OpenOutcome{std::nullopt, std::string("起動できませんでした: ") + command[0]});
+    return;
+  }
+  // Done when the application shows itself on the accessibility bus; waited
+  // for on a thread of its own, as the application may take its time.
+  std::thread([this, pid = *pid, activates = request.activates, done = std::move(done)] {
+    const auto deadline = std::chrono::steady_clock::now() + launchLimit;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (auto app = application(pid)) {
+        if (activates) activate(pid);
+        done(OpenOutcome{app, std::nullopt});
+        return;
+      }
+      if (!alive(pid)) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    // A launcher that handed over to a running copy, or an application
+    // without a tree: done, with no application known.
+    done(OpenOutcome{});
+  }).detach();
+}
+
+void LinuxWorkspace::openURL(const std::string& url, bool, OpenCompletion done) {
+  if (!spawn({"xdg-open", url})) {
+    done(OpenOutcome{std::nullopt, std::string("xdg-open を起動できませんでした")});
+    return;
+  }
+  done(OpenOutcome{});
+}
+
+// The desktop's default application is named by xdg-mime; finding it would
+// mean running a shell tool for every open. Left to openURL.
 std::optional<std::string> LinuxWorkspace::applicationForURL(const std::string&) { return std::nullopt; }
-std::vector<InstalledApplication> LinuxWorkspace::installedApplications() { return {}; }
-std::vector<std::string> LinuxWorkspace::applicationDirectories() { return {}; }
+
+std::vector<InstalledApplication> LinuxWorkspace::installedApplications() {
+  std::vector<InstalledApplication> out;
+  for (auto& entry : desktopEntries())
+    out.push_back(InstalledApplication{entry.id, entry.path, std::move(entry.names)});
+  return out;
+}
+
+std::vector<std::string> LinuxWorkspace::applicationDirectories() {
+  std::vector<std::string> out;
+  for (const auto& folder : dataFolders()) out.push_back(folder + "/applications");
+  return out;
+}
+
 std::optional<std::int32_t> LinuxWorkspace::filePanelProcess(std::int32_t) { return std::nullopt; }
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -1,16 +1,25 @@
 // The running applications of the Linux desktop, as the accessibility bus
-// knows them: every application that exposes a tree, with its pid, name and
-// executable. Callable from any thread.
+// knows them (every application that exposes a tree, with its pid, name and
+// executable), their windows on X11 (the front, activation, hiding, polite
+// closing) and the installed applications of the XDG data folders'
+// `.desktop` entries. Callable from any thread: one mutex guards the X
+// connection and the windows this workspace hid; it is never held across a
+// call on the accessibility bus.
 #pragma once
 
+#include <mutex>
+#include <set>
+
 #include "platform/linux/atspi_accessibility.h"
+#include "platform/linux/x11_connection.h"
 #include "platform/workspace.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
 class LinuxWorkspace final : public Workspace {
  public:
-  explicit LinuxWorkspace(AtspiAccessibility& accessibility) : ax_(accessibility) {}
+  explicit LinuxWorkspace(AtspiAccessibility& accessibility);
+  ~LinuxWorkspace() override;
 
   std::vector<RunningApplication> runningApplications() override;
   std::optional<RunningApplication> application(std::int32_t pid) override;
@@ -28,7 +37,13 @@ class LinuxWorkspace final : public Workspace {
   std::optional<std::int32_t> filePanelProcess(std::int32_t pid) override;
 
  private:
+  RunningApplication recordOf(const BusApplication& app);
+  std::optional<std::int32_t> frontPid();
+
   AtspiAccessibility& ax_;
+  std::mutex lock_;
+  XConnection* x_ = nullptr;
+  std::map<std::int32_t, std::set<XWindowId>> hidden_;  // windows this workspace hid, by process
 };
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -1,22 +1,12 @@
-// Clipboard, screen lock and overlay of the Linux desktop
+// Screen lock and overlay of the Linux desktop
 // before their X11 backends exist: each answers that it could not act, so a
 // caller reports a failure instead of pretending.
 #pragma once
 
 #include "platform/overlay_painter.h"
-#include "platform/pasteboard.h"
 #include "platform/session.h"
 
 namespace glimmerstrand::platform::linux_desktop {
-
-class PendingPasteboard final : public Pasteboard {
- public:
-  void clear() override {}
-  std::optional<std::string> readText() override { return std::nullopt; }
-  bool writeText(const std::string&) override { return false; }
-  bool writeImage(ImageFormat, const std::vector<std::uint8_t>&) override { return false; }
-  std::int64_t changeCount() override { return 0; }
-};
 
 class PendingSession final : public Session {
  public:
