@@ -23,11 +23,13 @@ deb=$(echo "$work"/out/glimmerstrand_"$version"_*.deb)
 [[ -f $deb ]] || fail "no package in $work/out"
 # Every library the binaries link comes from a package the package depends on.
 depends=$(dpkg-deb -f "$deb" Depends)
+# The package names alone, one a line, whether or not a version follows.
+packages=$(tr ',' '\n' <<<"$depends" | awk '{print $1}')
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 for binary in "$build/src/client/glimmerstrand" "$build/src/native/glimmerstrand-native"; do
   for soname in $(readelf -d "$binary" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
     owner=$(dpkg -S "*/$multiarch/$soname" | head -1 | cut -d: -f1)
-    [[ -n $owner && $depends == *"$owner "* ]] || fail "$soname comes from '$owner', not in Depends: $depends"
+    [[ -n $owner ]] && grep -qx "$owner" <<<"$packages" || fail "$soname comes from '$owner', not in Depends: $depends"
   done
 done
 contents=$(dpkg-deb -c "$deb")

@@ -90,8 +90,17 @@ XConnection* openX11() {
   std::call_once(once, [] {
     XInitThreads();
     XSetErrorHandler(ignoreError);
+    // The default handler ends the process; the exit handler below decides.
+    XSetIOErrorHandler([](::Display*) { return 0; });
   });
-  return XOpenDisplay(nullptr);
+  XConnection* connection = XOpenDisplay(nullptr);
+  // By default Xlib ends the process when the server goes away. The daemon
+  // outlives a desktop: the connection is marked broken instead, and every
+  // later call on it fails, which the devices report as failures.
+  if (connection)
+    XSetIOErrorExitHandler(
+        connection, [](::Display*, void*) {}, nullptr);
+  return connection;
 }
 
 void closeX11(XConnection* connection) {
