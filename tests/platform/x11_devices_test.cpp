@@ -124,6 +124,13 @@ class X11DevicesTest : public ::testing::Test {
     })) << ::testing::PrintToString(texts(editor));
   }
 
+  /// Brings `pid` to the front and waits until the window manager says so:
+  /// where the tests start matters, not which window the manager focused last.
+  static bool inFront(std::int32_t pid) {
+    platform().workspace().activate(pid);
+    return eventually([&] { return activePid() == pid; });
+  }
+
   /// The process whose window the window manager calls active.
   static std::optional<std::int32_t> activePid() {
     auto* x = platform::linux_desktop::openX11();
@@ -157,7 +164,7 @@ TEST_F(X11DevicesTest, KeyTableNamesEveryKeyAndModifier) {
 TEST_F(X11DevicesTest, KeysToAnApplicationBehindAnotherReachItAndLeaveTheFrontAlone) {
   const auto calculator = desktop_->pid("galculator");
   const auto editor = desktop_->pid("mousepad");
-  ASSERT_TRUE(eventually([&] { return activePid() == editor; })) << "mousepad, started last, is in front";
+  ASSERT_TRUE(inFront(editor));
   press("escape", calculator);
   type(u"12+34=", calculator);
   EXPECT_TRUE(eventually([&] { return shows(calculator, "46"); }));
@@ -166,7 +173,7 @@ TEST_F(X11DevicesTest, KeysToAnApplicationBehindAnotherReachItAndLeaveTheFrontAl
 
 TEST_F(X11DevicesTest, TypingReachesTheFrontApplicationWithCharactersNoKeyTypes) {
   const auto editor = desktop_->pid("mousepad");
-  ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
+  ASSERT_TRUE(inFront(editor));
   editorTakesKeys(editor);
   shortcut("cmd", "a", std::nullopt);
   type(u"Hello, World! caf\u00e9 \u65e5\u672c", std::nullopt);
@@ -180,7 +187,7 @@ TEST_F(X11DevicesTest, TypingReachesTheFrontApplicationWithCharactersNoKeyTypes)
 
 TEST_F(X11DevicesTest, ClipboardCarriesTextBothWaysWithAGtkApplication) {
   const auto editor = desktop_->pid("mousepad");
-  ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
+  ASSERT_TRUE(inFront(editor));
   editorTakesKeys(editor);
   auto& board = platform().pasteboard();
   // Large enough to go in pieces.
@@ -294,7 +301,7 @@ TEST_F(X11DevicesTest, ActivationMovesTheFrontAndBack) {
   auto& workspace = platform().workspace();
   const auto calculator = desktop_->pid("galculator");
   const auto editor = desktop_->pid("mousepad");
-  ASSERT_TRUE(eventually([&] { return activePid() == editor; }));
+  ASSERT_TRUE(inFront(editor));
   EXPECT_EQ(workspace.frontmost().value_or(platform::RunningApplication{}).pid, editor);
   ASSERT_TRUE(workspace.activate(calculator));
   EXPECT_TRUE(
