@@ -87,7 +87,9 @@ start() {
   export DISPLAY=":$n" XDG_RUNTIME_DIR="$dir/runtime"
   # A bus address left by another desktop would stop this one coming up.
   unset AT_SPI_BUS_ADDRESS DBUS_SESSION_BUS_ADDRESS
-  Xvfb "$DISPLAY" -screen 0 1280x800x24 -nolisten tcp >"$dir/xvfb.log" 2>&1 &
+  # -noreset: the server would otherwise reset whenever its last client leaves,
+  # taking the root window properties set below with it.
+  Xvfb "$DISPLAY" -screen 0 1280x800x24 -nolisten tcp -noreset >"$dir/xvfb.log" 2>&1 &
   record $! Xvfb
   wait_for 10 "the X server" xdpyinfo -display "$DISPLAY"
   local bus
@@ -100,6 +102,10 @@ start() {
   export AT_SPI_BUS_ADDRESS; AT_SPI_BUS_ADDRESS=$(a11y_address)
   gdbus call --session --dest org.a11y.Bus --object-path /org/a11y/bus \
     --method org.freedesktop.DBus.Properties.Set org.a11y.Status IsEnabled '<true>' >/dev/null
+  # Qt finds the accessibility bus through this root window property, as on a
+  # desktop session; asking the session bus instead races its own start-up
+  # and the application never registers.
+  xprop -display "$DISPLAY" -root -f AT_SPI_BUS 8s -set AT_SPI_BUS "$AT_SPI_BUS_ADDRESS"
   export NO_AT_BRIDGE=0 QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1 QT_ACCESSIBILITY=1 GTK_THEME=Adwaita
   if [ $wm = 1 ]; then
     openbox >"$dir/openbox.log" 2>&1 &

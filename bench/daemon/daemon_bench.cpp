@@ -4,22 +4,16 @@
 // settle straight over the line protocol, timed by the operations' own
 // figures: the part of a write's round trip that is the application's.
 #include <benchmark/benchmark.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <stdexcept>
 #include <string>
-#include <thread>
 
 #include "core/json_value.h"
+#include "support/daemon_client.h"
+#include "support/line_client.h"
 
 namespace {
 
@@ -59,125 +53,38 @@ class Folder {
   ~Folder() { std::filesystem::remove_all(path_); }
   const std::filesystem::path& path() const { return path_; }
 
-  /// In a child: the environment of a silent glimmerstrand-native on the big
-  /// application, then the executable with `mode` ("" for the line protocol).
-  [[noreturn]] void execNative(const char* mode) const {
-    ::setenv("XDG_STATE_HOME", path_.c_str(), 1);
-    ::setenv("GLIMMERSTRAND_PLATFORM", "sim", 1);
-    ::setenv("GLIMMERSTRAND_SIM_APPS", (path_ / "apps.json").c_str(), 1);
-    ::setenv("GLIMMERSTRAND_LOG_LEVEL", "silent", 1);
-    ::setenv("GLIMMERSTRAND_CURSOR", "0", 1);
-    ::unsetenv("GLIMMERSTRAND_SOCKET");
-    if (*mode)
-      ::execl(GLIMMERSTRAND_NATIVE_BINARY, GLIMMERSTRAND_NATIVE_BINARY, mode, static_cast<char*>(nullptr));
-    else
-      ::execl(GLIMMERSTRAND_NATIVE_BINARY, GLIMMERSTRAND_NATIVE_BINARY, static_cast<char*>(nullptr));
-    ::_exit(127);
+  /// A silent glimmerstrand-native on the big application.
+  std::map<std::string, std::string> environment() const {
+    return {{"XDG_STATE_HOME", path_.string()},
+            {"GLIMMERSTRAND_PLATFORM", "sim"},
+            {"GLIMMERSTRAND_SIM_APPS", (path_ / "apps.json").string()},
+            {"GLIMMERSTRAND_LOG_LEVEL", "silent"},
+            {"GLIMMERSTRAND_CURSOR", "0"},
+            {"GLIMMERSTRAND_SOCKET", ""}};
   }
 
  private:
   std::filesystem::path path_;
 };
 
-// Reads one line at a time from `fd`, keeping what comes after it.
-std::string readLine(int fd, std::string& pending) {
-  char buffer[65536];
-  for (std::size_t end; (end = pending.find('\n')) == std::string::npos;) {
-    ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n <= 0) throw std::runtime_error("read");
-    pending.append(buffer, static_cast<std::size_t>(n));
-  }
-  const std::size_t end = pending.find('\n');
-  std::string line = pending.substr(0, end);
-  pending.erase(0, end + 1);
-  return line;
-}
-
-void writeLine(int fd, const std::string& line) {
-  const std::string out = line + "\n";
-  if (::write(fd, out.data(), out.size()) != static_cast<ssize_t>(out.size())) throw std::runtime_error("write");
-}
-
 class Daemon {
  public:
-  Daemon() : folder_("daemon-bench") {
-    socket_ = (folder_.path() / "glimmerstrand/glimmerstrand.sock").string();
-    pid_ = ::fork();
-    if (pid_ == 0) folder_.execNative("daemon");
-    for (int k = 0; k < 500 && fd_ < 0; ++k) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      fd_ = connectTo(socket_);
-    }
-    if (fd_ < 0) throw std::runtime_error("the daemon did not come up");
-  }
-  ~Daemon() {
-    ::close(fd_);
-    ::kill(pid_, SIGTERM);
-    ::waitpid(pid_, nullptr, 0);
-  }
-
-  std::string roundTrip(const std::string& line) {
-    writeLine(fd_, line);
-    return readLine(fd_, pending_);
-  }
+  Daemon() : client_(GLIMMERSTRAND_NATIVE_BINARY, folder_.path().string(), folder_.environment()) {}
+  std::string roundTrip(const std::string& line) { return client_.roundTrip(line); }
 
  private:
-  static int connectTo(const std::string& path) {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return fd;
-    ::close(fd);
-    return -1;
-  }
-  Folder folder_;
-  std::string socket_;
-  std::string pending_;
-  pid_t pid_ = -1;
-  int fd_ = -1;
+  Folder folder_{"daemon-bench"};
+  glimmerstrand::testing::DaemonClient client_;
 };
 
 // glimmerstrand-native on pipes, one request at a time.
 class LineProcess {
  public:
-  LineProcess() : folder_("line-bench") {
-    int toChild[2], fromChild[2];
-    if (::pipe(toChild) != 0 || ::pipe(fromChild) != 0) throw std::runtime_error("pipe");
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(toChild[0], 0);
-      ::dup2(fromChild[1], 1);
-      ::close(toChild[1]);
-      ::close(fromChild[0]);
-      folder_.execNative("");
-    }
-    ::close(toChild[0]);
-    ::close(fromChild[1]);
-    in_ = toChild[1];
-    out_ = fromChild[0];
-  }
-  ~LineProcess() {
-    ::close(in_);  // end of input ends the process
-    ::waitpid(pid_, nullptr, 0);
-    ::close(out_);
-  }
-
-  /// The result of one operation; a failure throws.
-  JSONValue call(const std::string& method, JSONValue::Object params) {
-    namespace core = glimmerstrand::core;
-    writeLine(in_, core::jsonText(JSONValue::Object{{"id", ++lastId_}, {"method", method}, {"params", params}}));
-    auto reply = core::parseJSON(readLine(out_, pending_));
-    if (core::optionalBool(reply, "ok") != true) throw std::runtime_error(method + ": " + core::jsonText(reply));
-    return *reply.find("result");
-  }
+  JSONValue call(const std::string& method, JSONValue::Object params) { return client_.call(method, params); }
 
  private:
-  Folder folder_;
-  pid_t pid_ = -1;
-  int in_ = -1, out_ = -1;
-  std::int64_t lastId_ = 0;
-  std::string pending_;
+  Folder folder_{"line-bench"};
+  glimmerstrand::testing::LineClient client_{GLIMMERSTRAND_NATIVE_BINARY, folder_.environment()};
 };
 
 void BM_QueryOverSocket(benchmark::State& state) {

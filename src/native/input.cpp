@@ -251,7 +251,7 @@ std::int32_t redirectedPid(platform::Accessibility& ax, platform::Workspace& wor
 }
 
 TypingWatch watchFocusedText(platform::Accessibility& ax, std::int32_t pid) {
-  TypingWatch watch;
+  TypingWatch watch{pid, std::nullopt, std::nullopt};
   auto focused = ax.copy(ax.applicationElement(pid), "AXFocusedUIElement").as<Element>();
   if (!focused || focused->isNull()) return watch;
   watch.element = *focused;
@@ -262,11 +262,19 @@ TypingWatch watchFocusedText(platform::Accessibility& ax, std::int32_t pid) {
 bool textSeen(MirrorEnvironment environment, std::string_view text, const TypingWatch& before) {
   auto& clock = environment.clock;
   const auto n = static_cast<std::int64_t>(graphemeCount(text));
+  const std::string needle = trimmedText(text);
   if (!before.element || !before.value) {
-    clock.sleepNs(std::min<std::int64_t>(2 * n + 30, 300) * msNs);
+    // Keys sent to a window in the background give its field the focus only
+    // while they are sent: look for that field now.
+    const std::int64_t deadline = clock.nowNs() + std::min<std::int64_t>(2 * n + 30, 300) * msNs;
+    while (clock.nowNs() < deadline) {
+      clock.sleepNs(20 * msNs);
+      if (!before.pid || needle.empty()) continue;
+      auto after = watchFocusedText(environment.accessibility, before.pid);
+      if (after.value && after.value->find(needle) != std::string::npos) return true;
+    }
     return false;
   }
-  const std::string needle = trimmedText(text);
   const std::int64_t deadline = clock.nowNs() + std::min<std::int64_t>(300 + 20 * n, 3000) * msNs;
   std::optional<std::string> last = before.value;
   std::int64_t lastChange = clock.nowNs();

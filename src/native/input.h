@@ -45,6 +45,7 @@ std::int32_t redirectedPid(platform::Accessibility& ax, platform::Workspace& wor
 /// What a process shows before typing: its focused element and that
 /// element's text.
 struct TypingWatch {
+  std::int32_t pid = 0;
   std::optional<Element> element;
   std::optional<std::string> value;
 };

@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "platform/linux/atspi_element.h"
+#include "platform/linux/window_geometry_watch.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
@@ -78,6 +79,8 @@ struct AtspiAccessibility::State {
   std::unordered_map<std::string, ObjectRef> lastFocused;  // bus name → element that took the focus
   std::set<std::string> registeredEvents;                  // event types told to the registry
   std::vector<std::function<void(std::int32_t)>> activationCallbacks;
+  std::vector<std::weak_ptr<AtspiObserver>> observers;  // every observer made, for window geometry
+  std::unique_ptr<WindowGeometryWatch> geometry;        // started by the first who asks for moves or resizes
   guint activationSubscription = 0;
   guint focusSubscription = 0;
   std::chrono::steady_clock::time_point trustCheckedAt{};
@@ -272,6 +275,42 @@ AxError AtspiAccessibility::setMessagingTimeout(const Element& element, double s
 
 namespace {
 
+bool windowIsActive(GDBusConnection* connection, const ObjectRef& app, int timeoutMs) {
+  auto windows = readRecords(connection, {app}, childrenPart, timeoutMs).front().children;
+  if (!windows) return false;
+  auto tops = readRecords(connection, *windows, basicPart, timeoutMs);
+  return std::any_of(tops.begin(), tops.end(), [](const auto& r) { return r.states.active(); });
+}
+
+// The element with the focused state in the application's active window
+// (in any of its windows where none is active, as without a window manager),
+// read one level at a time. Long lists are not entered: their rows take the
+// focus only with the list itself, which is found first.
+std::optional<ObjectRef> focusedBelow(GDBusConnection* connection, const ObjectRef& app, int timeoutMs) {
+  constexpr std::size_t budget = 3000;
+  auto windows = readRecords(connection, {app}, childrenPart, timeoutMs).front().children;
+  if (!windows) return std::nullopt;
+  auto tops = readRecords(connection, *windows, basicPart | childrenPart, timeoutMs);
+  const bool anyActive = std::any_of(tops.begin(), tops.end(), [](const auto& r) { return r.states.active(); });
+  std::vector<ObjectRef> level;
+  for (const auto& r : tops)
+    if (r.error == AxError::success && r.children && (r.states.active() || !anyActive))
+      level.insert(level.end(), r.children->begin(), r.children->end());
+  for (std::size_t read = 0; !level.empty() && read < budget;) {
+    auto records = readRecords(connection, level, basicPart | childrenPart, timeoutMs);
+    read += level.size();
+    std::vector<ObjectRef> next;
+    for (std::size_t k = 0; k < records.size(); ++k) {
+      const auto& r = records[k];
+      if (r.error != AxError::success) continue;
+      if (r.states.focused()) return level[k];
+      if (r.children && r.children->size() <= longList) next.insert(next.end(), r.children->begin(), r.children->end());
+    }
+    level = std::move(next);
+  }
+  return std::nullopt;
+}
+
 bool isWindowLevel(std::string_view name) {
   return name == "AXFocusedWindow" || name == "AXMainWindow" || name == "AXWindows" || name == "AXMenuBar" ||
          name == "AXFocusedUIElement" || name == "AXFrontmost" || name == "AXFocusedApplication";
@@ -338,10 +377,21 @@ AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) 
       std::lock_guard guard(s_->lock);
       if (auto it = s_->lastFocused.find(ref.bus); it != s_->lastFocused.end()) focused = it->second;
     }
-    if (focused.bus.empty()) return AxError::noValue;
-    ElementRecord r = s_->record(focused, basicPart, timeoutMs);
-    if (r.error != AxError::success || !r.states.focused()) return AxError::noValue;
-    return AxValue(atspiElement(focused.bus, focused.path));
+    if (!focused.bus.empty()) {
+      ElementRecord r = s_->record(focused, basicPart, timeoutMs);
+      // An application in the background keeps the element that had its
+      // focus, though toolkits clear the state while its window is inactive.
+      if (r.error == AxError::success && (r.states.focused() || !windowIsActive(s_->connection, ref, timeoutMs)))
+        return AxValue(atspiElement(focused.bus, focused.path));
+    }
+    // The focus moved before we listened, or a toolkit didn't tell: look.
+    auto found = focusedBelow(s_->connection, ref, timeoutMs);
+    if (!found) return AxError::noValue;
+    {
+      std::lock_guard guard(s_->lock);
+      s_->lastFocused[found->bus] = *found;
+    }
+    return AxValue(atspiElement(found->bus, found->path));
   }
   if (name == "AXMenuBar") return AxError::attributeUnsupported;
   auto values = copyMultiple(element, {std::string(name)});
@@ -563,10 +613,35 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
 }
 
 AxResult<std::shared_ptr<Observer>> AtspiAccessibility::createObserver(std::int32_t pid, ObserverCallback callback) {
-  for (const auto& app : s_->desktopApplications())
-    if (s_->pidOfBus(app.bus) == pid)
-      return {AxError::success, std::make_shared<AtspiObserver>(pid, app.bus, std::move(callback))};
+  for (const auto& app : s_->desktopApplications()) {
+    if (s_->pidOfBus(app.bus) != pid) continue;
+    auto observer = std::make_shared<AtspiObserver>(pid, app.bus, std::move(callback));
+    std::lock_guard guard(s_->lock);
+    std::erase_if(s_->observers, [](const auto& weak) { return weak.expired(); });
+    s_->observers.push_back(observer);
+    return {AxError::success, observer};
+  }
   return {AxError::invalidElement, nullptr};
+}
+
+void AtspiAccessibility::watchWindowGeometry() {
+  {
+    std::lock_guard guard(s_->lock);
+    if (s_->geometry) return;
+  }
+  auto watch = WindowGeometryWatch::start([s = s_.get()](std::int32_t pid, WindowGeometryWatch::Change change) {
+    const std::string name = change == WindowGeometryWatch::Change::moved ? "AXMoved" : "AXResized";
+    std::vector<std::shared_ptr<AtspiObserver>> targets;
+    {
+      std::lock_guard guard(s->lock);
+      for (const auto& weak : s->observers)
+        if (auto observer = weak.lock(); observer && observer->pid() == pid) targets.push_back(std::move(observer));
+    }
+    for (auto& observer : targets)
+      s->mainLoop.post([observer, name] { observer->deliver(atspiElement(observer->bus(), rootPath), name); });
+  });
+  std::lock_guard guard(s_->lock);
+  if (!s_->geometry) s_->geometry = std::move(watch);
 }
 
 AxError AtspiAccessibility::addNotification(Observer& observer, const Element& element, std::string_view notification) {
@@ -575,6 +650,7 @@ AxError AtspiAccessibility::addNotification(Observer& observer, const Element& e
   const auto types = eventTypesFor(notification);
   if (types.empty()) return AxError::notificationUnsupported;
   s_->registerEvents(types);
+  if (notification == "AXMoved" || notification == "AXResized") watchWindowGeometry();
   std::lock_guard guard(ours->lock);
   if (ours->removed) return AxError::invalidObserver;
   if (!ours->names.insert(std::string(notification)).second) return AxError::notificationAlreadyRegistered;

@@ -56,6 +56,8 @@ class AtspiAccessibility final : public Accessibility {
   struct State;
 
  private:
+  // Starts delivering AXMoved and AXResized from the X server, once.
+  void watchWindowGeometry();
   std::unique_ptr<State> s_;
 };
 

@@ -1,5 +1,6 @@
 #include "platform/linux/linux_platform.h"
 
+#include <cstdlib>
 #include <optional>
 
 #include "platform/linux/atspi_accessibility.h"
@@ -49,7 +50,15 @@ class LinuxPlatform final : public Platform {
 
 std::unique_ptr<Platform> makeLinuxPlatform(std::string& problem) {
   auto bus = AtspiBus::connect(problem);
-  if (!bus) return nullptr;
+  if (!bus) {
+    // Without a display there is nothing to read or drive either: say both,
+    // and how a machine without a screen gets a desktop.
+    const char* display = std::getenv("DISPLAY");
+    if (!display || !*display) problem += "; DISPLAY がありません (X サーバーが見つかりません)";
+    problem +=
+        "。画面のないマシンでは eval \"$(glimmerstrand desktop start)\" で X サーバー、バス、アプリを起動できます";
+    return nullptr;
+  }
   return std::make_unique<LinuxPlatform>(std::move(*bus));
 }
 

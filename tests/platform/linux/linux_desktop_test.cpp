@@ -1,18 +1,24 @@
-// The linux platform against real GTK3 and GTK4 applications on a headless
+// The linux platform against real GTK3, GTK4 and Qt applications on a headless
 // desktop of the test's own: walks, actions through the daemon's line
-// protocol, the mirror's partial walks, and a frozen application.
+// protocol, the mirror's partial walks, window geometry from X, and a frozen
+// application.
 #include <signal.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "native/app_mirror.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/test_desktop.h"
+#include "platform/linux/x11_connection.h"
 #include "support/line_client.h"
+
+// Last: its macros (None, Bool) clash with names in the headers above.
+#include <X11/Xlib.h>
 
 namespace glimmerstrand::platform::linux_desktop {
 namespace {
@@ -33,15 +39,17 @@ class NoPrefetch final : public AccessibilityWrapper {
 class LinuxDesktopTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    desktop_ = new TestDesktop({"gtk3-widget-factory", "gnome-calculator", "galculator", formApp});
+    desktop_ = new TestDesktop({"gtk3-widget-factory", "gnome-calculator", "galculator", "speedcrunch", formApp});
     std::string problem;
     platform_ = makeLinuxPlatform(problem).release();  // lives as long as the process, as in the daemon
     ASSERT_NE(platform_, nullptr) << problem;
     loop_ = new std::thread([] { platform_->mainLoop().run(); });
   }
   static void TearDownTestSuite() {
-    platform_->mainLoop().stop();
-    loop_->join();
+    if (loop_) {
+      platform_->mainLoop().stop();
+      loop_->join();
+    }
     delete desktop_;
   }
 
@@ -75,7 +83,7 @@ Platform* LinuxDesktopTest::platform_ = nullptr;
 std::thread* LinuxDesktopTest::loop_ = nullptr;
 
 TEST_F(LinuxDesktopTest, BatchedWalkEqualsTheElementByElementRead) {
-  for (std::string app : {"gtk3-widget-factory", "gnome-calculator", "galculator", "form_app.py"}) {
+  for (std::string app : {"gtk3-widget-factory", "gnome-calculator", "galculator", "speedcrunch", "form_app.py"}) {
     SCOPED_TRACE(app);
     auto& ax = platform_->accessibility();
     NoPrefetch plain(ax);
@@ -196,6 +204,51 @@ TEST_F(LinuxDesktopTest, AFrozenApplicationHoldsUpNoOtherAndKeepsItsLastCopy) {
   ASSERT_TRUE(stale.find("result")) << core::jsonText(stale);
   EXPECT_FALSE(stale.find("result")->find("nodes")->asArray()->empty());
   EXPECT_NE(core::jsonText(before).find("nodes"), std::string::npos);
+}
+
+TEST_F(LinuxDesktopTest, WindowMovesAndResizesComeFromTheXServer) {
+  auto& ax = platform_->accessibility();
+  const auto pid = desktop_->pid("form_app.py");
+  std::mutex lock;
+  std::vector<std::string> seen;
+  auto observer = ax.createObserver(pid, [&](const Element&, const std::string& name) {
+    std::lock_guard guard(lock);
+    seen.push_back(name);
+  });
+  ASSERT_TRUE(observer.ok());
+  const Element app = ax.applicationElement(pid);
+  for (const char* name : {"AXMoved", "AXResized"})
+    ASSERT_EQ(ax.addNotification(*observer.value, app, name), AxError::success);
+
+  XConnection* x = openX11();
+  ASSERT_NE(x, nullptr);
+  const auto window = topWindowOf(x, pid);
+  ASSERT_TRUE(window);
+  const struct {
+    const char* expected;
+    void (*change)(XConnection*, XWindowId);
+  } changes[] = {
+      {"AXMoved", [](XConnection* c, XWindowId w) { XMoveWindow(c, w, 37, 41); }},
+      {"AXResized", [](XConnection* c, XWindowId w) { XResizeWindow(c, w, 420, 610); }},
+  };
+  for (const auto& change : changes) {
+    SCOPED_TRACE(change.expected);
+    {
+      std::lock_guard guard(lock);
+      seen.clear();
+    }
+    change.change(x, window->window);
+    XFlush(x);
+    bool arrived = false;
+    for (int attempt = 0; attempt < 100 && !arrived; ++attempt) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      std::lock_guard guard(lock);
+      arrived = std::find(seen.begin(), seen.end(), change.expected) != seen.end();
+    }
+    EXPECT_TRUE(arrived);
+  }
+  closeX11(x);
+  ax.removeObserver(*observer.value);
 }
 
 }  // namespace

@@ -34,7 +34,14 @@ TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool wind
     : folder_("/tmp/glimmerstrand-test-desktop-" + std::to_string(::getpid())) {
   std::string command = script(folder_) + " start" + (windowManager ? " --wm" : "");
   for (const auto& app : applications) command += " '" + app + "'";
-  const std::string printed = run(command + " 2>/dev/null");
+  std::string printed;
+  try {
+    printed = run(command + " 2>&1");
+  } catch (...) {
+    // What did start must not outlive the failed suite.
+    std::system((script(folder_) + " stop >/dev/null 2>&1").c_str());
+    throw;
+  }
   static const std::regex line(R"(export (\w+)='?([^'\n]*)'?)");
   std::istringstream lines(printed);
   for (std::string text; std::getline(lines, text);) {

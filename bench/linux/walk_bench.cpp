@@ -1,0 +1,169 @@
+// Reading real applications on a headless desktop of the bench's own: a
+// text editor (mousepad), a Qt calculator (speedcrunch) and a GTK list of
+// 2,000 rows. Side by side, per application:
+//   PerCallWalk   the tree read element by element, as a tool without a
+//                 mirror does on every call;
+//   BulkRead      every element of the tree read in one pipelined batch,
+//                 with the list of elements already known: the floor;
+//   FirstWalk     the mirror's first full walk, batched by the prefetch hint;
+//   PartialWalk   the walk of one text field after its value changed;
+//   QueryOverSocket  a query answered from the mirror through the daemon's
+//                 socket.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "native/app_mirror.h"
+#include "platform/linux/atspi_bus.h"
+#include "platform/linux/atspi_element.h"
+#include "platform/linux/atspi_reader.h"
+#include "platform/linux/linux_platform.h"
+#include "platform/linux/test_desktop.h"
+#include "support/daemon_client.h"
+
+namespace {
+
+using namespace glimmerstrand;
+using platform::Accessibility;
+using platform::Element;
+using platform::linux_desktop::AtspiBus;
+using platform::linux_desktop::AtspiElement;
+using platform::linux_desktop::ObjectRef;
+
+const std::string formApp = GLIMMERSTRAND_SOURCE_DIR "/tests/platform/linux/data/form_app.py";
+
+// The same reads without the batching a prefetch allows.
+class NoPrefetch final : public platform::AccessibilityWrapper {
+ public:
+  using AccessibilityWrapper::AccessibilityWrapper;
+  void prefetch(const std::vector<Element>&, const std::vector<std::string>&) override {}
+};
+
+struct Desktop {
+  testing::TestDesktop desktop{{"mousepad", "speedcrunch", formApp + " 2000"}};
+  std::unique_ptr<platform::Platform> platform;
+  std::thread loop;
+  std::optional<AtspiBus> bus;
+
+  Desktop() {
+    std::string problem;
+    platform = platform::linux_desktop::makeLinuxPlatform(problem);
+    if (!platform) throw std::runtime_error(problem);
+    bus = AtspiBus::connect(problem);
+    if (!bus) throw std::runtime_error(problem);
+    loop = std::thread([this] { platform->mainLoop().run(); });
+  }
+  ~Desktop() {
+    platform->mainLoop().stop();
+    loop.join();
+  }
+  Accessibility& ax() { return platform->accessibility(); }
+  Element app(const std::string& name) { return ax().applicationElement(desktop.pid(name)); }
+};
+
+Desktop* desktop = nullptr;
+
+native::WalkResult walk(Accessibility& ax, const Element& app) {
+  return native::walkTree(ax, app, "window", native::AppMirror::maxDepth, native::AppMirror::maxNodes);
+}
+
+void BM_PerCallWalk(benchmark::State& state, const std::string& app) {
+  NoPrefetch plain(desktop->ax());
+  const Element root = desktop->app(app);
+  std::size_t nodes = 0;
+  for (auto _ : state) nodes = walk(plain, root).nodes.size();
+  state.counters["nodes"] = static_cast<double>(nodes);
+}
+
+void BM_BulkRead(benchmark::State& state, const std::string& app) {
+  auto tree = walk(desktop->ax(), desktop->app(app));
+  std::vector<ObjectRef> refs;
+  for (const auto& element : tree.elements) {
+    const auto* e = element.as<AtspiElement>();
+    refs.push_back({e->bus(), e->path()});
+  }
+  const auto parts = platform::linux_desktop::partsFor(native::walkAttributes());
+  for (auto _ : state)
+    benchmark::DoNotOptimize(platform::linux_desktop::readRecords(desktop->bus->connection(), refs, parts, 5000));
+  state.counters["nodes"] = static_cast<double>(refs.size());
+}
+
+void BM_FirstWalk(benchmark::State& state, const std::string& app) {
+  const Element root = desktop->app(app);
+  std::size_t nodes = 0;
+  for (auto _ : state) nodes = walk(desktop->ax(), root).nodes.size();
+  state.counters["nodes"] = static_cast<double>(nodes);
+}
+
+// The text field's subtree walked again after each change of its value,
+// which is what the mirror's partial walk reads for one changed field.
+void BM_PartialWalk(benchmark::State& state, const std::string& app, const std::string& role) {
+  auto& ax = desktop->ax();
+  auto tree = walk(ax, desktop->app(app));
+  std::optional<Element> field;
+  for (std::size_t n = 0; n < tree.nodes.size() && !field; ++n)
+    if (tree.nodes[n].role == role) field = tree.elements[n];
+  if (!field) return state.SkipWithError("no text field");
+  std::int64_t count = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    ax.set(*field, "AXValue", platform::AxValue(std::string("changed ") + std::to_string(++count)));
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(native::walkElement(ax, *field, 0, native::AppMirror::maxDepth, 100));
+  }
+}
+
+void BM_QueryOverSocket(benchmark::State& state, const std::string& app, const std::string& statement) {
+  const auto folder = std::filesystem::temp_directory_path() / ("walk-bench-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(folder);
+  auto environment = desktop->desktop.environment();
+  environment["GLIMMERSTRAND_PLATFORM"] = "linux";
+  environment["GLIMMERSTRAND_LOG_LEVEL"] = "silent";
+  environment["GLIMMERSTRAND_CURSOR"] = "0";
+  {
+    testing::DaemonClient daemon(GLIMMERSTRAND_NATIVE_BINARY, folder.string(), environment);
+    const std::string request =
+        R"({"operation":"query","params":{"app":")" + app + R"(","cypher":")" + statement + R"("}})";
+    auto first = daemon.roundTrip(request);  // the first read makes the mirror
+    if (first.find("\"ok\":true") == std::string::npos) state.SkipWithError(first.c_str());
+    for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(request));
+  }
+  std::filesystem::remove_all(folder);
+}
+
+void registerAll() {
+  struct App {
+    std::string name, field, query;
+    int slowIterations;
+  };
+  const App apps[] = {
+      {"mousepad", "AXTextArea", "MATCH (b:MenuItem {name:'Quit'}) RETURN b.id", 5},
+      {"speedcrunch", "AXTextArea", "MATCH (b:MenuItem {name:'Quit'}) RETURN b.id", 5},
+      {"form_app.py", "AXTextField", "MATCH (r:StaticText {name:'Row 1999'}) RETURN r.id", 2},
+  };
+  for (const auto& app : apps) {
+    auto ms = [](benchmark::internal::Benchmark* b) { return b->Unit(benchmark::kMillisecond); };
+    ms(benchmark::RegisterBenchmark(("PerCallWalk/" + app.name).c_str(), BM_PerCallWalk, app.name))
+        ->Iterations(app.slowIterations);
+    ms(benchmark::RegisterBenchmark(("BulkRead/" + app.name).c_str(), BM_BulkRead, app.name));
+    ms(benchmark::RegisterBenchmark(("FirstWalk/" + app.name).c_str(), BM_FirstWalk, app.name));
+    ms(benchmark::RegisterBenchmark(("PartialWalk/" + app.name).c_str(), BM_PartialWalk, app.name, app.field));
+    ms(benchmark::RegisterBenchmark(("QueryOverSocket/" + app.name).c_str(), BM_QueryOverSocket, app.name, app.query));
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  Desktop here;
+  desktop = &here;
+  registerAll();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  desktop = nullptr;
+}
