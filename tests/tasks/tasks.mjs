@@ -107,7 +107,10 @@ export const tasks = [
       check(rowsOf(typed, 5).length === 1, `no save dialog came up:\n${typed}`);
       await session.do(
         'mousepad',
-        `MATCH (f:TextField) WHERE f.focused = true SET f.value = ${quoted(file)}; CALL ui.key("return"); ` +
+        // The dialog enables Save only once it has looked at the typed name.
+        `MATCH (f:TextField) WHERE f.focused = true SET f.value = ${quoted(file)}; ` +
+          'CALL ui.wait_for("MATCH (b:Button {name:\\"Save\\"}) WHERE b.enabled = true RETURN b.id", 3000); ' +
+          `${press('Button', 'Save')}; ` +
           'CALL ui.wait_for("MATCH (w:Window) WHERE w.name CONTAINS \\"note.txt\\" RETURN w.name", 5000)',
       );
       check(fileText(file) === 'first note' || fileText(file) === 'first note\n', `note.txt holds ${quoted(fileText(file))}`);
