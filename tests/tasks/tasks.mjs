@@ -61,14 +61,16 @@ export const tasks = [
   },
   {
     name: 'gtk4-calculator-sum',
-    async run({ session, connect }) {
+    async run({ session, connect, world }) {
       const text = await session.do(
         'gnome-calculator',
         'CALL ui.key("escape"); CALL ui.type("12+34"); CALL ui.key("return"); MATCH (t:TextArea) WHERE t.value <> "" RETURN t.value',
       );
       const shown = rowsOf(text, 4).map((row) => row['t.value']);
       check(shown.includes('46'), `the display reads ${JSON.stringify(shown)}, not 46:\n${text}`);
-      // A second agent that reads afresh sees the same result.
+      // A second agent that reads afresh sees the same result; the first
+      // leaves, so its lease does not hold the second up for its grace.
+      await world.closeSession(session);
       const other = await connect();
       const again = await other.do('gnome-calculator', 'CALL ui.refresh(); MATCH (t:TextArea) WHERE t.value = "46" RETURN count(t) AS shown');
       check(rowsOf(again, 2)[0]?.shown === '1', `a fresh read does not show 46:\n${again}`);
@@ -190,7 +192,7 @@ export const tasks = [
   },
   {
     name: 'widget-factory-controls',
-    async run({ session, connect }) {
+    async run({ session, connect, world }) {
       const found = await session.do(
         'gtk3-widget-factory',
         'MATCH (c:CheckBox {name:"checkbutton"}) WHERE c.enabled = true AND c.value = "0" RETURN c.id LIMIT 1; ' +
@@ -205,6 +207,7 @@ export const tasks = [
           `MATCH (p {id:"${combo}"})-[:CHILD*1..2]->(m:MenuItem {name:"Right"}) SET m.pressed = true`,
       );
       // Read back by a session of its own, after a fresh walk of the application.
+      await world.closeSession(session);
       const reader = await connect();
       const back = await reader.do(
         'gtk3-widget-factory',
