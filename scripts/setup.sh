@@ -12,6 +12,7 @@ packages=(
   # real applications the tests and the demo drive: GTK3, GTK4 and Qt5
   gtk-3-examples galculator mousepad gnome-calculator speedcrunch python3-gi gir1.2-gtk-3.0
 )
+command -v npm >/dev/null || packages+=(npm)  # the agent task suite's MCP client comes from the npm registry
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -124,6 +124,21 @@ std::optional<AxSnapshot> frontIfSparse(const CypherRunner& runner, const AxSnap
   return last;
 }
 
+// What a script that opens an application starts from when its own
+// application can't be read: the front application, or, on a desktop with
+// nothing in front, no application at all; the opening replaces it anyway.
+AxSnapshot openingStart(UIDriver& driver, SnapshotOptions options, bool frontUntried) {
+  if (frontUntried) {
+    options.app = AppSelector{};
+    try {
+      return driver.axSnapshot(options);
+    } catch (const std::exception&) {
+      // nothing in front: fall through to the empty start
+    }
+  }
+  return AxSnapshot{};
+}
+
 }  // namespace
 
 CypherResult CypherRunner::run(std::string_view script, const std::optional<AppSelector>& app, bool readOnly) {
@@ -140,9 +155,8 @@ CypherResult CypherRunner::run(std::string_view script, const std::optional<AppS
   try {
     snapshot = driver_.axSnapshot(first);
   } catch (const std::exception& e) {
-    if (!opening || !hasCode(e, codes::notFound)) throw;
-    first.app = AppSelector{};
-    snapshot = driver_.axSnapshot(first);
+    if (!opening || (app && !hasCode(e, codes::notFound))) throw;
+    snapshot = openingStart(driver_, first, app.has_value());
   }
   bool broughtForward = false;
   if (!opening) {

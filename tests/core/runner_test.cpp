@@ -168,6 +168,21 @@ TEST_F(RunnerTest, AnApplicationThatClosesDuringAWrite) {
   EXPECT_EQ(r.errorCode, "not_found");
 }
 
+TEST_F(RunnerTest, OnlyAnOpeningScriptStartsWithNothingInFront) {
+  // Nothing can be read until the launch: a desktop with no application in front.
+  driver.running = false;
+  driver.onLaunch = [](FakeDriver& d, const std::string&) {
+    d.running = true;
+    return d.app;
+  };
+  auto opened = runner.run(R"(CALL ui.open("Calculator"); MATCH (b:Button) RETURN b.name)", std::nullopt, false);
+  EXPECT_EQ(opened.results[1]->rows, (std::vector<cypher::Row>{{{"b.name", "Send"}}}));
+  EXPECT_EQ(opened.app, "Calculator");
+
+  driver.running = false;
+  EXPECT_THROW(run("MATCH (b:Button) RETURN b.name"), GlimmerstrandError);
+}
+
 TEST_F(RunnerTest, ASparseBackgroundApplicationIsBroughtForward) {
   driver.nodes.resize(29);
   driver.front = AppInfo{1, "com.other", "Other"};

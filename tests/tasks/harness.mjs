@@ -1,0 +1,199 @@
+// The world a task runs in: a headless desktop of its own, a private home and
+// daemon, and MCP sessions made by the SDK's client launching `glimmerstrand mcp`.
+import { spawnSync } from 'node:child_process';
+import { mkdtempSync, mkdirSync, readFileSync, writeFileSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import path from 'node:path';
+import { performance } from 'node:perf_hooks';
+
+import { Client } from '@modelcontextprotocol/sdk/client/index.js';
+import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+
+export class TaskFailure extends Error {}
+
+export function check(condition, message) {
+  if (!condition) throw new TaskFailure(message);
+}
+
+// Every result text ends with "(App gN Xms)": X is the daemon's own time for the run.
+const closingLine = /\((?:.*) g\d+(?: stale: call ui\.refresh\(\))? (\d+)ms\)\s*$/;
+
+export function daemonMsOf(text) {
+  const match = closingLine.exec(text);
+  return match ? Number(match[1]) : null;
+}
+
+/** The statements of a result text: one chunk of lines per "#n", or one for a lone statement. */
+export function statementsOf(text) {
+  const chunks = [];
+  let current = null;
+  for (const line of text.split('\n')) {
+    if (/^#\d+$/.test(line)) {
+      current = [];
+      chunks.push(current);
+    } else {
+      if (!current) chunks.push((current = []));
+      current.push(line);
+    }
+  }
+  return chunks;
+}
+
+/** The rows of statement `n` (1-based) as objects keyed by the table's header. */
+export function rowsOf(text, n = 1) {
+  const chunk = statementsOf(text)[n - 1];
+  if (!chunk) return [];
+  const lines = chunk.filter((line) => !line.startsWith('(') && !/^(ok|failed|note:|error in|retry:|[~+\-…] )/.test(line));
+  if (lines.length === 0) return [];
+  const header = lines[0].split('\t');
+  return lines.slice(1).map((line) => {
+    const cells = line.split('\t');
+    return Object.fromEntries(header.map((key, i) => [key, cells[i]]));
+  });
+}
+
+/** One session's calls, counted into the running task's figures. */
+class Session {
+  constructor(client, figures) {
+    this.client = client;
+    this.figures = figures;
+  }
+
+  async do(app, cypher, { allowError = false } = {}) {
+    const started = performance.now();
+    const result = await this.client.callTool(
+      { name: 'do', arguments: app ? { cypher, app } : { cypher } },
+      undefined,
+      { timeout: 90_000 },
+    );
+    const ms = performance.now() - started;
+    const text = result.content.filter((item) => item.type === 'text').map((item) => item.text).join('\n');
+    this.figures.calls += 1;
+    this.figures.bytes += Buffer.byteLength(text);
+    this.figures.doMs += ms;
+    const daemonMs = daemonMsOf(text);
+    if (daemonMs !== null) this.figures.daemonMs += daemonMs;
+    if (process.env.GLIMMERSTRAND_TASKS_VERBOSE) console.error(`--- do ${app ?? ''}: ${cypher}\n${text}`);
+    if (result.isError && !allowError) throw new TaskFailure(`do on ${app ?? '(no app)'} failed:\n  ${cypher}\n${text}`);
+    return text;
+  }
+
+  close() {
+    return this.client.close();
+  }
+}
+
+function parseExports(output) {
+  const environment = {};
+  for (const line of output.split('\n')) {
+    if (!line.startsWith('export ')) continue;
+    for (const [, name, quoted, plain] of line.slice(7).matchAll(/(\w+)=(?:'([^']*)'|(\S+))/g))
+      environment[name] = quoted ?? plain;
+  }
+  return environment;
+}
+
+/**
+ * A desktop, a home and a daemon of the suite's own. `close` stops all of
+ * them, by pid for the desktop and by `glimmerstrand stop` for the daemon.
+ */
+export class World {
+  constructor({ repo, build, apps }) {
+    this.repo = repo;
+    this.client = path.join(build, 'src', 'client', 'glimmerstrand');
+    this.apps = apps;
+    this.folder = mkdtempSync(path.join(tmpdir(), 'glimmerstrand-tasks-'));
+    this.files = path.join(this.folder, 'files');
+    this.sessions = new Set();
+  }
+
+  start() {
+    const home = path.join(this.folder, 'home');
+    const config = path.join(home, '.config');
+    for (const folder of [this.files, config, path.join(home, '.local', 'share'), path.join(home, '.local', 'state')])
+      mkdirSync(folder, { recursive: true });
+    // Plain text opens in the editor, whatever the machine's own choice is.
+    writeFileSync(path.join(config, 'mimeapps.list'), '[Default Applications]\ntext/plain=org.xfce.mousepad.desktop\n');
+    const base = { ...process.env };
+    for (const name of ['GLIMMERSTRAND_SOCKET', 'GLIMMERSTRAND_SIM_APPS', 'AT_SPI_BUS_ADDRESS', 'DBUS_SESSION_BUS_ADDRESS'])
+      delete base[name];
+    Object.assign(base, {
+      HOME: home,
+      XDG_CONFIG_HOME: config,
+      XDG_DATA_HOME: path.join(home, '.local', 'share'),
+      XDG_STATE_HOME: path.join(home, '.local', 'state'),
+      GLIMMERSTRAND_DESKTOP_DIR: path.join(this.folder, 'desktop'),
+      GLIMMERSTRAND_PLATFORM: 'linux',
+      GLIMMERSTRAND_CURSOR: '0',
+    });
+    this.baseEnvironment = base;
+    const started = spawnSync('bash', [path.join(this.repo, 'scripts', 'desktop.sh'), 'start', '--wm', ...this.apps], {
+      env: base,
+      encoding: 'utf8',
+      stdio: ['ignore', 'pipe', 'inherit'],
+    });
+    this.desktopStarted = true;
+    if (started.status !== 0) throw new Error(`the desktop did not start (status ${started.status})`);
+    this.desktop = parseExports(started.stdout);
+    this.environment = { ...base, ...this.desktop };
+  }
+
+  pidOf(name) {
+    return Number(this.desktop[`GLIMMERSTRAND_PID_${name.replace(/[^A-Za-z0-9]/g, '_')}`]);
+  }
+
+  /** A new MCP session: the SDK client launching the bridge, which starts or reaches the daemon. */
+  async connect(figures) {
+    const transport = new StdioClientTransport({
+      command: this.client,
+      args: ['mcp'],
+      env: this.environment,
+      cwd: this.files,
+      stderr: 'inherit',
+    });
+    const client = new Client({ name: 'glimmerstrand-tasks', version: '1.0.0' });
+    await client.connect(transport);
+    const session = new Session(client, figures);
+    this.sessions.add(session);
+    return session;
+  }
+
+  async closeSession(session) {
+    this.sessions.delete(session);
+    await session.close();
+  }
+
+  /** Runs a program of the desktop (such as xwininfo) with the desktop's environment. */
+  run(command, args) {
+    return spawnSync(command, args, { env: this.environment, encoding: 'utf8' });
+  }
+
+  async close() {
+    for (const session of [...this.sessions]) await this.closeSession(session).catch(() => {});
+    if (this.environment) spawnSync(this.client, ['stop'], { env: this.environment, stdio: 'ignore', timeout: 20_000 });
+    if (this.desktopStarted)
+      spawnSync('bash', [path.join(this.repo, 'scripts', 'desktop.sh'), 'stop'], {
+        env: this.baseEnvironment,
+        stdio: ['ignore', 'ignore', 'inherit'],
+        timeout: 30_000,
+      });
+    rmSync(this.folder, { recursive: true, force: true });
+  }
+}
+
+/** Resolves once `pid` has ended, or rejects after `limitMs`; polls, never assumes. */
+export async function processEnded(pid, limitMs) {
+  const deadline = performance.now() + limitMs;
+  for (;;) {
+    // A child the daemon has not reaped yet counts as ended: it runs no more.
+    let state;
+    try {
+      state = readFileSync(`/proc/${pid}/stat`, 'utf8').split(') ')[1]?.[0];
+    } catch {
+      return true;
+    }
+    if (state === 'Z' || state === 'X') return true;
+    if (performance.now() > deadline) return false;
+    await new Promise((resolve) => setTimeout(resolve, 50));
+  }
+}

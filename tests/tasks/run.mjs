@@ -1,0 +1,129 @@
+// Runs the agent tasks on real applications and writes what each cost.
+//
+//   node run.mjs [--build DIR] [--report FILE] [--only NAME,...]
+//
+// Exits 1 when any task fails.
+import { mkdirSync, writeFileSync } from 'node:fs';
+import path from 'node:path';
+import { performance } from 'node:perf_hooks';
+import { fileURLToPath } from 'node:url';
+import { parseArgs } from 'node:util';
+
+import { World } from './harness.mjs';
+import { tasks } from './tasks.mjs';
+
+const here = path.dirname(fileURLToPath(import.meta.url));
+const repo = path.resolve(here, '..', '..');
+const { values: options } = parseArgs({
+  options: {
+    build: { type: 'string', default: path.join(repo, 'build', 'release') },
+    report: { type: 'string' },
+    only: { type: 'string' },
+  },
+});
+const reportFile = options.report ?? path.join(options.build, 'tasks-report.json');
+const chosen = options.only ? tasks.filter((task) => options.only.split(',').includes(task.name)) : tasks;
+const taskLimitMs = 90_000;
+
+const apps = ['galculator', 'gnome-calculator', 'gtk3-widget-factory', `/usr/bin/python3 ${path.join(repo, 'tests', 'platform', 'linux', 'data', 'form_app.py')}`];
+
+function withLimit(promise, ms) {
+  let timer;
+  const limit = new Promise((_, reject) => {
+    timer = setTimeout(() => reject(new Error(`no outcome within ${ms / 1000} s`)), ms);
+  });
+  return Promise.race([promise, limit]).finally(() => clearTimeout(timer));
+}
+
+async function runTask(world, task) {
+  const figures = { calls: 0, bytes: 0, doMs: 0, daemonMs: 0 };
+  const opened = [];
+  const connect = async () => {
+    const session = await world.connect(figures);
+    opened.push(session);
+    return session;
+  };
+  const started = performance.now();
+  let error = null;
+  let extra = {};
+  try {
+    const session = await connect();
+    extra = (await withLimit(task.run({ session, connect, world }), taskLimitMs)) ?? {};
+  } catch (e) {
+    error = e.message;
+  }
+  for (const session of opened) if (world.sessions.has(session)) await world.closeSession(session).catch(() => {});
+  const wallMs = performance.now() - started;
+  return {
+    name: task.name,
+    passed: error === null,
+    calls: figures.calls,
+    wallMs: Math.round(wallMs),
+    doMs: Math.round(figures.doMs),
+    daemonMs: Math.round(figures.daemonMs),
+    // The round trips less the daemon's own runs: the bridge, the socket,
+    // JSON-RPC and the SDK, and also lease waits and an application's first look-up.
+    outsideRunMs: Math.round(figures.doMs - figures.daemonMs),
+    outsideRunShare: wallMs > 0 ? Number(((figures.doMs - figures.daemonMs) / wallMs).toFixed(3)) : 0,
+    settleMs: null,
+    bytes: figures.bytes,
+    ...extra,
+    error,
+  };
+}
+
+function table(results) {
+  const header = ['task', 'calls', 'wall ms', 'daemon ms', 'outside run', 'bytes', 'passed'];
+  const rows = results.map((r) => [
+    r.name,
+    String(r.calls),
+    String(r.wallMs),
+    String(r.daemonMs),
+    `${(r.outsideRunShare * 100).toFixed(1)}%`,
+    String(r.bytes),
+    r.passed ? 'yes' : 'NO',
+  ]);
+  const widths = header.map((h, i) => Math.max(h.length, ...rows.map((row) => row[i].length)));
+  const line = (cells) => cells.map((cell, i) => (i === 0 ? cell.padEnd(widths[i]) : cell.padStart(widths[i]))).join('  ');
+  return [line(header), ...rows.map(line)].join('\n');
+}
+
+const settleNote =
+  'settle waiting is not measurable from outside: the daemon reports only its whole run per call ' +
+  '(the closing "(App gN Xms)" of the result text) and logs no per-call timings, so the time in ' +
+  'waitSettle, in ui.open/ui.open_url/ui.wait_for polling and in the platform calls cannot be told ' +
+  'apart from parsing, graph building and the change report';
+
+async function main() {
+  const world = new World({ repo, build: options.build, apps });
+  const stop = () => world.close().finally(() => process.exit(2));
+  process.once('SIGINT', stop);
+  process.once('SIGTERM', stop);
+  const started = performance.now();
+  const results = [];
+  try {
+    world.start();
+    for (const task of chosen) {
+      const result = await runTask(world, task);
+      results.push(result);
+      console.log(`${result.passed ? 'PASS' : 'FAIL'} ${task.name} (${result.wallMs} ms)${result.error ? `\n  ${result.error.replaceAll('\n', '\n  ')}` : ''}`);
+    }
+  } finally {
+    await world.close();
+  }
+  const passed = results.filter((r) => r.passed).length;
+  const report = { totalMs: Math.round(performance.now() - started), settleNote, tasks: results };
+  mkdirSync(path.dirname(reportFile), { recursive: true });
+  writeFileSync(reportFile, `${JSON.stringify(report, null, 2)}\n`);
+  console.log(`\n${table(results)}\n\nreport: ${reportFile}\n${settleNote}`);
+  console.log(`${passed} passed, ${results.length - passed} failed`);
+  return passed === results.length && results.length === chosen.length;
+}
+
+main().then(
+  (ok) => process.exit(ok ? 0 : 1),
+  (error) => {
+    console.error(`tasks: ${error.stack ?? error}`);
+    process.exit(1);
+  },
+);
