@@ -1,6 +1,7 @@
 #include "native/element_actions.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <unordered_set>
 
@@ -161,6 +162,17 @@ JSONValue focus(MirrorHost& host, const JSONValue& params) {
   return JSONValue::Object{{"notificationsBefore", before}, {"method", method}, {"moved", moved}};
 }
 
+// Whether an element's value now reads as `text`: the same text, or for a
+// slider or stepper, the number the text writes.
+bool valueReads(const AxValue& value, const std::string& text) {
+  if (auto s = value.get<std::string>()) return *s == text;
+  auto n = value.get<double>();
+  if (!n) return false;
+  double written = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), written);
+  return error == std::errc() && end == text.data() + text.size() && std::abs(*n - written) < 1e-9;
+}
+
 JSONValue setValue(MirrorHost& host, const JSONValue& params) {
   auto& platform = host.platform();
   auto& clock = platform.clock();
@@ -176,8 +188,7 @@ JSONValue setValue(MirrorHost& host, const JSONValue& params) {
   bool applied = false;
   for (int read = 0; read < 10 && !applied; ++read) {
     if (read > 0) clock.sleepNs(20 * msNs);
-    auto value = ax.copy(element, "AXValue");
-    applied = value.get<std::string>() && *value.get<std::string>() == text;
+    applied = valueReads(ax.copy(element, "AXValue"), text);
   }
   return JSONValue::Object{
       {"applied", applied}, {"notificationsBefore", before}, {"elapsedMs", millisecondsSince(clock, start)}};

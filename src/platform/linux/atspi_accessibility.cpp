@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <mutex>
@@ -46,10 +47,25 @@ class AtspiObserver final : public Observer {
   std::int32_t pid() const override { return pid_; }
   const std::string& bus() const { return bus_; }
 
-  std::mutex lock;              // guards names, subscription and removed
+  std::mutex lock;              // guards names, subscription, removed and states
   std::set<std::string> names;  // AX notifications delivered
   guint subscription = 0;       // the D-Bus signal subscription, 0 before the first name
   bool removed = false;
+  std::unordered_map<std::string, std::int32_t> states;  // object path and state name → last value told
+
+  // Whether a state change only repeats the value last told. GTK3 tells
+  // some check buttons' state again each time their state is read, which
+  // would keep a mirror that reads after every change from ever settling.
+  bool repeatsState(std::string_view path, std::string_view state, std::int32_t value) {
+    std::string key;
+    key.append(path).append(1, '\n').append(state);
+    std::lock_guard guard(lock);
+    auto [it, first] = states.try_emplace(std::move(key), value);
+    if (first) return false;
+    if (it->second == value) return true;
+    it->second = value;
+    return false;
+  }
 
   void deliver(const Element& element, const std::string& name) {
     {
@@ -199,6 +215,7 @@ void onEvent(GDBusConnection*, const gchar* sender, const gchar* path, const gch
   std::string_view iface(interface);
   if (iface.substr(0, prefix.size()) != prefix) return;
   const EventDetail event = eventDetail(parameters);
+  if (std::string_view(member) == "StateChanged" && observer->repeatsState(path, event.detail, event.detail1)) return;
   auto notification = notificationFor({iface.substr(prefix.size()), member, event.detail, event.detail1});
   if (!notification) return;
   observer->deliver(atspiElement(sender, path), std::string(*notification));
@@ -311,6 +328,13 @@ std::optional<ObjectRef> focusedBelow(GDBusConnection* connection, const ObjectR
   return std::nullopt;
 }
 
+std::optional<double> wholeNumber(std::string_view text) {
+  double number = 0;
+  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
+  return number;
+}
+
 bool isWindowLevel(std::string_view name) {
   return name == "AXFocusedWindow" || name == "AXMainWindow" || name == "AXWindows" || name == "AXMenuBar" ||
          name == "AXFocusedUIElement" || name == "AXFrontmost" || name == "AXFocusedApplication";
@@ -412,7 +436,13 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
     if (auto text = value.get<std::string>(); text && (r.interfaces & editableTextInterface))
       return outcomeOf(
           s_->call(element, "org.a11y.atspi.EditableText", "SetTextContents", g_variant_new("(s)", text->c_str())));
-    if (auto number = value.get<double>(); number && (r.interfaces & valueInterface))
+    // Agents write numbers as text too: "75" moves a slider.
+    std::optional<double> number;
+    if (auto given = value.get<double>())
+      number = *given;
+    else if (auto text = value.get<std::string>())
+      number = wholeNumber(*text);
+    if (number && (r.interfaces & valueInterface))
       return outcomeOf(
           s_->call(element, "org.freedesktop.DBus.Properties", "Set",
                    g_variant_new("(ssv)", "org.a11y.atspi.Value", "CurrentValue", g_variant_new_double(*number))));
