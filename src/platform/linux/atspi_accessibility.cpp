@@ -25,6 +25,9 @@ constexpr int defaultTimeoutMs = 6000;
 constexpr auto prefetchLife = std::chrono::milliseconds(1000);
 // The most records one prefetch reads ahead, below the elements it was given.
 constexpr std::size_t readAheadBudget = 4000;
+// How many elements one level of a read-ahead must have before the
+// application's whole cache is read for them.
+constexpr std::size_t cacheWorthyLevel = 64;
 // Lists longer than this are narrowed by the walk before it reads them.
 constexpr std::size_t longList = 500;
 
@@ -624,9 +627,15 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
   // Read ahead level by level below the elements given, so that a walk of
   // the subtree costs one round trip a level instead of one an element.
   std::size_t read = 0;
+  std::vector<std::string> added;
+  std::optional<CachedItems> cached;
   while (!level.empty() && read < readAheadBudget) {
     if (level.size() > readAheadBudget - read) level.resize(readAheadBudget - read);
-    auto records = readRecords(s_->connection, level, parts, timeoutMs);
+    // A wide level is cheaper with the toolkit's whole cache in one call
+    // than with six calls an element; a narrow one is not worth the cache.
+    if (!cached && level.size() >= cacheWorthyLevel)
+      cached = readCachedItems(s_->connection, level.front().bus, timeoutMs);
+    auto records = readRecords(s_->connection, level, parts, timeoutMs, cached ? &*cached : nullptr);
     read += level.size();
     std::vector<ObjectRef> next;
     for (std::size_t k = 0; k < records.size(); ++k) {
@@ -635,11 +644,16 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
       if ((parts & childrenPart) && r.children && r.children->size() <= longList)
         for (const auto& child : *r.children)
           if (!prefetched.count(keyOf(child))) next.push_back(child);
-      prefetched[keyOf(level[k])] = Prefetched{std::move(r), now};
+      added.push_back(keyOf(level[k]));
+      prefetched[added.back()] = Prefetched{std::move(r), now};
     }
     if (!(parts & childrenPart)) break;
     level = std::move(next);
   }
+  // The walk reads what came ahead right after this: its life starts now, or
+  // the first levels of a large read-ahead would be stale before they are used.
+  const auto done = std::chrono::steady_clock::now();
+  for (const auto& key : added) prefetched[key].at = done;
 }
 
 AxResult<std::shared_ptr<Observer>> AtspiAccessibility::createObserver(std::int32_t pid, ObserverCallback callback) {

@@ -200,8 +200,58 @@ std::vector<ObjectRef> objectRefs(const Variant& list) {
   return refs;
 }
 
+CachedItems readCachedItems(GDBusConnection* connection, const std::string& bus, int timeoutMs) {
+  CachedItems items;
+  Reply reply =
+      callSync(connection, Call{bus, "/org/a11y/atspi/cache", "org.a11y.atspi.Cache", "GetItems", nullptr}, timeoutMs);
+  Variant list = replyChild(reply);
+  // GTK's items: self, application, parent, index in parent, child count,
+  // interfaces, name, role, description, states.
+  if (!list || !g_variant_is_of_type(list.get(), G_VARIANT_TYPE("a((so)(so)(so)iiassusau)"))) return items;
+  GVariantIter iter;
+  g_variant_iter_init(&iter, list.get());
+  for (GVariant* raw; (raw = g_variant_iter_next_value(&iter));) {
+    Variant item(raw);
+    auto self = objectRef(Variant(g_variant_get_child_value(raw, 0)));
+    if (!self) continue;
+    CachedItem c;
+    c.childCount = int32Of(Variant(g_variant_get_child_value(raw, 4))).value_or(-1);
+    GVariantIter names;
+    Variant interfaces(g_variant_get_child_value(raw, 5));
+    g_variant_iter_init(&names, interfaces.get());
+    for (const char* name = nullptr; g_variant_iter_next(&names, "&s", &name);) c.interfaces |= interfaceBit(name);
+    c.name = stringOf(Variant(g_variant_get_child_value(raw, 6))).value_or("");
+    c.role = uint32Of(Variant(g_variant_get_child_value(raw, 7))).value_or(0);
+    c.description = stringOf(Variant(g_variant_get_child_value(raw, 8))).value_or("");
+    Variant states(g_variant_get_child_value(raw, 9));
+    std::size_t n = 0;
+    auto* words = static_cast<const std::uint32_t*>(g_variant_get_fixed_array(states.get(), &n, sizeof(std::uint32_t)));
+    for (std::size_t k = 0; k < n && k < 2; ++k) c.states.bits |= std::uint64_t(words[k]) << (32 * k);
+    items.emplace(self->path, std::move(c));
+  }
+  return items;
+}
+
+namespace {
+
+// The basic part from the cache, but the accessible id, which it lacks.
+void takeCached(Round& round, const ObjectRef& ref, const CachedItem& c, ElementRecord& r) {
+  r.role = c.role;
+  r.states = c.states;
+  r.interfaces = c.interfaces;
+  r.name = c.name;
+  r.description = c.description;
+  round.add(propertyCall(ref.bus, ref.path, accessibleIface, "AccessibleId"), [&r](const Reply& reply) {
+    // The cache can outlive the element: the one call left tells.
+    if (reply.error == AxError::invalidElement) r.error = AxError::invalidElement;
+    r.accessibleId = stringOf(replyChild(reply)).value_or("");
+  });
+}
+
+}  // namespace
+
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
-                                       std::uint32_t parts, int timeoutMs) {
+                                       std::uint32_t parts, int timeoutMs, const CachedItems* cached) {
   // Interfaces and role steer every later part: read them whenever more
   // than the structure is asked for.
   if (parts & ~(childrenPart | parentPart)) parts |= basicPart;
@@ -209,8 +259,17 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
   Round round;
   for (std::size_t k = 0; k < elements.size(); ++k) {
     records[k].parts = parts;
-    if (parts & basicPart) readBasic(round, elements[k], records[k]);
-    if (parts & childrenPart) readChildren(round, elements[k], records[k]);
+    const CachedItem* item = nullptr;
+    if (cached && (parts & basicPart))
+      if (auto it = cached->find(elements[k].path); it != cached->end()) item = &it->second;
+    if (item)
+      takeCached(round, elements[k], *item, records[k]);
+    else if (parts & basicPart)
+      readBasic(round, elements[k], records[k]);
+    if ((parts & childrenPart) && item && item->childCount == 0)
+      records[k].children.emplace();
+    else if (parts & childrenPart)
+      readChildren(round, elements[k], records[k]);
     if (parts & parentPart) readParent(round, elements[k], records[k]);
   }
   if (!(parts & basicPart)) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -70,10 +71,29 @@ struct ElementRecord {
 std::optional<ObjectRef> objectRef(const Variant& value);
 std::vector<ObjectRef> objectRefs(const Variant& list);
 
+/// What a toolkit's cache tells of one element in a single call for the
+/// whole application: the basic part of a record, and how many children it
+/// has.
+struct CachedItem {
+  std::uint32_t role = 0;
+  States states;
+  std::uint32_t interfaces = 0;
+  std::string name;
+  std::string description;
+  std::int32_t childCount = -1;
+};
+using CachedItems = std::unordered_map<std::string, CachedItem>;  // by object path
+
+/// The items of one application's cache (org.a11y.atspi.Cache.GetItems);
+/// empty where the toolkit has none (Qt) or its bridge answers nothing yet.
+CachedItems readCachedItems(GDBusConnection* connection, const std::string& bus, int timeoutMs);
+
 /// Reads `parts` of each element, pipelined. One record per element, in order;
 /// a record whose element is gone or does not answer has its error set.
+/// Elements found in `cached` (of their application) take their basic part
+/// from it, and leaves skip the call for their children.
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
-                                       std::uint32_t parts, int timeoutMs);
+                                       std::uint32_t parts, int timeoutMs, const CachedItems* cached = nullptr);
 
 /// The AX value of one attribute from a record; an AxError value when the
 /// element does not have it. `toolkit` names the application's toolkit
