@@ -136,8 +136,7 @@ Invocation parseArguments(const std::vector<std::string>& args) {
       const CommandInfo* command = positional.empty() ? findCommand(arg) : nullptr;
       verbatim = command && command->takesWords;
       positional.push_back(arg);
-    }
-    else if (arg == "--")
+    } else if (arg == "--")
       optionsEnded = true;
     else if (arg == "-h" || arg == "--help")
       invocation.help = true;

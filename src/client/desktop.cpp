@@ -100,12 +100,14 @@ std::vector<Recorded> readRecords(const fs::path& folder) {
 Recorded record(const fs::path& folder, pid_t pid, const std::string& name) {
   // A process not yet in /proc keeps start time 0; it is then never taken for alive, and stop ends it by KILL.
   const Recorded process{pid, processStat(pid).value_or(ProcessStat{}).started, name};
-  std::ofstream(pidsFile(folder), std::ios::app) << process.pid << ' ' << process.started << ' ' << process.name
-                                                 << '\n';
+  std::ofstream(pidsFile(folder), std::ios::app)
+      << process.pid << ' ' << process.started << ' ' << process.name << '\n';
   return process;
 }
 
-bool anyAlive(const std::vector<Recorded>& processes) { return std::any_of(processes.begin(), processes.end(), isAlive); }
+bool anyAlive(const std::vector<Recorded>& processes) {
+  return std::any_of(processes.begin(), processes.end(), isAlive);
+}
 
 void waitUntilGone(const std::vector<Recorded>& processes, Clock::duration limit) {
   const auto deadline = Clock::now() + limit;
@@ -299,9 +301,10 @@ class DesktopStart {
   }
 
   void startSessionBus() {
-    const std::string address = launchAndRead({"dbus-daemon", "--session", "--nofork", "--nopidfile",
-                                               "--print-address=3", "--address=unix:path=" + (folder_ / "bus").string()},
-                                              "dbus-daemon");
+    const std::string address =
+        launchAndRead({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=3",
+                       "--address=unix:path=" + (folder_ / "bus").string()},
+                      "dbus-daemon");
     setVariable("DBUS_SESSION_BUS_ADDRESS", address);
   }
 
@@ -345,7 +348,7 @@ class DesktopStart {
   }
 
   fs::path folder_;
-  std::map<std::string, std::string> variables_;                // the applications' environment
+  std::map<std::string, std::string> variables_;               // the applications' environment
   std::vector<std::pair<std::string, std::string>> exported_;  // what start prints, in order
 };
 
@@ -381,8 +384,7 @@ int stopCommand(const fs::path& folder) {
   const auto processes = stopDesktop(folder);
   if (processes.empty()) std::cout << "no desktop in " << folder.string() << "\n";
   for (const auto& process : processes)
-    std::cout << (process.running ? "stopped " : "already gone: ") << process.name << " (pid " << process.pid
-              << ")\n";
+    std::cout << (process.running ? "stopped " : "already gone: ") << process.name << " (pid " << process.pid << ")\n";
   return 0;
 }
 
@@ -405,7 +407,8 @@ fs::path desktopFolder(const Environment& environment) {
   const std::string user = std::to_string(::getuid());
   const fs::path runtime = "/run/user/" + user;
   std::error_code error;
-  if (fs::is_directory(runtime, error) && ::access(runtime.c_str(), W_OK) == 0) return runtime / "glimmerstrand-desktop";
+  if (fs::is_directory(runtime, error) && ::access(runtime.c_str(), W_OK) == 0)
+    return runtime / "glimmerstrand-desktop";
   return "/tmp/glimmerstrand-desktop-" + user;
 }
 

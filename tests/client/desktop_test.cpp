@@ -22,8 +22,7 @@ using testing::readFile;
 std::map<std::string, pid_t> startedPids(const std::string& err) {
   static const std::regex started(R"(desktop: started (\S+) \(pid (\d+)\))");
   std::map<std::string, pid_t> pids;
-  for (std::sregex_iterator m(err.begin(), err.end(), started), end; m != end; ++m)
-    pids[(*m)[1]] = std::stoi((*m)[2]);
+  for (std::sregex_iterator m(err.begin(), err.end(), started), end; m != end; ++m) pids[(*m)[1]] = std::stoi((*m)[2]);
   return pids;
 }
 
@@ -69,8 +68,9 @@ Outcome* DesktopTest::started_ = nullptr;
 
 TEST_F(DesktopTest, ThePrintedEnvironmentEvalsInAShell) {
   const Outcome shell = ClientProcess("/bin/bash", "desktop-shell")
-                            .run({"-c", "eval \"$(cat)\" && printf '%s\\n' \"$DISPLAY\" \"$AT_SPI_BUS_ADDRESS\" "
-                                        "\"$GLIMMERSTRAND_PID_galculator\" && xdpyinfo >/dev/null"},
+                            .run({"-c",
+                                  "eval \"$(cat)\" && printf '%s\\n' \"$DISPLAY\" \"$AT_SPI_BUS_ADDRESS\" "
+                                  "\"$GLIMMERSTRAND_PID_galculator\" && xdpyinfo >/dev/null"},
                                  started_->out);
   ASSERT_EQ(shell.status, 0) << shell.err;
   auto variables = exported();
@@ -172,14 +172,17 @@ TEST(DesktopArguments, UsageErrorsAreCaughtBeforeAnythingStarts) {
 }
 
 TEST(DesktopEnvironment, ValuesSurviveAShellsEvalWhateverTheirQuotes) {
-  const std::vector<std::pair<std::string, std::string>> variables{
-      {"PLAIN", "unix:path=/tmp/x/bus,guid=1f"}, {"QUOTE", "it's"}, {"SPACES", "a  b"}, {"MIXED", "'\"$HOME`\\'"},
-      {"EMPTY", ""}};
+  const std::vector<std::pair<std::string, std::string>> variables{{"PLAIN", "unix:path=/tmp/x/bus,guid=1f"},
+                                                                   {"QUOTE", "it's"},
+                                                                   {"SPACES", "a  b"},
+                                                                   {"MIXED", "'\"$HOME`\\'"},
+                                                                   {"EMPTY", ""}};
   const std::string lines = exportLines(variables);
   EXPECT_EQ(parseExportLines(lines), variables);
   const Outcome shell = ClientProcess("/bin/bash", "desktop-quotes")
-                            .run({"-c", "eval \"$(cat)\" && printf '%s|' \"$PLAIN\" \"$QUOTE\" \"$SPACES\" \"$MIXED\" "
-                                        "\"$EMPTY\""},
+                            .run({"-c",
+                                  "eval \"$(cat)\" && printf '%s|' \"$PLAIN\" \"$QUOTE\" \"$SPACES\" \"$MIXED\" "
+                                  "\"$EMPTY\""},
                                  lines);
   EXPECT_EQ(shell.out, "unix:path=/tmp/x/bus,guid=1f|it's|a  b|'\"$HOME`\\'||") << lines;
 }
