@@ -171,9 +171,10 @@ std::optional<std::string> readLine(int fd, Clock::time_point deadline) {
   return std::nullopt;
 }
 
-std::string exitText(pid_t pid) {
+// How a child of this process ended, once it has: " (exit status 1)".
+std::optional<std::string> endOf(pid_t pid) {
   int status = 0;
-  if (::waitpid(pid, &status, WNOHANG) != pid) return "";
+  if (::waitpid(pid, &status, WNOHANG) != pid) return std::nullopt;
   if (WIFEXITED(status)) return " (exit status " + std::to_string(WEXITSTATUS(status)) + ")";
   return " (signal " + std::to_string(WTERMSIG(status)) + ")";
 }
@@ -288,9 +289,10 @@ class DesktopStart {
     ::close(pipe[1]);
     const auto line = readLine(pipe[0], Clock::now() + serverLimit);
     ::close(pipe[0]);
-    if (!line || line->empty())
-      fail(name + (isAlive(process) ? " did not get ready within 10 s" : " exited" + exitText(process.pid)) +
-           "; its log is " + logOf(name).string());
+    if (!line || line->empty()) {
+      const auto end = endOf(process.pid);
+      fail(name + (end ? " exited" + *end : " did not get ready within 10 s") + "; its log is " + logOf(name).string());
+    }
     return *line;
   }
 
@@ -315,7 +317,7 @@ class DesktopStart {
     const Recorded launcher = launch({accessibilityLauncher, "--launch-immediately"}, "at-spi-bus-launcher");
     const auto deadline = Clock::now() + serverLimit;
     std::string problem;
-    while (Clock::now() < deadline && isAlive(launcher)) {
+    while (Clock::now() < deadline && !endOf(launcher.pid)) {
       if (auto bus = lx::AtspiBus::connect(problem)) {
         if (!bus->enable()) fail("the accessibility bus did not turn org.a11y.Status IsEnabled on");
         setVariable("AT_SPI_BUS_ADDRESS", bus->address());
@@ -336,9 +338,8 @@ class DesktopStart {
     const Recorded process = launch(words, name);
     const auto deadline = Clock::now() + applicationLimit;
     while (!treeAnswers(bus.connection(), process.pid)) {
-      if (!isAlive(process))
-        fail(name + " exited" + exitText(process.pid) + " before its accessibility tree answered; its log is " +
-             logOf(name).string());
+      if (const auto end = endOf(process.pid))
+        fail(name + " exited" + *end + " before its accessibility tree answered; its log is " + logOf(name).string());
       if (Clock::now() >= deadline)
         fail(name + "'s accessibility tree did not answer within 30 s; its log is " + logOf(name).string());
       std::this_thread::sleep_for(pollInterval);

@@ -26,7 +26,12 @@ std::map<std::string, pid_t> startedPids(const std::string& err) {
   return pids;
 }
 
-bool processExists(pid_t pid) { return ::kill(pid, 0) == 0; }
+// A zombie counts as gone: where pid 1 does not reap, ended processes stay as zombies.
+bool processExists(pid_t pid) {
+  const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+  const auto nameEnd = stat.rfind(") ");
+  return nameEnd != std::string::npos && stat[nameEnd + 2] != 'Z';
+}
 
 std::string commandName(pid_t pid) {
   std::string name = readFile("/proc/" + std::to_string(pid) + "/comm");
@@ -105,7 +110,7 @@ TEST_F(DesktopTest, ADaemonStartedWithoutADisplayReachesTheDesktopsApplication) 
   environment.erase("GLIMMERSTRAND_PLATFORM");
   ASSERT_EQ(environment.count("DISPLAY"), 0u);
   const Outcome reply =
-      client_->run({"--app", "galculator", "query", "MATCH (b:Button {name:\"7\"}) RETURN b.name LIMIT 1"});
+      client_->run({"--app", "galculator", "query", "MATCH (c:Control {name:\"7\"}) RETURN c.name LIMIT 1"});
   EXPECT_EQ(reply.status, 0) << reply.err;
   EXPECT_NE(reply.out.find("7"), std::string::npos) << reply.out;
   client_->run({"stop"});
@@ -165,7 +170,7 @@ TEST(DesktopArguments, UsageErrorsAreCaughtBeforeAnythingStarts) {
   for (const auto& [args, message] : cases) {
     const Outcome outcome = client.run(args);
     EXPECT_EQ(outcome.status, 2) << message;
-    EXPECT_EQ(Outcome::firstLine(outcome.err), message);
+    EXPECT_TRUE(outcome.err.starts_with(message)) << outcome.err;
   }
   EXPECT_FALSE(std::filesystem::exists(client.folder() / "desktop"));
   EXPECT_TRUE(client.run({"desktop", "--help"}).out.starts_with("usage: glimmerstrand desktop start"));
