@@ -30,7 +30,11 @@ rm -f "$note"
 
 say() { printf '\n== %s\n' "$*"; }
 run() {
-  printf '\n$ glimmerstrand %s\n' "$*"
+  local shown=() word
+  for word in "$@"; do
+    case $word in *' '*) shown+=("'$word'") ;; *) shown+=("$word") ;; esac
+  done
+  printf '\n$ glimmerstrand %s\n' "${shown[*]}"
   "$client" "$@" || true
 }
 
@@ -45,12 +49,14 @@ run --app galculator do 'MATCH (c:CheckBox {name:"AC"}) SET c.pressed = true; CA
 
 say "a note in mousepad, saved through its own Save As dialog"
 run --app mousepad do 'MATCH (t:TextArea) SET t.focused = true; CALL ui.type("Groceries: apples, bread, tea"); CALL ui.key("return"); CALL ui.type("written by an agent through the accessibility tree"); CALL ui.key("ctrl+s"); CALL ui.wait_for("MATCH (w:Window {name:\"Save As\"}) RETURN w.id", 10000)'
-run --app mousepad do "MATCH (f:TextField {focused:true}) SET f.value = \"$note\"; MATCH (:Window {name:\"Save As\"})-[:CHILD*1..12]->(b:Button {name:\"Save\"}) SET b.pressed = true; CALL ui.wait_for(\"MATCH (w:Window) WHERE w.name STARTS WITH '$note' RETURN w.name\", 10000)"
+# The name field has the focus when the dialog opens. Typed rather than set:
+# the dialog enables Save on key input only.
+run --app mousepad do "CALL ui.key(\"ctrl+a\"); CALL ui.type(\"$note\"); MATCH (:Window {name:\"Save As\"})-[:CHILD*1..12]->(b:Button {name:\"Save\"}) SET b.pressed = true; CALL ui.wait_for(\"MATCH (w:Window) WHERE w.name STARTS WITH '$note' RETURN w.name\", 10000)"
 printf '\n$ cat %s\n' "$note"
 cat "$note" 2>/dev/null || echo "(not saved)"
 
-say "settings in gtk3-widget-factory: the unchecked check buttons, and a radio button"
-run --app gtk3-widget-factory do 'MATCH (c:CheckBox {name:"checkbutton"}) WHERE c.value = "0" SET c.pressed = true; MATCH (c:CheckBox {name:"checkbutton"}) RETURN c.id, c.value'
+say "settings in gtk3-widget-factory: the unchecked check button, and a radio button"
+run --app gtk3-widget-factory do 'MATCH (c:CheckBox {name:"checkbutton", enabled:true}) WHERE c.value = "0" SET c.pressed = true; MATCH (r:RadioButton {name:"radiobutton", enabled:true}) WHERE r.value = "0" SET r.pressed = true'
 
 say "a screenshot of the calculator"
 reply=$("$client" --app galculator do 'CALL ui.screenshot()' || true)
