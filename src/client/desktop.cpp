@@ -384,8 +384,9 @@ int startCommand(const fs::path& folder, const std::vector<std::string>& words) 
 int stopCommand(const fs::path& folder) {
   const auto processes = stopDesktop(folder);
   if (processes.empty()) std::cout << "no desktop in " << folder.string() << "\n";
-  for (const auto& process : processes)
-    std::cout << (process.running ? "stopped " : "already gone: ") << process.name << " (pid " << process.pid << ")\n";
+  for (auto process = processes.rbegin(); process != processes.rend(); ++process)
+    std::cout << (process->running ? "stopped " : "already gone: ") << process->name << " (pid " << process->pid
+              << ")\n";
   return 0;
 }
 
