@@ -39,8 +39,11 @@ run() {
 }
 
 say "a headless desktop: Xvfb, the buses, openbox and three applications"
-# Started from an empty folder: the save dialog opens there and lists nothing.
-(cd "$work" && "$client" desktop start galculator mousepad gtk3-widget-factory >"$work/env")
+# Started from an empty folder, so that the save dialog opens there, and with
+# settings of their own: the user's stay untouched, and no session that an
+# earlier run left (mousepad asks to restore one) gets in the way.
+(cd "$work" && XDG_CONFIG_HOME=$work/config XDG_DATA_HOME=$work/data XDG_CACHE_HOME=$work/cache \
+  "$client" desktop start galculator mousepad gtk3-widget-factory >"$work/env")
 eval "$(cat "$work/env")"
 run desktop status
 
