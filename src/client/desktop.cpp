@@ -255,6 +255,11 @@ class DesktopStart {
 
  private:
   void prepareFolder() {
+    fs::create_directories(folder_);
+    // A folder in /tmp that another user made first would hold our buses.
+    struct stat info {};
+    if (::lstat(folder_.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::getuid())
+      fail(folder_.string() + " is not a folder of this user's; set GLIMMERSTRAND_DESKTOP_DIR to another");
     fs::create_directories(folder_ / "runtime");
     fs::permissions(folder_, fs::perms::owner_all);
     fs::permissions(folder_ / "runtime", fs::perms::owner_all);

@@ -158,6 +158,17 @@ TEST(DesktopStartFailure, NamesTheApplicationAndItsLogAndLeavesNothingRunning) {
   }
 }
 
+TEST(DesktopStartFailure, AFolderThatIsNotPlainlyThisUsersIsRefused) {
+  // A link, as another user could leave in /tmp for the folder's name.
+  const DesktopClient client("desktop-link");
+  std::filesystem::create_directories(client.folder() / "elsewhere");
+  std::filesystem::create_directory_symlink(client.folder() / "elsewhere", client.folder() / "desktop");
+  const Outcome outcome = client.run({"desktop", "start", "--no-wm"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.err.find("is not a folder of this user's"), std::string::npos) << outcome.err;
+  EXPECT_TRUE(startedPids(outcome.err).empty()) << outcome.err;
+}
+
 TEST(DesktopArguments, UsageErrorsAreCaughtBeforeAnythingStarts) {
   const DesktopClient client("desktop-usage");
   const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
