@@ -1,7 +1,7 @@
 # bash completion for glimmerstrand
 _glimmerstrand() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
-  local commands="do query status doctor ping skill mcp stop restart help"
+  local commands="do query status doctor ping skill mcp stop restart desktop help"
   if [[ $prev == --app ]]; then
     return 0  # an application name: nothing to offer
   fi
@@ -19,6 +19,10 @@ _glimmerstrand() {
     COMPREPLY=($(compgen -W "$options" -- "$cur"))
   elif [[ -z $command ]]; then
     COMPREPLY=($(compgen -W "$commands" -- "$cur"))
+  elif [[ $command == desktop && $prev == desktop ]]; then
+    COMPREPLY=($(compgen -W "start stop status" -- "$cur"))
+  elif [[ $command == desktop && $cur == -* ]]; then
+    COMPREPLY=($(compgen -W "--no-wm" -- "$cur"))
   elif [[ $command == help ]]; then
     COMPREPLY=($(compgen -W "$commands" -- "$cur"))
   fi

@@ -38,8 +38,23 @@ void checkOptions(const Invocation& invocation, const CommandInfo& command) {
   if (invocation.json && !command.takesJson) usageError("option --json does not apply to '" + name + "'");
 }
 
+// desktop start [--wm | --no-wm] [APP...] | stop | status
+void takeDesktopWords(Invocation& invocation, const std::vector<std::string>& words) {
+  if (words.empty()) usageError("'desktop' needs start, stop or status");
+  const std::string& action = words[0];
+  if (action != "start" && action != "stop" && action != "status")
+    usageError("unknown desktop command '" + action + "': use start, stop or status");
+  for (std::size_t k = 1; k < words.size(); ++k) {
+    if (action != "start") usageError("unexpected argument '" + words[k] + "': 'desktop " + action + "' takes none");
+    if (words[k].starts_with("-") && words[k] != "--wm" && words[k] != "--no-wm")
+      usageError("unknown option '" + words[k] + "' of 'desktop start'");
+  }
+  invocation.words = words;
+}
+
 void takeOperands(Invocation& invocation, const CommandInfo& command, const std::vector<std::string>& operands) {
   const std::string name(command.name);
+  if (command.takesWords) return takeDesktopWords(invocation, operands);
   if (command.name == "help") {
     if (operands.size() > 1) usageError("unexpected argument '" + operands[1] + "' after 'help " + operands[0] + "'");
     invocation.help = true;
@@ -86,6 +101,17 @@ const std::vector<CommandInfo>& commands() {
        "Use it after changing GLIMMERSTRAND_PLATFORM or GLIMMERSTRAND_SIM_APPS: a running\n"
        "daemon keeps the settings it was started with.",
        false, false, false},
+      {"desktop", "start [--no-wm] [APP...] | stop | status", "a headless desktop for agents, and its applications",
+       "start runs an X server (Xvfb), a session bus, the accessibility bus, a window\n"
+       "manager (openbox; --no-wm leaves it out) and each APP, a command with optional\n"
+       "arguments, waits until each application's accessibility tree answers, and\n"
+       "prints the environment for eval:\n"
+       "  eval \"$(glimmerstrand desktop start gtk3-widget-factory)\"\n"
+       "stop ends what start started, by pid; status lists each process.\n"
+       "A daemon that the client starts with no DISPLAY uses the running desktop.\n"
+       "Its folder is $GLIMMERSTRAND_DESKTOP_DIR, else one of this user's under\n"
+       "/run/user or /tmp; the logs of every process are there.",
+       false, false, false, true},
       {"help", "[COMMAND]", "this text, or one command's", "", false, false, false},
   };
   return all;
@@ -101,11 +127,16 @@ Invocation parseArguments(const std::vector<std::string>& args) {
   Invocation invocation;
   std::vector<std::string> positional;
   bool optionsEnded = false;
+  bool verbatim = false;  // after a command that takes its own words
   for (std::size_t k = 0; k < args.size(); ++k) {
     const std::string& arg = args[k];
-    if (optionsEnded || arg == "-" || !arg.starts_with("-"))
+    if (verbatim && arg != "-h" && arg != "--help") {
       positional.push_back(arg);
-    else if (arg == "--")
+    } else if (optionsEnded || arg == "-" || !arg.starts_with("-")) {
+      const CommandInfo* command = positional.empty() ? findCommand(arg) : nullptr;
+      verbatim = command && command->takesWords;
+      positional.push_back(arg);
+    } else if (arg == "--")
       optionsEnded = true;
     else if (arg == "-h" || arg == "--help")
       invocation.help = true;

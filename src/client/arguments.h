@@ -18,6 +18,7 @@ struct CommandInfo {
   bool takesStatements = false;
   bool takesApp = false;
   bool takesJson = false;
+  bool takesWords = false;  // the words after it are its own: options included
 };
 
 /// Every command, in the order the usage text lists them.
@@ -30,6 +31,7 @@ struct Invocation {
   std::string command;
   std::optional<std::string> statements;  // do, query: the text, or "-" for standard input
   std::optional<std::string> app;
+  std::vector<std::string> words;  // desktop: its subcommand and what follows
   bool json = false;
   bool help = false;  // -h, --help, or the command `help`
   bool version = false;

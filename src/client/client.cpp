@@ -10,6 +10,7 @@
 
 #include "client/arguments.h"
 #include "client/daemon_process.h"
+#include "client/desktop.h"
 #include "client/reports.h"
 #include "core/errors.h"
 #include "core/json_value.h"
@@ -44,13 +45,20 @@ void checkSettings(pid_t pid, const DaemonPaths& paths) {
   }
 }
 
+// A daemon started from a shell or agent host without a display of its own
+// goes to our headless desktop, when one runs.
+Connection startDaemonOnDesktop(const DaemonPaths& paths) {
+  adoptRunningDesktop();
+  return startDaemon(paths);
+}
+
 // A connection to the running daemon, or to one started now.
 Connection reach(const DaemonPaths& paths) {
   if (auto connection = connectTo(paths.socket)) {
     checkSettings(connection->peerPid(), paths);
     return std::move(*connection);
   }
-  return startDaemon(paths);
+  return startDaemonOnDesktop(paths);
 }
 
 std::optional<std::string> daemonVersion(const DaemonPaths& paths) {
@@ -146,7 +154,7 @@ int stop(const DaemonPaths& paths) {
 
 int restart(const DaemonPaths& paths) {
   stopRunning(paths);
-  const Connection connection = startDaemon(paths);
+  const Connection connection = startDaemonOnDesktop(paths);
   std::cout << "started the daemon (pid " << connection.peerPid() << ") on " << paths.socket << "; its log is "
             << paths.log().string() << "\n";
   return 0;
@@ -170,6 +178,7 @@ int bridgeMcp(const Connection& connection) {
 }
 
 int runCommand(const Invocation& invocation) {
+  if (invocation.command == "desktop") return runDesktopCommand(invocation.words);
   const auto paths = daemonPaths();
   if (invocation.command == "stop") return stop(paths);
   if (invocation.command == "restart") return restart(paths);

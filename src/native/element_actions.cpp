@@ -153,7 +153,10 @@ JSONValue focus(MirrorHost& host, const JSONValue& params) {
   ax.setMessagingTimeout(app, 0.3);
   const MirrorEnvironment environment{ax, platform.clock()};
   std::string method = "focus";
-  bool moved = waitFocusInside(environment, app, element, 150);
+  // A focus that was there before any focus event was heard never moves: the
+  // element's own state tells.
+  bool moved =
+      ax.copy(element, "AXFocused").as<bool>().value_or(false) || waitFocusInside(environment, app, element, 150);
   // Some controls take the focus only when pressed.
   if (!moved && contains(actionsOf(ax, element), "AXPress") && ax.perform(element, "AXPress") == AxError::success) {
     method = "press";

@@ -1,0 +1,539 @@
+#include "client/desktop.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include "core/errors.h"
+#include "platform/linux/atspi_bus.h"
+#include "platform/linux/gdbus_call.h"
+
+// Last: its macros (None, Bool, Status) clash with names in the headers above.
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+
+extern char** environ;
+
+namespace glimmerstrand::client {
+namespace {
+
+using core::GlimmerstrandError;
+namespace fs = std::filesystem;
+namespace lx = platform::linux_desktop;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto pollInterval = std::chrono::milliseconds(50);
+constexpr auto serverLimit = std::chrono::seconds(10);  // the X server and the buses
+constexpr auto applicationLimit = std::chrono::seconds(30);
+constexpr auto stopGrace = std::chrono::seconds(5);
+constexpr int busCallTimeoutMs = 2000;
+constexpr const char* accessibilityLauncher = "/usr/libexec/at-spi-bus-launcher";
+
+// What toolkits need to build their trees on a bare X server: the bridge on,
+// Qt's accessibility always on, and a theme that every GTK application has.
+const std::vector<std::pair<std::string, std::string>> toolkitSettings{{"NO_AT_BRIDGE", "0"},
+                                                                       {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"},
+                                                                       {"QT_ACCESSIBILITY", "1"},
+                                                                       {"GTK_THEME", "Adwaita"}};
+
+fs::path pidsFile(const fs::path& folder) { return folder / "pids"; }
+fs::path environmentFile(const fs::path& folder) { return folder / "env"; }
+
+[[noreturn]] void fail(const std::string& message) { throw GlimmerstrandError(core::codes::native, message); }
+
+// ---- Processes, recorded by pid and start time ------------------------------
+
+// A recorded process: the start time tells it from a later one that reuses the pid.
+struct Recorded {
+  pid_t pid = 0;
+  unsigned long long started = 0;
+  std::string name;
+};
+
+struct ProcessStat {
+  char state = '?';
+  unsigned long long started = 0;
+};
+
+// From /proc/PID/stat: the state (field 3) and the start time in clock ticks (field 22).
+std::optional<ProcessStat> processStat(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  if (!std::getline(file, text)) return std::nullopt;
+  const auto nameEnd = text.rfind(')');
+  if (nameEnd == std::string::npos || nameEnd + 2 > text.size()) return std::nullopt;
+  std::istringstream fields(text.substr(nameEnd + 2));
+  ProcessStat stat;
+  fields >> stat.state;
+  std::string skipped;
+  for (int k = 0; k < 18; ++k) fields >> skipped;
+  fields >> stat.started;
+  if (!fields) return std::nullopt;
+  return stat;
+}
+
+bool isAlive(const Recorded& process) {
+  ::waitpid(process.pid, nullptr, WNOHANG);  // reaps it when this process started it
+  const auto stat = processStat(process.pid);
+  return stat && stat->state != 'Z' && stat->started == process.started;
+}
+
+std::vector<Recorded> readRecords(const fs::path& folder) {
+  std::vector<Recorded> records;
+  std::ifstream file(pidsFile(folder));
+  for (std::string line; std::getline(file, line);) {
+    std::istringstream fields(line);
+    Recorded record;
+    if (fields >> record.pid >> record.started >> record.name) records.push_back(record);
+  }
+  return records;
+}
+
+Recorded record(const fs::path& folder, pid_t pid, const std::string& name) {
+  // A process not yet in /proc keeps start time 0; it is then never taken for alive, and stop ends it by KILL.
+  const Recorded process{pid, processStat(pid).value_or(ProcessStat{}).started, name};
+  std::ofstream(pidsFile(folder), std::ios::app)
+      << process.pid << ' ' << process.started << ' ' << process.name << '\n';
+  return process;
+}
+
+bool anyAlive(const std::vector<Recorded>& processes) {
+  return std::any_of(processes.begin(), processes.end(), isAlive);
+}
+
+void waitUntilGone(const std::vector<Recorded>& processes, Clock::duration limit) {
+  const auto deadline = Clock::now() + limit;
+  while (anyAlive(processes) && Clock::now() < deadline) std::this_thread::sleep_for(pollInterval);
+}
+
+// Arguments and environment as exec wants them, made before the fork: the
+// child of a process with threads may only make system calls.
+struct ExecArguments {
+  explicit ExecArguments(std::vector<std::string> words, const std::map<std::string, std::string>& variables)
+      : words_(std::move(words)) {
+    for (const auto& [name, value] : variables) entries_.push_back(name + "=" + value);
+    for (auto& word : words_) argv.push_back(word.data());
+    for (auto& entry : entries_) envp.push_back(entry.data());
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
+  }
+  std::vector<char*> argv, envp;
+
+ private:
+  std::vector<std::string> words_, entries_;
+};
+
+// Starts `words` in a session of its own, its output in `log`; `handOver`,
+// when given, becomes the child's descriptor 3.
+pid_t spawn(const std::vector<std::string>& words, const std::map<std::string, std::string>& variables,
+            const fs::path& log, int handOver = -1) {
+  ExecArguments exec(words, variables);
+  const std::string cannotRun = "glimmerstrand desktop: cannot run " + words[0] + ": ";
+  const pid_t child = ::fork();
+  if (child < 0) fail(std::string("cannot fork: ") + std::strerror(errno));
+  if (child > 0) return child;
+  ::setsid();
+  ::dup2(::open("/dev/null", O_RDONLY), 0);
+  const int output = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  ::dup2(output, 1);
+  ::dup2(output, 2);
+  if (handOver >= 0) ::dup2(handOver, 3);
+  ::close_range(handOver >= 0 ? 4 : 3, ~0U, 0);
+  ::execvpe(exec.argv[0], exec.argv.data(), exec.envp.data());
+  const std::string message = cannotRun + std::strerror(errno) + "\n";
+  if (::write(2, message.data(), message.size()) < 0) ::_exit(127);
+  ::_exit(127);
+}
+
+// One line from `fd`, without its line feed; none at end of input or when
+// the deadline passes first.
+std::optional<std::string> readLine(int fd, Clock::time_point deadline) {
+  std::string line;
+  while (Clock::now() < deadline) {
+    pollfd ready{fd, POLLIN, 0};
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (::poll(&ready, 1, static_cast<int>(std::max<long long>(left, 1))) <= 0) continue;
+    char c = 0;
+    const ssize_t n = ::read(fd, &c, 1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return std::nullopt;
+    if (c == '\n') return line;
+    line += c;
+  }
+  return std::nullopt;
+}
+
+// How a child of this process ended, once it has: " (exit status 1)".
+std::optional<std::string> endOf(pid_t pid) {
+  int status = 0;
+  if (::waitpid(pid, &status, WNOHANG) != pid) return std::nullopt;
+  if (WIFEXITED(status)) return " (exit status " + std::to_string(WEXITSTATUS(status)) + ")";
+  return " (signal " + std::to_string(WTERMSIG(status)) + ")";
+}
+
+// ---- The accessibility bus -----------------------------------------------------
+
+lx::Call rootCall(const std::string& bus, const char* method) {
+  return lx::Call{bus, "/org/a11y/atspi/accessible/root", "org.a11y.atspi.Accessible", method, nullptr};
+}
+
+std::optional<std::uint32_t> ownerPid(GDBusConnection* bus, const char* name) {
+  lx::Call call{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetConnectionUnixProcessID",
+                lx::own(g_variant_new("(s)", name))};
+  return lx::uint32Of(lx::replyChild(lx::callSync(bus, call, busCallTimeoutMs)));
+}
+
+bool hasChildren(GDBusConnection* bus, const std::string& name) {
+  const lx::Variant children = lx::replyChild(lx::callSync(bus, rootCall(name, "GetChildren"), busCallTimeoutMs));
+  return children && g_variant_is_container(children.get()) && g_variant_n_children(children.get()) > 0;
+}
+
+// Whether an application of this pid is registered and its tree has children.
+bool treeAnswers(GDBusConnection* bus, pid_t pid) {
+  const lx::Variant applications =
+      lx::replyChild(lx::callSync(bus, rootCall("org.a11y.atspi.Registry", "GetChildren"), busCallTimeoutMs));
+  if (!applications || !g_variant_is_of_type(applications.get(), G_VARIANT_TYPE("a(so)"))) return false;
+  GVariantIter iterator;
+  g_variant_iter_init(&iterator, applications.get());
+  const gchar* name = nullptr;
+  const gchar* path = nullptr;
+  while (g_variant_iter_next(&iterator, "(&s&o)", &name, &path))
+    if (ownerPid(bus, name) == static_cast<std::uint32_t>(pid) && hasChildren(bus, name)) return true;
+  return false;
+}
+
+// ---- Start -------------------------------------------------------------------------
+
+std::string processName(const std::string& command) {
+  std::istringstream words(command);
+  std::string first;
+  words >> first;
+  return fs::path(first).filename().string();
+}
+
+std::string pidVariable(const std::string& name) {
+  std::string variable = "GLIMMERSTRAND_PID_" + name;
+  for (auto& c : variable)
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+  return variable;
+}
+
+void say(const std::string& line) { std::cerr << "desktop: " << line << "\n"; }
+
+// One start, from the X server to the last application. Lives on the
+// client's one thread for the length of `desktop start`.
+class DesktopStart {
+ public:
+  explicit DesktopStart(fs::path folder) : folder_(std::move(folder)) {
+    for (char** entry = environ; *entry; ++entry) {
+      const std::string text = *entry;
+      if (auto equals = text.find('='); equals != std::string::npos)
+        variables_[text.substr(0, equals)] = text.substr(equals + 1);
+    }
+  }
+
+  std::string run(const DesktopRequest& request) {
+    prepareFolder();
+    startXServer();
+    startSessionBus();
+    auto bus = startAccessibilityBus();
+    if (request.windowManager) launch({"openbox"}, "openbox");
+    exported_.emplace_back("GLIMMERSTRAND_DESKTOP_DIR", folder_.string());
+    for (const auto& command : request.applications) startApplication(bus, command);
+    const std::string text = exportLines(exported_);
+    std::ofstream(environmentFile(folder_)) << text;
+    return text;
+  }
+
+ private:
+  void prepareFolder() {
+    fs::create_directories(folder_);
+    // A folder in /tmp that another user made first would hold our buses.
+    struct stat info {};
+    if (::lstat(folder_.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::getuid())
+      fail(folder_.string() + " is not a folder of this user's; set GLIMMERSTRAND_DESKTOP_DIR to another");
+    fs::create_directories(folder_ / "runtime");
+    fs::permissions(folder_, fs::perms::owner_all);
+    fs::permissions(folder_ / "runtime", fs::perms::owner_all);
+    fs::remove(folder_ / "bus");
+    // A bus address left by another desktop would keep this one from coming up.
+    for (const char* stale : {"AT_SPI_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS", "WAYLAND_DISPLAY"})
+      variables_.erase(stale);
+    setVariable("XDG_RUNTIME_DIR", (folder_ / "runtime").string());
+    for (const auto& [name, value] : toolkitSettings) setVariable(name, value);
+  }
+
+  void setVariable(const std::string& name, const std::string& value) {
+    variables_[name] = value;
+    exported_.emplace_back(name, value);
+  }
+
+  Recorded launch(const std::vector<std::string>& words, const std::string& name, int handOver = -1) {
+    const pid_t pid = spawn(words, variables_, logOf(name), handOver);
+    const Recorded process = record(folder_, pid, name);
+    say("started " + name + " (pid " + std::to_string(pid) + ")");
+    return process;
+  }
+
+  fs::path logOf(const std::string& name) const { return folder_ / (name + ".log"); }
+
+  // A process that tells it is ready by writing a line on descriptor 3: the
+  // display number of Xvfb, the address of dbus-daemon.
+  std::string launchAndRead(const std::vector<std::string>& words, const std::string& name) {
+    int pipe[2];
+    if (::pipe2(pipe, O_CLOEXEC) != 0) fail(std::string("cannot make a pipe: ") + std::strerror(errno));
+    const Recorded process = launch(words, name, pipe[1]);
+    ::close(pipe[1]);
+    const auto line = readLine(pipe[0], Clock::now() + serverLimit);
+    ::close(pipe[0]);
+    if (!line || line->empty()) {
+      const auto end = endOf(process.pid);
+      fail(name + (end ? " exited" + *end : " did not get ready within 10 s") + "; its log is " + logOf(name).string());
+    }
+    return *line;
+  }
+
+  void startXServer() {
+    // -noreset: the server would otherwise reset whenever its last client
+    // leaves, taking the root window's properties with it.
+    const std::string display =
+        ":" + launchAndRead({"Xvfb", "-displayfd", "3", "-screen", "0", "1280x800x24", "-nolisten", "tcp", "-noreset"},
+                            "Xvfb");
+    setVariable("DISPLAY", display);
+  }
+
+  void startSessionBus() {
+    const std::string address =
+        launchAndRead({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=3",
+                       "--address=unix:path=" + (folder_ / "bus").string()},
+                      "dbus-daemon");
+    setVariable("DBUS_SESSION_BUS_ADDRESS", address);
+  }
+
+  // Qt finds the accessibility bus through the root window's AT_SPI_BUS, as
+  // on a desktop session; asking the session bus instead races its own
+  // start-up, and the application never registers.
+  void publishOnRootWindow(const std::string& address) {
+    ::Display* display = XOpenDisplay(variables_["DISPLAY"].c_str());
+    if (!display) fail("the X server on " + variables_["DISPLAY"] + " does not answer");
+    const Atom property = XInternAtom(display, "AT_SPI_BUS", False);
+    XChangeProperty(display, DefaultRootWindow(display), property, XA_STRING, 8, PropModeReplace,
+                    reinterpret_cast<const unsigned char*>(address.data()), static_cast<int>(address.size()));
+    XCloseDisplay(display);
+  }
+
+  lx::AtspiBus startAccessibilityBus() {
+    // Read by GDBus in this process: set before its first use, so before any of its threads runs.
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", variables_["DBUS_SESSION_BUS_ADDRESS"].c_str(), 1);
+    ::unsetenv("AT_SPI_BUS_ADDRESS");
+    const Recorded launcher = launch({accessibilityLauncher, "--launch-immediately"}, "at-spi-bus-launcher");
+    const auto deadline = Clock::now() + serverLimit;
+    std::string problem;
+    while (Clock::now() < deadline && !endOf(launcher.pid)) {
+      if (auto bus = lx::AtspiBus::connect(problem)) {
+        if (!bus->enable()) fail("the accessibility bus did not turn org.a11y.Status IsEnabled on");
+        setVariable("AT_SPI_BUS_ADDRESS", bus->address());
+        publishOnRootWindow(bus->address());
+        return std::move(*bus);
+      }
+      std::this_thread::sleep_for(pollInterval);
+    }
+    fail("the accessibility bus did not come up (" + problem + "); its log is " +
+         logOf("at-spi-bus-launcher").string());
+  }
+
+  void startApplication(const lx::AtspiBus& bus, const std::string& command) {
+    std::istringstream split(command);
+    std::vector<std::string> words;
+    for (std::string word; split >> word;) words.push_back(word);
+    if (words.empty()) return;
+    const std::string name = processName(command);
+    const Recorded process = launch(words, name);
+    const auto deadline = Clock::now() + applicationLimit;
+    while (!treeAnswers(bus.connection(), process.pid)) {
+      if (const auto end = endOf(process.pid))
+        fail(name + " exited" + *end + " before its accessibility tree answered; its log is " + logOf(name).string());
+      if (Clock::now() >= deadline)
+        fail(name + "'s accessibility tree did not answer within 30 s; its log is " + logOf(name).string());
+      std::this_thread::sleep_for(pollInterval);
+    }
+    say(name + " answers on the accessibility bus");
+    exported_.emplace_back(pidVariable(name), std::to_string(process.pid));
+  }
+
+  fs::path folder_;
+  std::map<std::string, std::string> variables_;               // the applications' environment
+  std::vector<std::pair<std::string, std::string>> exported_;  // what start prints, in order
+};
+
+std::string shellQuoted(const std::string& value) {
+  std::string quoted = "'";
+  for (char c : value) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// ---- The command ---------------------------------------------------------------------
+
+std::optional<std::string> processEnvironmentValue(const char* name) {
+  const char* value = std::getenv(name);
+  if (!value || !*value) return std::nullopt;
+  return std::string(value);
+}
+
+int startCommand(const fs::path& folder, const std::vector<std::string>& words) {
+  DesktopRequest request;
+  for (std::size_t k = 1; k < words.size(); ++k) {
+    if (words[k] == "--wm")
+      request.windowManager = true;
+    else if (words[k] == "--no-wm")
+      request.windowManager = false;
+    else
+      request.applications.push_back(words[k]);
+  }
+  std::cout << startDesktop(folder, request) << std::flush;
+  return 0;
+}
+
+int stopCommand(const fs::path& folder) {
+  const auto processes = stopDesktop(folder);
+  if (processes.empty()) std::cout << "no desktop in " << folder.string() << "\n";
+  for (auto process = processes.rbegin(); process != processes.rend(); ++process)
+    std::cout << (process->running ? "stopped " : "already gone: ") << process->name << " (pid " << process->pid
+              << ")\n";
+  return 0;
+}
+
+int statusCommand(const fs::path& folder) {
+  const auto processes = desktopProcesses(folder);
+  if (!processes) {
+    std::cout << "no desktop in " << folder.string() << "\n";
+    return 1;
+  }
+  std::cout << "desktop in " << folder.string() << "\n";
+  for (const auto& process : *processes)
+    std::cout << "  " << process.name << " " << process.pid << " " << (process.running ? "running" : "gone") << "\n";
+  return 0;
+}
+
+}  // namespace
+
+fs::path desktopFolder(const Environment& environment) {
+  if (auto given = environment("GLIMMERSTRAND_DESKTOP_DIR")) return *given;
+  const std::string user = std::to_string(::getuid());
+  const fs::path runtime = "/run/user/" + user;
+  std::error_code error;
+  if (fs::is_directory(runtime, error) && ::access(runtime.c_str(), W_OK) == 0)
+    return runtime / "glimmerstrand-desktop";
+  return "/tmp/glimmerstrand-desktop-" + user;
+}
+
+std::string startDesktop(const fs::path& folder, const DesktopRequest& request) {
+  if (auto running = desktopProcesses(folder)) {
+    if (std::any_of(running->begin(), running->end(), [](const DesktopProcess& p) { return p.running; }))
+      throw GlimmerstrandError(core::codes::busy, "a desktop already runs in " + folder.string() +
+                                                      "; stop it first: glimmerstrand desktop stop");
+    stopDesktop(folder);  // what is left of one that ended: its files
+  }
+  try {
+    return DesktopStart(folder).run(request);
+  } catch (...) {
+    stopDesktop(folder);
+    throw;
+  }
+}
+
+std::optional<std::vector<DesktopProcess>> desktopProcesses(const fs::path& folder) {
+  std::error_code error;
+  if (!fs::exists(pidsFile(folder), error)) return std::nullopt;
+  std::vector<DesktopProcess> processes;
+  for (const auto& process : readRecords(folder)) processes.push_back({process.pid, process.name, isAlive(process)});
+  return processes;
+}
+
+std::vector<DesktopProcess> stopDesktop(const fs::path& folder) {
+  const auto records = readRecords(folder);
+  std::vector<DesktopProcess> processes;
+  for (const auto& process : records) processes.push_back({process.pid, process.name, isAlive(process)});
+  // Last started, first stopped: the applications before the buses they use.
+  for (auto process = records.rbegin(); process != records.rend(); ++process)
+    if (isAlive(*process)) ::kill(process->pid, SIGTERM);
+  waitUntilGone(records, stopGrace);
+  for (const auto& process : records)
+    if (isAlive(process) || process.started == 0) ::kill(process.pid, SIGKILL);
+  waitUntilGone(records, stopGrace);
+  std::error_code error;
+  for (const auto& file : {pidsFile(folder), environmentFile(folder), folder / "bus"}) fs::remove(file, error);
+  return processes;
+}
+
+std::optional<std::map<std::string, std::string>> runningDesktopEnvironment(const fs::path& folder) {
+  std::ifstream file(environmentFile(folder));
+  if (!file) return std::nullopt;
+  const auto records = readRecords(folder);
+  const bool serverLives =
+      std::any_of(records.begin(), records.end(), [](const Recorded& p) { return p.name == "Xvfb" && isAlive(p); });
+  if (!serverLives) return std::nullopt;
+  std::stringstream text;
+  text << file.rdbuf();
+  std::map<std::string, std::string> variables;
+  for (auto& [name, value] : parseExportLines(text.str())) variables[name] = value;
+  return variables;
+}
+
+std::string exportLines(const std::vector<std::pair<std::string, std::string>>& variables) {
+  std::string text;
+  for (const auto& [name, value] : variables) text += "export " + name + "=" + shellQuoted(value) + "\n";
+  return text;
+}
+
+std::vector<std::pair<std::string, std::string>> parseExportLines(const std::string& text) {
+  std::vector<std::pair<std::string, std::string>> variables;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with("export ")) continue;
+    const auto equals = line.find('=');
+    if (equals == std::string::npos) continue;
+    std::string value;
+    bool quoted = false;
+    for (std::size_t k = equals + 1; k < line.size(); ++k) {
+      if (line[k] == '\'')
+        quoted = !quoted;
+      else if (!quoted && line[k] == '\\' && k + 1 < line.size())
+        value += line[++k];
+      else
+        value += line[k];
+    }
+    variables.emplace_back(line.substr(7, equals - 7), value);
+  }
+  return variables;
+}
+
+bool adoptRunningDesktop() {
+  if (processEnvironmentValue("DISPLAY") || processEnvironmentValue("WAYLAND_DISPLAY")) return false;
+  const auto variables = runningDesktopEnvironment(desktopFolder(processEnvironmentValue));
+  if (!variables) return false;
+  for (const auto& [name, value] : *variables)
+    if (!name.starts_with("GLIMMERSTRAND_")) ::setenv(name.c_str(), value.c_str(), 1);
+  return true;
+}
+
+int runDesktopCommand(const std::vector<std::string>& words) {
+  const fs::path folder = desktopFolder(processEnvironmentValue);
+  if (words.at(0) == "start") return startCommand(folder, words);
+  if (words[0] == "stop") return stopCommand(folder);
+  return statusCommand(folder);
+}
+
+}  // namespace glimmerstrand::client

@@ -1,0 +1,207 @@
+// `glimmerstrand desktop` as a shell runs it: one headless desktop with
+// galculator for the suite, its environment through a real shell's eval, a
+// daemon started without a display that finds it, and stop by pid.
+#include <signal.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "client/client_process.h"
+#include "client/desktop.h"
+
+namespace glimmerstrand::client {
+namespace {
+
+using testing::ClientProcess;
+using testing::Outcome;
+using testing::readFile;
+
+// The pids that start announced on standard error: "desktop: started NAME (pid N)".
+std::map<std::string, pid_t> startedPids(const std::string& err) {
+  static const std::regex started(R"(desktop: started (\S+) \(pid (\d+)\))");
+  std::map<std::string, pid_t> pids;
+  for (std::sregex_iterator m(err.begin(), err.end(), started), end; m != end; ++m) pids[(*m)[1]] = std::stoi((*m)[2]);
+  return pids;
+}
+
+// A zombie counts as gone: where pid 1 does not reap, ended processes stay as zombies.
+bool processExists(pid_t pid) {
+  const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+  const auto nameEnd = stat.rfind(") ");
+  return nameEnd != std::string::npos && stat[nameEnd + 2] != 'Z';
+}
+
+std::string commandName(pid_t pid) {
+  std::string name = readFile("/proc/" + std::to_string(pid) + "/comm");
+  return name.substr(0, name.find('\n'));
+}
+
+// A client whose desktop lives in a folder of its own.
+struct DesktopClient : ClientProcess {
+  explicit DesktopClient(const std::string& name) : ClientProcess(GLIMMERSTRAND_CLIENT_BINARY, name) {
+    environment()["GLIMMERSTRAND_DESKTOP_DIR"] = (folder() / "desktop").string();
+  }
+};
+
+class DesktopTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    client_ = new DesktopClient("desktop-test");
+    started_ = new Outcome(client_->run({"desktop", "start", "galculator"}));
+  }
+  static void TearDownTestSuite() {
+    client_->run({"stop"});
+    client_->run({"desktop", "stop"});
+    delete started_;
+    delete client_;
+  }
+  void SetUp() override { ASSERT_EQ(started_->status, 0) << started_->err; }
+
+  static std::map<std::string, std::string> exported() {
+    std::map<std::string, std::string> variables;
+    for (const auto& [name, value] : parseExportLines(started_->out)) variables[name] = value;
+    return variables;
+  }
+
+  static ClientProcess* client_;
+  static Outcome* started_;
+};
+ClientProcess* DesktopTest::client_ = nullptr;
+Outcome* DesktopTest::started_ = nullptr;
+
+TEST_F(DesktopTest, ThePrintedEnvironmentEvalsInAShell) {
+  const Outcome shell = ClientProcess("/bin/bash", "desktop-shell")
+                            .run({"-c",
+                                  "eval \"$(cat)\" && printf '%s\\n' \"$DISPLAY\" \"$AT_SPI_BUS_ADDRESS\" "
+                                  "\"$GLIMMERSTRAND_PID_galculator\" && xdpyinfo >/dev/null"},
+                                 started_->out);
+  ASSERT_EQ(shell.status, 0) << shell.err;
+  auto variables = exported();
+  EXPECT_EQ(shell.out, variables["DISPLAY"] + "\n" + variables["AT_SPI_BUS_ADDRESS"] + "\n" +
+                           variables["GLIMMERSTRAND_PID_galculator"] + "\n");
+  EXPECT_TRUE(variables["DISPLAY"].starts_with(":")) << started_->out;
+  EXPECT_EQ(commandName(std::stoi(variables["GLIMMERSTRAND_PID_galculator"])), "galculator");
+}
+
+TEST_F(DesktopTest, StatusListsEveryPartRunning) {
+  const Outcome status = client_->run({"desktop", "status"});
+  EXPECT_EQ(status.status, 0) << status.err;
+  for (const auto& [name, pid] : startedPids(started_->err))
+    EXPECT_NE(status.out.find("  " + name + " " + std::to_string(pid) + " running\n"), std::string::npos)
+        << name << "\n"
+        << status.out;
+  for (const char* part : {"Xvfb", "dbus-daemon", "at-spi-bus-launcher", "openbox", "galculator"})
+    EXPECT_NE(status.out.find(std::string("  ") + part + " "), std::string::npos) << part << "\n" << status.out;
+}
+
+TEST_F(DesktopTest, ASecondStartIsRefusedAndLeavesTheFirstRunning) {
+  const Outcome second = client_->run({"desktop", "start", "galculator"});
+  EXPECT_EQ(second.status, 1);
+  EXPECT_NE(second.err.find("a desktop already runs in"), std::string::npos) << second.err;
+  EXPECT_EQ(second.out, "");
+  for (const auto& [name, pid] : startedPids(started_->err)) EXPECT_TRUE(processExists(pid)) << name;
+}
+
+TEST_F(DesktopTest, ADaemonStartedWithoutADisplayReachesTheDesktopsApplication) {
+  // An agent host's bare environment: no display, no bus, the default platform.
+  auto& environment = client_->environment();
+  environment.erase("GLIMMERSTRAND_PLATFORM");
+  ASSERT_EQ(environment.count("DISPLAY"), 0u);
+  const Outcome reply =
+      client_->run({"--app", "galculator", "query", "MATCH (c:Control {name:\"7\"}) RETURN c.name LIMIT 1"});
+  EXPECT_EQ(reply.status, 0) << reply.err;
+  EXPECT_NE(reply.out.find("7"), std::string::npos) << reply.out;
+  client_->run({"stop"});
+  environment["GLIMMERSTRAND_PLATFORM"] = "sim";
+}
+
+TEST_F(DesktopTest, StopEndsEveryProcessItStarted) {
+  const auto pids = startedPids(started_->err);
+  ASSERT_EQ(pids.size(), 5u) << started_->err;
+  const Outcome stop = client_->run({"desktop", "stop"});
+  EXPECT_EQ(stop.status, 0) << stop.err;
+  for (const auto& [name, pid] : pids) {
+    EXPECT_NE(stop.out.find("stopped " + name + " (pid " + std::to_string(pid) + ")"), std::string::npos) << stop.out;
+    EXPECT_FALSE(processExists(pid)) << name << " " << pid << " still runs";
+  }
+  EXPECT_EQ(client_->run({"desktop", "status"}).status, 1);
+}
+
+// A failed start names the application and its log, and ends everything it
+// had started.
+TEST(DesktopStartFailure, NamesTheApplicationAndItsLogAndLeavesNothingRunning) {
+  struct Case {
+    std::string command;
+    std::string name;
+    std::string message;
+    std::string inLog;
+  };
+  const std::vector<Case> cases{
+      {"no-such-application-here", "no-such-application-here", "no-such-application-here exited (exit status 127)",
+       "cannot run no-such-application-here: No such file or directory"},
+      {"false", "false", "false exited (exit status 1)", ""},
+  };
+  for (const auto& c : cases) {
+    const DesktopClient client("desktop-failure");
+    const Outcome outcome = client.run({"desktop", "start", "--no-wm", c.command});
+    EXPECT_EQ(outcome.status, 1) << c.command;
+    const auto log = (client.folder() / "desktop" / (c.name + ".log")).string();
+    EXPECT_NE(outcome.err.find(c.message), std::string::npos) << outcome.err;
+    EXPECT_NE(outcome.err.find("its log is " + log), std::string::npos) << outcome.err;
+    EXPECT_NE(readFile(log).find(c.inLog), std::string::npos) << readFile(log);
+    const auto pids = startedPids(outcome.err);
+    EXPECT_EQ(pids.size(), 4u) << outcome.err;
+    for (const auto& [name, pid] : pids) EXPECT_FALSE(processExists(pid)) << name << " " << pid << " still runs";
+    EXPECT_EQ(client.run({"desktop", "status"}).status, 1) << "a failed start left its records";
+  }
+}
+
+TEST(DesktopStartFailure, AFolderThatIsNotPlainlyThisUsersIsRefused) {
+  // A link, as another user could leave in /tmp for the folder's name.
+  const DesktopClient client("desktop-link");
+  std::filesystem::create_directories(client.folder() / "elsewhere");
+  std::filesystem::create_directory_symlink(client.folder() / "elsewhere", client.folder() / "desktop");
+  const Outcome outcome = client.run({"desktop", "start", "--no-wm"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_NE(outcome.err.find("is not a folder of this user's"), std::string::npos) << outcome.err;
+  EXPECT_TRUE(startedPids(outcome.err).empty()) << outcome.err;
+}
+
+TEST(DesktopArguments, UsageErrorsAreCaughtBeforeAnythingStarts) {
+  const DesktopClient client("desktop-usage");
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases{
+      {{"desktop"}, "glimmerstrand: 'desktop' needs start, stop or status"},
+      {{"desktop", "begin"}, "glimmerstrand: unknown desktop command 'begin'"},
+      {{"desktop", "stop", "now"}, "glimmerstrand: unexpected argument 'now': 'desktop stop' takes none"},
+      {{"desktop", "start", "--fast"}, "glimmerstrand: unknown option '--fast' of 'desktop start'"},
+      {{"--json", "desktop", "status"}, "glimmerstrand: option --json does not apply to 'desktop'"},
+  };
+  for (const auto& [args, message] : cases) {
+    const Outcome outcome = client.run(args);
+    EXPECT_EQ(outcome.status, 2) << message;
+    EXPECT_TRUE(outcome.err.starts_with(message)) << outcome.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(client.folder() / "desktop"));
+  EXPECT_TRUE(client.run({"desktop", "--help"}).out.starts_with("usage: glimmerstrand desktop start"));
+}
+
+TEST(DesktopEnvironment, ValuesSurviveAShellsEvalWhateverTheirQuotes) {
+  const std::vector<std::pair<std::string, std::string>> variables{{"PLAIN", "unix:path=/tmp/x/bus,guid=1f"},
+                                                                   {"QUOTE", "it's"},
+                                                                   {"SPACES", "a  b"},
+                                                                   {"MIXED", "'\"$HOME`\\'"},
+                                                                   {"EMPTY", ""}};
+  const std::string lines = exportLines(variables);
+  EXPECT_EQ(parseExportLines(lines), variables);
+  const Outcome shell = ClientProcess("/bin/bash", "desktop-quotes")
+                            .run({"-c",
+                                  "eval \"$(cat)\" && printf '%s|' \"$PLAIN\" \"$QUOTE\" \"$SPACES\" \"$MIXED\" "
+                                  "\"$EMPTY\""},
+                                 lines);
+  EXPECT_EQ(shell.out, "unix:path=/tmp/x/bus,guid=1f|it's|a  b|'\"$HOME`\\'||") << lines;
+}
+
+}  // namespace
+}  // namespace glimmerstrand::client
