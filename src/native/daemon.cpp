@@ -108,7 +108,8 @@ int runDaemon(DaemonParts parts) {
     ::unlink(socketPath.c_str());  // a stale socket of a daemon that was killed
   }
 
-  auto backend = std::make_shared<NativeBackend>(parts.runner, parts.host, server::AppCoordinator::shared());
+  auto backend =
+      std::make_shared<NativeBackend>(parts.runner, parts.host, server::AppCoordinator::shared(), log.named("native"));
   auto daemon = server::DaemonServer::make(backend, state, log);
   bool verifies = false;
   try {

@@ -7,6 +7,7 @@
 #include "native/agent_cursor.h"
 #include "native/applications.h"
 #include "native/rpc_error.h"
+#include "native/run_timings.h"
 
 namespace glimmerstrand::native {
 
@@ -57,6 +58,7 @@ JSONValue InProcessDriver::call(const std::string& operation, const JSONValue& p
   auto handler = operations_.find(operation);
   if (!handler) throw core::GlimmerstrandError(core::codes::internal, "no line operation " + operation);
   HandlerResult result;
+  TimedWait timed(operation == "waitSettle" ? &RunTimings::settleMs : &RunTimings::applicationMs);
   withDriverErrors([&] {
     if (queue == On::input)
       queues_.input.sync([&] { result = (*handler)(params); });
@@ -79,6 +81,9 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
   const auto started = platform.clock().nowNs();
   core::AxSnapshot out;
   try {
+    // Finding the application asks the desktop, and a copy waits for the
+    // mirror's walk when it must be fresh: the application's time.
+    TimedWait timed(&RunTimings::applicationMs);
     requireTrust(platform.accessibility());
     auto app = host_.apps().selectApp(core::toJSON(options.app));
     SnapshotRequest request;

@@ -20,6 +20,7 @@
 #include "native/menu_cache.h"
 #include "native/mirror_operations.h"
 #include "native/operations.h"
+#include "native/run_timings.h"
 #include "platform/run_loop.h"
 #include "platform/select_platform.h"
 
@@ -43,7 +44,7 @@ int main(int argc, char** argv) {
                                                               native::cursorEnabledFromEnvironment())
                       : nullptr;
   static native::InProcessDriver driver(operations, queues, mirrorHost, cursor.get());
-  static core::CypherRunner runner(driver, core::GraphMemory::shared());
+  static core::CypherRunner runner(driver, core::GraphMemory::shared(), native::waitingClock());
   native::addProcessOperations(operations);
   native::addMirrorOperations(operations, mirrorHost);
   native::addMenuOperations(operations, mirrorHost);

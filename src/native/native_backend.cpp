@@ -1,10 +1,12 @@
 #include "native/native_backend.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 
 #include "core/errors.h"
 #include "native/rpc_error.h"
+#include "native/run_timings.h"
 #include "native/session_context.h"
 
 namespace glimmerstrand::native {
@@ -64,6 +66,22 @@ core::CypherResult NativeBackend::run(const std::string& cypher, const std::opti
 core::CypherResult NativeBackend::runStatements(const std::string& cypher, const std::optional<core::AppSelector>& app,
                                                 bool readOnly, const std::optional<std::string>& session) {
   core::CypherResult result;
+  threadRunTimings() = {};
+  const auto started = std::chrono::steady_clock::now();
+  // Also when the run fails: its time was spent all the same.
+  struct Report {
+    const server::ServerLog& log;
+    std::chrono::steady_clock::time_point started;
+    ~Report() {
+      const auto& t = threadRunTimings();
+      const double elapsedMs =
+          std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count();
+      log.debug("run", {{"elapsedMs", elapsedMs},
+                        {"settleMs", t.settleMs},
+                        {"applicationMs", t.applicationMs},
+                        {"ownMs", elapsedMs - t.settleMs - t.applicationMs}});
+    }
+  } report{log_, started};
   try {
     SessionScope scope(session);
     result = runner_.run(cypher, app, readOnly);

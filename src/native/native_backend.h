@@ -12,6 +12,7 @@
 #include "native/mirror_operations.h"
 #include "server/app_coordinator.h"
 #include "server/server_backend.h"
+#include "server/server_log.h"
 
 namespace glimmerstrand::native {
 
@@ -26,8 +27,9 @@ std::optional<std::pair<std::string, std::string>> leaseKey(platform::Workspace&
 
 class NativeBackend final : public server::ServerBackend {
  public:
-  NativeBackend(core::CypherRunner& runner, MirrorHost& host, server::AppCoordinator& coordinator)
-      : runner_(runner), host_(host), coordinator_(coordinator) {}
+  NativeBackend(core::CypherRunner& runner, MirrorHost& host, server::AppCoordinator& coordinator,
+                server::ServerLog log = {})
+      : runner_(runner), host_(host), coordinator_(coordinator), log_(std::move(log)) {}
 
   core::CypherResult run(const std::string& cypher, const std::optional<core::AppSelector>& app, bool readOnly,
                          const std::optional<std::string>& session) override;
@@ -42,6 +44,7 @@ class NativeBackend final : public server::ServerBackend {
   core::CypherRunner& runner_;
   MirrorHost& host_;
   server::AppCoordinator& coordinator_;
+  server::ServerLog log_;  // a debug line a run: where its time went
 };
 
 }  // namespace glimmerstrand::native

@@ -1,7 +1,7 @@
 // The world a task runs in: a headless desktop of its own, a private home and
 // daemon, and MCP sessions made by the SDK's client launching `glimmerstrand mcp`.
 import { spawnSync } from 'node:child_process';
-import { mkdtempSync, mkdirSync, readFileSync, writeFileSync, rmSync } from 'node:fs';
+import { mkdtempSync, mkdirSync, readFileSync, writeFileSync, rmSync, statSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
 import { performance } from 'node:perf_hooks';
@@ -83,6 +83,37 @@ class Session {
   }
 }
 
+/** Where the daemon's runs spent their time, from its log lines after byte `from`. */
+export function runTimingsSince(logFile, from) {
+  const totals = { runs: 0, elapsedMs: 0, settleMs: 0, applicationMs: 0, ownMs: 0 };
+  let text = '';
+  try {
+    text = readFileSync(logFile).subarray(from).toString('utf8');
+  } catch {
+    return totals;
+  }
+  for (const line of text.split('\n')) {
+    if (!line.includes('"message":"run"')) continue;
+    let entry;
+    try {
+      entry = JSON.parse(line);
+    } catch {
+      continue;
+    }
+    totals.runs += 1;
+    for (const key of ['elapsedMs', 'settleMs', 'applicationMs', 'ownMs']) totals[key] += entry[key] ?? 0;
+  }
+  return totals;
+}
+
+export function sizeOf(file) {
+  try {
+    return statSync(file).size;
+  } catch {
+    return 0;
+  }
+}
+
 function parseExports(output) {
   const environment = {};
   for (const line of output.split('\n')) {
@@ -125,7 +156,10 @@ export class World {
       GLIMMERSTRAND_DESKTOP_DIR: path.join(this.folder, 'desktop'),
       GLIMMERSTRAND_PLATFORM: 'linux',
       GLIMMERSTRAND_CURSOR: '0',
+      // The daemon writes where each run's time went at this level.
+      GLIMMERSTRAND_LOG_LEVEL: 'debug',
     });
+    this.daemonLog = path.join(home, '.local', 'state', 'glimmerstrand', 'daemon.log');
     this.baseEnvironment = base;
     const started = spawnSync('bash', [path.join(this.repo, 'scripts', 'desktop.sh'), 'start', '--wm', ...this.apps], {
       env: base,
