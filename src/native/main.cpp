@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 #include <thread>
 
 #include "core/runner.h"
@@ -27,6 +28,10 @@
 using namespace glimmerstrand;
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::strcmp(argv[1], "--version") == 0) {
+    std::cout << "glimmerstrand-native " GLIMMERSTRAND_VERSION "\n";
+    return 0;
+  }
   // The platform is chosen once. Without one the process still runs, and the
   // operations that need it say why it is missing.
   static platform::PlatformChoice choice =

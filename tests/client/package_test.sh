@@ -52,6 +52,8 @@ dpkg --root="$root" --force-not-root -i "$deb" >"$work/dpkg.log" 2>&1 || {
 export HOME=$work XDG_STATE_HOME=$work/state PATH=/usr/bin:/bin GLIMMERSTRAND_PLATFORM=sim
 unset GLIMMERSTRAND_SOCKET GLIMMERSTRAND_SIM_APPS
 [[ $("$root/usr/bin/glimmerstrand" --version) == "glimmerstrand $version" ]] || fail "--version"
+[[ $("$root/usr/bin/glimmerstrand-native" --version) == "glimmerstrand-native $version" ]] || fail "native --version"
+[[ $(dpkg-deb -f "$deb" Recommends) == *at-spi2-core* ]] || fail "Recommends: $(dpkg-deb -f "$deb" Recommends)"
 out=$("$root/usr/bin/glimmerstrand" --app Calculator query 'MATCH (b:Button {name:"7"}) RETURN b.name')
 [[ $out == *$'b.name\n7'* ]] || fail "query from the package: $out"
 echo "package ok"
