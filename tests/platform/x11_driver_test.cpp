@@ -5,11 +5,17 @@
 // widget factory.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "support/line_client.h"
 #include "x11_desktop.h"
+
+// Xlib's macros clash with GoogleTest's names: it comes last.
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
 
 namespace glimmerstrand::testing {
 namespace {
@@ -69,6 +75,16 @@ class X11DriverTest : public ::testing::Test {
 
 X11Desktop* X11DriverTest::desktop_ = nullptr;
 
+/// The colour of one pixel of the screen as 0xRRGGBB.
+unsigned long screenColourAt(int x, int y) {
+  ::Display* display = XOpenDisplay(nullptr);
+  XImage* image = XGetImage(display, DefaultRootWindow(display), x, y, 1, 1, AllPlanes, ZPixmap);
+  unsigned long pixel = image ? XGetPixel(image, 0, 0) & 0xffffff : 0;
+  if (image) XDestroyImage(image);
+  XCloseDisplay(display);
+  return pixel;
+}
+
 TEST_F(X11DriverTest, CalculatorAddsByKeysInFrontAndBehindAnotherApplication) {
   struct Case {
     const char* name;
@@ -95,11 +111,30 @@ TEST_F(X11DriverTest, ClickDragAndWheelLandOnTheWidgetFactory) {
   rows(app, "CALL ui.window(0)");
   ASSERT_TRUE(eventually([&] { return active() == app; })) << active();
 
-  // A click on a toggle button that is up presses it.
-  const auto toggle =
-      first(app, "MATCH (n:CheckBox {name: 'togglebutton', value: '0'}) RETURN n.id ORDER BY n.y", "n.id");
-  ASSERT_FALSE(toggle.empty());
+  // A click on a toggle button that is up presses it, and the agent's cursor
+  // shows there: its arrow's body, in the first colour, just below the tip.
+  auto found = rows(app,
+                    "MATCH (n:CheckBox {name: 'togglebutton', value: '0'}) RETURN n.id, n.x, n.y, n.width, n.height "
+                    "ORDER BY n.y LIMIT 1");
+  ASSERT_EQ(found.size(), 1u);
+  const std::string toggle = *found.front().find("n.id")->asString();
+  auto number = [&](const char* key) { return *found.front().find(key)->asNumber(); };
+  const int tipX = static_cast<int>(number("n.x") + number("n.width") / 2);
+  const int tipY = static_cast<int>(number("n.y") + number("n.height") / 2);
+  // Watched while the click runs: the reply may come after the cursor has faded.
+  std::atomic<bool> shown = false, done = false;
+  std::thread watcher([&] {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!shown && !done && std::chrono::steady_clock::now() < deadline) {
+      shown = screenColourAt(tipX + 3, tipY + 10) == 0x007AFF;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  });
   rows(app, "CALL ui.click(\"" + toggle + "\")");
+  eventually([&] { return shown.load(); }, std::chrono::milliseconds(500));
+  done = true;
+  watcher.join();
+  EXPECT_TRUE(shown) << "the agent's cursor at the click";
   EXPECT_TRUE(
       eventually([&] { return first(app, "MATCH (n {id: '" + toggle + "'}) RETURN n.value", "n.value") == "1"; }));
 

@@ -5,6 +5,7 @@
 #include <X11/Xutil.h>
 #include <X11/extensions/Xfixes.h>
 #include <X11/extensions/shape.h>
+#include <glib-unix.h>
 // X.h names a query class CursorShape; ours is the enum of the seam.
 #undef CursorShape
 
@@ -179,12 +180,46 @@ struct X11Overlay::State {
   std::map<PanelId, Panel> panels;
   PanelId last = 0;
   bool ticking = false;
+  guint watch = 0;  // the source that reads the root's stacking changes
 
   ~State() {
+    if (watch) g_source_remove(watch);
     if (!x) return;
     for (auto& [id, panel] : panels) destroy(panel);
     if (argb) XFreeColormap(x, colormap);
     closeX11(x);
+  }
+
+  // A window manager raises the window it focuses above everything, the
+  // cursor's panels too: they go back on top whenever another window is
+  // mapped or restacked.
+  void keepOnTop() {
+    bool restacked = false;
+    while (XPending(x)) {
+      XEvent event;
+      XNextEvent(x, &event);
+      const ::Window about = event.type == ConfigureNotify ? event.xconfigure.window
+                             : event.type == MapNotify     ? event.xmap.window
+                                                           : 0;
+      if (about && std::none_of(panels.begin(), panels.end(), [&](auto& p) { return p.second.window == about; }))
+        restacked = true;
+    }
+    if (!restacked) return;
+    for (auto& [id, panel] : panels)
+      if (panel.mapped) XRaiseWindow(x, panel.window);
+    XFlush(x);
+  }
+
+  void watchStacking() {
+    XSelectInput(x, DefaultRootWindow(x), SubstructureNotifyMask);
+    // The fd source belongs to the default main context, the main run loop's.
+    watch = g_unix_fd_add(
+        ConnectionNumber(x), G_IO_IN,
+        [](gint, GIOCondition, gpointer self) {
+          static_cast<State*>(self)->keepOnTop();
+          return gboolean(G_SOURCE_CONTINUE);
+        },
+        this);
   }
 
   void destroy(Panel& panel) {
@@ -315,7 +350,9 @@ struct X11Overlay::State {
 
 X11Overlay::X11Overlay(RunLoop& mainLoop) : loop_(mainLoop), state_(std::make_shared<State>()) {
   state_->x = openX11();
-  if (state_->x) state_->chooseVisual();
+  if (!state_->x) return;
+  state_->chooseVisual();
+  state_->watchStacking();
 }
 
 X11Overlay::~X11Overlay() = default;
