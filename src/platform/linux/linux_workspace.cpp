@@ -285,15 +285,20 @@ bool LinuxWorkspace::watchActiveWindow() {
 // callbacks when another process has come to the front.
 void LinuxWorkspace::activeWindowChanged() {
   ActiveWindowWatch& watch = *watch_;
-  bool changed = false;
-  while (XPending(watch.x)) {
-    XEvent event;
-    XNextEvent(watch.x, &event);
-    changed = changed || (event.type == PropertyNotify && event.xproperty.atom == watch.property);
+  // The round trips below may read later events into Xlib's queue, where
+  // they no longer wake the loop: the queue is read again until it is empty.
+  std::optional<std::int32_t> pid;
+  for (bool changed = true; changed;) {
+    changed = false;
+    while (XPending(watch.x)) {
+      XEvent event;
+      XNextEvent(watch.x, &event);
+      changed = changed || (event.type == PropertyNotify && event.xproperty.atom == watch.property);
+    }
+    if (!changed) break;
+    auto active = activeWindow(watch.x);
+    pid = active ? pidOfWindow(watch.x, *active) : std::nullopt;
   }
-  if (!changed) return;
-  auto active = activeWindow(watch.x);
-  auto pid = active ? pidOfWindow(watch.x, *active) : std::nullopt;
   if (!pid || pid == watch.lastPid) return;
   watch.lastPid = pid;
   auto app = application(*pid);

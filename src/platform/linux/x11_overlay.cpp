@@ -417,7 +417,8 @@ void X11Overlay::animate() {
   bool running = false;
   const auto now = SteadyClock::now();
   for (auto& [id, panel] : state.panels) running = state.show(panel, now) || running;
-  XFlush(state.x);
+  // Events read in while drawing would not wake the loop: they are seen now.
+  state.keepOnTop();
   if (!running || state.ticking) return;
   state.ticking = true;
   std::weak_ptr<State> weak = state_;
