@@ -11,6 +11,7 @@
 #include "native/image_encoding.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/x11_connection.h"
+#include "platform/linux/x11_pasteboard.h"
 #include "platform/x11_desktop.h"
 
 namespace {
@@ -104,6 +105,16 @@ void OneApplicationsWindowAloneAsJpeg(benchmark::State& state) {
 }
 BENCHMARK(OneApplicationsWindowAloneAsJpeg)->Unit(benchmark::kMillisecond);
 
+// The listing of every window with its process that a capture of one
+// application starts with.
+void ListingTheClientWindows(benchmark::State& state) {
+  bench();
+  auto* x = glimmerstrand::platform::linux_desktop::openX11();
+  for (auto _ : state) benchmark::DoNotOptimize(glimmerstrand::platform::linux_desktop::clientWindows(x));
+  glimmerstrand::platform::linux_desktop::closeX11(x);
+}
+BENCHMARK(ListingTheClientWindows)->Unit(benchmark::kMillisecond);
+
 void ClipboardSetAndRead(benchmark::State& state) {
   auto& board = bench().platform->pasteboard();
   for (auto _ : state) {
@@ -112,5 +123,17 @@ void ClipboardSetAndRead(benchmark::State& state) {
   }
 }
 BENCHMARK(ClipboardSetAndRead)->Unit(benchmark::kMillisecond);
+
+// The same text read by another X client: a conversion through the server,
+// answered by the owner's helper thread, as an application's paste is.
+void ClipboardSetAndReadByAnotherClient(benchmark::State& state) {
+  auto& board = bench().platform->pasteboard();
+  static glimmerstrand::platform::linux_desktop::X11Pasteboard other;
+  for (auto _ : state) {
+    if (!board.writeText("glimmerstrand bench") || other.readText() != "glimmerstrand bench")
+      state.SkipWithError("the clipboard did not carry the text");
+  }
+}
+BENCHMARK(ClipboardSetAndReadByAnotherClient)->Unit(benchmark::kMillisecond);
 
 }  // namespace
