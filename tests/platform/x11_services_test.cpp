@@ -7,7 +7,9 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <cstring>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -74,30 +76,61 @@ X11Desktop* X11ServicesTest::desktop_ = nullptr;
 Platform* X11ServicesTest::platform_ = nullptr;
 std::thread* X11ServicesTest::loop_ = nullptr;
 
-/// Calls a method of the fake screensaver on the session bus.
-bool callScreenSaver(const char* method, GVariant* args) {
-  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
-  if (!bus) return false;
-  GVariant* reply = g_dbus_connection_call_sync(bus, "org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver",
-                                                "org.freedesktop.ScreenSaver", method, args, nullptr,
+/// Calls a method on a bus; true when it answered.
+bool callOn(GBusType type, const char* bus, const char* path, const char* interface, const char* method,
+            GVariant* args) {
+  GDBusConnection* connection = g_bus_get_sync(type, nullptr, nullptr);
+  if (!connection) return false;
+  // The test's own buses stop while this process goes on.
+  g_dbus_connection_set_exit_on_close(connection, FALSE);
+  GVariant* reply = g_dbus_connection_call_sync(connection, bus, path, interface, method, args, nullptr,
                                                 G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr);
-  g_object_unref(bus);
+  g_object_unref(connection);
   if (reply) g_variant_unref(reply);
   return reply != nullptr;
 }
 
-bool screenSaverAnswers() { return callScreenSaver("GetActive", nullptr); }
+bool setScreenSaver(bool active) {
+  return callOn(G_BUS_TYPE_SESSION, "org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver",
+                "org.freedesktop.ScreenSaver", "SetActive", g_variant_new("(b)", active));
+}
+
+bool screenSaverAnswers() {
+  return callOn(G_BUS_TYPE_SESSION, "org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver",
+                "org.freedesktop.ScreenSaver", "GetActive", nullptr);
+}
+
+bool setLockedHint(bool locked) {
+  return callOn(G_BUS_TYPE_SYSTEM, "org.freedesktop.login1", "/org/freedesktop/login1/session/auto",
+                "org.freedesktop.login1.Session", "SetLockedHint", g_variant_new("(b)", locked));
+}
+
+/// A fake service of tests/platform/data, stopped by its pid.
+class FakeService {
+ public:
+  explicit FakeService(const std::string& script) {
+    const std::string path = GLIMMERSTRAND_SOURCE_DIR "/tests/platform/data/" + script;
+    char* argv[] = {const_cast<char*>("/usr/bin/python3"), const_cast<char*>(path.c_str()), nullptr};
+    if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv, environ) != 0) pid_ = 0;
+  }
+  ~FakeService() { stop(); }
+  void stop() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = 0;
+  }
+
+ private:
+  pid_t pid_ = 0;
+};
 
 TEST_F(X11ServicesTest, ScreenLockFollowsTheScreensaverAndIsOffWithoutOne) {
   platform::linux_desktop::LinuxSession before;
   EXPECT_FALSE(before.isScreenLocked()) << "no service at all: not locked";
 
-  const std::string script = GLIMMERSTRAND_SOURCE_DIR "/tests/platform/data/fake_screensaver.py";
-  char* argv[] = {const_cast<char*>("/usr/bin/python3"), const_cast<char*>(script.c_str()), nullptr};
-  pid_t service = 0;
-  ASSERT_EQ(posix_spawn(&service, argv[0], nullptr, nullptr, argv, environ), 0);
+  FakeService screenSaver("fake_screensaver.py");
   ASSERT_TRUE(eventually(screenSaverAnswers, std::chrono::seconds(10)));
-
   platform::linux_desktop::LinuxSession session;
   struct Step {
     const char* what;
@@ -105,13 +138,48 @@ TEST_F(X11ServicesTest, ScreenLockFollowsTheScreensaverAndIsOffWithoutOne) {
   };
   for (auto step : std::vector<Step>{{"locked", true}, {"unlocked", false}, {"locked again", true}}) {
     SCOPED_TRACE(step.what);
-    ASSERT_TRUE(callScreenSaver("SetActive", g_variant_new("(b)", step.lock)));
+    ASSERT_TRUE(setScreenSaver(step.lock));
     EXPECT_EQ(session.isScreenLocked(), step.lock);
   }
   // A service that goes away leaves the screen unlocked, not stuck locked.
-  ::kill(service, SIGTERM);
-  ::waitpid(service, nullptr, 0);
+  screenSaver.stop();
   EXPECT_FALSE(session.isScreenLocked());
+}
+
+TEST_F(X11ServicesTest, LogindsLockedHintComesBeforeTheScreensaver) {
+  // A system bus of the test's own, with logind's session object on it.
+  const std::string command =
+      "dbus-daemon --session --fork --nopidfile --print-address=1 --print-pid=1 "
+      "--address=unix:path=" +
+      desktop_->dir() + "/system-bus";
+  FILE* out = ::popen(command.c_str(), "r");
+  ASSERT_NE(out, nullptr);
+  char address[512] = {}, pid[32] = {};
+  const bool started = std::fgets(address, sizeof address, out) && std::fgets(pid, sizeof pid, out);
+  ::pclose(out);
+  ASSERT_TRUE(started);
+  address[std::strcspn(address, "\n")] = 0;
+  const std::string before = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address, 1);
+  // Stopped however the test ends.
+  std::shared_ptr<void> stopBus(nullptr, [&](void*) {
+    ::kill(std::atoi(pid), SIGTERM);
+    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", before.c_str(), 1);
+  });
+  {
+    FakeService logind("fake_logind.py");
+    FakeService screenSaver("fake_screensaver.py");
+    ASSERT_TRUE(eventually([] { return setLockedHint(false) && setScreenSaver(true); }, std::chrono::seconds(10)));
+    platform::linux_desktop::LinuxSession session;
+    EXPECT_FALSE(session.isScreenLocked()) << "logind's answer wins";
+    ASSERT_TRUE(setLockedHint(true));
+    EXPECT_TRUE(session.isScreenLocked());
+    ASSERT_TRUE(setLockedHint(false));
+    EXPECT_FALSE(session.isScreenLocked());
+    // Without logind the screensaver answers.
+    logind.stop();
+    EXPECT_TRUE(session.isScreenLocked());
+  }
 }
 
 /// A window of one colour that notes the clicks it receives, named as this
