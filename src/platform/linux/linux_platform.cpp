@@ -6,9 +6,10 @@
 #include "platform/linux/atspi_accessibility.h"
 #include "platform/linux/atspi_bus.h"
 #include "platform/linux/glib_run_loop.h"
+#include "platform/linux/linux_session.h"
 #include "platform/linux/linux_workspace.h"
-#include "platform/linux/pending_devices.h"
 #include "platform/linux/x11_input.h"
+#include "platform/linux/x11_overlay.h"
 #include "platform/linux/x11_pasteboard.h"
 #include "platform/linux/x11_screen.h"
 
@@ -18,7 +19,8 @@ namespace {
 
 class LinuxPlatform final : public Platform {
  public:
-  explicit LinuxPlatform(AtspiBus bus) : bus_(std::move(bus)), accessibility_(bus_, loop_), workspace_(accessibility_) {
+  explicit LinuxPlatform(AtspiBus bus)
+      : bus_(std::move(bus)), accessibility_(bus_, loop_), workspace_(accessibility_, loop_), overlay_(loop_) {
     // Toolkits that build their trees only on request (Qt) are asked to.
     if (!bus_.isEnabled()) bus_.enable();
   }
@@ -42,8 +44,8 @@ class LinuxPlatform final : public Platform {
   X11Input input_;
   X11Pasteboard pasteboard_;
   X11Screen screen_;
-  PendingSession session_;
-  PendingOverlay overlay_;
+  LinuxSession session_;
+  X11Overlay overlay_;
 };
 
 }  // namespace

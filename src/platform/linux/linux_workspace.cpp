@@ -3,6 +3,7 @@
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+#include <glib-unix.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -177,9 +178,27 @@ void sendMessage(::Display* d, ::Window to, ::Window about, const char* type, st
 
 }  // namespace
 
-LinuxWorkspace::LinuxWorkspace(AtspiAccessibility& accessibility) : ax_(accessibility), x_(openX11()) {}
+/// The root window's _NET_ACTIVE_WINDOW, watched on a connection of its
+/// own whose events are read on the main run loop.
+struct LinuxWorkspace::ActiveWindowWatch {
+  XConnection* x = nullptr;
+  guint source = 0;
+  std::optional<std::int32_t> lastPid;  // the last process reported, so that each activation is told once
+  Atom property = 0;
 
-LinuxWorkspace::~LinuxWorkspace() { closeX11(x_); }
+  ~ActiveWindowWatch() {
+    if (source) g_source_remove(source);
+    closeX11(x);
+  }
+};
+
+LinuxWorkspace::LinuxWorkspace(AtspiAccessibility& accessibility, RunLoop& mainLoop)
+    : ax_(accessibility), mainLoop_(mainLoop), x_(openX11()) {}
+
+LinuxWorkspace::~LinuxWorkspace() {
+  watch_.reset();
+  closeX11(x_);
+}
 
 RunningApplication LinuxWorkspace::recordOf(const BusApplication& app) {
   RunningApplication r;
@@ -224,9 +243,72 @@ std::optional<RunningApplication> LinuxWorkspace::frontmost() {
 }
 
 void LinuxWorkspace::observeActivation(std::function<void(const RunningApplication&)> callback) {
+  if (watchActiveWindow()) {
+    std::lock_guard guard(lock_);
+    activationCallbacks_.push_back(std::move(callback));
+    return;
+  }
   ax_.observeActivation([this, callback = std::move(callback)](std::int32_t pid) {
     if (auto app = application(pid)) callback(*app);
   });
+}
+
+// True when a window manager keeps _NET_ACTIVE_WINDOW and it is watched: the
+// manager knows every activation, also of applications without a tree, and
+// tells each once.
+bool LinuxWorkspace::watchActiveWindow() {
+  std::lock_guard guard(lock_);
+  if (watch_) return true;
+  if (!x_ || !hasWindowManager(x_)) return false;
+  auto watch = std::make_unique<ActiveWindowWatch>();
+  watch->x = openX11();
+  if (!watch->x) return false;
+  watch->property = XInternAtom(watch->x, "_NET_ACTIVE_WINDOW", False);
+  XSelectInput(watch->x, DefaultRootWindow(watch->x), PropertyChangeMask);
+  XSync(watch->x, False);
+  if (auto active = activeWindow(watch->x)) watch->lastPid = pidOfWindow(watch->x, *active);
+  // The fd source belongs to the default main context, which is the main run loop's.
+  watch->source = g_unix_fd_add(
+      ConnectionNumber(watch->x), G_IO_IN,
+      [](gint, GIOCondition, gpointer self) {
+        static_cast<LinuxWorkspace*>(self)->activeWindowChanged();
+        return gboolean(G_SOURCE_CONTINUE);
+      },
+      this);
+  watch_ = std::move(watch);
+  // Events read into Xlib's queue during the set-up would not wake the fd.
+  mainLoop_.post([this] { activeWindowChanged(); });
+  return true;
+}
+
+// On the main run loop: reads what the window manager said, and tells the
+// callbacks when another process has come to the front.
+void LinuxWorkspace::activeWindowChanged() {
+  ActiveWindowWatch& watch = *watch_;
+  // The round trips below may read later events into Xlib's queue, where
+  // they no longer wake the loop: the queue is read again until it is empty.
+  std::optional<std::int32_t> pid;
+  for (bool changed = true; changed;) {
+    changed = false;
+    while (XPending(watch.x)) {
+      XEvent event;
+      XNextEvent(watch.x, &event);
+      changed = changed || (event.type == PropertyNotify && event.xproperty.atom == watch.property);
+    }
+    if (!changed) break;
+    auto active = activeWindow(watch.x);
+    pid = active ? pidOfWindow(watch.x, *active) : std::nullopt;
+  }
+  if (!pid || pid == watch.lastPid) return;
+  watch.lastPid = pid;
+  auto app = application(*pid);
+  if (!app) return;
+  std::vector<ActivationCallback> callbacks;
+  {
+    std::lock_guard guard(lock_);
+    callbacks = activationCallbacks_;
+  }
+  for (const auto& callback : callbacks) callback(*app);
 }
 
 bool LinuxWorkspace::activate(std::int32_t pid) {

@@ -3,22 +3,27 @@
 // executable), their windows on X11 (the front, activation, hiding, polite
 // closing) and the installed applications of the XDG data folders'
 // `.desktop` entries. Callable from any thread: one mutex guards the X
-// connection and the windows this workspace hid; it is never held across a
-// call on the accessibility bus.
+// connection, the windows this workspace hid and the activation callbacks;
+// it is never held across a call on the accessibility bus or into a callback.
+// With a window manager, activations come from its _NET_ACTIVE_WINDOW, read on
+// a second X connection that belongs to the main run loop; without one, from
+// the applications' own window activation events.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <set>
 
 #include "platform/linux/atspi_accessibility.h"
 #include "platform/linux/x11_connection.h"
+#include "platform/run_loop.h"
 #include "platform/workspace.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
 class LinuxWorkspace final : public Workspace {
  public:
-  explicit LinuxWorkspace(AtspiAccessibility& accessibility);
+  LinuxWorkspace(AtspiAccessibility& accessibility, RunLoop& mainLoop);
   ~LinuxWorkspace() override;
 
   std::vector<RunningApplication> runningApplications() override;
@@ -39,11 +44,19 @@ class LinuxWorkspace final : public Workspace {
  private:
   RunningApplication recordOf(const BusApplication& app);
   std::optional<std::int32_t> frontPid();
+  bool watchActiveWindow();
+  void activeWindowChanged();
+
+  struct ActiveWindowWatch;
+  using ActivationCallback = std::function<void(const RunningApplication&)>;
 
   AtspiAccessibility& ax_;
+  RunLoop& mainLoop_;
   std::mutex lock_;
   XConnection* x_ = nullptr;
   std::map<std::int32_t, std::set<XWindowId>> hidden_;  // windows this workspace hid, by process
+  std::vector<ActivationCallback> activationCallbacks_;
+  std::unique_ptr<ActiveWindowWatch> watch_;  // made once, under lock_; then used on the main run loop only
 };
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -172,9 +172,29 @@ std::optional<ClientWindow> focusedClient(XConnection* d) {
 }
 
 std::optional<ClientWindow> topWindowOf(XConnection* d, std::int32_t pid) {
-  auto windows = clientWindows(d);
-  for (auto it = windows.rbegin(); it != windows.rend(); ++it)
-    if (it->pid == pid && it->viewable) return *it;
+  // From the top of the stack down, describing only the window found: a key
+  // for a process looks it up on every press, and each request is a round trip.
+  std::function<std::optional<::Window>(::Window, int)> find = [&](::Window w, int depth) -> std::optional<::Window> {
+    if (auto owner = cardinals(d, w, "_NET_WM_PID", XA_CARDINAL); !owner.empty()) {
+      XWindowAttributes attributes;
+      if (static_cast<std::int32_t>(owner[0]) == pid && XGetWindowAttributes(d, w, &attributes) &&
+          attributes.map_state == IsViewable)
+        return w;
+      return std::nullopt;
+    }
+    if (depth == 0) return std::nullopt;
+    auto children = childrenOf(d, w);
+    for (auto it = children.rbegin(); it != children.rend(); ++it)
+      if (auto found = find(*it, depth - 1)) return found;
+    return std::nullopt;
+  };
+  auto top = childrenOf(d, DefaultRootWindow(d));
+  for (auto it = top.rbegin(); it != top.rend(); ++it) {
+    // A frame that is not viewable holds no viewable client.
+    XWindowAttributes attributes;
+    if (!XGetWindowAttributes(d, *it, &attributes) || attributes.map_state != IsViewable) continue;
+    if (auto found = find(*it, 2)) return describe(d, *found);
+  }
   return std::nullopt;
 }
 

@@ -240,6 +240,8 @@ bool X11Input::typeCodePoint(char32_t c) {
 // REQUIRES: lock_ held. Focuses the process's window without raising it;
 // nothing happens when it already has the focus.
 void X11Input::borrowFocus(std::int32_t pid) {
+  // The release of a key pressed for the same process keeps the window it went to.
+  if (borrowed_ && borrowed_->pid == pid) return;
   auto window = topWindowOf(x_, pid);
   if (!window) return;
   if (borrowed_ && borrowed_->target == window->window) return;
@@ -248,7 +250,7 @@ void X11Input::borrowFocus(std::int32_t pid) {
   int revert = RevertToParent;
   XGetInputFocus(x_, &focus, &revert);
   if (pidOfWindow(x_, focus) == pid) return;
-  borrowed_ = Borrowed{focus, revert, window->window};
+  borrowed_ = Borrowed{focus, revert, window->window, pid};
   XSetInputFocus(x_, window->window, RevertToParent, CurrentTime);
 }
 

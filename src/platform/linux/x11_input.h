@@ -38,6 +38,7 @@ class X11Input final : public Input {
     XWindowId previous = 0;
     int revertTo = 0;
     XWindowId target = 0;
+    std::int32_t pid = 0;
   };
 
   // REQUIRES: lock_ held.

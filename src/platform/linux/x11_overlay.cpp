@@ -1,0 +1,433 @@
+#include "platform/linux/x11_overlay.h"
+
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <X11/Xutil.h>
+#include <X11/extensions/Xfixes.h>
+#include <X11/extensions/shape.h>
+#include <glib-unix.h>
+// X.h names a query class CursorShape; ours is the enum of the seam.
+#undef CursorShape
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/linux/x11_connection.h"
+
+namespace glimmerstrand::platform::linux_desktop {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+// About sixty frames a second while anything moves.
+constexpr auto frameInterval = std::chrono::milliseconds(16);
+// Where the tip stands in a panel, as a share of its side: 20 points of 56.
+constexpr double tipShare = 20.0 / 56.0;
+// Without a compositor a pixel is either drawn or cut away: this much
+// coverage draws it. The ripple's faint fill is cut away; its ring stays.
+constexpr double shapedCoverage = 0.35;
+
+struct Point {
+  double x, y;
+};
+
+// The outlines of the cursor shapes, from the tip, in points of a 56-point
+// panel, y downwards.
+const std::vector<Point>& outlineOf(CursorShape shape) {
+  static const std::vector<Point> arrow{{0, 0},       {0, 18},     {4.6, 13.6}, {7.8, 20.6},
+                                        {10.8, 19.3}, {7.7, 12.4}, {13.6, 12.4}};
+  static const std::vector<Point> hand{{0, 0},   {3, 0},   {3, 7},  {6, 7},   {6, 8},   {9, 8},   {9, 9}, {12, 9},
+                                       {12, 17}, {10, 21}, {1, 21}, {-4, 13}, {-4, 10}, {-2, 10}, {0, 12}};
+  static const std::vector<Point> iBeam{{-6, 0}, {6, 0},   {6, 4},   {2, 4},   {2, 16}, {6, 16},
+                                        {6, 20}, {-6, 20}, {-6, 16}, {-2, 16}, {-2, 4}, {-6, 4}};
+  switch (shape) {
+    case CursorShape::pointingHand:
+      return hand;
+    case CursorShape::iBeam:
+      return iBeam;
+    case CursorShape::arrow:
+      break;
+  }
+  return arrow;
+}
+
+bool inside(const std::vector<Point>& polygon, Point p) {
+  bool in = false;
+  for (std::size_t i = 0, j = polygon.size() - 1; i < polygon.size(); j = i++) {
+    const Point a = polygon[i], b = polygon[j];
+    if ((a.y > p.y) != (b.y > p.y) && p.x < (b.x - a.x) * (p.y - a.y) / (b.y - a.y) + a.x) in = !in;
+  }
+  return in;
+}
+
+double distanceToEdge(const std::vector<Point>& polygon, Point p) {
+  double best = 1e9;
+  for (std::size_t i = 0, j = polygon.size() - 1; i < polygon.size(); j = i++) {
+    const Point a = polygon[j], b = polygon[i];
+    const double dx = b.x - a.x, dy = b.y - a.y;
+    const double length = dx * dx + dy * dy;
+    const double t = length > 0 ? std::clamp(((p.x - a.x) * dx + (p.y - a.y) * dy) / length, 0.0, 1.0) : 0;
+    best = std::min(best, std::hypot(p.x - (a.x + t * dx), p.y - (a.y + t * dy)));
+  }
+  return best;
+}
+
+struct Rgba {
+  double r = 0, g = 0, b = 0, a = 0;  // premultiplied
+};
+
+Rgba over(Rgba top, Rgba below) {
+  return {top.r + below.r * (1 - top.a), top.g + below.g * (1 - top.a), top.b + below.b * (1 - top.a),
+          top.a + below.a * (1 - top.a)};
+}
+
+Rgba tinted(std::uint32_t colour, double alpha) {
+  return {((colour >> 16) & 0xff) / 255.0 * alpha, ((colour >> 8) & 0xff) / 255.0 * alpha,
+          (colour & 0xff) / 255.0 * alpha, alpha};
+}
+
+/// The ripple as it stands: its radius in points and its opacity.
+struct Ripple {
+  double radius = 0;
+  double opacity = 0;
+};
+
+/// One panel's picture, `width` by `height` premultiplied pixels.
+std::vector<Rgba> draw(int width, int height, CursorShape shape, std::uint32_t colour, std::optional<Ripple> ripple) {
+  const double unit = width / 56.0;
+  const Point tip{width * tipShare, height * tipShare};
+  std::vector<Point> outline;
+  for (auto p : outlineOf(shape)) outline.push_back({tip.x + p.x * unit, tip.y + p.y * unit});
+  const double stroke = 0.75 * unit;
+  std::vector<Rgba> out(static_cast<std::size_t>(width) * height);
+  // Three by three samples a pixel, for smooth edges.
+  constexpr int samples = 3;
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      Rgba sum;
+      for (int sy = 0; sy < samples; ++sy)
+        for (int sx = 0; sx < samples; ++sx) {
+          const Point p{x + (sx + 0.5) / samples, y + (sy + 0.5) / samples};
+          Rgba here;
+          if (ripple && ripple->opacity > 0) {
+            const double d = std::hypot(p.x - tip.x, p.y - tip.y);
+            if (std::abs(d - ripple->radius) <= stroke)
+              here = tinted(colour, 0.7 * ripple->opacity);
+            else if (d < ripple->radius)
+              here = tinted(colour, 0.25 * ripple->opacity);
+          }
+          if (distanceToEdge(outline, p) <= stroke)
+            here = over(tinted(0xffffff, 1), here);
+          else if (inside(outline, p))
+            here = over(tinted(colour, 1), here);
+          sum = {sum.r + here.r, sum.g + here.g, sum.b + here.b, sum.a + here.a};
+        }
+      constexpr double n = samples * samples;
+      out[static_cast<std::size_t>(y) * width + x] = {sum.r / n, sum.g / n, sum.b / n, sum.a / n};
+    }
+  return out;
+}
+
+double easeOut(double t) { return 1 - (1 - t) * (1 - t); }
+
+/// A value that goes from one end to the other over a time.
+struct Tween {
+  double from = 0, to = 0;
+  SteadyClock::time_point start;
+  std::chrono::milliseconds duration{0};
+
+  double at(SteadyClock::time_point now) const {
+    if (duration.count() <= 0 || now >= start + duration) return to;
+    const double t = std::chrono::duration<double>(now - start) / duration;
+    return from + (to - from) * easeOut(std::clamp(t, 0.0, 1.0));
+  }
+  bool running(SteadyClock::time_point now) const { return duration.count() > 0 && now < start + duration; }
+};
+
+Tween tween(double from, double to, std::int64_t durationMs) {
+  return {from, to, SteadyClock::now(), std::chrono::milliseconds(std::max<std::int64_t>(durationMs, 0))};
+}
+
+struct Panel {
+  ::Window window = 0;
+  GC gc = nullptr;
+  int width = 0, height = 0;
+  CursorShape shape = CursorShape::arrow;
+  std::uint32_t colour = 0;
+  Tween x, y, alpha;
+  std::optional<Tween> ripple;  // the ripple's scale, while it runs
+  double rippleFrom = 0;
+  bool mapped = false;
+  // What the window shows now, so that a tick that changes nothing draws nothing.
+  int shownX = INT32_MIN, shownY = INT32_MIN;
+  double shownAlpha = -1, shownRipple = -1;
+};
+
+}  // namespace
+
+struct X11Overlay::State {
+  XConnection* x = nullptr;
+  bool argb = false;  // a compositor runs: translucent windows of 32 bits
+  Visual* visual = nullptr;
+  int depth = 0;
+  Colormap colormap = 0;
+  std::map<PanelId, Panel> panels;
+  PanelId last = 0;
+  bool ticking = false;
+  guint watch = 0;  // the source that reads the root's stacking changes
+
+  ~State() {
+    if (watch) g_source_remove(watch);
+    if (!x) return;
+    for (auto& [id, panel] : panels) destroy(panel);
+    if (argb) XFreeColormap(x, colormap);
+    closeX11(x);
+  }
+
+  // A window manager raises the window it focuses above everything, the
+  // cursor's panels too: they go back on top whenever another window is
+  // mapped or restacked.
+  void keepOnTop() {
+    bool restacked = false;
+    while (XPending(x)) {
+      XEvent event;
+      XNextEvent(x, &event);
+      const ::Window about = event.type == ConfigureNotify ? event.xconfigure.window
+                             : event.type == MapNotify     ? event.xmap.window
+                                                           : 0;
+      if (about && std::none_of(panels.begin(), panels.end(), [&](auto& p) { return p.second.window == about; }))
+        restacked = true;
+    }
+    if (!restacked) return;
+    for (auto& [id, panel] : panels)
+      if (panel.mapped) XRaiseWindow(x, panel.window);
+    XFlush(x);
+  }
+
+  void watchStacking() {
+    XSelectInput(x, DefaultRootWindow(x), SubstructureNotifyMask);
+    // The fd source belongs to the default main context, the main run loop's.
+    watch = g_unix_fd_add(
+        ConnectionNumber(x), G_IO_IN,
+        [](gint, GIOCondition, gpointer self) {
+          static_cast<State*>(self)->keepOnTop();
+          return gboolean(G_SOURCE_CONTINUE);
+        },
+        this);
+  }
+
+  void destroy(Panel& panel) {
+    XFreeGC(x, panel.gc);
+    XDestroyWindow(x, panel.window);
+    XFlush(x);
+  }
+
+  // A compositor owns the selection _NET_WM_CM_Sn of its screen.
+  bool compositing() {
+    const std::string name = "_NET_WM_CM_S" + std::to_string(DefaultScreen(x));
+    return XGetSelectionOwner(x, XInternAtom(x, name.c_str(), False)) != 0;
+  }
+
+  void chooseVisual() {
+    XVisualInfo info;
+    if (compositing() && XMatchVisualInfo(x, DefaultScreen(x), 32, TrueColor, &info)) {
+      argb = true;
+      visual = info.visual;
+      depth = 32;
+      colormap = XCreateColormap(x, DefaultRootWindow(x), visual, AllocNone);
+      return;
+    }
+    visual = DefaultVisual(x, DefaultScreen(x));
+    depth = DefaultDepth(x, DefaultScreen(x));
+  }
+
+  ::Window makeWindow(int width, int height) {
+    XSetWindowAttributes attributes{};
+    attributes.override_redirect = True;  // no manager frames, moves or focuses it
+    attributes.save_under = True;
+    unsigned long mask = CWOverrideRedirect | CWSaveUnder;
+    if (argb) {
+      attributes.colormap = colormap;
+      attributes.border_pixel = 0;
+      attributes.background_pixel = 0;
+      mask |= CWColormap | CWBorderPixel | CWBackPixel;
+    }
+    ::Window w = XCreateWindow(x, DefaultRootWindow(x), -width, -height, static_cast<unsigned>(width),
+                               static_cast<unsigned>(height), 0, depth, InputOutput, visual, mask, &attributes);
+    // Clicks fall through: the input shape is empty.
+    XserverRegion none = XFixesCreateRegion(x, nullptr, 0);
+    XFixesSetWindowShapeRegion(x, w, ShapeInput, 0, 0, none);
+    XFixesDestroyRegion(x, none);
+    XWMHints hints{};
+    hints.flags = InputHint;
+    hints.input = False;
+    XSetWMHints(x, w, &hints);
+    XStoreName(x, w, "glimmerstrand cursor");
+    return w;
+  }
+
+  void paint(Panel& panel, double alpha, std::optional<Ripple> ripple) {
+    auto picture = draw(panel.width, panel.height, panel.shape, panel.colour, ripple);
+    std::vector<std::uint32_t> pixels(picture.size());
+    std::vector<XRectangle> spans;  // what stays of the window when it is shaped
+    for (int row = 0; row < panel.height; ++row) {
+      int runStart = -1;
+      for (int col = 0; col <= panel.width; ++col) {
+        const bool covered =
+            col < panel.width && picture[static_cast<std::size_t>(row) * panel.width + col].a >= shapedCoverage;
+        if (covered && runStart < 0) runStart = col;
+        if (!covered && runStart >= 0) {
+          spans.push_back(
+              {static_cast<short>(runStart), static_cast<short>(row), static_cast<unsigned short>(col - runStart), 1});
+          runStart = -1;
+        }
+      }
+    }
+    for (std::size_t n = 0; n < picture.size(); ++n) {
+      Rgba p = picture[n];
+      // Shaped windows are opaque where they show: the colour without its coverage.
+      const double scale = argb ? alpha : (p.a > 0 ? 1 / p.a : 0);
+      auto channel = [&](double v) {
+        return static_cast<std::uint32_t>(std::lround(std::clamp(v * scale, 0.0, 1.0) * 255));
+      };
+      pixels[n] = (argb ? channel(p.a) << 24 : 0xff000000u) | channel(p.r) << 16 | channel(p.g) << 8 | channel(p.b);
+    }
+    XImage* image =
+        XCreateImage(x, visual, static_cast<unsigned>(depth), ZPixmap, 0, reinterpret_cast<char*>(pixels.data()),
+                     static_cast<unsigned>(panel.width), static_cast<unsigned>(panel.height), 32, panel.width * 4);
+    if (!argb)
+      XShapeCombineRectangles(x, panel.window, ShapeBounding, 0, 0, spans.data(), static_cast<int>(spans.size()),
+                              ShapeSet, Unsorted);
+    if (image) {
+      XPutImage(x, panel.window, panel.gc, image, 0, 0, 0, 0, static_cast<unsigned>(panel.width),
+                static_cast<unsigned>(panel.height));
+      image->data = nullptr;  // the vector owns the pixels
+      XDestroyImage(image);
+    }
+  }
+
+  /// Brings the window to what its tweens say now; true while any still runs.
+  bool show(Panel& panel, SteadyClock::time_point now) {
+    const int left = static_cast<int>(std::lround(panel.x.at(now)));
+    const int top = static_cast<int>(std::lround(panel.y.at(now)));
+    const double alpha = std::clamp(panel.alpha.at(now), 0.0, 1.0);
+    std::optional<Ripple> ripple;
+    double rippleScale = -1;
+    if (panel.ripple) {
+      rippleScale = panel.ripple->at(now);
+      const double progress = (rippleScale - panel.rippleFrom) / std::max(1e-9, panel.ripple->to - panel.rippleFrom);
+      // Without a compositor the ring cannot fade: it grows, then goes.
+      ripple = Ripple{rippleScale * panel.width * 16 / 56, argb ? 1 - progress : (progress < 1 ? 1 : 0)};
+    }
+    // Without translucency a panel is there or not.
+    const bool visible = argb ? alpha > 0 : alpha > 0.01;
+    if (left != panel.shownX || top != panel.shownY) XMoveWindow(x, panel.window, left, top);
+    const bool repaint =
+        rippleScale != panel.shownRipple || (argb && alpha != panel.shownAlpha) || (visible && !panel.mapped);
+    if (visible && !panel.mapped) {
+      XMapRaised(x, panel.window);
+      panel.mapped = true;
+    } else if (!visible && panel.mapped) {
+      XUnmapWindow(x, panel.window);
+      panel.mapped = false;
+    }
+    if (visible && repaint) paint(panel, alpha, ripple);
+    panel.shownX = left;
+    panel.shownY = top;
+    panel.shownAlpha = alpha;
+    panel.shownRipple = rippleScale;
+    const bool rippleRunning = panel.ripple && panel.ripple->running(now);
+    if (panel.ripple && !rippleRunning) panel.ripple.reset();
+    return panel.x.running(now) || panel.y.running(now) || panel.alpha.running(now) || rippleRunning;
+  }
+};
+
+X11Overlay::X11Overlay(RunLoop& mainLoop) : loop_(mainLoop), state_(std::make_shared<State>()) {
+  state_->x = openX11();
+  if (!state_->x) return;
+  state_->chooseVisual();
+  state_->watchStacking();
+}
+
+X11Overlay::~X11Overlay() = default;
+
+OverlayPainter::PanelId X11Overlay::createPanel(AxSize size, CursorShape shape, std::uint32_t colour) {
+  const PanelId id = ++state_->last;
+  if (!state_->x) return id;  // no display: a panel that shows nowhere
+  Panel panel;
+  panel.width = std::max(1, static_cast<int>(std::lround(size.width)));
+  panel.height = std::max(1, static_cast<int>(std::lround(size.height)));
+  panel.shape = shape;
+  panel.colour = colour;
+  panel.window = state_->makeWindow(panel.width, panel.height);
+  panel.gc = XCreateGC(state_->x, panel.window, 0, nullptr);
+  panel.x = tween(-panel.width, -panel.width, 0);
+  panel.y = tween(-panel.height, -panel.height, 0);
+  state_->panels.emplace(id, panel);
+  XFlush(state_->x);
+  return id;
+}
+
+void X11Overlay::move(PanelId id, AxPoint origin, std::int64_t durationMs) {
+  auto found = state_->panels.find(id);
+  if (found == state_->panels.end()) return;
+  auto& panel = found->second;
+  const auto now = SteadyClock::now();
+  panel.x = tween(panel.x.at(now), origin.x, durationMs);
+  panel.y = tween(panel.y.at(now), origin.y, durationMs);
+  // Windows raised since the last move may cover the cursor.
+  if (panel.mapped) XRaiseWindow(state_->x, panel.window);
+  animate();
+}
+
+void X11Overlay::close(PanelId id) {
+  auto found = state_->panels.find(id);
+  if (found == state_->panels.end()) return;
+  state_->destroy(found->second);
+  state_->panels.erase(found);
+}
+
+void X11Overlay::setAlpha(PanelId id, double alpha, std::int64_t durationMs) {
+  auto found = state_->panels.find(id);
+  if (found == state_->panels.end()) return;
+  auto& panel = found->second;
+  panel.alpha = tween(panel.alpha.at(SteadyClock::now()), std::clamp(alpha, 0.0, 1.0), durationMs);
+  animate();
+}
+
+void X11Overlay::pulse(PanelId id, double scale, std::int64_t durationMs) {
+  auto found = state_->panels.find(id);
+  if (found == state_->panels.end()) return;
+  found->second.rippleFrom = scale;
+  found->second.ripple = tween(scale, 1, std::max<std::int64_t>(durationMs, 1));
+  animate();
+}
+
+// Shows every panel as it stands now, and comes back a frame later while
+// anything still moves.
+void X11Overlay::animate() {
+  State& state = *state_;
+  if (!state.x) return;
+  bool running = false;
+  const auto now = SteadyClock::now();
+  for (auto& [id, panel] : state.panels) running = state.show(panel, now) || running;
+  // Events read in while drawing would not wake the loop: they are seen now.
+  state.keepOnTop();
+  if (!running || state.ticking) return;
+  state.ticking = true;
+  std::weak_ptr<State> weak = state_;
+  loop_.postAfter(frameInterval, [this, weak] {
+    auto alive = weak.lock();
+    if (!alive) return;
+    alive->ticking = false;
+    animate();
+  });
+}
+
+}  // namespace glimmerstrand::platform::linux_desktop
