@@ -3,6 +3,8 @@
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+#include <gio/gdesktopappinfo.h>
+#include <gio/gio.h>
 #include <glib-unix.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -16,6 +18,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -27,6 +30,9 @@ namespace {
 
 // How long a launched application has to show itself on the accessibility bus.
 constexpr auto launchLimit = std::chrono::seconds(15);
+// How long an opened URL's handler may take to start anew before a copy that
+// was already running is taken to have it.
+constexpr auto handOverWait = std::chrono::milliseconds(800);
 
 std::string executableOf(std::int32_t pid) {
   char path[PATH_MAX];
@@ -438,17 +444,69 @@ void LinuxWorkspace::launch(const LaunchRequest& request, OpenCompletion done) {
   }).detach();
 }
 
-void LinuxWorkspace::openURL(const std::string& url, bool, OpenCompletion done) {
+void LinuxWorkspace::openURL(const std::string& url, bool activates, OpenCompletion done) {
+  std::string program;
+  if (auto handler = applicationForURL(url))
+    for (const auto& entry : desktopEntries())
+      if (entry.path == *handler)
+        if (auto command = commandOf(entry.exec); !command.empty())
+          program = std::filesystem::path(command.front()).filename().string();
+  std::set<std::int32_t> before;
+  for (const auto& app : runningApplications())
+    if (!program.empty() && std::filesystem::path(app.bundlePath).filename() == program) before.insert(app.pid);
   if (!spawn({"xdg-open", url})) {
     done(OpenOutcome{std::nullopt, std::string("xdg-open を起動できませんでした")});
     return;
   }
-  done(OpenOutcome{});
+  if (program.empty()) {
+    done(OpenOutcome{});
+    return;
+  }
+  // The handler is a new process, or a running one that took the URL over:
+  // a new one is waited for a moment before the running one is named.
+  std::thread([this, program, before, activates, done = std::move(done)] {
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < launchLimit) {
+      std::optional<RunningApplication> known;
+      for (const auto& app : runningApplications()) {
+        if (std::filesystem::path(app.bundlePath).filename() != program) continue;
+        if (!before.count(app.pid) || std::chrono::steady_clock::now() - start > handOverWait) known = app;
+        if (known && !before.count(app.pid)) break;
+      }
+      if (known) {
+        if (activates) activate(known->pid);
+        done(OpenOutcome{known, std::nullopt});
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    done(OpenOutcome{});
+  }).detach();
 }
 
-// The desktop's default application is named by xdg-mime; finding it would
-// mean running a shell tool for every open. Left to openURL.
-std::optional<std::string> LinuxWorkspace::applicationForURL(const std::string&) { return std::nullopt; }
+// The desktop file of the default application, as the XDG MIME settings
+// name it: by the file's content type, or by the URL's scheme.
+std::optional<std::string> LinuxWorkspace::applicationForURL(const std::string& url) {
+  GAppInfo* info = nullptr;
+  if (url.rfind("file:", 0) == 0) {
+    GFile* file = g_file_new_for_uri(url.c_str());
+    if (GFileInfo* about =
+            g_file_query_info(file, G_FILE_ATTRIBUTE_STANDARD_CONTENT_TYPE, G_FILE_QUERY_INFO_NONE, nullptr, nullptr)) {
+      if (const char* type = g_file_info_get_content_type(about)) info = g_app_info_get_default_for_type(type, FALSE);
+      g_object_unref(about);
+    }
+    g_object_unref(file);
+  } else if (char* scheme = g_uri_parse_scheme(url.c_str())) {
+    info = g_app_info_get_default_for_uri_scheme(scheme);
+    g_free(scheme);
+  }
+  if (!info) return std::nullopt;
+  std::optional<std::string> path;
+  if (G_IS_DESKTOP_APP_INFO(info))
+    if (const char* file = g_desktop_app_info_get_filename(G_DESKTOP_APP_INFO(info))) path = file;
+  g_object_unref(info);
+  return path;
+}
 
 std::vector<InstalledApplication> LinuxWorkspace::installedApplications() {
   std::vector<InstalledApplication> out;
