@@ -199,7 +199,7 @@ export class World {
 
   /** Runs a program of the desktop (such as xwininfo) with the desktop's environment. */
   run(command, args) {
-    return spawnSync(command, args, { env: this.environment, encoding: 'utf8' });
+    return spawnSync(command, args, { env: this.environment, encoding: 'utf8', timeout: 20_000 });
   }
 
   async close() {

@@ -191,6 +191,17 @@ export const tasks = [
     },
   },
   {
+    name: 'screenshot-to-clipboard',
+    async run({ session, world }) {
+      const text = await session.do('gtk3-widget-factory', 'CALL ui.copy_screenshot()');
+      const size = /^ok copy_screenshot (\d+x\d+)px png$/m.exec(text)?.[1];
+      check(size, `no picture was copied:\n${text}`);
+      // Another application reads the clipboard as an image of that size.
+      const seen = world.run(path.join(world.repo, 'tests', 'tasks', 'clipboard_image.py'), []);
+      check(seen.stdout.trim() === size, `the clipboard holds ${seen.stdout.trim() || seen.stderr}, not a ${size} picture`);
+    },
+  },
+  {
     name: 'widget-factory-controls',
     async run({ session, connect, world }) {
       const found = await session.do(

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <unordered_map>
@@ -302,11 +303,12 @@ bool windowIsActive(GDBusConnection* connection, const ObjectRef& app, int timeo
   return std::any_of(tops.begin(), tops.end(), [](const auto& r) { return r.states.active(); });
 }
 
-// The element with the focused state in the application's active window
-// (in any of its windows where none is active, as without a window manager),
-// read one level at a time. Long lists are not entered: their rows take the
-// focus only with the list itself, which is found first.
-std::optional<ObjectRef> focusedBelow(GDBusConnection* connection, const ObjectRef& app, int timeoutMs) {
+// The first element, breadth first, in the application's active window (in
+// any of its windows where none is active, as without a window manager) that
+// `wanted` takes, read one level at a time. Long lists are not entered: what
+// is looked for here is never one of their rows.
+std::optional<ObjectRef> findInWindows(GDBusConnection* connection, const ObjectRef& app, int timeoutMs,
+                                       const std::function<bool(const ElementRecord&)>& wanted) {
   constexpr std::size_t budget = 3000;
   auto windows = readRecords(connection, {app}, childrenPart, timeoutMs).front().children;
   if (!windows) return std::nullopt;
@@ -323,7 +325,7 @@ std::optional<ObjectRef> focusedBelow(GDBusConnection* connection, const ObjectR
     for (std::size_t k = 0; k < records.size(); ++k) {
       const auto& r = records[k];
       if (r.error != AxError::success) continue;
-      if (r.states.focused()) return level[k];
+      if (wanted(r)) return level[k];
       if (r.children && r.children->size() <= longList) next.insert(next.end(), r.children->begin(), r.children->end());
     }
     level = std::move(next);
@@ -412,7 +414,7 @@ AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) 
         return AxValue(atspiElement(focused.bus, focused.path));
     }
     // The focus moved before we listened, or a toolkit didn't tell: look.
-    auto found = focusedBelow(s_->connection, ref, timeoutMs);
+    auto found = findInWindows(s_->connection, ref, timeoutMs, [](const auto& r) { return r.states.focused(); });
     if (!found) return AxError::noValue;
     {
       std::lock_guard guard(s_->lock);
@@ -420,7 +422,12 @@ AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) 
     }
     return AxValue(atspiElement(found->bus, found->path));
   }
-  if (name == "AXMenuBar") return AxError::attributeUnsupported;
+  if (name == "AXMenuBar") {
+    // Toolkits here keep the menu bar inside the window.
+    auto bar = findInWindows(s_->connection, ref, timeoutMs, [](const auto& r) { return isMenuBarRole(r.role); });
+    if (!bar) return AxError::noValue;
+    return AxValue(atspiElement(bar->bus, bar->path));
+  }
   auto values = copyMultiple(element, {std::string(name)});
   if (!values.ok()) return values.error;
   return std::move(values.value.front());

@@ -164,6 +164,7 @@ bool roleNeedsChildren(std::uint32_t role) { return role == ATSPI_ROLE_COMBO_BOX
 bool isMenuRole(std::uint32_t role) {
   return role == ATSPI_ROLE_MENU || role == ATSPI_ROLE_MENU_BAR || role == ATSPI_ROLE_POPUP_MENU;
 }
+bool isMenuBarRole(std::uint32_t role) { return role == ATSPI_ROLE_MENU_BAR; }
 bool isWindowRole(std::uint32_t role) {
   return role == ATSPI_ROLE_FRAME || role == ATSPI_ROLE_WINDOW || role == ATSPI_ROLE_DIALOG ||
          role == ATSPI_ROLE_ALERT || role == ATSPI_ROLE_FILE_CHOOSER;

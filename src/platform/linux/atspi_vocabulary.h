@@ -77,6 +77,7 @@ bool roleNeedsParent(std::uint32_t role);
 bool roleNeedsChildren(std::uint32_t role);
 /// Whether the AT-SPI role is a menu bar, a menu or a popup menu.
 bool isMenuRole(std::uint32_t role);
+bool isMenuBarRole(std::uint32_t role);
 bool isWindowRole(std::uint32_t role);
 bool isApplicationRole(std::uint32_t role);
 /// Roles whose value is the number of a Value interface rather than text.

@@ -251,5 +251,23 @@ TEST_F(LinuxDesktopTest, WindowMovesAndResizesComeFromTheXServer) {
   ax.removeObserver(*observer.value);
 }
 
+TEST_F(LinuxDesktopTest, TheMenuBarInsideTheWindowIsTheApplicationsMenu) {
+  auto client = lineClient();
+  auto rows = [&](const std::string& statement) {
+    auto reply = cypher(*client, "galculator", statement);
+    const JSONValue* results = reply.find("result") ? reply.find("result")->find("results") : nullptr;
+    return results ? core::jsonText(*results->asArray()->back().find("rows")) : core::jsonText(reply);
+  };
+  EXPECT_EQ(rows("MATCH (m:AppMenuBarItem) RETURN m.name"),
+            R"([{"m.name":"File"},{"m.name":"Edit"},{"m.name":"View"},{"m.name":"Calculator"},{"m.name":"Help"}])");
+  // Pressed without opening the menu; the mode's check mark follows.
+  const std::string checked = "MATCH (m:AppMenuItem) WHERE m.name ENDS WITH 'Mode' AND m.checked = true RETURN m.name";
+  for (const char* mode : {"Paper Mode", "Basic Mode"}) {
+    SCOPED_TRACE(mode);
+    EXPECT_EQ(rows("MATCH (m:AppMenuItem {name:'" + std::string(mode) + "'}) SET m.pressed = true; " + checked),
+              std::string(R"([{"m.name":")") + mode + R"("}])");
+  }
+}
+
 }  // namespace
 }  // namespace glimmerstrand::platform::linux_desktop
