@@ -269,5 +269,34 @@ TEST_F(LinuxDesktopTest, TheMenuBarInsideTheWindowIsTheApplicationsMenu) {
   }
 }
 
+// The procedures that act on one element or on the desktop, each on a real
+// application: the reply is ok and shows what the procedure is about.
+TEST_F(LinuxDesktopTest, ElementAndDesktopProceduresWorkOnARealApplication) {
+  auto client = lineClient();
+  const std::string field = onlyId(*client, "form_app.py", "MATCH (n:TextField)");
+  const std::string box = onlyId(*client, "form_app.py", "MATCH (n:CheckBox {name:'Subscribe'})");
+  const struct {
+    std::string statements;
+    std::string shows;
+  } cases[] = {
+      {"CALL ui.tree()", "Subscribe"},
+      {"CALL ui.inspect('" + box + "')", "AXPress"},
+      {"CALL ui.set_value('" + field + "', 'set by procedure'); CALL ui.read('" + field + "')", "set by procedure"},
+      {"CALL ui.focus('" + field + "'); MATCH (n:TextField) RETURN n.focused", R"("n.focused":true)"},
+      {"CALL ui.press('" + box + "'); MATCH (c:CheckBox {name:'Subscribe'}) RETURN c.value", R"("c.value":"1")"},
+      {"CALL ui.press('" + box + "'); MATCH (c:CheckBox {name:'Subscribe'}) RETURN c.value", R"("c.value":"0")"},
+      {"CALL ui.hover('" + box + "')", R"("ok":true)"},
+      {"CALL ui.windows()", "Form"},
+      {"CALL ui.set_clipboard('copied by procedure'); CALL ui.clipboard()", "copied by procedure"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.statements);
+    const std::string reply = core::jsonText(cypher(*client, "form_app.py", c.statements));
+    EXPECT_NE(reply.find(R"("ok":true)"), std::string::npos) << reply;
+    EXPECT_EQ(reply.find(R"("error")"), std::string::npos) << reply;
+    EXPECT_NE(reply.find(c.shows), std::string::npos) << reply;
+  }
+}
+
 }  // namespace
 }  // namespace glimmerstrand::platform::linux_desktop
