@@ -139,14 +139,19 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
       });
     }
   }
-  if ((parts & actionsPart) && (r.interfaces & actionInterface)) {
+  // A menu item's shortcut is the key binding of its action.
+  const bool wantsShortcut = (parts & contentPart) && isMenuItemRole(r.role);
+  if (((parts & actionsPart) || wantsShortcut) && (r.interfaces & actionInterface)) {
     round.add(method(ref, "org.a11y.atspi.Action", "GetActions"), [&r](const Reply& reply) {
       Variant v = replyChild(reply);
       if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("a(sss)"))) return;
       GVariantIter iter;
       g_variant_iter_init(&iter, v.get());
       const char *name, *description, *keys;
-      while (g_variant_iter_next(&iter, "(&s&s&s)", &name, &description, &keys)) r.actions.emplace_back(name);
+      while (g_variant_iter_next(&iter, "(&s&s&s)", &name, &description, &keys)) {
+        if (r.actions.empty()) r.keyBinding = keys;
+        r.actions.emplace_back(name);
+      }
     });
   }
   if ((parts & textPart) && (r.interfaces & textInterface)) {
@@ -387,6 +392,11 @@ AxValue attributeValue(const ElementRecord& r, std::string_view name, std::strin
   if (name == "AXFocused") return AxValue(r.states.focused());
   if (name == "AXSelected") return r.states.selectable() ? AxValue(r.states.selected()) : missing();
   if (name == "AXExpanded") return r.states.expandable() ? AxValue(r.states.expanded()) : missing();
+  if (name == "AXMenuItemCmdChar" || name == "AXMenuItemCmdModifiers") {
+    auto shortcut = shortcutOf(r.keyBinding);
+    if (!shortcut) return missing();
+    return name == "AXMenuItemCmdChar" ? AxValue(shortcut->key) : AxValue(double(shortcut->modifiers));
+  }
   if (name == "AXMenuItemMarkChar") return isCheckMenuItemRole(r.role) && r.states.checked() ? AxValue("✓") : missing();
   if (name == "AXURL") return r.uri.empty() ? missing() : AxValue(AxUrl{r.uri});
   if (name == "AXChildren") return childrenOf(r);

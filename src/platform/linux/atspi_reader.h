@@ -58,6 +58,7 @@ struct ElementRecord {
   std::optional<std::uint32_t> parentRole;
   bool editableChild = false;
   std::vector<std::string> actions;
+  std::string keyBinding;  // of the first action, as the toolkit writes it
   std::int32_t characterCount = -1;
   std::int32_t caret = -1;
   std::optional<std::pair<std::int32_t, std::int32_t>> selection;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <unordered_map>
 
 namespace glimmerstrand::platform::linux_desktop {
@@ -190,7 +191,63 @@ bool isStaticTextRole(std::uint32_t role) {
 bool isCheckMenuItemRole(std::uint32_t role) {
   return role == ATSPI_ROLE_CHECK_MENU_ITEM || role == ATSPI_ROLE_RADIO_MENU_ITEM;
 }
+bool isMenuItemRole(std::uint32_t role) {
+  return role == ATSPI_ROLE_MENU_ITEM || role == ATSPI_ROLE_CHECK_MENU_ITEM || role == ATSPI_ROLE_RADIO_MENU_ITEM;
+}
 bool isColumnHeaderRole(std::uint32_t role) { return role == ATSPI_ROLE_COLUMN_HEADER; }
+
+namespace {
+
+constexpr int shiftBit = 1, altBit = 2, noPrimaryBit = 8;
+
+// Modifier names of GTK's accelerators and Qt's key sequences, in one case.
+std::optional<int> modifierBit(std::string name) {
+  std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+  static const std::unordered_map<std::string, int> bits{{"primary", 0},   {"control", 0},      {"ctrl", 0},
+                                                         {"ctl", 0},       {"shift", shiftBit}, {"alt", altBit},
+                                                         {"mod1", altBit}, {"meta", altBit},    {"super", 0}};
+  auto it = bits.find(name);
+  if (it == bits.end()) return std::nullopt;
+  return it->second;
+}
+
+}  // namespace
+
+std::optional<Shortcut> shortcutOf(std::string_view keyBinding) {
+  std::string_view accelerator = keyBinding;
+  // GTK: the accelerator is the last of three parts.
+  if (auto semicolon = keyBinding.rfind(';'); semicolon != std::string_view::npos)
+    accelerator = keyBinding.substr(semicolon + 1);
+  if (accelerator.empty()) return std::nullopt;
+  int bits = noPrimaryBit;
+  std::string key;
+  auto take = [&](std::string_view name) {
+    auto bit = modifierBit(std::string(name));
+    if (!bit) return false;
+    if (*bit == 0) bits &= ~noPrimaryBit;
+    bits |= *bit;
+    return true;
+  };
+  if (accelerator.front() == '<') {
+    while (!accelerator.empty() && accelerator.front() == '<') {
+      auto close = accelerator.find('>');
+      if (close == std::string_view::npos) return std::nullopt;
+      take(accelerator.substr(1, close - 1));
+      accelerator.remove_prefix(close + 1);
+    }
+    key = accelerator;
+  } else {
+    // Qt: "Ctrl+Shift+S"; a lone "+" is the plus key.
+    std::size_t start = 0;
+    for (std::size_t plus; (plus = accelerator.find('+', start)) != std::string_view::npos && plus > start;
+         start = plus + 1)
+      if (!take(accelerator.substr(start, plus - start))) return std::nullopt;
+    key = accelerator.substr(start);
+  }
+  if (key.empty()) return std::nullopt;
+  if (key.size() == 1) key[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(key[0])));
+  return Shortcut{key, bits};
+}
 
 namespace {
 

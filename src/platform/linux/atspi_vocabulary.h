@@ -90,6 +90,20 @@ bool isTextEntryRole(std::uint32_t role);
 bool isStaticTextRole(std::uint32_t role);
 /// Menu items with a check mark.
 bool isCheckMenuItemRole(std::uint32_t role);
+bool isMenuItemRole(std::uint32_t role);
+
+/// A menu item's shortcut as the walk reads it: the key, and the modifier
+/// bits of a menu item (1 shift, 2 alt, 4 control, 8 without the primary
+/// modifier, which is Control here).
+struct Shortcut {
+  std::string key;
+  int modifiers = 0;
+  bool operator==(const Shortcut&) const = default;
+};
+/// From an action's key binding: GTK's "mnemonic;path;accelerator"
+/// ("q;<Alt>f:q;<Primary>q") or Qt's "Ctrl+Shift+S". Absent when it names
+/// no accelerator.
+std::optional<Shortcut> shortcutOf(std::string_view keyBinding);
 bool isColumnHeaderRole(std::uint32_t role);
 
 /// The AT-SPI action that serves an AX action ("AXPress" → the first of

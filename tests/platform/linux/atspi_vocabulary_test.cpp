@@ -75,5 +75,26 @@ TEST(AtspiVocabulary, EventsMapToNotificationsAndNeverToBounds) {
   EXPECT_TRUE(eventTypesFor("AXLoadComplete").empty());
 }
 
+TEST(AtspiVocabulary, MenuShortcutsComeFromTheActionsKeyBinding) {
+  const struct {
+    const char* binding;
+    std::optional<Shortcut> shortcut;
+  } cases[] = {
+      {"q;<Alt>f:q;<Primary>q", Shortcut{"Q", 0}},
+      {"s;<Alt>f:s;<Control><Shift>s", Shortcut{"S", 1}},
+      {";;<Alt>F4", Shortcut{"F4", 2 | 8}},
+      {"b;<Alt>v:b;", std::nullopt},  // a mnemonic but no accelerator
+      {"", std::nullopt},
+      {"Ctrl+Shift+S", Shortcut{"S", 1}},
+      {"Ctrl++", Shortcut{"+", 0}},
+      {"F1", Shortcut{"F1", 8}},
+      {"Hyper+X", std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.binding);
+    EXPECT_EQ(shortcutOf(c.binding), c.shortcut);
+  }
+}
+
 }  // namespace
 }  // namespace glimmerstrand::platform::linux_desktop
