@@ -100,13 +100,15 @@ struct AtspiAccessibility::State {
   std::set<std::string> registeredEvents;                  // event types told to the registry
   std::vector<std::function<void(std::int32_t)>> activationCallbacks;
   std::vector<std::weak_ptr<AtspiObserver>> observers;  // every observer made, for window geometry
-  std::unique_ptr<WindowGeometryWatch> geometry;        // started by the first who asks for moves or resizes
+  RootWindowEvents* rootEvents = nullptr;               // the X server's root window; null without one
+  std::unique_ptr<WindowGeometryWatch> geometry;        // made by the first who asks for moves or resizes
   guint activationSubscription = 0;
   guint focusSubscription = 0;
   std::chrono::steady_clock::time_point trustCheckedAt{};
   bool trusted = false;
 
-  State(AtspiBus& b, RunLoop& loop) : bus(b), mainLoop(loop), connection(b.connection()) {}
+  State(AtspiBus& b, RunLoop& loop, RootWindowEvents* root)
+      : bus(b), mainLoop(loop), connection(b.connection()), rootEvents(root) {}
 
   int timeoutOf(const Element& element) {
     auto* e = element.as<AtspiElement>();
@@ -227,7 +229,8 @@ void onEvent(GDBusConnection*, const gchar* sender, const gchar* path, const gch
 
 }  // namespace
 
-AtspiAccessibility::AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop) : s_(std::make_unique<State>(bus, mainLoop)) {
+AtspiAccessibility::AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop, RootWindowEvents* rootEvents)
+    : s_(std::make_unique<State>(bus, mainLoop, rootEvents)) {
   // AT-SPI cannot be asked which element has the focus: follow it.
   s_->registerEvents({"object:state-changed"});
   s_->focusSubscription = g_dbus_connection_signal_subscribe(
@@ -676,23 +679,19 @@ AxResult<std::shared_ptr<Observer>> AtspiAccessibility::createObserver(std::int3
 }
 
 void AtspiAccessibility::watchWindowGeometry() {
-  {
-    std::lock_guard guard(s_->lock);
-    if (s_->geometry) return;
-  }
-  auto watch = WindowGeometryWatch::start([s = s_.get()](std::int32_t pid, WindowGeometryWatch::Change change) {
-    const std::string name = change == WindowGeometryWatch::Change::moved ? "AXMoved" : "AXResized";
-    std::vector<std::shared_ptr<AtspiObserver>> targets;
-    {
-      std::lock_guard guard(s->lock);
-      for (const auto& weak : s->observers)
-        if (auto observer = weak.lock(); observer && observer->pid() == pid) targets.push_back(std::move(observer));
-    }
-    for (auto& observer : targets)
-      s->mainLoop.post([observer, name] { observer->deliver(atspiElement(observer->bus(), rootPath), name); });
-  });
   std::lock_guard guard(s_->lock);
-  if (!s_->geometry) s_->geometry = std::move(watch);
+  if (s_->geometry || !s_->rootEvents) return;
+  s_->geometry = std::make_unique<WindowGeometryWatch>(
+      *s_->rootEvents, s_->mainLoop, [s = s_.get()](std::int32_t pid, WindowGeometryWatch::Change change) {
+        const std::string name = change == WindowGeometryWatch::Change::moved ? "AXMoved" : "AXResized";
+        std::vector<std::shared_ptr<AtspiObserver>> targets;
+        {
+          std::lock_guard guard(s->lock);
+          for (const auto& weak : s->observers)
+            if (auto observer = weak.lock(); observer && observer->pid() == pid) targets.push_back(std::move(observer));
+        }
+        for (auto& observer : targets) observer->deliver(atspiElement(observer->bus(), rootPath), name);
+      });
 }
 
 AxError AtspiAccessibility::addNotification(Observer& observer, const Element& element, std::string_view notification) {

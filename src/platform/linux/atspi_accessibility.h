@@ -13,6 +13,8 @@
 
 namespace glimmerstrand::platform::linux_desktop {
 
+class RootWindowEvents;
+
 /// The applications on the accessibility bus, as the registry lists them.
 struct BusApplication {
   std::string bus;
@@ -23,7 +25,8 @@ struct BusApplication {
 class AtspiAccessibility final : public Accessibility {
  public:
   /// `bus` and `mainLoop` outlive this object.
-  AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop);
+  /// `rootEvents`, when there is an X server, tells window moves and resizes.
+  AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop, RootWindowEvents* rootEvents = nullptr);
   ~AtspiAccessibility() override;
 
   bool isTrusted() override;

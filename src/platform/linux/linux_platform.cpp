@@ -11,6 +11,7 @@
 #include "platform/linux/x11_input.h"
 #include "platform/linux/x11_overlay.h"
 #include "platform/linux/x11_pasteboard.h"
+#include "platform/linux/x11_root_events.h"
 #include "platform/linux/x11_screen.h"
 
 namespace glimmerstrand::platform::linux_desktop {
@@ -20,7 +21,11 @@ namespace {
 class LinuxPlatform final : public Platform {
  public:
   explicit LinuxPlatform(AtspiBus bus)
-      : bus_(std::move(bus)), accessibility_(bus_, loop_), workspace_(accessibility_, loop_), overlay_(loop_) {
+      : bus_(std::move(bus)),
+        rootEvents_(RootWindowEvents::open()),
+        accessibility_(bus_, loop_, rootEvents_.get()),
+        workspace_(accessibility_, loop_, rootEvents_.get()),
+        overlay_(loop_) {
     // Toolkits that build their trees only on request (Qt) are asked to.
     if (!bus_.isEnabled()) bus_.enable();
   }
@@ -39,6 +44,7 @@ class LinuxPlatform final : public Platform {
  private:
   GlibRunLoop loop_;
   AtspiBus bus_;
+  std::unique_ptr<RootWindowEvents> rootEvents_;  // null without an X server
   AtspiAccessibility accessibility_;
   LinuxWorkspace workspace_;
   X11Input input_;

@@ -186,25 +186,10 @@ void sendMessage(::Display* d, ::Window to, ::Window about, const char* type, st
 
 /// The root window's _NET_ACTIVE_WINDOW, watched on a connection of its
 /// own whose events are read on the main run loop.
-struct LinuxWorkspace::ActiveWindowWatch {
-  XConnection* x = nullptr;
-  guint source = 0;
-  std::optional<std::int32_t> lastPid;  // the last process reported, so that each activation is told once
-  Atom property = 0;
+LinuxWorkspace::LinuxWorkspace(AtspiAccessibility& accessibility, RunLoop& mainLoop, RootWindowEvents* rootEvents)
+    : ax_(accessibility), mainLoop_(mainLoop), x_(openX11()), rootEvents_(rootEvents) {}
 
-  ~ActiveWindowWatch() {
-    if (source) g_source_remove(source);
-    closeX11(x);
-  }
-};
-
-LinuxWorkspace::LinuxWorkspace(AtspiAccessibility& accessibility, RunLoop& mainLoop)
-    : ax_(accessibility), mainLoop_(mainLoop), x_(openX11()) {}
-
-LinuxWorkspace::~LinuxWorkspace() {
-  watch_.reset();
-  closeX11(x_);
-}
+LinuxWorkspace::~LinuxWorkspace() { closeX11(x_); }
 
 RunningApplication LinuxWorkspace::recordOf(const BusApplication& app) {
   RunningApplication r;
@@ -264,49 +249,28 @@ void LinuxWorkspace::observeActivation(std::function<void(const RunningApplicati
 // tells each once.
 bool LinuxWorkspace::watchActiveWindow() {
   std::lock_guard guard(lock_);
-  if (watch_) return true;
-  if (!x_ || !hasWindowManager(x_)) return false;
-  auto watch = std::make_unique<ActiveWindowWatch>();
-  watch->x = openX11();
-  if (!watch->x) return false;
-  watch->property = XInternAtom(watch->x, "_NET_ACTIVE_WINDOW", False);
-  XSelectInput(watch->x, DefaultRootWindow(watch->x), PropertyChangeMask);
-  XSync(watch->x, False);
-  if (auto active = activeWindow(watch->x)) watch->lastPid = pidOfWindow(watch->x, *active);
-  // The fd source belongs to the default main context, which is the main run loop's.
-  watch->source = g_unix_fd_add(
-      ConnectionNumber(watch->x), G_IO_IN,
-      [](gint, GIOCondition, gpointer self) {
-        static_cast<LinuxWorkspace*>(self)->activeWindowChanged();
-        return gboolean(G_SOURCE_CONTINUE);
-      },
-      this);
-  watch_ = std::move(watch);
-  // Events read into Xlib's queue during the set-up would not wake the fd.
-  mainLoop_.post([this] { activeWindowChanged(); });
+  if (watching_) return true;
+  if (!x_ || !rootEvents_ || !hasWindowManager(x_)) return false;
+  activeWindowAtom_ = XInternAtom(x_, "_NET_ACTIVE_WINDOW", False);
+  rootEvents_->listen([this](const RootEvent& event) {
+    if (event.kind == RootEvent::Kind::property && event.atom == activeWindowAtom_) activeWindowChanged();
+  });
+  // The process in front now is no news.
+  mainLoop_.post([this] {
+    auto active = activeWindow(rootEvents_->connection());
+    if (active) lastActivePid_ = pidOfWindow(rootEvents_->connection(), *active);
+  });
+  watching_ = true;
   return true;
 }
 
-// On the main run loop: reads what the window manager said, and tells the
-// callbacks when another process has come to the front.
+// On the main run loop: tells the callbacks when another process has come
+// to the front.
 void LinuxWorkspace::activeWindowChanged() {
-  ActiveWindowWatch& watch = *watch_;
-  // The round trips below may read later events into Xlib's queue, where
-  // they no longer wake the loop: the queue is read again until it is empty.
-  std::optional<std::int32_t> pid;
-  for (bool changed = true; changed;) {
-    changed = false;
-    while (XPending(watch.x)) {
-      XEvent event;
-      XNextEvent(watch.x, &event);
-      changed = changed || (event.type == PropertyNotify && event.xproperty.atom == watch.property);
-    }
-    if (!changed) break;
-    auto active = activeWindow(watch.x);
-    pid = active ? pidOfWindow(watch.x, *active) : std::nullopt;
-  }
-  if (!pid || pid == watch.lastPid) return;
-  watch.lastPid = pid;
+  auto active = activeWindow(rootEvents_->connection());
+  auto pid = active ? pidOfWindow(rootEvents_->connection(), *active) : std::nullopt;
+  if (!pid || pid == lastActivePid_) return;
+  lastActivePid_ = pid;
   auto app = application(*pid);
   if (!app) return;
   std::vector<ActivationCallback> callbacks;

@@ -5,9 +5,9 @@
 // `.desktop` entries. Callable from any thread: one mutex guards the X
 // connection, the windows this workspace hid and the activation callbacks;
 // it is never held across a call on the accessibility bus or into a callback.
-// With a window manager, activations come from its _NET_ACTIVE_WINDOW, read on
-// a second X connection that belongs to the main run loop; without one, from
-// the applications' own window activation events.
+// With a window manager, activations come from its _NET_ACTIVE_WINDOW, read
+// from the root window's events on the main run loop; without one, from the
+// applications' own window activation events.
 #pragma once
 
 #include <memory>
@@ -16,6 +16,7 @@
 
 #include "platform/linux/atspi_accessibility.h"
 #include "platform/linux/x11_connection.h"
+#include "platform/linux/x11_root_events.h"
 #include "platform/run_loop.h"
 #include "platform/workspace.h"
 
@@ -23,7 +24,7 @@ namespace glimmerstrand::platform::linux_desktop {
 
 class LinuxWorkspace final : public Workspace {
  public:
-  LinuxWorkspace(AtspiAccessibility& accessibility, RunLoop& mainLoop);
+  LinuxWorkspace(AtspiAccessibility& accessibility, RunLoop& mainLoop, RootWindowEvents* rootEvents);
   ~LinuxWorkspace() override;
 
   std::vector<RunningApplication> runningApplications() override;
@@ -46,8 +47,6 @@ class LinuxWorkspace final : public Workspace {
   std::optional<std::int32_t> frontPid();
   bool watchActiveWindow();
   void activeWindowChanged();
-
-  struct ActiveWindowWatch;
   using ActivationCallback = std::function<void(const RunningApplication&)>;
 
   AtspiAccessibility& ax_;
@@ -56,7 +55,10 @@ class LinuxWorkspace final : public Workspace {
   XConnection* x_ = nullptr;
   std::map<std::int32_t, std::set<XWindowId>> hidden_;  // windows this workspace hid, by process
   std::vector<ActivationCallback> activationCallbacks_;
-  std::unique_ptr<ActiveWindowWatch> watch_;  // made once, under lock_; then used on the main run loop only
+  RootWindowEvents* rootEvents_;               // null without an X server
+  bool watching_ = false;                      // set once, under lock_
+  unsigned long activeWindowAtom_ = 0;         // set with watching_
+  std::optional<std::int32_t> lastActivePid_;  // main run loop only: each activation is told once
 };
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -7,27 +7,24 @@
 #include <functional>
 #include <memory>
 
+#include "platform/linux/x11_root_events.h"
+#include "platform/run_loop.h"
+
 namespace glimmerstrand::platform::linux_desktop {
 
 class WindowGeometryWatch {
  public:
   enum class Change { moved, resized };
-  /// Called on the watch's own thread, never with a lock of the watch held.
+  /// Called on the main run loop.
   using Callback = std::function<void(std::int32_t pid, Change change)>;
 
-  /// Starts watching on a thread and an X connection of its own; null when
-  /// no X server answers.
-  static std::unique_ptr<WindowGeometryWatch> start(Callback callback);
-  /// Stops the thread and closes its connection.
-  ~WindowGeometryWatch();
-  WindowGeometryWatch(const WindowGeometryWatch&) = delete;
-  WindowGeometryWatch& operator=(const WindowGeometryWatch&) = delete;
+  /// Listens to the root window's events from now on.
+  WindowGeometryWatch(RootWindowEvents& events, RunLoop& mainLoop, Callback callback);
 
   struct State;
 
  private:
-  explicit WindowGeometryWatch(std::unique_ptr<State> state);
-  std::unique_ptr<State> s_;
+  std::shared_ptr<State> s_;  // shared with the listener, which outlives no platform
 };
 
 }  // namespace glimmerstrand::platform::linux_desktop
