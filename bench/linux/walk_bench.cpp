@@ -160,20 +160,10 @@ void registerAll() {
 
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
-  // Settings of the bench's own: a session the user's editor left behind
-  // would open a dialog in place of its window.
-  const auto settings = std::filesystem::temp_directory_path() / ("walk-bench-home-" + std::to_string(::getpid()));
-  for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"}) {
-    std::filesystem::create_directories(settings / name);
-    ::setenv(name, (settings / name).c_str(), 1);
-  }
-  {
-    Desktop here;
-    desktop = &here;
-    registerAll();
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    desktop = nullptr;
-  }
-  std::filesystem::remove_all(settings);
+  Desktop here;
+  desktop = &here;
+  registerAll();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  desktop = nullptr;
 }

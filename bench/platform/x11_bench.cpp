@@ -20,12 +20,11 @@ namespace {
 using glimmerstrand::platform::Platform;
 
 struct Bench {
-  glimmerstrand::testing::X11Desktop desktop{"bench", true, {"galculator", "mousepad"}};
+  glimmerstrand::testing::TestDesktop desktop{{"galculator", "mousepad"}, true};
   std::unique_ptr<Platform> platform;
   std::int32_t calculator = 0, editor = 0;
 
   Bench() {
-    if (!desktop.ok()) throw std::runtime_error("the desktop did not start; see " + desktop.dir());
     std::string problem;
     platform = glimmerstrand::platform::linux_desktop::makeLinuxPlatform(problem);
     if (!platform) throw std::runtime_error(problem);

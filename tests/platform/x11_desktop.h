@@ -1,87 +1,39 @@
-// A headless desktop for the tests of the X11 devices: started once for a
-// test suite through scripts/desktop.sh, in a folder of its own, and stopped
-// by the pids that script recorded. Also reads what applications show through
-// the platform's accessibility, polling until a condition holds.
+// What the tests of the X11 devices share: their desktop (the one of
+// test_desktop.h, started once a suite), polling until a condition holds,
+// plain windows of one colour, and reading pixels.
 #pragma once
 
+#include <unistd.h>
+
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
+#include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <cctype>
-
 #include "platform/linux/linux_platform.h"
+#include "platform/linux/test_desktop.h"
+#include "platform/screen.h"
+
+// Last: its macros (None, Bool, Status) clash with names in the headers above.
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
 
 namespace glimmerstrand::testing {
 
-class X11Desktop {
- public:
-  /// Starts Xvfb, the buses, openbox when `wm`, and `apps`; exports what the
-  /// script prints into this process's environment.
-  X11Desktop(const std::string& name, bool wm, const std::vector<std::string>& apps)
-      : dir_("/tmp/glimmerstrand-test-" + name + "-" + std::to_string(::getpid())) {
-    // Settings and saved sessions of its own: an editor that finds the state of
-    // one stopped by an earlier desktop asks to restore it.
-    for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
-      std::string folder = dir_ + "/home/" + name;
-      std::filesystem::create_directories(folder);
-      ::setenv(name, folder.c_str(), 1);
-    }
-    std::string command =
-        "GLIMMERSTRAND_DESKTOP_DIR=" + dir_ + " " GLIMMERSTRAND_SOURCE_DIR "/scripts/desktop.sh start";
-    if (wm) command += " --wm";
-    for (const auto& app : apps) command += " " + app;
-    FILE* out = ::popen(command.c_str(), "r");
-    if (!out) return;
-    char line[4096];
-    std::string text;
-    while (std::fgets(line, sizeof line, out)) text += line;
-    ok_ = ::pclose(out) == 0;
-    std::istringstream lines(text);
-    for (std::string l; std::getline(lines, l);) exportLine(l);
+/// The suite's desktop, or null with the reason in `problem`, so that each
+/// test can say why it cannot run.
+inline TestDesktop* startDesktop(const std::vector<std::string>& apps, std::string& problem) {
+  try {
+    return new TestDesktop(apps, true);
+  } catch (const std::exception& e) {
+    problem = e.what();
+    return nullptr;
   }
-  ~X11Desktop() {
-    std::string command =
-        "GLIMMERSTRAND_DESKTOP_DIR=" + dir_ + " " GLIMMERSTRAND_SOURCE_DIR "/scripts/desktop.sh stop 2>/dev/null";
-    [[maybe_unused]] int status = std::system(command.c_str());
-  }
-  bool ok() const { return ok_; }
-  const std::string& dir() const { return dir_; }
-  /// The pid the script recorded for an application, by its executable's name.
-  std::int32_t pid(const std::string& app) const {
-    std::string key = "GLIMMERSTRAND_PID_" + app;
-    for (auto& c : key)
-      if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-    const char* value = std::getenv(key.c_str());
-    return value ? std::atoi(value) : 0;
-  }
-
- private:
-  // export NAME='value' [NAME=value ...]
-  static void exportLine(const std::string& line) {
-    if (line.rfind("export ", 0) != 0) return;
-    std::istringstream words(line.substr(7));
-    for (std::string word; words >> word;) {
-      auto eq = word.find('=');
-      if (eq == std::string::npos) continue;
-      std::string value = word.substr(eq + 1);
-      if (value.size() >= 2 && value.front() == '\'' && value.back() == '\'') value = value.substr(1, value.size() - 2);
-      ::setenv(word.substr(0, eq).c_str(), value.c_str(), 1);
-    }
-  }
-
-  std::string dir_;
-  bool ok_ = false;
-};
+}
 
 /// Polls `condition` every 20 ms until it holds or `limit` passes.
 inline bool eventually(const std::function<bool()>& condition,
@@ -92,6 +44,49 @@ inline bool eventually(const std::function<bool()>& condition,
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return condition();
+}
+
+/// A plain window of one colour on a connection of its own, drawn by the
+/// server itself, named as this process's when asked, and noting the clicks
+/// it receives.
+class ColourWindow {
+ public:
+  ColourWindow(int left, int top, unsigned long rgb, bool named) : x_(XOpenDisplay(nullptr)) {
+    XSetWindowAttributes attributes{};
+    attributes.background_pixel = rgb;
+    attributes.override_redirect = True;  // where it is put, whatever the window manager thinks
+    attributes.event_mask = ButtonPressMask;
+    window_ = XCreateWindow(x_, DefaultRootWindow(x_), left, top, 200, 150, 0, CopyFromParent, InputOutput,
+                            CopyFromParent, CWBackPixel | CWOverrideRedirect | CWEventMask, &attributes);
+    if (named) {
+      unsigned long pid = static_cast<unsigned long>(::getpid());
+      XChangeProperty(x_, window_, XInternAtom(x_, "_NET_WM_PID", False), XA_CARDINAL, 32, PropModeReplace,
+                      reinterpret_cast<unsigned char*>(&pid), 1);
+    }
+    XMapRaised(x_, window_);
+    XSync(x_, False);
+  }
+  ~ColourWindow() {
+    XDestroyWindow(x_, window_);
+    XCloseDisplay(x_);
+  }
+  ColourWindow(const ColourWindow&) = delete;
+  ColourWindow& operator=(const ColourWindow&) = delete;
+
+  bool clicked() {
+    XEvent event;
+    return XCheckWindowEvent(x_, window_, ButtonPressMask, &event);
+  }
+
+ private:
+  ::Display* x_;
+  ::Window window_;
+};
+
+/// The colour of one pixel as 0xRRGGBB.
+inline std::uint32_t pixelAt(const platform::Pixels& p, std::int64_t x, std::int64_t y) {
+  const auto* px = &p.rgba[static_cast<std::size_t>((y * p.width + x) * 4)];
+  return (std::uint32_t{px[0]} << 16) | (std::uint32_t{px[1]} << 8) | px[2];
 }
 
 }  // namespace glimmerstrand::testing

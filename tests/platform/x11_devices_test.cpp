@@ -2,6 +2,7 @@
 // applications: keys and typing reach the application they are meant for,
 // also behind another one, and what they did is read back through the
 // accessibility tree.
+#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <filesystem>
@@ -28,9 +29,9 @@ using platform::Platform;
 class X11DevicesTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    desktop_ = new X11Desktop("devices", true, {"galculator", "mousepad"});
+    desktop_ = startDesktop({"galculator", "mousepad"}, problem_);
     std::string problem;
-    if (desktop_->ok()) platform_ = platform::linux_desktop::makeLinuxPlatform(problem).release();
+    if (desktop_) platform_ = platform::linux_desktop::makeLinuxPlatform(problem).release();
   }
   static void TearDownTestSuite() {
     delete platform_;
@@ -39,7 +40,7 @@ class X11DevicesTest : public ::testing::Test {
     desktop_ = nullptr;
   }
   void SetUp() override {
-    ASSERT_TRUE(desktop_->ok()) << "the desktop did not start; see " << desktop_->dir();
+    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
     ASSERT_NE(platform_, nullptr);
   }
 
@@ -140,11 +141,13 @@ class X11DevicesTest : public ::testing::Test {
     return pid;
   }
 
-  static X11Desktop* desktop_;
+  static TestDesktop* desktop_;
+  static std::string problem_;
   static Platform* platform_;
 };
 
-X11Desktop* X11DevicesTest::desktop_ = nullptr;
+TestDesktop* X11DevicesTest::desktop_ = nullptr;
+std::string X11DevicesTest::problem_;
 Platform* X11DevicesTest::platform_ = nullptr;
 
 TEST_F(X11DevicesTest, KeyTableNamesEveryKeyAndModifier) {
@@ -226,39 +229,6 @@ TEST_F(X11DevicesTest, PointerGoesWhereItIsSentAndWarps) {
   }));
 }
 
-/// A plain window of one colour, drawn by the server itself, naming this
-/// process as its owner when asked.
-class ColourWindow {
- public:
-  ColourWindow(::Display* x, int left, int top, unsigned long rgb, bool named) : x_(x) {
-    XSetWindowAttributes attributes{};
-    attributes.background_pixel = rgb;
-    attributes.override_redirect = True;  // where it is put, whatever the window manager thinks
-    window_ = XCreateWindow(x, DefaultRootWindow(x), left, top, 200, 150, 0, CopyFromParent, InputOutput,
-                            CopyFromParent, CWBackPixel | CWOverrideRedirect, &attributes);
-    if (named) {
-      unsigned long pid = static_cast<unsigned long>(::getpid());
-      XChangeProperty(x, window_, XInternAtom(x, "_NET_WM_PID", False), XA_CARDINAL, 32, PropModeReplace,
-                      reinterpret_cast<unsigned char*>(&pid), 1);
-    }
-    XMapRaised(x, window_);
-    XSync(x, False);
-  }
-  ~ColourWindow() {
-    XDestroyWindow(x_, window_);
-    XSync(x_, False);
-  }
-
- private:
-  ::Display* x_;
-  ::Window window_;
-};
-
-std::uint32_t pixelAt(const platform::Pixels& p, std::int64_t x, std::int64_t y) {
-  const auto* px = &p.rgba[static_cast<std::size_t>((y * p.width + x) * 4)];
-  return (std::uint32_t{px[0]} << 16) | (std::uint32_t{px[1]} << 8) | px[2];
-}
-
 TEST_F(X11DevicesTest, DisplaysComeFromTheServer) {
   auto displays = platform().screen().displays();
   ASSERT_EQ(displays.size(), 1u);
@@ -268,11 +238,9 @@ TEST_F(X11DevicesTest, DisplaysComeFromTheServer) {
 }
 
 TEST_F(X11DevicesTest, CaptureShowsTheTopWindowOrOneProcessAloneUnderAnother) {
-  auto* x = XOpenDisplay(nullptr);
-  ASSERT_NE(x, nullptr);
   {
-    ColourWindow own(x, 300, 200, 0xff0000, true);
-    ColourWindow cover(x, 350, 250, 0x00ff00, false);
+    ColourWindow own(300, 200, 0xff0000, true);
+    ColourWindow cover(350, 250, 0x00ff00, false);
     auto& screen = platform().screen();
     // The region starts on the own window's uncovered corner and runs under the cover.
     const platform::AxRect region{300, 200, 100, 100};
@@ -294,7 +262,6 @@ TEST_F(X11DevicesTest, CaptureShowsTheTopWindowOrOneProcessAloneUnderAnother) {
     EXPECT_EQ(doubled->width, 200);
     EXPECT_EQ(pixelAt(*doubled, 190, 190), 0x00ff00u);
   }
-  XCloseDisplay(x);
 }
 
 TEST_F(X11DevicesTest, ActivationMovesTheFrontAndBack) {
@@ -311,7 +278,7 @@ TEST_F(X11DevicesTest, ActivationMovesTheFrontAndBack) {
 }
 
 TEST_F(X11DevicesTest, AnApplicationFoundByItsJapaneseNameLaunchesAndQuitsPolitely) {
-  const std::string folder = desktop_->dir() + "/data";
+  const std::string folder = desktop_->folder() + "/data";
   std::filesystem::create_directories(folder + "/applications");
   {
     std::ofstream entry(folder + "/applications/glimmer-test-calculator.desktop");

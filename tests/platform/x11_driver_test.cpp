@@ -24,15 +24,13 @@ using core::JSONValue;
 
 class X11DriverTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    desktop_ = new X11Desktop("driver", true, {"galculator", "mousepad", "gtk3-widget-factory"});
-  }
+  static void SetUpTestSuite() { desktop_ = startDesktop({"galculator", "mousepad", "gtk3-widget-factory"}, problem_); }
   static void TearDownTestSuite() {
     delete desktop_;
     desktop_ = nullptr;
   }
   void SetUp() override {
-    ASSERT_TRUE(desktop_->ok()) << "the desktop did not start; see " << desktop_->dir();
+    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
     client_ = std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY,
                                            std::map<std::string, std::string>{{"GLIMMERSTRAND_PLATFORM", "linux"}});
   }
@@ -69,11 +67,13 @@ class X11DriverTest : public ::testing::Test {
     return "";
   }
 
-  static X11Desktop* desktop_;
+  static TestDesktop* desktop_;
+  static std::string problem_;
   std::unique_ptr<LineClient> client_;
 };
 
-X11Desktop* X11DriverTest::desktop_ = nullptr;
+TestDesktop* X11DriverTest::desktop_ = nullptr;
+std::string X11DriverTest::problem_;
 
 /// The colour of one pixel of the screen as 0xRRGGBB.
 unsigned long screenColourAt(int x, int y) {

@@ -3,6 +3,7 @@
 // screensaver flips the lock both ways; a cursor panel shows where it was
 // moved without taking the focus or the clicks; activating an application
 // tells the observers once, with its pid.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -35,11 +36,12 @@ using platform::Platform;
 class X11ServicesTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    desktop_ = new X11Desktop("services", true, {"galculator", "mousepad"});
+    desktop_ = startDesktop({"galculator", "mousepad"}, problem_);
     // No system bus: only the session's screensaver can answer, whatever the machine runs.
-    ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + desktop_->dir() + "/no-system-bus").c_str(), 1);
+    if (desktop_)
+      ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + desktop_->folder() + "/no-system-bus").c_str(), 1);
     std::string problem;
-    if (desktop_->ok()) platform_ = platform::linux_desktop::makeLinuxPlatform(problem).release();
+    if (desktop_) platform_ = platform::linux_desktop::makeLinuxPlatform(problem).release();
     if (platform_) loop_ = new std::thread([] { platform_->mainLoop().run(); });
   }
   static void TearDownTestSuite() {
@@ -52,7 +54,7 @@ class X11ServicesTest : public ::testing::Test {
     delete desktop_;
   }
   void SetUp() override {
-    ASSERT_TRUE(desktop_->ok()) << "the desktop did not start; see " << desktop_->dir();
+    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
     ASSERT_NE(platform_, nullptr);
   }
 
@@ -67,12 +69,14 @@ class X11ServicesTest : public ::testing::Test {
     return result.get();
   }
 
-  static X11Desktop* desktop_;
+  static TestDesktop* desktop_;
+  static std::string problem_;
   static Platform* platform_;
   static std::thread* loop_;
 };
 
-X11Desktop* X11ServicesTest::desktop_ = nullptr;
+TestDesktop* X11ServicesTest::desktop_ = nullptr;
+std::string X11ServicesTest::problem_;
 Platform* X11ServicesTest::platform_ = nullptr;
 std::thread* X11ServicesTest::loop_ = nullptr;
 
@@ -151,7 +155,7 @@ TEST_F(X11ServicesTest, LogindsLockedHintComesBeforeTheScreensaver) {
   const std::string command =
       "dbus-daemon --session --fork --nopidfile --print-address=1 --print-pid=1 "
       "--address=unix:path=" +
-      desktop_->dir() + "/system-bus";
+      desktop_->folder() + "/system-bus";
   FILE* out = ::popen(command.c_str(), "r");
   ASSERT_NE(out, nullptr);
   char address[512] = {}, pid[32] = {};
@@ -182,42 +186,6 @@ TEST_F(X11ServicesTest, LogindsLockedHintComesBeforeTheScreensaver) {
   }
 }
 
-/// A window of one colour that notes the clicks it receives, named as this
-/// process's, so that capture of this process's windows alone shows it.
-class ClickTarget {
- public:
-  ClickTarget(int left, int top, unsigned long rgb) : x_(XOpenDisplay(nullptr)) {
-    XSetWindowAttributes attributes{};
-    attributes.background_pixel = rgb;
-    attributes.override_redirect = True;
-    attributes.event_mask = ButtonPressMask;
-    window_ = XCreateWindow(x_, DefaultRootWindow(x_), left, top, 200, 150, 0, CopyFromParent, InputOutput,
-                            CopyFromParent, CWBackPixel | CWOverrideRedirect | CWEventMask, &attributes);
-    unsigned long pid = static_cast<unsigned long>(::getpid());
-    XChangeProperty(x_, window_, XInternAtom(x_, "_NET_WM_PID", False), XA_CARDINAL, 32, PropModeReplace,
-                    reinterpret_cast<unsigned char*>(&pid), 1);
-    XMapRaised(x_, window_);
-    XSync(x_, False);
-  }
-  ~ClickTarget() {
-    XDestroyWindow(x_, window_);
-    XCloseDisplay(x_);
-  }
-  bool clicked() {
-    XEvent event;
-    return XCheckWindowEvent(x_, window_, ButtonPressMask, &event);
-  }
-
- private:
-  ::Display* x_;
-  ::Window window_;
-};
-
-std::uint32_t pixelAt(const platform::Pixels& p, std::int64_t x, std::int64_t y) {
-  const auto* px = &p.rgba[static_cast<std::size_t>((y * p.width + x) * 4)];
-  return (std::uint32_t{px[0]} << 16) | (std::uint32_t{px[1]} << 8) | px[2];
-}
-
 /// The colour at one point of the screen, or of one process's windows alone.
 std::uint32_t colourAt(Platform& platform, double x, double y, std::optional<std::int32_t> pid = std::nullopt) {
   auto pixels = platform.screen().capture({x, y, 1, 1}, 1, pid);
@@ -235,7 +203,7 @@ std::optional<::Window> focusNow() {
 
 TEST_F(X11ServicesTest, CursorPanelShowsWhereItIsMovedAndTakesNeitherFocusNorClicks) {
   constexpr std::uint32_t background = 0x202020, cursor = 0xff9500;
-  ClickTarget below(400, 300, background);
+  ColourWindow below(400, 300, background, true);
   const auto focusBefore = focusNow();
   auto& painter = platform().overlay();
   // The tip at (500, 380); a point well inside the arrow, below and right of it.
@@ -276,7 +244,7 @@ TEST_F(X11ServicesTest, CursorPanelShowsWhereItIsMovedAndTakesNeitherFocusNorCli
 
 TEST_F(X11ServicesTest, FadingOutHidesThePanel) {
   constexpr std::uint32_t background = 0x104010, cursor = 0x34c759;
-  ClickTarget below(700, 300, background);
+  ColourWindow below(700, 300, background, true);
   auto& painter = platform().overlay();
   const auto panel = onMainLoop([&] {
     auto id = painter.createPanel({56, 56}, platform::CursorShape::iBeam, cursor);

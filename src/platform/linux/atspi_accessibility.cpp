@@ -299,11 +299,16 @@ AxError AtspiAccessibility::setMessagingTimeout(const Element& element, double s
 
 namespace {
 
-bool windowIsActive(GDBusConnection* connection, const ObjectRef& app, int timeoutMs) {
+// What `parts` tell of an application's top-level children (its windows).
+std::vector<ElementRecord> topLevelRecords(GDBusConnection* connection, const ObjectRef& app, std::uint32_t parts,
+                                           int timeoutMs) {
   auto windows = readRecords(connection, {app}, childrenPart, timeoutMs).front().children;
-  if (!windows) return false;
-  auto tops = readRecords(connection, *windows, basicPart, timeoutMs);
-  return std::any_of(tops.begin(), tops.end(), [](const auto& r) { return r.states.active(); });
+  if (!windows) return {};
+  return readRecords(connection, *windows, parts, timeoutMs);
+}
+
+bool anyActive(const std::vector<ElementRecord>& windows) {
+  return std::any_of(windows.begin(), windows.end(), [](const auto& r) { return r.states.active(); });
 }
 
 // The first element, breadth first, in the application's active window (in
@@ -313,13 +318,11 @@ bool windowIsActive(GDBusConnection* connection, const ObjectRef& app, int timeo
 std::optional<ObjectRef> findInWindows(GDBusConnection* connection, const ObjectRef& app, int timeoutMs,
                                        const std::function<bool(const ElementRecord&)>& wanted) {
   constexpr std::size_t budget = 3000;
-  auto windows = readRecords(connection, {app}, childrenPart, timeoutMs).front().children;
-  if (!windows) return std::nullopt;
-  auto tops = readRecords(connection, *windows, basicPart | childrenPart, timeoutMs);
-  const bool anyActive = std::any_of(tops.begin(), tops.end(), [](const auto& r) { return r.states.active(); });
+  const auto tops = topLevelRecords(connection, app, basicPart | childrenPart, timeoutMs);
+  const bool active = anyActive(tops);
   std::vector<ObjectRef> level;
   for (const auto& r : tops)
-    if (r.error == AxError::success && r.children && (r.states.active() || !anyActive))
+    if (r.error == AxError::success && r.children && (r.states.active() || !active))
       level.insert(level.end(), r.children->begin(), r.children->end());
   for (std::size_t read = 0; !level.empty() && read < budget;) {
     auto records = readRecords(connection, level, basicPart | childrenPart, timeoutMs);
@@ -413,7 +416,8 @@ AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) 
       ElementRecord r = s_->record(focused, basicPart, timeoutMs);
       // An application in the background keeps the element that had its
       // focus, though toolkits clear the state while its window is inactive.
-      if (r.error == AxError::success && (r.states.focused() || !windowIsActive(s_->connection, ref, timeoutMs)))
+      if (r.error == AxError::success &&
+          (r.states.focused() || !anyActive(topLevelRecords(s_->connection, ref, basicPart, timeoutMs))))
         return AxValue(atspiElement(focused.bus, focused.path));
     }
     // The focus moved before we listened, or a toolkit didn't tell: look.

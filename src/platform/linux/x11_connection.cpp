@@ -83,6 +83,23 @@ std::vector<::Window> childrenOf(::Display* d, ::Window w) {
   return out;
 }
 
+// The window, or its nearest ancestor below the root, that names its
+// process with _NET_WM_PID; and that process.
+std::optional<std::pair<::Window, std::int32_t>> namingWindow(::Display* d, ::Window w) {
+  const ::Window root = DefaultRootWindow(d);
+  while (w && w != root) {
+    if (auto pid = cardinals(d, w, "_NET_WM_PID", XA_CARDINAL); !pid.empty())
+      return std::pair{w, static_cast<std::int32_t>(pid[0])};
+    ::Window parent, rootReturn;
+    ::Window* children = nullptr;
+    unsigned int count = 0;
+    if (!XQueryTree(d, w, &rootReturn, &parent, &children, &count)) return std::nullopt;
+    if (children) XFree(children);
+    w = parent;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 XConnection* openX11() {
@@ -137,19 +154,8 @@ std::vector<ClientWindow> clientWindows(XConnection* d) {
 }
 
 std::optional<std::int32_t> pidOfWindow(XConnection* d, XWindowId window) {
-  ::Window w = window;
-  ::Window root = DefaultRootWindow(d);
-  while (w && w != root) {
-    auto pid = cardinals(d, w, "_NET_WM_PID", XA_CARDINAL);
-    if (!pid.empty()) return static_cast<std::int32_t>(pid[0]);
-    ::Window parent, rootReturn;
-    ::Window* children = nullptr;
-    unsigned int count = 0;
-    if (!XQueryTree(d, w, &rootReturn, &parent, &children, &count)) return std::nullopt;
-    if (children) XFree(children);
-    w = parent;
-  }
-  return std::nullopt;
+  auto named = namingWindow(d, window);
+  return named ? std::optional(named->second) : std::nullopt;
 }
 
 std::optional<ClientWindow> focusedClient(XConnection* d) {
@@ -157,18 +163,8 @@ std::optional<ClientWindow> focusedClient(XConnection* d) {
   int revert = 0;
   XGetInputFocus(d, &focus, &revert);
   if (focus == None || focus == PointerRoot) return std::nullopt;
-  ::Window w = focus;
-  ::Window root = DefaultRootWindow(d);
-  while (w && w != root) {
-    if (!cardinals(d, w, "_NET_WM_PID", XA_CARDINAL).empty()) return describe(d, w);
-    ::Window parent, rootReturn;
-    ::Window* children = nullptr;
-    unsigned int count = 0;
-    if (!XQueryTree(d, w, &rootReturn, &parent, &children, &count)) return std::nullopt;
-    if (children) XFree(children);
-    w = parent;
-  }
-  return std::nullopt;
+  auto named = namingWindow(d, focus);
+  return named ? describe(d, named->first) : std::nullopt;
 }
 
 std::optional<ClientWindow> topWindowOf(XConnection* d, std::int32_t pid) {

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -32,6 +33,11 @@ std::string script(const std::string& folder) {
 
 TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool windowManager)
     : folder_("/tmp/glimmerstrand-test-desktop-" + std::to_string(::getpid())) {
+  for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
+    const std::string settings = folder_ + "/home/" + name;
+    std::filesystem::create_directories(settings);
+    ::setenv(name, settings.c_str(), 1);
+  }
   std::string command = script(folder_) + " start" + (windowManager ? " --wm" : "");
   for (const auto& app : applications) command += " '" + app + "'";
   std::string printed;

@@ -1,6 +1,8 @@
-// A headless desktop for one test program: scripts/desktop.sh started with
-// the applications a suite names, its environment taken into this process,
-// and everything stopped by pid when the suite ends.
+// A headless desktop for one test or bench program: scripts/desktop.sh
+// started with the applications a suite names, its environment taken into
+// this process, and everything stopped by pid when the suite ends. The
+// applications get settings of their own: an editor that finds the session
+// of one stopped earlier asks to restore it instead of showing its window.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +23,8 @@ class TestDesktop {
 
   /// The pid of an application started by name ("gtk3-widget-factory").
   std::int32_t pid(const std::string& application) const;
+  /// Where the desktop keeps its logs, buses and the applications' settings.
+  const std::string& folder() const { return folder_; }
   /// The desktop's environment, as the script printed it.
   const std::map<std::string, std::string>& environment() const { return environment_; }
 
