@@ -127,7 +127,10 @@ JSONValue press(MirrorHost& host, const JSONValue& params) {
     method = "select";
     if (auto error = ax.set(target, "AXSelected", true); error != AxError::success)
       throw RPCError("no_action", "選べませんでした: " + number(error));
-  } else if (isSettable(ax, target, "AXFocused")) {
+  } else if (isSettable(ax, target, "AXFocused") && isSettable(ax, target, "AXValue")) {
+    // Pressing a field puts the focus in it; focusing anything else would
+    // report a press that never happened, as for a check box whose toolkit
+    // names its action in words no table knows.
     method = "focus";
     if (auto error = ax.set(target, "AXFocused", true); error != AxError::success)
       throw RPCError("native", "フォーカスを当てられませんでした: " + number(error));

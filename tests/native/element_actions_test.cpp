@@ -36,6 +36,7 @@ platform::sim::DesktopSpec desktop() {
                    .withFrame(10, 80, 300, 20)
                    .child(keyed("AXStaticText", "rowLabel").value("Row").withFrame(12, 80, 100, 20)));
   window.child(keyed("AXGroup", "focusable").withSettable({"AXFocused"}).withFrame(10, 110, 50, 20));
+  window.child(keyed("AXTextField", "field").withSettable({"AXFocused", "AXValue"}).withFrame(70, 110, 50, 20));
   window.child(keyed("AXImage", "image").withActions({"AXShowMenu"}).withFrame(70, 110, 20, 20));
   auto aloof = keyed("AXGroup", "aloof").withSettable({"AXFocused"}).withFrame(100, 110, 20, 20);
   aloof.ignoresFocus = true;
@@ -83,10 +84,10 @@ TEST(Press, WaitCompleteGivesUpAtTheTimeout) {
   EXPECT_EQ(sim.text(pid, "status"), "stuck");  // the press went out all the same
 }
 
-TEST(Press, PressesALabelsButtonOrFallsBackToSelectionThenFocusThenFails) {
+TEST(Press, PressesALabelsButtonOrFallsBackToSelectionThenAFieldsFocusThenFails) {
   ActionSim sim(desktop());
   const std::pair<const char*, const char*> cases[] = {
-      {"okLabel", "press"}, {"rowLabel", "select"}, {"focusable", "focus"}};
+      {"okLabel", "press"}, {"rowLabel", "select"}, {"field", "focus"}};
   for (const auto& [key, method] : cases) {
     auto result = sim.call("press", sim.ref(pid, key));
     EXPECT_EQ(core::optionalString(result, "method"), method) << key;
@@ -95,6 +96,9 @@ TEST(Press, PressesALabelsButtonOrFallsBackToSelectionThenFocusThenFails) {
   EXPECT_EQ(sim.text(pid, "status"), "pressed");  // a label presses its button
   EXPECT_EQ(sim.desktop().attribute(pid, "row", "AXSelected"), platform::AxValue(true));
   EXPECT_EQ(sim.failed("press", sim.ref(pid, "image")), "no_action: この要素は押せません。actions=[\"AXShowMenu\"]");
+  // Focus is no press for what takes no text: the press fails rather than
+  // report a check box toggled that never was.
+  EXPECT_EQ(sim.failed("press", sim.ref(pid, "focusable")), "no_action: この要素は押せません。actions=[]");
 }
 
 TEST(Press, OfAnElementThatWentIsStale) {

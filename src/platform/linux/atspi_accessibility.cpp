@@ -12,6 +12,7 @@
 #include <unordered_set>
 
 #include "platform/linux/atspi_element.h"
+#include "platform/linux/atspi_windows.h"
 #include "platform/linux/window_geometry_watch.h"
 
 namespace glimmerstrand::platform::linux_desktop {
@@ -106,6 +107,11 @@ struct AtspiAccessibility::State {
   guint focusSubscription = 0;
   std::chrono::steady_clock::time_point trustCheckedAt{};
   bool trusted = false;
+  // Dialogs read as sheets of a window (atspi_windows.h). Both tables are
+  // written from what was last read or told, under `lock`.
+  std::unordered_map<std::string, std::string> lastActiveWindow;  // bus name → path of its window last made active
+  std::unordered_map<std::string, std::unordered_map<std::string, std::string>> sheetOwners;  // bus → sheet → window
+  guint windowActivationSubscription = 0;
 
   State(AtspiBus& b, RunLoop& loop, RootWindowEvents* root)
       : bus(b), mainLoop(loop), connection(b.connection()), rootEvents(root) {}
@@ -141,10 +147,10 @@ struct AtspiAccessibility::State {
     Reply reply = callSync(connection, propertyCall(name, rootPath, "org.a11y.atspi.Application", "ToolkitName"),
                            defaultTimeout.load());
     if (!reply.ok() && reply.error != AxError::attributeUnsupported) return "";  // try again next time
-    std::string toolkit = stringOf(replyChild(reply)).value_or("");
-    // "GTK", "gtk", "Qt": compared in one case.
-    std::transform(toolkit.begin(), toolkit.end(), toolkit.begin(), [](unsigned char c) { return std::toupper(c); });
-    if (toolkit == "QT") toolkit = "Qt";
+    Reply version = callSync(connection, propertyCall(name, rootPath, "org.a11y.atspi.Application", "Version"),
+                             defaultTimeout.load());
+    std::string toolkit =
+        toolkitName(stringOf(replyChild(reply)).value_or(""), stringOf(replyChild(version)).value_or(""));
     std::lock_guard guard(lock);
     toolkits[name] = toolkit;
     return toolkit;
@@ -184,6 +190,90 @@ struct AtspiAccessibility::State {
                     own(g_variant_new("(s@ass)", type.c_str(), g_variant_new_strv(nullptr, 0), ""))},
                defaultTimeout.load());
     }
+  }
+
+  // The application's top levels, read now, with the sheets remembered for
+  // later reads of their role and parent.
+  std::vector<TopLevel> topLevels(const std::string& bus, int timeoutMs) {
+    const ObjectRef app{bus, rootPath};
+    ElementRecord appRecord = readRecords(connection, {app}, childrenPart, timeoutMs).front();
+    if (appRecord.error != AxError::success || !appRecord.children) return {};
+    auto records = readRecords(connection, *appRecord.children, basicPart, timeoutMs);
+    std::string lastActive;
+    {
+      std::lock_guard guard(lock);
+      if (auto it = lastActiveWindow.find(bus); it != lastActiveWindow.end()) lastActive = it->second;
+    }
+    auto tops = classifyTopLevels(*appRecord.children, records, toolkitOf(bus), lastActive);
+    std::unordered_map<std::string, std::string> sheets;
+    for (const auto& top : tops)
+      if (top.kind == TopLevelKind::sheet) sheets[top.ref.path] = tops[*top.owner].ref.path;
+    std::lock_guard guard(lock);
+    sheetOwners[bus] = std::move(sheets);
+    return tops;
+  }
+
+  std::optional<ObjectRef> sheetOwner(const ObjectRef& ref) {
+    std::lock_guard guard(lock);
+    auto app = sheetOwners.find(ref.bus);
+    if (app == sheetOwners.end()) return std::nullopt;
+    auto sheet = app->second.find(ref.path);
+    if (sheet == app->second.end()) return std::nullopt;
+    return ObjectRef{ref.bus, sheet->second};
+  }
+
+  // The children a person can see; a read-ahead has usually fetched their
+  // states already, the others are read in one batch.
+  std::vector<ObjectRef> withoutHidden(const ElementRecord& parent, const std::vector<ObjectRef>& children,
+                                       std::string_view toolkit, int timeoutMs) {
+    const std::uint32_t parts = basicPart | (toolkit == gtk4Toolkit ? extentsPart : 0u);
+    std::vector<const ElementRecord*> known(children.size(), nullptr);
+    std::vector<ObjectRef> missing;
+    for (std::size_t k = 0; k < children.size(); ++k) {
+      auto it = prefetched.find(keyOf(children[k]));
+      if (it != prefetched.end() && (it->second.record.parts & parts) == parts)
+        known[k] = &it->second.record;
+      else
+        missing.push_back(children[k]);
+    }
+    const auto read = readRecords(connection, missing, parts, timeoutMs);
+    std::vector<ObjectRef> shown;
+    shown.reserve(children.size());
+    for (std::size_t k = 0, next = 0; k < children.size(); ++k) {
+      const ElementRecord& child = known[k] ? *known[k] : read[next++];
+      // What cannot be read is left to the walk, which counts it.
+      if (child.error != AxError::success || !isHiddenChild(child.states, child.extents, parent.states, toolkit))
+        shown.push_back(children[k]);
+    }
+    return shown;
+  }
+
+  // An element's children as a person sees them: an application's windows
+  // and menus without its sheets, a window's visible children with its sheets.
+  AxValue shownChildren(const ObjectRef& ref, const ElementRecord& record, const std::string& toolkit, int timeoutMs) {
+    if (!record.children) return AxError::noValue;
+    std::vector<ObjectRef> children;
+    if (isApplicationRole(record.role)) {
+      for (const auto& top : topLevels(ref.bus, timeoutMs))
+        if (top.kind == TopLevelKind::window || top.kind == TopLevelKind::menu) children.push_back(top.ref);
+    } else {
+      // A menu bar's closed menus stay, as everywhere; a long list is narrowed
+      // by the walk, which must not read every row here.
+      children = isMenuRole(record.role) || record.children->size() > longList
+                     ? *record.children
+                     : withoutHidden(record, *record.children, toolkit, timeoutMs);
+      if (isWindowRole(record.role) && !sheetOwner(ref)) {
+        const auto tops = topLevels(ref.bus, timeoutMs);
+        auto self = std::find_if(tops.begin(), tops.end(), [&](const TopLevel& t) { return t.ref == ref; });
+        const auto index = static_cast<std::size_t>(self - tops.begin());
+        for (const auto& top : tops)
+          if (self != tops.end() && top.kind == TopLevelKind::sheet && top.owner == index) children.push_back(top.ref);
+      }
+    }
+    AxList list;
+    list.reserve(children.size());
+    for (const auto& child : children) list.emplace_back(atspiElement(child.bus, child.path));
+    return list;
   }
 };
 
@@ -231,8 +321,21 @@ void onEvent(GDBusConnection*, const gchar* sender, const gchar* path, const gch
 
 AtspiAccessibility::AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop, RootWindowEvents* rootEvents)
     : s_(std::make_unique<State>(bus, mainLoop, rootEvents)) {
-  // AT-SPI cannot be asked which element has the focus: follow it.
-  s_->registerEvents({"object:state-changed"});
+  // AT-SPI cannot be asked which element has the focus, nor which window a
+  // dialog belongs to: follow both.
+  s_->registerEvents({"object:state-changed", "window:activate"});
+  s_->windowActivationSubscription = g_dbus_connection_signal_subscribe(
+      s_->connection, nullptr, "org.a11y.atspi.Event.Window", "Activate", nullptr, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+      [](GDBusConnection*, const gchar* sender, const gchar* path, const gchar*, const gchar*, GVariant*,
+         gpointer data) {
+        auto* state = static_cast<State*>(data);
+        std::lock_guard guard(state->lock);
+        // A sheet made active leaves its window as the one last active.
+        auto sheets = state->sheetOwners.find(sender);
+        if (sheets != state->sheetOwners.end() && sheets->second.count(path)) return;
+        state->lastActiveWindow[sender] = path;
+      },
+      s_.get(), nullptr);
   s_->focusSubscription = g_dbus_connection_signal_subscribe(
       s_->connection, nullptr, "org.a11y.atspi.Event.Object", "StateChanged", nullptr, "focused",
       G_DBUS_SIGNAL_FLAGS_NONE,
@@ -249,6 +352,8 @@ AtspiAccessibility::AtspiAccessibility(AtspiBus& bus, RunLoop& mainLoop, RootWin
 AtspiAccessibility::~AtspiAccessibility() {
   if (s_->focusSubscription) g_dbus_connection_signal_unsubscribe(s_->connection, s_->focusSubscription);
   if (s_->activationSubscription) g_dbus_connection_signal_unsubscribe(s_->connection, s_->activationSubscription);
+  if (s_->windowActivationSubscription)
+    g_dbus_connection_signal_unsubscribe(s_->connection, s_->windowActivationSubscription);
 }
 
 bool AtspiAccessibility::isTrusted() {
@@ -366,10 +471,23 @@ AxResult<std::vector<AxValue>> AtspiAccessibility::copyMultiple(const Element& e
   ElementRecord record = s_->record(ref, partsFor(names), timeoutMs);
   if (record.error != AxError::success) return {record.error, {}};
   const std::string toolkit = s_->toolkitOf(ref.bus);
+  const auto owner = s_->sheetOwner(ref);
   std::vector<AxValue> values;
   values.reserve(names.size());
-  for (const auto& name : names)
-    values.push_back(isWindowLevel(name) ? copy(element, name) : attributeValue(record, name, toolkit));
+  for (const auto& name : names) {
+    if (isWindowLevel(name))
+      values.push_back(copy(element, name));
+    else if (name == "AXChildren")
+      values.push_back(s_->shownChildren(ref, record, toolkit, timeoutMs));
+    else if (owner && name == "AXRole")
+      values.emplace_back("AXSheet");
+    else if (owner && name == "AXSubrole")
+      values.emplace_back(AxError::attributeUnsupported);
+    else if (owner && name == "AXParent")
+      values.emplace_back(atspiElement(owner->bus, owner->path));
+    else
+      values.push_back(attributeValue(record, name, toolkit));
+  }
   return {AxError::success, std::move(values)};
 }
 
@@ -392,19 +510,19 @@ AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) 
   if (name == "AXFocusedWindow" || name == "AXMainWindow" || name == "AXWindows" || name == "AXFrontmost") {
     ElementRecord app = s_->record(ref, childrenPart, timeoutMs);
     if (app.error != AxError::success) return app.error;
-    auto windows = readRecords(s_->connection, *app.children, basicPart, timeoutMs);
-    AxList list;
-    for (std::size_t k = 0; k < windows.size(); ++k) {
-      if (windows[k].error != AxError::success || !isWindowRole(windows[k].role)) continue;
-      const auto& child = (*app.children)[k];
-      if (name == "AXFrontmost" && windows[k].states.active()) return AxValue(true);
-      if (name != "AXWindows" && name != "AXFrontmost" && windows[k].states.active())
-        return AxValue(atspiElement(child.bus, child.path));
-      list.emplace_back(atspiElement(child.bus, child.path));
+    const auto tops = s_->topLevels(ref.bus, timeoutMs);
+    if (name == "AXFrontmost")
+      return AxValue(std::any_of(tops.begin(), tops.end(), [](const TopLevel& t) { return t.active; }));
+    if (name == "AXWindows") {
+      AxList list;
+      for (const auto& top : tops)
+        if (top.kind == TopLevelKind::window) list.emplace_back(atspiElement(top.ref.bus, top.ref.path));
+      return list;
     }
-    if (name == "AXFrontmost") return AxValue(false);
-    if (name == "AXWindows") return list;
-    return AxError::noValue;
+    // The front is the active window, or the window whose sheet is active.
+    auto front = frontWindow(tops);
+    if (!front) return AxError::noValue;
+    return AxValue(atspiElement(tops[*front].ref.bus, tops[*front].ref.path));
   }
   if (name == "AXFocusedUIElement") {
     ObjectRef focused;
@@ -467,8 +585,18 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
   }
   if (name == "AXFocused") {
     if (!value.as<bool>().value_or(false)) return AxError::attributeUnsupported;
+    // GTK4 has no GrabFocus, and keeps the state of its window's focus.
+    if (r.states.focused()) return AxError::success;
     if (!(r.interfaces & componentInterface)) return AxError::attributeUnsupported;
-    return outcomeOf(s_->call(element, "org.a11y.atspi.Component", "GrabFocus", nullptr));
+    const AxError grabbed = outcomeOf(s_->call(element, "org.a11y.atspi.Component", "GrabFocus", nullptr));
+    // Qt moves the focus inside a window in the background without telling:
+    // the element is its window's focus until the window comes forward.
+    if (grabbed == AxError::success &&
+        !anyActive(topLevelRecords(s_->connection, {ref.bus, rootPath}, basicPart, timeoutMs))) {
+      std::lock_guard guard(s_->lock);
+      s_->lastFocused[ref.bus] = ref;
+    }
+    return grabbed;
   }
   if (name == "AXSelected") {
     if (!r.states.selectable()) return AxError::attributeUnsupported;

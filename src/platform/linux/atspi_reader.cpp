@@ -313,24 +313,108 @@ std::uint32_t partsFor(const std::vector<std::string>& names) {
   return parts;
 }
 
-std::string cleanedName(const std::string& name, std::uint32_t role, std::string_view toolkit) {
-  if (toolkit != "GTK") return name;
-  // An unlabelled widget named after its class ("GtkButton") has no name.
-  if (name.size() > 3 && name.compare(0, 3, "Gtk") == 0 && std::isupper(static_cast<unsigned char>(name[3])) &&
-      name.find(' ') == std::string::npos)
-    return "";
-  const bool buttonLike = role == ATSPI_ROLE_PUSH_BUTTON || role == ATSPI_ROLE_TOGGLE_BUTTON ||
-                          role == ATSPI_ROLE_CHECK_BOX || role == ATSPI_ROLE_RADIO_BUTTON ||
-                          role == ATSPI_ROLE_PUSH_BUTTON_MENU;
-  if (!buttonLike) return name;
-  // A button's label read twice ("1 1", "_Retry Retry"): keep the second
-  // reading, which has no mnemonic mark.
+namespace {
+
+bool isUpper(char c) { return std::isupper(static_cast<unsigned char>(c)); }
+bool isAlnum(char c) { return std::isalnum(static_cast<unsigned char>(c)); }
+
+// A type name such as "GtkButton", "AdwTabBox" or "EditorSourceView": one
+// word of letters and digits in which a capital follows a small letter at
+// least once past the first. GTK names an unnamed widget after its class.
+bool isTypeName(std::string_view name) {
+  if (name.size() < 4 || !isUpper(name.front())) return false;
+  int humps = 0;
+  for (std::size_t k = 1; k < name.size(); ++k) {
+    if (!isAlnum(name[k])) return false;
+    if (isUpper(name[k]) && std::islower(static_cast<unsigned char>(name[k - 1]))) ++humps;
+  }
+  return humps > 0;
+}
+
+// The class prefixes of GTK and the libraries built on it; GTK3 names only
+// these widgets after their class, GTK4 every unnamed widget.
+bool hasToolkitPrefix(std::string_view name) {
+  for (std::string_view prefix : {"Gtk", "Adw", "Hdy", "Gdk", "Gsk"})
+    if (name.substr(0, prefix.size()) == prefix && name.size() > prefix.size() && isUpper(name[prefix.size()]))
+      return true;
+  return false;
+}
+
+// A button's label read twice ("1 1", "_Retry Retry"): the second reading,
+// which has no mnemonic mark; the name itself otherwise.
+std::string undoubled(const std::string& name) {
   for (auto space = name.find(' '); space != std::string::npos; space = name.find(' ', space + 1)) {
     std::string first = name.substr(0, space);
     std::erase(first, '_');
     if (first == std::string_view(name).substr(space + 1)) return name.substr(space + 1);
   }
   return name;
+}
+
+std::string_view entityText(std::string_view entity) {
+  static const std::pair<std::string_view, std::string_view> entities[] = {
+      {"amp", "&"}, {"lt", "<"}, {"gt", ">"}, {"quot", "\""}, {"apos", "'"}, {"nbsp", " "}, {"#39", "'"}};
+  for (const auto& [name, text] : entities)
+    if (name == entity) return text;
+  return {};
+}
+
+}  // namespace
+
+std::string plainText(const std::string& richText) {
+  // Qt takes a label for rich text when it holds a tag; anything else is
+  // plain already, angle brackets and all.
+  auto isTagStart = [&](std::size_t at) {
+    return at + 1 < richText.size() && (std::isalpha(static_cast<unsigned char>(richText[at + 1])) ||
+                                        (richText[at + 1] == '/' && at + 2 < richText.size()));
+  };
+  bool tagged = false;
+  for (auto at = richText.find('<'); at != std::string::npos && !tagged; at = richText.find('<', at + 1))
+    tagged = isTagStart(at) && richText.find('>', at) != std::string::npos;
+  if (!tagged) return richText;
+  std::string out;
+  for (std::size_t k = 0; k < richText.size();) {
+    const char c = richText[k];
+    if (c == '<' && isTagStart(k)) {
+      const auto close = richText.find('>', k);
+      if (close == std::string::npos) break;
+      std::string tag = richText.substr(k + 1, close - k - 1);
+      std::transform(tag.begin(), tag.end(), tag.begin(), [](unsigned char t) { return std::tolower(t); });
+      // A power keeps its meaning in plain text as x^3.
+      if (tag == "sup") out += '^';
+      if (tag == "br" || tag == "br/" || tag == "br /" || tag == "p" || tag == "/p") out += ' ';
+      k = close + 1;
+    } else if (c == '&') {
+      const auto semicolon = richText.find(';', k);
+      std::string_view text;
+      if (semicolon != std::string::npos && semicolon - k <= 6)
+        text = entityText(std::string_view(richText).substr(k + 1, semicolon - k - 1));
+      if (text.empty()) {
+        out += c;
+        ++k;
+      } else {
+        out += text;
+        k = semicolon + 1;
+      }
+    } else {
+      out += c;
+      ++k;
+    }
+  }
+  return out;
+}
+
+std::string cleanedName(const std::string& name, std::uint32_t role, std::string_view toolkit) {
+  if (toolkit == qtToolkit) return plainText(name);
+  if (toolkit != gtk3Toolkit && toolkit != gtk4Toolkit) return name;
+  // An unlabelled widget named after its class has no name. Labels show
+  // their own text, which may well be one capitalised word.
+  if (hasToolkitPrefix(name) && isTypeName(name)) return "";
+  if (toolkit == gtk4Toolkit && !isStaticTextRole(role) && isTypeName(name)) return "";
+  const bool buttonLike = role == ATSPI_ROLE_PUSH_BUTTON || role == ATSPI_ROLE_TOGGLE_BUTTON ||
+                          role == ATSPI_ROLE_CHECK_BOX || role == ATSPI_ROLE_RADIO_BUTTON ||
+                          role == ATSPI_ROLE_PUSH_BUTTON_MENU;
+  return buttonLike ? undoubled(name) : name;
 }
 
 namespace {
@@ -377,7 +461,7 @@ AxValue attributeValue(const ElementRecord& r, std::string_view name, std::strin
     return subrole.empty() ? missing() : AxValue(std::move(subrole));
   }
   if (name == "AXTitle") return titleOf(r, toolkit);
-  if (name == "AXDescription") return textOrMissing(r.description);
+  if (name == "AXDescription") return textOrMissing(toolkit == qtToolkit ? plainText(r.description) : r.description);
   if (name == "AXValue") return valueOf(r, toolkit);
   if (name == "AXIdentifier") return textOrMissing(r.accessibleId);
   if (name == "AXPlaceholderValue") return textOrMissing(r.placeholder);

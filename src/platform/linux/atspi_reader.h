@@ -104,8 +104,12 @@ AxValue attributeValue(const ElementRecord& record, std::string_view name, std::
 /// The parts a read of these AX attribute names needs.
 std::uint32_t partsFor(const std::vector<std::string>& names);
 
-/// A toolkit's name for a button or a label, cleaned of what the toolkit adds
-/// (a repeated label, a mnemonic underscore, a class name for no name).
+/// A toolkit's name for an element, cleaned of what the toolkit adds: a
+/// repeated label and a mnemonic underscore (GTK4), a class name for no name
+/// (GTK), the markup of a rich-text label (Qt).
 std::string cleanedName(const std::string& name, std::uint32_t role, std::string_view toolkit);
+/// A rich-text label ("x<sup>3</sup>", "a &amp; b") as plain text ("x^3",
+/// "a & b"); text without a tag stays as it is.
+std::string plainText(const std::string& richText);
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -47,6 +47,42 @@ bool States::visible() const { return has(ATSPI_STATE_VISIBLE); }
 bool States::managesDescendants() const { return has(ATSPI_STATE_MANAGES_DESCENDANTS); }
 bool States::defunct() const { return has(ATSPI_STATE_DEFUNCT); }
 
+std::string toolkitName(std::string_view atspiName, std::string_view version) {
+  std::string name(atspiName);
+  std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::toupper(c); });
+  if (name == "QT") return std::string(qtToolkit);
+  // GTK 3 and 4 both say "GTK" in some case; only the version tells them apart.
+  if (name == "GTK" && version.substr(0, 2) == "4.") return std::string(gtk4Toolkit);
+  return name;
+}
+
+namespace {
+
+// How each toolkit marks a widget it keeps in its tree while nobody sees it.
+struct HiddenMarks {
+  std::string_view toolkit;
+  bool notShowing;  // SHOWING follows the screen: unset under a parent that shows
+  bool noArea;      // hidden widgets are never allocated: a frame without area
+};
+constexpr std::array<HiddenMarks, 3> hiddenMarks{{
+    {gtk3Toolkit, true, false},
+    {gtk4Toolkit, false, true},  // 4.8 sets SHOWING on windows only
+    {qtToolkit, true, false},
+}};
+
+}  // namespace
+
+bool isHiddenChild(const States& child, const std::optional<AxRect>& extents, const States& parent,
+                   std::string_view toolkit) {
+  if (!child.visible()) return true;
+  for (const auto& marks : hiddenMarks) {
+    if (marks.toolkit != toolkit) continue;
+    if (marks.notShowing && parent.showing() && !child.showing()) return true;
+    if (marks.noArea && extents && (extents->width <= 0 || extents->height <= 0)) return true;
+  }
+  return false;
+}
+
 namespace {
 
 // Roles whose AX role is fixed, whatever the context.
@@ -55,9 +91,6 @@ const std::unordered_map<std::uint32_t, AxRole>& fixedRoles() {
       {ATSPI_ROLE_APPLICATION, {"AXApplication", ""}},
       {ATSPI_ROLE_FRAME, {"AXWindow", "AXStandardWindow"}},
       {ATSPI_ROLE_WINDOW, {"AXWindow", "AXStandardWindow"}},
-      {ATSPI_ROLE_DIALOG, {"AXWindow", "AXDialog"}},
-      {ATSPI_ROLE_ALERT, {"AXWindow", "AXDialog"}},
-      {ATSPI_ROLE_FILE_CHOOSER, {"AXWindow", "AXDialog"}},
       {ATSPI_ROLE_PUSH_BUTTON, {"AXButton", ""}},
       {ATSPI_ROLE_PUSH_BUTTON_MENU, {"AXMenuButton", ""}},
       {ATSPI_ROLE_TOGGLE_BUTTON, {"AXCheckBox", "AXToggle"}},
@@ -149,9 +182,17 @@ AxRole axRole(const RoleContext& c) {
       return {"AXTextField", ""};
     case ATSPI_ROLE_COLUMN_HEADER:
     case ATSPI_ROLE_ROW_HEADER:
+    case ATSPI_ROLE_TABLE_COLUMN_HEADER:
+    case ATSPI_ROLE_TABLE_ROW_HEADER:
       return c.interfaces & actionInterface ? AxRole{"AXButton", "AXSortButton"} : AxRole{"AXCell", ""};
     case ATSPI_ROLE_SEPARATOR:
       return c.parentRole == ATSPI_ROLE_SPLIT_PANE ? AxRole{"AXSplitter", ""} : AxRole{"AXGroup", ""};
+    case ATSPI_ROLE_DIALOG:
+    case ATSPI_ROLE_ALERT:
+    case ATSPI_ROLE_FILE_CHOOSER:
+      // GTK nests a file chooser widget inside its dialog: a window only at the top.
+      if (c.parentRole && *c.parentRole != ATSPI_ROLE_APPLICATION) return {"AXGroup", ""};
+      return {"AXWindow", "AXDialog"};
     default:
       break;
   }
@@ -160,7 +201,10 @@ AxRole axRole(const RoleContext& c) {
   return it == table.end() ? AxRole{"AXUnknown", ""} : it->second;
 }
 
-bool roleNeedsParent(std::uint32_t role) { return role == ATSPI_ROLE_MENU || role == ATSPI_ROLE_SEPARATOR; }
+bool roleNeedsParent(std::uint32_t role) {
+  return role == ATSPI_ROLE_MENU || role == ATSPI_ROLE_SEPARATOR || role == ATSPI_ROLE_DIALOG ||
+         role == ATSPI_ROLE_ALERT || role == ATSPI_ROLE_FILE_CHOOSER;
+}
 bool roleNeedsChildren(std::uint32_t role) { return role == ATSPI_ROLE_COMBO_BOX; }
 bool isMenuRole(std::uint32_t role) {
   return role == ATSPI_ROLE_MENU || role == ATSPI_ROLE_MENU_BAR || role == ATSPI_ROLE_POPUP_MENU;
@@ -252,17 +296,20 @@ std::optional<Shortcut> shortcutOf(std::string_view keyBinding) {
 namespace {
 
 // Each AX action and the AT-SPI action names that serve it, in preference
-// order. Toolkits name actions in lower case; Qt capitalises some.
+// order. Toolkits name actions in lower case; Qt capitalises some. Browsers
+// name a press by what it does: Firefox and Chromium check and uncheck boxes,
+// jump to links, switch tabs, select options and open pop-ups.
 struct ActionRow {
   std::string_view ax;
-  std::array<std::string_view, 5> atspi;
+  std::array<std::string_view, 11> atspi;
 };
 constexpr std::array<ActionRow, 5> actionTable{{
-    {"AXPress", {"click", "press", "activate", "toggle", "jump"}},
-    {"AXShowMenu", {"showmenu", "show menu", "popup", "menu", ""}},
-    {"AXIncrement", {"increase", "increment", "", "", ""}},
-    {"AXDecrement", {"decrease", "decrement", "", "", ""}},
-    {"AXCancel", {"cancel", "", "", "", ""}},
+    {"AXPress",
+     {"click", "press", "activate", "toggle", "jump", "check", "uncheck", "switch", "open", "select", "expand"}},
+    {"AXShowMenu", {"showmenu", "show menu", "popup", "menu", "", "", "", "", "", "", ""}},
+    {"AXIncrement", {"increase", "increment", "", "", "", "", "", "", "", "", ""}},
+    {"AXDecrement", {"decrease", "decrement", "", "", "", "", "", "", "", "", ""}},
+    {"AXCancel", {"cancel", "", "", "", "", "", "", "", "", "", ""}},
 }};
 
 std::string lower(std::string_view text) {

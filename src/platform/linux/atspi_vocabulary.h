@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/ax_value.h"
+
 namespace glimmerstrand::platform::linux_desktop {
 
 /// The interfaces an element implements, as bits.
@@ -54,6 +56,25 @@ struct States {
   bool managesDescendants() const;
   bool defunct() const;
 };
+
+/// The toolkits whose trees differ in how they mark what a person cannot see,
+/// as `toolkitName` names them.
+inline constexpr std::string_view gtk3Toolkit = "GTK";
+inline constexpr std::string_view gtk4Toolkit = "GTK4";
+inline constexpr std::string_view qtToolkit = "Qt";
+
+/// The toolkit's name as this backend uses it, from the application's
+/// ToolkitName and Version: "GTK" and "GTK4" apart, "Qt", else the name in
+/// capitals ("GECKO", "CHROMIUM").
+std::string toolkitName(std::string_view atspiName, std::string_view version);
+
+/// Whether a child that the toolkit keeps in its tree is out of a person's
+/// sight: not VISIBLE anywhere; where the toolkit keeps SHOWING true to the
+/// screen, not SHOWING while its parent is; where it keeps hidden widgets
+/// unallocated instead (GTK4), a frame without area. `extents` is absent when
+/// the child has no frame to read.
+bool isHiddenChild(const States& child, const std::optional<AxRect>& extents, const States& parent,
+                   std::string_view toolkit);
 
 /// What decides an element's AX role besides its own AT-SPI role.
 struct RoleContext {
