@@ -95,11 +95,49 @@ std::vector<std::string> replacedRoot(const NodeList& before, const NodeList& af
   return lines;
 }
 
+bool isSheet(const AxNode& n) { return n.role == "AXSheet"; }
+
+// A list without the sheets that the other list lacks, and a line for each
+// of them: a dialog that opened or closed is one line, not one per element.
+struct SheetsAside {
+  std::optional<NodeList> rest;  // absent when no sheet was set aside
+  std::vector<std::string> lines;
+};
+
+SheetsAside setSheetsAside(const NodeList& nodes, const NodeList& other, bool opened) {
+  SheetsAside aside;
+  std::unordered_set<std::string> otherIds;
+  bool any = false;
+  for (const auto& n : nodes) any = any || isSheet(n);
+  if (!any) return aside;
+  otherIds.reserve(other.size());
+  for (const auto& n : other) otherIds.insert(idText(n));
+  std::vector<AxNode> rest;
+  rest.reserve(nodes.size());
+  for (std::size_t k = 0; k < nodes.size();) {
+    const AxNode& n = nodes[k];
+    if (!isSheet(n) || otherIds.count(idText(n))) {
+      rest.push_back(n);
+      ++k;
+      continue;
+    }
+    std::size_t end = k + 1;
+    while (end < nodes.size() && nodes[end].depth > n.depth) ++end;
+    const auto count = " (" + std::to_string(end - k) + " elements)";
+    aside.lines.push_back(opened ? "+ " + rowLine(n) + count : "- " + withoutLeadingId(rowLine(n)) + " closed" + count);
+    k = end;
+  }
+  if (!aside.lines.empty()) aside.rest = NodeList(std::move(rest));
+  return aside;
+}
+
 }  // namespace
 
 std::vector<std::string> changeLines(const NodeList& before, const NodeList& after, std::size_t limit) {
   if (auto lines = replacedRoot(before, after); !lines.empty()) return lines;
-  NamedNodes old(before), now(after);
+  const SheetsAside closed = setSheetsAside(before, after, false);
+  const SheetsAside opened = setSheetsAside(after, before, true);
+  NamedNodes old(closed.rest.value_or(before)), now(opened.rest.value_or(after));
 
   std::vector<std::string> changed, added, removed;
   std::vector<const AxNode*> appeared;
@@ -138,6 +176,8 @@ std::vector<std::string> changeLines(const NodeList& before, const NodeList& aft
   }
   for (const auto& key : goneKeys)
     for (const AxNode* n : gone[key]) removed.push_back("- " + withoutLeadingId(rowLine(*n)));
+  added.insert(added.end(), opened.lines.begin(), opened.lines.end());
+  removed.insert(removed.end(), closed.lines.begin(), closed.lines.end());
 
   std::vector<std::string> lines = std::move(changed);
   lines.insert(lines.end(), added.begin(), added.end());
@@ -262,20 +302,24 @@ void changeReport(ScriptRun& run, const Pending& pending, AxSnapshot after) {
   }
   const bool overflow = lines.back().starts_with("… ");
   const bool replaced = lines.front().find(" closed (") != std::string::npos;
-  if (!overflow && !(replaced && lines.size() == 2)) {
+  const auto& graph = *run.graph;
+  std::unordered_set<std::string> beforeIds;
+  beforeIds.reserve(pending.before.nodes.size());
+  for (const auto& n : pending.before.nodes) beforeIds.insert(idText(n));
+  // A dialog that opened is what the agent acts on next: its outline follows.
+  const GraphNode* sheet = nullptr;
+  for (const auto& n : graph.nodes())
+    if (!sheet && isSheet(n.node()) && !beforeIds.count(idText(n.node()))) sheet = &n;
+  if (!overflow && !(replaced && lines.size() == 2) && !sheet) {
     result.changes = std::move(lines);
     return;
   }
   const bool keepFirst = replaced && lines.size() == 2;
 
-  const auto& graph = *run.graph;
-  std::unordered_set<std::string> beforeIds;
-  beforeIds.reserve(pending.before.nodes.size());
-  for (const auto& n : pending.before.nodes) beforeIds.insert(idText(n));
   std::unordered_set<std::string> newIds;
   for (const auto& n : graph.snapshot().nodes)
     if (auto id = idText(n); !beforeIds.count(id)) newIds.insert(std::move(id));
-  const GraphNode* part = changedPart(graph, newIds);
+  const GraphNode* part = sheet ? sheet : changedPart(graph, newIds);
   if (part && part->node().parent < 0) part = nullptr;
 
   Outline outline;
@@ -287,6 +331,8 @@ void changeReport(ScriptRun& run, const Pending& pending, AxSnapshot after) {
   }
   if (keepFirst)
     result.changes = std::vector<std::string>{lines.front()};
+  else if (sheet && !overflow)
+    result.changes = std::move(lines);
   else if (part)
     result.changes =
         std::vector<std::string>{"(the view changed inside " + idText(part->node()) + "; outline of that part below)"};

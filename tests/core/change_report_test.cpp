@@ -26,6 +26,10 @@ TEST(ChangeLines, Table) {
   const AxNode play = node(1, 0, "AXButton", "Play");
   const AxNode field = node(2, 0, "AXTextField", "To", "a");
   const AxNode row = node(3, 0, "AXRow", "Inbox", "3");
+  // A dialog as a sheet of the window, its elements one level further down.
+  const AxNode sheet = with(node(11, 0, "AXSheet", "Save As"), [](AxNode& n) { n.depth = 1; });
+  const AxNode sheetField = with(node(12, 11, "AXTextField", "Name"), [](AxNode& n) { n.depth = 2; });
+  const AxNode sheetSave = with(node(13, 11, "AXButton", "Save"), [](AxNode& n) { n.depth = 2; });
   const ChangeCase cases[] = {
       {"renamed",
        {window, play},
@@ -57,6 +61,22 @@ TEST(ChangeLines, Table) {
        {window, play},
        {node(9, -1, "AXWindow", "Settings"), node(10, 9, "AXButton", "OK")},
        {R"(- Window "Main" closed (2 elements))", R"(+ e109 Window "Settings" (2 elements))"}},
+      {"sheet opened",
+       {window, play},
+       {window, play, sheet, sheetField, sheetSave},
+       {R"(+ e111 Sheet "Save As" (3 elements))"}},
+      {"sheet closed",
+       {window, play, sheet, sheetField, sheetSave},
+       {window, play},
+       {R"(- Sheet "Save As" closed (3 elements))"}},
+      {"sheet closed as the window changed",
+       {window, play, sheet, sheetField, sheetSave},
+       {window, with(play, [](AxNode& n) { n.title = "Pause"; })},
+       {R"(~ e101 Button "Pause" (was "Play"))", R"(- Sheet "Save As" closed (3 elements))"}},
+      {"field inside a sheet that stays",
+       {window, sheet, sheetField},
+       {window, sheet, with(sheetField, [](AxNode& n) { n.value = "note.txt"; })},
+       {R"(~ e112 TextField "Name" = "note.txt" (was null))"}},
   };
   for (const auto& c : cases) EXPECT_EQ(changeLines(NodeList(c.before), NodeList(c.after), 30), c.expected) << c.name;
 }

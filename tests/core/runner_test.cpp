@@ -121,6 +121,28 @@ TEST_F(RunnerTest, WritesShareOneSettleAndTheReadSeesTheNewGraph) {
   EXPECT_EQ(r.results[2]->rows[0], (cypher::Row{{"f.focused", true}}));
 }
 
+TEST_F(RunnerTest, ADialogThatOpensReadsAsOneLineAndItsOutline) {
+  auto sheetNode = [](std::int64_t i, std::int64_t parent, const char* role, const char* title, std::int64_t depth) {
+    AxNode n = node(i, parent, role, title);
+    n.depth = depth;
+    return n;
+  };
+  driver.onPress = [&](FakeDriver& d, const ElementRef&) {
+    d.nodes.push_back(sheetNode(50, 0, "AXSheet", "Send now?", 1));
+    d.nodes.push_back(sheetNode(51, 50, "AXButton", "Cancel", 2));
+    d.nodes.push_back(sheetNode(52, 50, "AXButton", "Send", 2));
+  };
+  auto opened = run(R"(MATCH (b:Button {name:"Send"}) SET b.pressed = true)");
+  EXPECT_EQ(opened.results[0]->changes, (Lines{R"(+ e150 Sheet "Send now?" (3 elements))"}));
+  EXPECT_EQ(opened.results[0]->outline,
+            (Lines{R"(e150 Sheet "Send now?")", R"(  e151 Button "Cancel")", R"(  e152 Button "Send")"}));
+
+  driver.onPress = [](FakeDriver& d, const ElementRef&) { d.nodes.resize(d.nodes.size() - 3); };
+  auto closed = run(R"(CALL ui.press("e151"))");
+  EXPECT_EQ(closed.results[0]->changes, (Lines{R"(- Sheet "Send now?" closed (3 elements))"}));
+  EXPECT_FALSE(closed.results[0]->outline) << "the window it closed over was there all along";
+}
+
 TEST_F(RunnerTest, AValueTheFieldRefusesGoesByKeys) {
   driver.valueApplied = false;
   driver.typedSeen = false;
