@@ -11,6 +11,8 @@ packages=(
   systemd groff-base
   # real applications the tests and the demo drive: GTK3, GTK4 and Qt5
   gtk-3-examples galculator mousepad gnome-calculator speedcrunch python3-gi gir1.2-gtk-3.0
+  # editors whose dialogs, hidden widgets and background focus the tests check: GTK3, GTK4 and Qt
+  gedit gnome-text-editor featherpad
 )
 command -v npm >/dev/null || packages+=(npm)  # the agent task suite's MCP client comes from the npm registry
 missing=()

@@ -89,8 +89,6 @@ namespace {
 const std::unordered_map<std::uint32_t, AxRole>& fixedRoles() {
   static const std::unordered_map<std::uint32_t, AxRole> table{
       {ATSPI_ROLE_APPLICATION, {"AXApplication", ""}},
-      {ATSPI_ROLE_FRAME, {"AXWindow", "AXStandardWindow"}},
-      {ATSPI_ROLE_WINDOW, {"AXWindow", "AXStandardWindow"}},
       {ATSPI_ROLE_PUSH_BUTTON, {"AXButton", ""}},
       {ATSPI_ROLE_PUSH_BUTTON_MENU, {"AXMenuButton", ""}},
       {ATSPI_ROLE_TOGGLE_BUTTON, {"AXCheckBox", "AXToggle"}},
@@ -187,12 +185,17 @@ AxRole axRole(const RoleContext& c) {
       return c.interfaces & actionInterface ? AxRole{"AXButton", "AXSortButton"} : AxRole{"AXCell", ""};
     case ATSPI_ROLE_SEPARATOR:
       return c.parentRole == ATSPI_ROLE_SPLIT_PANE ? AxRole{"AXSplitter", ""} : AxRole{"AXGroup", ""};
+    case ATSPI_ROLE_FRAME:
+    case ATSPI_ROLE_WINDOW:
     case ATSPI_ROLE_DIALOG:
     case ATSPI_ROLE_ALERT:
-    case ATSPI_ROLE_FILE_CHOOSER:
-      // GTK nests a file chooser widget inside its dialog: a window only at the top.
+    case ATSPI_ROLE_FILE_CHOOSER: {
+      // A window only at the top: GTK nests a file chooser widget inside its
+      // dialog, Qt a search bar that calls itself a window inside the editor.
       if (c.parentRole && *c.parentRole != ATSPI_ROLE_APPLICATION) return {"AXGroup", ""};
-      return {"AXWindow", "AXDialog"};
+      const bool plain = c.role == ATSPI_ROLE_FRAME || c.role == ATSPI_ROLE_WINDOW;
+      return {"AXWindow", plain ? "AXStandardWindow" : "AXDialog"};
+    }
     default:
       break;
   }
@@ -202,8 +205,7 @@ AxRole axRole(const RoleContext& c) {
 }
 
 bool roleNeedsParent(std::uint32_t role) {
-  return role == ATSPI_ROLE_MENU || role == ATSPI_ROLE_SEPARATOR || role == ATSPI_ROLE_DIALOG ||
-         role == ATSPI_ROLE_ALERT || role == ATSPI_ROLE_FILE_CHOOSER;
+  return role == ATSPI_ROLE_MENU || role == ATSPI_ROLE_SEPARATOR || isWindowRole(role);
 }
 bool roleNeedsChildren(std::uint32_t role) { return role == ATSPI_ROLE_COMBO_BOX; }
 bool isMenuRole(std::uint32_t role) {

@@ -28,6 +28,10 @@ TEST(AtspiVocabulary, RolesDependOnTheirContext) {
       {{ATSPI_ROLE_COLUMN_HEADER, {}, 0, std::nullopt, false}, "AXCell", ""},
       {{ATSPI_ROLE_TOGGLE_BUTTON, {}, 0, std::nullopt, false}, "AXCheckBox", "AXToggle"},
       {{ATSPI_ROLE_DIALOG, {}, 0, std::nullopt, false}, "AXWindow", "AXDialog"},
+      {{ATSPI_ROLE_DIALOG, {}, 0, ATSPI_ROLE_APPLICATION, false}, "AXWindow", "AXDialog"},
+      {{ATSPI_ROLE_FRAME, {}, 0, ATSPI_ROLE_APPLICATION, false}, "AXWindow", "AXStandardWindow"},
+      {{ATSPI_ROLE_FILE_CHOOSER, {}, 0, ATSPI_ROLE_DIALOG, false}, "AXGroup", ""},
+      {{ATSPI_ROLE_WINDOW, {}, 0, ATSPI_ROLE_FRAME, false}, "AXGroup", ""},
       {{ATSPI_ROLE_REDUNDANT_OBJECT, {}, 0, std::nullopt, false}, "AXUnknown", ""},
   };
   for (const auto& c : cases) {
@@ -51,8 +55,66 @@ TEST(AtspiVocabulary, ToolkitNamesAreCleanedOfWhatGtkAdds) {
       {"Save As", ATSPI_ROLE_PUSH_BUTTON, "GTK", "Save As"},
       {"1 1", ATSPI_ROLE_LABEL, "GTK", "1 1"},
       {"1 1", ATSPI_ROLE_PUSH_BUTTON, "Qt", "1 1"},
+      // GTK4 names every unnamed widget after its class, libadwaita's and the
+      // application's own too; a label keeps a one-word text.
+      {"AdwGizmo", ATSPI_ROLE_FILLER, "GTK4", ""},
+      {"EditorSourceView", ATSPI_ROLE_TEXT, "GTK4", ""},
+      {"GtkStackPage", ATSPI_ROLE_PANEL, "GTK", ""},
+      {"EditorSourceView", ATSPI_ROLE_TEXT, "GTK", "EditorSourceView"},
+      {"LibreOffice", ATSPI_ROLE_LABEL, "GTK4", "LibreOffice"},
+      {"Open", ATSPI_ROLE_PUSH_BUTTON, "GTK4", "Open"},
+      {"_Discard… Discard…", ATSPI_ROLE_PUSH_BUTTON, "GTK4", "Discard…"},
+      // Qt's rich-text labels read as plain text.
+      {"x<sup>3</sup>", ATSPI_ROLE_PUSH_BUTTON, "Qt", "x^3"},
+      {"<b>Bold</b> &amp; <i>more</i>", ATSPI_ROLE_LABEL, "Qt", "Bold & more"},
+      {"a < b > c", ATSPI_ROLE_LABEL, "Qt", "a < b > c"},
+      {"x<sup>3</sup>", ATSPI_ROLE_PUSH_BUTTON, "GECKO", "x<sup>3</sup>"},
   };
   for (const auto& c : cases) EXPECT_EQ(cleanedName(c.name, c.role, c.toolkit), c.cleaned) << c.name;
+}
+
+TEST(AtspiVocabulary, ToolkitsAreToldApartByNameAndVersion) {
+  EXPECT_EQ(toolkitName("gtk", "3.24.38"), "GTK");
+  EXPECT_EQ(toolkitName("GTK", "4.8.3"), "GTK4");
+  EXPECT_EQ(toolkitName("Qt", "5.15.8"), "Qt");
+  EXPECT_EQ(toolkitName("Gecko", "115.0"), "GECKO");
+}
+
+TEST(AtspiVocabulary, EachToolkitMarksWhatNobodySeesItsOwnWay) {
+  const States shown{(std::uint64_t{1} << ATSPI_STATE_VISIBLE) | (std::uint64_t{1} << ATSPI_STATE_SHOWING)};
+  const States visible = withState(ATSPI_STATE_VISIBLE);
+  const States none{};
+  const AxRect frame{0, 46, 690, 464}, unallocated{0, 46, 690, 0};
+  struct Case {
+    const char* what;
+    States child;
+    std::optional<AxRect> extents;
+    States parent;
+    std::string toolkit;
+    bool hidden;
+  };
+  const Case cases[] = {
+      {"not visible anywhere", none, frame, shown, "GECKO", true},
+      {"GTK3: not showing under a parent that shows", visible, frame, shown, "GTK", true},
+      {"GTK3: not showing under a parent that does not (a closed menu)", visible, frame, visible, "GTK", false},
+      {"Qt: showing", shown, frame, shown, "Qt", false},
+      {"GTK4 keeps SHOWING on windows only", visible, frame, shown, "GTK4", false},
+      {"GTK4: never allocated", visible, unallocated, shown, "GTK4", true},
+      {"GTK4: no frame to read", visible, std::nullopt, shown, "GTK4", false},
+      {"a browser: scrolled out of view still counts", visible, frame, shown, "CHROMIUM", false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(isHiddenChild(c.child, c.extents, c.parent, c.toolkit), c.hidden) << c.what;
+}
+
+TEST(AtspiVocabulary, BrowsersPressByWhatTheirActionsDo) {
+  const std::pair<std::vector<std::string>, std::optional<std::size_t>> cases[] = {
+      {{"check"}, 0},             // a check box in Chromium and Firefox
+      {{"uncheck"}, 0},           // and the same box checked
+      {{"click-ancestor"}, {}},   // Chromium: the press belongs to an ancestor
+      {{"switch"}, 0},            // a tab in Firefox
+      {{"showmenu", "jump"}, 1},  // a link
+  };
+  for (const auto& [actions, index] : cases) EXPECT_EQ(atspiActionFor("AXPress", actions), index) << actions.front();
 }
 
 TEST(AtspiVocabulary, PressIsTheFirstOfTheActionsThatServeIt) {
