@@ -445,8 +445,12 @@ WalkResult walkTree(platform::Accessibility& ax, const Element& app, std::string
   // Context menus and pop-ups hang from the application, outside every window.
   auto appChildren = elementList(ax.copy(app, "AXChildren"));
   if (!appChildren) return result;
+  std::unordered_set<Element, platform::ElementHash> walked;
   for (const auto& child : *appChildren) {
     if (cleanText(ax.copy(child, "AXRole"), labelLimit) != "AXMenu") continue;
+    // A pop-up's menu may also hang from the control that opened it.
+    if (walked.empty()) walked.insert(result.elements.begin(), result.elements.end());
+    if (walked.count(child)) continue;
     auto remaining = maxNodes - static_cast<std::int64_t>(result.nodes.size());
     if (remaining <= 0) continue;
     WalkResult menu = walkElement(ax, child, 0, maxDepth, remaining);

@@ -103,7 +103,8 @@ export const tasks = [
       const typed = await session.do(
         null,
         'CALL ui.open("Mousepad"); MATCH (t:TextArea) SET t.focused = true; CALL ui.type("first note"); CALL ui.key("ctrl+s"); ' +
-          'CALL ui.wait_for("MATCH (w:Window {name:\\"Save As\\"}) RETURN w.id", 5000)',
+          // The dialog reads as a sheet of the editor's window.
+          'CALL ui.wait_for("MATCH (s:Sheet {name:\\"Save As\\"}) RETURN s.id", 5000)',
       );
       world.editorPid = editorPid(typed);
       check(rowsOf(typed, 5).length === 1, `no save dialog came up:\n${typed}`);
@@ -215,6 +216,8 @@ export const tasks = [
       await session.do(
         'gtk3-widget-factory',
         `MATCH (c {id:"${box}"}) SET c.pressed = true; MATCH (s {id:"${slider}"}) SET s.value = "75"; ` +
+          // A closed pop-up shows no items, as on screen: open it, then choose.
+          `MATCH (p {id:"${combo}"}) SET p.pressed = true; ` +
           `MATCH (p {id:"${combo}"})-[:CHILD*1..2]->(m:MenuItem {name:"Right"}) SET m.pressed = true`,
       );
       // Read back by a session of its own, after a fresh walk of the application.

@@ -254,8 +254,22 @@ struct AtspiAccessibility::State {
     if (!record.children) return AxError::noValue;
     std::vector<ObjectRef> children;
     if (isApplicationRole(record.role)) {
-      for (const auto& top : topLevels(ref.bus, timeoutMs))
-        if (top.kind == TopLevelKind::window || top.kind == TopLevelKind::menu) children.push_back(top.ref);
+      std::vector<ObjectRef> popups;
+      for (const auto& top : topLevels(ref.bus, timeoutMs)) {
+        if (top.kind == TopLevelKind::window || (top.kind == TopLevelKind::menu && isMenuRole(top.role)))
+          children.push_back(top.ref);
+        else if (top.kind == TopLevelKind::menu)
+          popups.push_back(top.ref);
+      }
+      // A pop-up window is read for the menu it holds, as a menu hanging from
+      // the application.
+      for (const auto& popup : readRecords(connection, popups, childrenPart, timeoutMs)) {
+        if (popup.error != AxError::success || !popup.children) continue;
+        const auto inside = readRecords(connection, *popup.children, basicPart, timeoutMs);
+        for (std::size_t k = 0; k < inside.size(); ++k)
+          if (inside[k].error == AxError::success && isMenuRole(inside[k].role))
+            children.push_back((*popup.children)[k]);
+      }
     } else {
       // A menu bar's closed menus stay, as everywhere; a long list is narrowed
       // by the walk, which must not read every row here.

@@ -8,7 +8,7 @@ namespace glimmerstrand::platform::linux_desktop {
 
 namespace {
 
-bool isPlainWindowRole(std::uint32_t role) { return role == ATSPI_ROLE_FRAME || role == ATSPI_ROLE_WINDOW; }
+bool isPlainWindowRole(std::uint32_t role) { return role == ATSPI_ROLE_FRAME; }
 
 // GTK4 gives a dialog no dialog role (a file chooser is a filler): any top
 // level that is not a plain window is taken for one.
@@ -41,11 +41,13 @@ std::vector<TopLevel> classifyTopLevels(const std::vector<ObjectRef>& refs, cons
   for (std::size_t k = 0; k < refs.size() && k < records.size(); ++k) {
     const auto& r = records[k];
     if (r.error != AxError::success) continue;
-    TopLevel top{refs[k], TopLevelKind::window, r.states.active(), std::nullopt};
+    TopLevel top{refs[k], r.role, TopLevelKind::window, r.states.active(), std::nullopt};
     if (isMenuRole(r.role))
       top.kind = TopLevelKind::menu;
     else if (isHiddenTopLevel(r, toolkit) || r.role == ATSPI_ROLE_TOOL_TIP)  // a tooltip passes with the pointer
       top.kind = TopLevelKind::hidden;
+    else if (r.role == ATSPI_ROLE_WINDOW)  // GTK's pop-up windows; its own windows are frames
+      top.kind = TopLevelKind::menu;
     else if (isDialogLike(r))
       top.kind = TopLevelKind::sheet;  // until it proves to stand alone
     tops.push_back(std::move(top));

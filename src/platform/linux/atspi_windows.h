@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -19,12 +20,13 @@ namespace glimmerstrand::platform::linux_desktop {
 enum class TopLevelKind {
   window,  // a window of its own, a plain one or a dialog standing alone
   sheet,   // a dialog under the window it belongs to
-  menu,    // a context menu or pop-up hanging from the application
+  menu,    // a context menu or a pop-up window (a combo box's list) hanging from the application
   hidden,  // kept by the toolkit, not on screen
 };
 
 struct TopLevel {
   ObjectRef ref;
+  std::uint32_t role = 0;  // the AT-SPI role
   TopLevelKind kind = TopLevelKind::window;
   bool active = false;
   std::optional<std::size_t> owner;  // a sheet's window, by index into the list
