@@ -1,5 +1,6 @@
 #include "core/change_report.h"
 
+#include <algorithm>
 #include <cmath>
 #include <deque>
 #include <unordered_map>
@@ -131,13 +132,43 @@ SheetsAside setSheetsAside(const NodeList& nodes, const NodeList& other, bool op
   return aside;
 }
 
+// The menu bar's menus that stand open, by id.
+std::unordered_set<std::string> openMenus(const NodeList& nodes) {
+  std::unordered_set<std::string> open;
+  for (const auto& n : nodes)
+    if (n.role == "AXMenuBarItem" && n.selected == true) open.insert(idText(n));
+  return open;
+}
+
+// The list without what the menu bar's menus hold, except those open before
+// and after: toolkits that keep the menu bar inside the window enable and
+// disable its items with every edit, which nobody sees, and a menu that opens
+// says so on its own line.
+NodeList withoutMenuContents(const NodeList& nodes, const std::unordered_set<std::string>& openBoth) {
+  auto closedMenu = [&](const AxNode& n) { return n.role == "AXMenuBarItem" && !openBoth.count(idText(n)); };
+  if (std::none_of(nodes.begin(), nodes.end(), closedMenu)) return nodes;
+  std::vector<AxNode> rest;
+  rest.reserve(nodes.size());
+  for (std::size_t k = 0; k < nodes.size(); ++k) {
+    rest.push_back(nodes[k]);
+    if (!closedMenu(nodes[k])) continue;
+    const auto depth = nodes[k].depth;
+    while (k + 1 < nodes.size() && nodes[k + 1].depth > depth) ++k;
+  }
+  return NodeList(std::move(rest));
+}
+
 }  // namespace
 
 std::vector<std::string> changeLines(const NodeList& before, const NodeList& after, std::size_t limit) {
   if (auto lines = replacedRoot(before, after); !lines.empty()) return lines;
   const SheetsAside closed = setSheetsAside(before, after, false);
   const SheetsAside opened = setSheetsAside(after, before, true);
-  NamedNodes old(closed.rest.value_or(before)), now(opened.rest.value_or(after));
+  auto openBoth = openMenus(before);
+  std::erase_if(openBoth, [now = openMenus(after)](const std::string& id) { return !now.count(id); });
+  const NodeList oldNodes = withoutMenuContents(closed.rest.value_or(before), openBoth);
+  const NodeList newNodes = withoutMenuContents(opened.rest.value_or(after), openBoth);
+  NamedNodes old(oldNodes), now(newNodes);
 
   std::vector<std::string> changed, added, removed;
   std::vector<const AxNode*> appeared;

@@ -30,6 +30,9 @@ TEST(ChangeLines, Table) {
   const AxNode sheet = with(node(11, 0, "AXSheet", "Save As"), [](AxNode& n) { n.depth = 1; });
   const AxNode sheetField = with(node(12, 11, "AXTextField", "Name"), [](AxNode& n) { n.depth = 2; });
   const AxNode sheetSave = with(node(13, 11, "AXButton", "Save"), [](AxNode& n) { n.depth = 2; });
+  const AxNode menuBar = with(node(21, 0, "AXMenuBar"), [](AxNode& n) { n.depth = 1; });
+  const AxNode editMenu = with(node(22, 21, "AXMenuBarItem", "Edit"), [](AxNode& n) { n.depth = 2; });
+  const AxNode undo = with(node(23, 22, "AXMenuItem", "Undo"), [](AxNode& n) { n.depth = 3; });
   const ChangeCase cases[] = {
       {"renamed",
        {window, play},
@@ -73,6 +76,21 @@ TEST(ChangeLines, Table) {
        {window, play, sheet, sheetField, sheetSave},
        {window, with(play, [](AxNode& n) { n.title = "Pause"; })},
        {R"(~ e101 Button "Pause" (was "Play"))", R"(- Sheet "Save As" closed (3 elements))"}},
+      {"items of a closed menu of the menu bar",
+       {window, menuBar, editMenu, undo},
+       {window, menuBar, with(editMenu, [](AxNode& n) { n.selected = false; }),
+        with(undo, [](AxNode& n) { n.enabled = false; }),
+        with(node(24, 22, "AXMenuItem", "Revert"), [](AxNode& n) { n.depth = 3; })},
+       {}},
+      {"a menu that opens",
+       {window, menuBar, editMenu, undo},
+       {window, menuBar, with(editMenu, [](AxNode& n) { n.selected = true; }), undo},
+       {R"(~ e122 MenuBarItem "Edit" selected)"}},
+      {"items of an open one",
+       {window, menuBar, with(editMenu, [](AxNode& n) { n.selected = true; }), undo},
+       {window, menuBar, with(editMenu, [](AxNode& n) { n.selected = true; }),
+        with(undo, [](AxNode& n) { n.enabled = false; })},
+       {R"(~ e123 MenuItem "Undo" disabled)"}},
       {"field inside a sheet that stays",
        {window, sheet, sheetField},
        {window, sheet, with(sheetField, [](AxNode& n) { n.value = "note.txt"; })},
