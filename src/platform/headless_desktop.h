@@ -61,8 +61,10 @@ std::optional<std::map<std::string, std::string>> runningDesktopEnvironment(cons
 /// When this process has no display (neither DISPLAY nor WAYLAND_DISPLAY) and
 /// a desktop of ours runs, takes that desktop's environment, but for its
 /// GLIMMERSTRAND_ settings; children inherit it. Returns whether it did.
-/// It sets variables with setenv: call it before other threads read the
-/// environment, or where, as in the daemon's look for a desktop, they do not.
+/// It sets variables with setenv, which races getenv in other threads: call it
+/// at start, or, as the daemon does while it has no desktop, where nothing
+/// else reads the environment (nothing that needs a desktop runs then, and no
+/// bus connection exists yet). Once the display is set it does nothing.
 bool adoptRunningDesktop();
 
 }  // namespace glimmerstrand::platform

@@ -182,8 +182,9 @@ std::vector<std::string> instructionLines(core::Desktop desktop) {
               "Values in the tree are cut at 120 characters; use ui.read for the full text. Lists with more than 500 "
               "items include only the items near the visible area, and the outline says how many are off screen; use "
               "ui.scroll to reach the rest. The distance of a page differs by app, so read positions again after "
-              "scrolling. Rows that cannot be pressed, such as the places in the sidebar of Files, are selected by "
-              "SET r.pressed = true. Use ui.screenshot when the tree does not show what you need, such as images, "
+              "scrolling. Rows that cannot be pressed, such as the rows of a file list or a settings list, are "
+              "selected by SET r.pressed = true. Use ui.screenshot when the tree does not show what you need, such as "
+              "images, "
               "canvases or layout; the image comes back with the result. If the last line says stale, call "
               "ui.refresh() before trusting reads; when something you expect has not appeared yet, wait with "
               "ui.wait_for instead of repeating ui.refresh. Quit apps with ui.quit instead of ctrl+q.",
