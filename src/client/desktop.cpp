@@ -17,6 +17,7 @@
 #include <thread>
 
 #include "core/errors.h"
+#include "platform/headless_desktop.h"
 #include "platform/linux/atspi_bus.h"
 #include "platform/linux/gdbus_call.h"
 
@@ -48,65 +49,19 @@ const std::vector<std::pair<std::string, std::string>> toolkitSettings{{"NO_AT_B
                                                                        {"QT_ACCESSIBILITY", "1"},
                                                                        {"GTK_THEME", "Adwaita"}};
 
-fs::path pidsFile(const fs::path& folder) { return folder / "pids"; }
-fs::path environmentFile(const fs::path& folder) { return folder / "env"; }
-
 [[noreturn]] void fail(const std::string& message) { throw GlimmerstrandError(core::codes::native, message); }
 
 // ---- Processes, recorded by pid and start time ------------------------------
 
-// A recorded process: the start time tells it from a later one that reuses the pid.
-struct Recorded {
-  pid_t pid = 0;
-  unsigned long long started = 0;
-  std::string name;
-};
-
-struct ProcessStat {
-  char state = '?';
-  unsigned long long started = 0;
-};
-
-// From /proc/PID/stat: the state (field 3) and the start time in clock ticks (field 22).
-std::optional<ProcessStat> processStat(pid_t pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  if (!std::getline(file, text)) return std::nullopt;
-  const auto nameEnd = text.rfind(')');
-  if (nameEnd == std::string::npos || nameEnd + 2 > text.size()) return std::nullopt;
-  std::istringstream fields(text.substr(nameEnd + 2));
-  ProcessStat stat;
-  fields >> stat.state;
-  std::string skipped;
-  for (int k = 0; k < 18; ++k) fields >> skipped;
-  fields >> stat.started;
-  if (!fields) return std::nullopt;
-  return stat;
-}
+using Recorded = platform::DesktopRecord;
 
 bool isAlive(const Recorded& process) {
   ::waitpid(process.pid, nullptr, WNOHANG);  // reaps it when this process started it
-  const auto stat = processStat(process.pid);
-  return stat && stat->state != 'Z' && stat->started == process.started;
-}
-
-std::vector<Recorded> readRecords(const fs::path& folder) {
-  std::vector<Recorded> records;
-  std::ifstream file(pidsFile(folder));
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream fields(line);
-    Recorded record;
-    if (fields >> record.pid >> record.started >> record.name) records.push_back(record);
-  }
-  return records;
+  return platform::recordedProcessRuns(process);
 }
 
 Recorded record(const fs::path& folder, pid_t pid, const std::string& name) {
-  // A process not yet in /proc keeps start time 0; it is then never taken for alive, and stop ends it by KILL.
-  const Recorded process{pid, processStat(pid).value_or(ProcessStat{}).started, name};
-  std::ofstream(pidsFile(folder), std::ios::app)
-      << process.pid << ' ' << process.started << ' ' << process.name << '\n';
-  return process;
+  return platform::recordDesktopProcess(folder, pid, name);
 }
 
 bool anyAlive(const std::vector<Recorded>& processes) {
@@ -253,7 +208,7 @@ class DesktopStart {
     exported_.emplace_back("GLIMMERSTRAND_DESKTOP_DIR", folder_.string());
     for (const auto& command : request.applications) startApplication(bus, command);
     const std::string text = exportLines(exported_);
-    std::ofstream(environmentFile(folder_)) << text;
+    std::ofstream(platform::desktopEnvironmentFile(folder_)) << text;
     return text;
   }
 
@@ -378,19 +333,7 @@ class DesktopStart {
   std::vector<std::pair<std::string, std::string>> exported_;  // what start prints, in order
 };
 
-std::string shellQuoted(const std::string& value) {
-  std::string quoted = "'";
-  for (char c : value) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
 // ---- The command ---------------------------------------------------------------------
-
-std::optional<std::string> processEnvironmentValue(const char* name) {
-  const char* value = std::getenv(name);
-  if (!value || !*value) return std::nullopt;
-  return std::string(value);
-}
 
 int startCommand(const fs::path& folder, const std::vector<std::string>& words) {
   DesktopRequest request;
@@ -429,15 +372,7 @@ int statusCommand(const fs::path& folder) {
 
 }  // namespace
 
-fs::path desktopFolder(const Environment& environment) {
-  if (auto given = environment("GLIMMERSTRAND_DESKTOP_DIR")) return *given;
-  const std::string user = std::to_string(::getuid());
-  const fs::path runtime = "/run/user/" + user;
-  std::error_code error;
-  if (fs::is_directory(runtime, error) && ::access(runtime.c_str(), W_OK) == 0)
-    return runtime / "glimmerstrand-desktop";
-  return "/tmp/glimmerstrand-desktop-" + user;
-}
+fs::path desktopFolder(const Environment& environment) { return platform::headlessDesktopFolder(environment); }
 
 std::string startDesktop(const fs::path& folder, const DesktopRequest& request) {
   if (auto running = desktopProcesses(folder)) {
@@ -456,14 +391,15 @@ std::string startDesktop(const fs::path& folder, const DesktopRequest& request) 
 
 std::optional<std::vector<DesktopProcess>> desktopProcesses(const fs::path& folder) {
   std::error_code error;
-  if (!fs::exists(pidsFile(folder), error)) return std::nullopt;
+  if (!fs::exists(platform::desktopRecordsFile(folder), error)) return std::nullopt;
   std::vector<DesktopProcess> processes;
-  for (const auto& process : readRecords(folder)) processes.push_back({process.pid, process.name, isAlive(process)});
+  for (const auto& process : platform::desktopRecords(folder))
+    processes.push_back({process.pid, process.name, isAlive(process)});
   return processes;
 }
 
 std::vector<DesktopProcess> stopDesktop(const fs::path& folder) {
-  const auto records = readRecords(folder);
+  const auto records = platform::desktopRecords(folder);
   std::vector<DesktopProcess> processes;
   for (const auto& process : records) processes.push_back({process.pid, process.name, isAlive(process)});
   // Last started, first stopped: the applications before the buses they use.
@@ -474,63 +410,14 @@ std::vector<DesktopProcess> stopDesktop(const fs::path& folder) {
     if (isAlive(process) || process.started == 0) ::kill(process.pid, SIGKILL);
   waitUntilGone(records, stopGrace);
   std::error_code error;
-  for (const auto& file : {pidsFile(folder), environmentFile(folder), folder / "bus"}) fs::remove(file, error);
+  for (const auto& file :
+       {platform::desktopRecordsFile(folder), platform::desktopEnvironmentFile(folder), folder / "bus"})
+    fs::remove(file, error);
   return processes;
 }
 
-std::optional<std::map<std::string, std::string>> runningDesktopEnvironment(const fs::path& folder) {
-  std::ifstream file(environmentFile(folder));
-  if (!file) return std::nullopt;
-  const auto records = readRecords(folder);
-  const bool serverLives =
-      std::any_of(records.begin(), records.end(), [](const Recorded& p) { return p.name == "Xvfb" && isAlive(p); });
-  if (!serverLives) return std::nullopt;
-  std::stringstream text;
-  text << file.rdbuf();
-  std::map<std::string, std::string> variables;
-  for (auto& [name, value] : parseExportLines(text.str())) variables[name] = value;
-  return variables;
-}
-
-std::string exportLines(const std::vector<std::pair<std::string, std::string>>& variables) {
-  std::string text;
-  for (const auto& [name, value] : variables) text += "export " + name + "=" + shellQuoted(value) + "\n";
-  return text;
-}
-
-std::vector<std::pair<std::string, std::string>> parseExportLines(const std::string& text) {
-  std::vector<std::pair<std::string, std::string>> variables;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.starts_with("export ")) continue;
-    const auto equals = line.find('=');
-    if (equals == std::string::npos) continue;
-    std::string value;
-    bool quoted = false;
-    for (std::size_t k = equals + 1; k < line.size(); ++k) {
-      if (line[k] == '\'')
-        quoted = !quoted;
-      else if (!quoted && line[k] == '\\' && k + 1 < line.size())
-        value += line[++k];
-      else
-        value += line[k];
-    }
-    variables.emplace_back(line.substr(7, equals - 7), value);
-  }
-  return variables;
-}
-
-bool adoptRunningDesktop() {
-  if (processEnvironmentValue("DISPLAY") || processEnvironmentValue("WAYLAND_DISPLAY")) return false;
-  const auto variables = runningDesktopEnvironment(desktopFolder(processEnvironmentValue));
-  if (!variables) return false;
-  for (const auto& [name, value] : *variables)
-    if (!name.starts_with("GLIMMERSTRAND_")) ::setenv(name.c_str(), value.c_str(), 1);
-  return true;
-}
-
 int runDesktopCommand(const std::vector<std::string>& words) {
-  const fs::path folder = desktopFolder(processEnvironmentValue);
+  const fs::path folder = desktopFolder(platform::processEnvironmentValue);
   if (words.at(0) == "start") return startCommand(folder, words);
   if (words[0] == "stop") return stopCommand(folder);
   return statusCommand(folder);

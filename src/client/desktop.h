@@ -14,12 +14,11 @@
 #include <vector>
 
 #include "client/daemon_process.h"
+#include "platform/headless_desktop.h"
 
 namespace glimmerstrand::client {
 
-/// $GLIMMERSTRAND_DESKTOP_DIR, else a folder of this user's under
-/// /run/user/UID or /tmp. Not taken from XDG_RUNTIME_DIR: the desktop's own
-/// environment changes that, and `stop` after an eval must find the same folder.
+/// The desktop's folder (platform/headless_desktop.h).
 std::filesystem::path desktopFolder(const Environment& environment);
 
 /// What `desktop start` was asked for.
@@ -49,18 +48,13 @@ std::optional<std::vector<DesktopProcess>> desktopProcesses(const std::filesyste
 /// still alive after a grace period. Returns what was recorded.
 std::vector<DesktopProcess> stopDesktop(const std::filesystem::path& folder);
 
-/// The environment of a desktop that runs in `folder`: its file exists and
-/// its X server lives.
-std::optional<std::map<std::string, std::string>> runningDesktopEnvironment(const std::filesystem::path& folder);
-
-/// `export NAME='value'` lines, quoted for any shell's eval, and back.
-std::string exportLines(const std::vector<std::pair<std::string, std::string>>& variables);
-std::vector<std::pair<std::string, std::string>> parseExportLines(const std::string& text);
-
-/// Before the client starts a daemon: when this process has no display
-/// (neither DISPLAY nor WAYLAND_DISPLAY) and a desktop of ours runs, takes
-/// that desktop's environment, which the daemon inherits. Returns whether it did.
-bool adoptRunningDesktop();
+// How other processes find a running desktop, its export lines, and the
+// adoption of its environment before the client starts a daemon: shared with
+// the daemon, which looks for the desktop itself too.
+using platform::adoptRunningDesktop;
+using platform::exportLines;
+using platform::parseExportLines;
+using platform::runningDesktopEnvironment;
 
 /// The words after `glimmerstrand desktop`, already checked by the argument
 /// parser; returns the exit status. Failures throw GlimmerstrandError.

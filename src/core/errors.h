@@ -21,6 +21,8 @@ inline constexpr const char* focusNotMoved = "focus_not_moved";
 inline constexpr const char* native = "native";
 inline constexpr const char* busy = "busy";
 inline constexpr const char* internal = "internal";
+/// No desktop to work on: none was reachable when the process last looked.
+inline constexpr const char* noDesktop = "no_desktop";
 }  // namespace codes
 
 /// Printed form: "GlimmerstrandError(" code "): " message.

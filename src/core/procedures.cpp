@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "core/desktop.h"
 #include "core/element_resolution.h"
 #include "core/errors.h"
 #include "core/procedure_handlers.h"
@@ -18,73 +19,96 @@ namespace {
 
 struct Entry {
   std::string_view name;
-  std::string usage;
+  DesktopText usage;
   ProcedureHandler handler;
 };
+
+// A usage line that reads the same on every desktop.
+DesktopText same(const std::string& usage) { return DesktopText{usage, usage}; }
 
 const std::vector<Entry>& entries() {
   using namespace procedures;
   static const std::vector<Entry> table{
-      {"ui.press", "ui.press(\"e12\") presses an element; a unique name also works, e.g. ui.press(\"次へ\")", press},
-      {"ui.focus", "ui.focus(\"e12\") focuses an element", focus},
-      {"ui.set_value", "ui.set_value(\"e12\", \"text\") replaces the value of a text field", setValue},
-      {"ui.key", "ui.key(\"return\") sends keys straight to the app without bringing it to the front", key},
-      {"ui.type", "ui.type(\"text\") types into the focused element of the app without bringing it to the front", type},
-      {"ui.wait", "ui.wait(ms) sleeps, up to 5000ms, then reads the window again; 10 or less means seconds", wait},
+      {"ui.press", same("ui.press(\"e12\") presses an element; a unique name also works, e.g. ui.press(\"次へ\")"),
+       press},
+      {"ui.focus", same("ui.focus(\"e12\") focuses an element"), focus},
+      {"ui.set_value", same("ui.set_value(\"e12\", \"text\") replaces the value of a text field"), setValue},
+      {"ui.key", same("ui.key(\"return\") sends keys straight to the app without bringing it to the front"), key},
+      {"ui.type", same("ui.type(\"text\") types into the focused element of the app without bringing it to the front"),
+       type},
+      {"ui.wait", same("ui.wait(ms) sleeps, up to 5000ms, then reads the window again; 10 or less means seconds"),
+       wait},
       {"ui.wait_for",
-       "ui.wait_for(\"MATCH ... RETURN ...\", ms) waits until the query returns a row, up to 10000ms, and gives up "
-       "after 3 s without any change; match loosely with CONTAINS and a short word, since guessed exact names often "
-       "miss",
+       same(
+           "ui.wait_for(\"MATCH ... RETURN ...\", ms) waits until the query returns a row, up to 10000ms, and gives up "
+           "after 3 s without any change; match loosely with CONTAINS and a short word, since guessed exact names "
+           "often "
+           "miss"),
        waitFor},
-      {"ui.apps", "ui.apps() lists running apps with name, bundleId, pid and active", apps},
-      {"ui.quit", "ui.quit(\"Spotify\") quits an app without sending keys", quit},
-      {"ui.refresh", "ui.refresh() re-reads the whole window now, when results look stale", refresh},
+      {"ui.apps", same("ui.apps() lists running apps with name, bundleId, pid and active"), apps},
+      {"ui.quit",
+       {.mac = "ui.quit(\"Spotify\") quits an app without sending keys",
+        .linuxDesktop = "ui.quit(\"Calculator\") quits an app without sending keys"},
+       quit},
+      {"ui.refresh", same("ui.refresh() re-reads the whole window now, when results look stale"), refresh},
       {"ui.read",
-       "ui.read(\"e12\") returns the full text of an element and its descendants, beyond the 120 character cut", read},
+       same("ui.read(\"e12\") returns the full text of an element and its descendants, beyond the 120 character cut"),
+       read},
       {"ui.scroll",
-       "ui.scroll(\"e12\", \"down\", 3) scrolls the element up, down, left or right by pages; the cursor jumps there "
-       "for a moment and comes back",
+       same("ui.scroll(\"e12\", \"down\", 3) scrolls the element up, down, left or right by pages; the cursor jumps "
+            "there "
+            "for a moment and comes back"),
        scroll},
       {"ui.screenshot",
-       "ui.screenshot() or ui.screenshot(\"e12\") returns an image of the window or the element, for things the tree "
-       "does not show",
+       same("ui.screenshot() or ui.screenshot(\"e12\") returns an image of the window or the element, for things the "
+            "tree "
+            "does not show"),
        screenshot},
       {"ui.copy_screenshot",
-       "ui.copy_screenshot() or ui.copy_screenshot(\"e12\") copies a PNG of the window or the element to the "
-       "clipboard, to paste into another app with ui.key(\"cmd+v\")",
+       {.mac = "ui.copy_screenshot() or ui.copy_screenshot(\"e12\") copies a PNG of the window or the element to the "
+               "clipboard, to paste into another app with ui.key(\"cmd+v\")",
+        .linuxDesktop = "ui.copy_screenshot() or ui.copy_screenshot(\"e12\") copies a PNG of the window or the element "
+                        "to the clipboard, to paste into another app with ui.key(\"ctrl+v\")"},
        copyScreenshot},
       {"ui.tree",
-       "ui.tree() or ui.tree(\"e12\") returns an indented outline of the window or one part with ids; start here to "
-       "get oriented, then query with MATCH",
+       same("ui.tree() or ui.tree(\"e12\") returns an indented outline of the window or one part with ids; start here "
+            "to "
+            "get oriented, then query with MATCH"),
        tree},
-      {"ui.inspect", "ui.inspect(\"e12\") lists the actions, attributes and settable attributes of one element",
+      {"ui.inspect", same("ui.inspect(\"e12\") lists the actions, attributes and settable attributes of one element"),
        inspect},
       {"ui.click",
-       "ui.click(\"e12\"), ui.click(\"e12\", \"right\"), ui.click(\"e12\", \"double\") or ui.click(x, y, \"left\") "
-       "clicks with the pointer; use it when SET pressed does not work, for context clicks, or on a point read from a "
-       "screenshot",
+       same(
+           "ui.click(\"e12\"), ui.click(\"e12\", \"right\"), ui.click(\"e12\", \"double\") or ui.click(x, y, \"left\") "
+           "clicks with the pointer; use it when SET pressed does not work, for context clicks, or on a point read "
+           "from a "
+           "screenshot"),
        click},
-      {"ui.hover", "ui.hover(\"e12\") or ui.hover(x, y) moves the pointer there, for things that appear on hover",
+      {"ui.hover", same("ui.hover(\"e12\") or ui.hover(x, y) moves the pointer there, for things that appear on hover"),
        hover},
-      {"ui.drag", "ui.drag(\"e1\", \"e2\") or ui.drag(x1, y1, x2, y2) drags with the left button", drag},
+      {"ui.drag", same("ui.drag(\"e1\", \"e2\") or ui.drag(x1, y1, x2, y2) drags with the left button"), drag},
       {"ui.menu",
-       "ui.menu(\"e12\") opens the context menu of an element; its items join the tree as Menu and MenuItem with ids",
+       same("ui.menu(\"e12\") opens the context menu of an element; its items join the tree as Menu and MenuItem with "
+            "ids"),
        menu},
-      {"ui.windows", "ui.windows() lists the windows of the app with index and title", windows},
+      {"ui.windows", same("ui.windows() lists the windows of the app with index and title"), windows},
       {"ui.window",
-       "ui.window(\"title\") or ui.window(1) brings that window to the front and points the following statements at "
-       "it",
+       same("ui.window(\"title\") or ui.window(1) brings that window to the front and points the following statements "
+            "at "
+            "it"),
        window},
-      {"ui.clipboard", "ui.clipboard() reads the clipboard text", clipboard},
-      {"ui.set_clipboard", "ui.set_clipboard(\"text\") replaces the clipboard text", setClipboard},
+      {"ui.clipboard", same("ui.clipboard() reads the clipboard text"), clipboard},
+      {"ui.set_clipboard", same("ui.set_clipboard(\"text\") replaces the clipboard text"), setClipboard},
       {"ui.open_url",
-       "ui.open_url(\"" + std::string(exampleWebAddress) +
-           "\") opens a URL or a file path with its default app and points the following statements at the app in "
-           "front",
+       same("ui.open_url(\"" + std::string(exampleWebAddress) +
+            "\") opens a URL or a file path with its default app and points the following statements at the app in "
+            "front"),
        openURL},
       {"ui.open",
-       "ui.open(\"Spotify\") launches or activates an app, waits for its window, and points the following statements "
-       "at it",
+       {.mac = "ui.open(\"Spotify\") launches or activates an app, waits for its window, and points the following "
+               "statements at it",
+        .linuxDesktop = "ui.open(\"Calculator\") launches or activates an app, waits for its window, and points the "
+                        "following statements at it"},
        open},
   };
   return table;
@@ -152,14 +176,18 @@ double decimalValue(std::string_view s) {
 
 }  // namespace
 
-const std::vector<ProcedureInfo>& procedureTable() {
-  static const std::vector<ProcedureInfo> table = [] {
+const std::vector<ProcedureInfo>& procedureTable(Desktop desktop) {
+  auto tableOf = [](Desktop of) {
     std::vector<ProcedureInfo> out;
-    for (const auto& e : entries()) out.push_back(ProcedureInfo{e.name, e.usage});
+    for (const auto& e : entries()) out.push_back(ProcedureInfo{e.name, e.usage.in(of)});
     return out;
-  }();
-  return table;
+  };
+  static const std::vector<ProcedureInfo> mac = tableOf(Desktop::mac);
+  static const std::vector<ProcedureInfo> linuxDesktop = tableOf(Desktop::linuxDesktop);
+  return desktop == Desktop::linuxDesktop ? linuxDesktop : mac;
 }
+
+const std::vector<ProcedureInfo>& procedureTable() { return procedureTable(currentDesktop()); }
 
 StatementResultRef callProcedure(ScriptRun& run, const cypher::CallStatement& call) {
   for (const auto& e : entries())

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/desktop.h"
 #include "cypher/values.h"
 
 namespace glimmerstrand::core {
@@ -20,7 +21,9 @@ struct ProcedureInfo {
 };
 
 /// The 26 procedures in table order: the order of the unknown-procedure
-/// message and of the usage text shown to agents.
+/// message and of the usage text shown to agents, with the usage lines of
+/// that desktop, or of the current one (desktop.h).
+const std::vector<ProcedureInfo>& procedureTable(Desktop desktop);
 const std::vector<ProcedureInfo>& procedureTable();
 
 /// The web address the usage line and the error of ui.open_url show.

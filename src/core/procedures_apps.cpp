@@ -1,5 +1,6 @@
 // The procedures that move the rest of a script to another application or
 // window, or that list them: open, open_url, quit, window, apps, windows.
+#include "core/desktop.h"
 #include "core/errors.h"
 #include "core/json_value.h"
 #include "core/procedure_handlers.h"
@@ -59,6 +60,22 @@ void startOn(ScriptRun& run, AxSnapshot snapshot) {
   run.closed = false;
 }
 
+const std::string& openWithoutName() {
+  static const DesktopText text{
+      .mac = "ui.open にはアプリの名前を渡してください。例: ui.open(\"Spotify\")",
+      .linuxDesktop = "ui.open にはアプリの名前を渡してください。例: ui.open(\"Calculator\")",
+  };
+  return text();
+}
+
+const std::string& quitWithoutName() {
+  static const DesktopText text{
+      .mac = "ui.quit にはアプリの名前を渡してください。例: ui.quit(\"Spotify\")",
+      .linuxDesktop = "ui.quit にはアプリの名前を渡してください。例: ui.quit(\"Calculator\")",
+  };
+  return text();
+}
+
 StatementResultRef rowsResult(StatementResultRef result, std::vector<Row> rows) {
   result->rows = std::move(rows);
   result->returns = true;
@@ -78,9 +95,7 @@ StatementResultRef apps(ScriptRun& run, const Arguments&) {
 
 StatementResultRef open(ScriptRun& run, const Arguments& args) {
   const std::string name = textOr(argumentAt(args, 0), "");
-  if (name.empty())
-    throw GlimmerstrandError(codes::invalidArgument,
-                             "ui.open にはアプリの名前を渡してください。例: ui.open(\"Spotify\")");
+  if (name.empty()) throw GlimmerstrandError(codes::invalidArgument, openWithoutName());
   run.settlePending();
   const AppInfo app = run.driver().launch(name);
   auto result = callResult();
@@ -111,9 +126,7 @@ StatementResultRef openURL(ScriptRun& run, const Arguments& args) {
 StatementResultRef quit(ScriptRun& run, const Arguments& args) {
   run.settlePending();
   const std::string name = textOr(argumentAt(args, 0), "");
-  if (name.empty())
-    throw GlimmerstrandError(codes::invalidArgument,
-                             "ui.quit にはアプリの名前を渡してください。例: ui.quit(\"Spotify\")");
+  if (name.empty()) throw GlimmerstrandError(codes::invalidArgument, quitWithoutName());
   const QuitResult quit = run.driver().quit(AppSelector{std::nullopt, std::nullopt, name});
   auto result = callResult();
   // Not quitting is an answer, not a failure: the script goes on.

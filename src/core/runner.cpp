@@ -3,6 +3,7 @@
 #include "core/runner.h"
 
 #include "core/change_report.h"
+#include "core/desktop.h"
 #include "core/errors.h"
 #include "cypher/parser.h"
 #include "cypher/projection.h"
@@ -73,12 +74,10 @@ bool scriptReadsMenus(std::string_view s) {
 std::int64_t frontOrFail(UIDriver& driver, Clock& clock, const std::optional<AppSelector>& selector) {
   const bool counts = selector && (selector->pid || (selector->name && !selector->name->empty()) ||
                                    (selector->bundleId && !selector->bundleId->empty()));
-  if (!counts) {
-    AppInfo front = driver.frontmost();
-    if (front.bundleId == "com.apple.loginwindow")
-      throw GlimmerstrandError(codes::permission, "画面がロックされているので、キー入力を送りませんでした");
-    return front.pid;
-  }
+  // Whatever is in front, a locked screen takes the input.
+  if (driver.screenLocked())
+    throw GlimmerstrandError(codes::permission, "画面がロックされているので、キー入力を送りませんでした");
+  if (!counts) return driver.frontmost().pid;
   AppInfo app = driver.activate(*selector);
   for (int attempt = 0; attempt < 10; ++attempt) {
     if (driver.frontmost().pid == app.pid) return app.pid;
@@ -97,9 +96,11 @@ CypherRunner::CypherRunner(UIDriver& driver, GraphMemory& memory, Clock& clock, 
 
 namespace {
 
-// Some applications drop nearly their whole tree while behind other windows;
-// such an application is brought to the front and read again.
+// Some applications of a Mac drop nearly their whole tree while behind other
+// windows; such an application is brought to the front and read again. An
+// AT-SPI tree is whole in the background, and a small one is just small.
 std::optional<AxSnapshot> frontIfSparse(const CypherRunner& runner, const AxSnapshot& snapshot) {
+  if (currentDesktop() == Desktop::linuxDesktop) return std::nullopt;
   const auto& nodes = snapshot.nodes;
   bool hasWindow = false;
   for (const auto& n : nodes) {

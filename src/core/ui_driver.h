@@ -62,6 +62,9 @@ class UIDriver {
   /// The application that took the URL, when known.
   virtual std::optional<AppInfo> openURL(const std::string& url) = 0;
   virtual Capture captureRegion(double x, double y, double width, double height, const CaptureOptions& options) = 0;
+  /// Whether the user's screen is locked: input then reaches the lock screen,
+  /// not the application.
+  virtual bool screenLocked() = 0;
 };
 
 }  // namespace glimmerstrand::core

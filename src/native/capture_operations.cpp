@@ -49,7 +49,7 @@ JSONValue displayRecord(const platform::Display& d) {
 
 platform::Display Capturer::displayFor(std::optional<std::int64_t> id) {
   if (id && (*id < 0 || *id > 0xFFFFFFFFLL)) throw RPCError("invalid_argument", "display は 32 ビットの正の整数です");
-  auto displays = platform_.screen().displays();
+  auto displays = platform_().screen().displays();
   for (const auto& d : displays)
     if (id ? d.id == *id : d.main) return d;
   if (!id && !displays.empty()) return displays.front();
@@ -57,21 +57,17 @@ platform::Display Capturer::displayFor(std::optional<std::int64_t> id) {
 }
 
 double Capturer::millisecondsSince(std::int64_t startNs) {
-  return static_cast<double>(platform_.clock().nowNs() - startNs) / 1e6;
+  return static_cast<double>(platform_().clock().nowNs() - startNs) / 1e6;
 }
 
 JSONValue Capturer::capture(const JSONValue& params) {
-  const auto start = platform_.clock().nowNs();
+  const auto start = platform_().clock().nowNs();
   auto display = displayFor(core::optionalInt(params, "display"));
   const auto size = pixelSize(display.bounds.width, display.bounds.height, maxSideOf(params));
   const auto format = core::optionalString(params, "format").value_or("jpeg");
   const auto quality = core::optionalNumber(params, "quality").value_or(0.6);
   const bool fresh = core::optionalBool(params, "fresh").value_or(false);
-  if (!platform_.screen().hasCapturePermission())
-    throw RPCError(
-        "permission",
-        "画面収録が許可されていません。システム設定のプライバシーとセキュリティで、ターミナルに画面収録を許可"
-        "してください");
+  if (!platform_().screen().hasCapturePermission()) throw RPCError("permission", captureDenied());
 
   std::optional<Frame> frame;
   {
@@ -81,31 +77,31 @@ JSONValue Capturer::capture(const JSONValue& params) {
   if (!frame) {
     // Without a frame stream of our own, a fresh frame is a new grab of the display.
     const double scale = static_cast<double>(size.width) / display.bounds.width;
-    auto pixels = platform_.screen().capture(display.bounds, scale, std::nullopt);
+    auto pixels = platform_().screen().capture(display.bounds, scale, std::nullopt);
     if (!pixels) throw RPCError("timeout", "画面のフレームが届きません");
-    frame = Frame{display.id, size, resized(fromPixels(std::move(*pixels)), size), platform_.clock().nowNs()};
+    frame = Frame{display.id, size, resized(fromPixels(std::move(*pixels)), size), platform_().clock().nowNs()};
     std::lock_guard guard(frameLock_);
     latest_ = frame;
   }
   const Region region{0, 0, display.bounds.width, display.bounds.height};
   return imageRecord(format, frame->image, quality, displayRecord(display), region,
-                     static_cast<double>(platform_.clock().nowNs() - frame->atNs) / 1e6, millisecondsSince(start));
+                     static_cast<double>(platform_().clock().nowNs() - frame->atNs) / 1e6, millisecondsSince(start));
 }
 
 JSONValue Capturer::captureRegion(const JSONValue& params) {
-  const auto start = platform_.clock().nowNs();
+  const auto start = platform_().clock().nowNs();
   const auto displayId = core::optionalInt(params, "display");
   const Region asked{requiredNumber("x", params), requiredNumber("y", params), requiredNumber("width", params),
                      requiredNumber("height", params)};
   const auto format = core::optionalString(params, "format").value_or("jpeg");
   const auto quality = core::optionalNumber(params, "quality").value_or(0.8);
   const auto pid = core::optionalInt(params, "pid");
-  if (!platform_.screen().hasCapturePermission()) throw RPCError("permission", "画面収録が許可されていません");
+  if (!platform_().screen().hasCapturePermission()) throw RPCError("permission", regionCaptureDenied());
   auto display = displayFor(displayId);
   const double scale = display.scale > 0 && std::isfinite(display.scale) ? display.scale : 1.0;
   const auto region = clipRegion(asked, smallestCaptureSide / scale, display.bounds.width, display.bounds.height);
   const auto size = pixelSize(region.width * scale, region.height * scale, maxSideOf(params));
-  auto pixels = platform_.screen().capture(
+  auto pixels = platform_().screen().capture(
       platform::AxRect{display.bounds.x + region.x, display.bounds.y + region.y, region.width, region.height},
       static_cast<double>(size.width) / region.width,
       pid ? std::optional<std::int32_t>(static_cast<std::int32_t>(*pid)) : std::nullopt);
@@ -117,20 +113,22 @@ JSONValue Capturer::captureRegion(const JSONValue& params) {
                      millisecondsSince(start));
 }
 
-void addCaptureOperations(OperationTable& table, platform::Platform& platform, Capturer& capturer) {
-  auto permissions = [&platform] {
+void addCaptureOperations(OperationTable& table, PlatformOf platformOf, Capturer& capturer) {
+  auto permissions = [platformOf] {
+    auto& platform = platformOf();
     return JSONValue::Object{{"accessibility", platform.accessibility().isTrusted()},
                              {"screenRecording", platform.screen().hasCapturePermission()}};
   };
   table.add("permissions", [permissions](const JSONValue&) -> HandlerResult { return permissions(); });
-  table.add("requestPermissions", [&platform](const JSONValue&) -> HandlerResult {
+  table.add("requestPermissions", [platformOf](const JSONValue&) -> HandlerResult {
+    auto& platform = platformOf();
     bool accessibility = platform.accessibility().requestTrust();
     bool screen = platform.screen().hasCapturePermission() || platform.screen().requestCapturePermission();
     return JSONValue::Object{{"accessibility", accessibility}, {"screenRecording", screen}};
   });
-  table.add("displays", [&platform](const JSONValue&) -> HandlerResult {
+  table.add("displays", [platformOf](const JSONValue&) -> HandlerResult {
     JSONValue::Array list;
-    for (const auto& d : platform.screen().displays()) list.push_back(displayRecord(d));
+    for (const auto& d : platformOf().screen().displays()) list.push_back(displayRecord(d));
     return JSONValue::Object{{"displays", std::move(list)}};
   });
   table.add("capture", [&capturer](const JSONValue& params) -> HandlerResult { return capturer.capture(params); });

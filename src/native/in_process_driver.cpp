@@ -331,6 +331,12 @@ core::Capture InProcessDriver::captureRegion(double x, double y, double width, d
   return capture;
 }
 
+bool InProcessDriver::screenLocked() {
+  bool locked = false;
+  withDriverErrors([&] { locked = host_.platform().session().isScreenLocked(); });
+  return locked;
+}
+
 std::optional<core::Point> InProcessDriver::elementPoint(const core::ElementRef& ref) {
   std::vector<core::AxSnapshot> candidates;
   {

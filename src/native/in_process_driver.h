@@ -59,6 +59,8 @@ class InProcessDriver final : public core::UIDriver {
   std::optional<core::AppInfo> openURL(const std::string& url) override;
   core::Capture captureRegion(double x, double y, double width, double height,
                               const core::CaptureOptions& options) override;
+  /// The platform's own answer, not a guess from the application in front.
+  bool screenLocked() override;
 
  private:
   enum class On { caller, input };

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <thread>
 
+#include "core/desktop.h"
 #include "core/runner.h"
 #include "native/agent_cursor.h"
 #include "native/applications.h"
@@ -32,23 +33,21 @@ int main(int argc, char** argv) {
     std::cout << "glimmerstrand-native " GLIMMERSTRAND_VERSION "\n";
     return 0;
   }
-  // The platform is chosen once. Without one the process still runs, and the
-  // operations that need it say why it is missing.
-  static platform::PlatformChoice choice =
-      platform::selectPlatform(std::getenv("GLIMMERSTRAND_PLATFORM"), std::getenv("GLIMMERSTRAND_SIM_APPS"));
-  static native::MirrorHost mirrorHost(choice.platform.get(), choice.problem);
-  static platform::TaskRunLoop fallbackLoop;
-  platform::RunLoop& mainLoop = choice.platform ? choice.platform->mainLoop() : fallbackLoop;
+  // The platform is chosen at start. Without one the process still runs, the
+  // operations that need it say why it is missing, and a Linux desktop that
+  // comes later is found by the next operation that needs it. The texts shown
+  // to agents are those of the desktop served, or to be served.
+  static platform::PlatformSource source(std::getenv("GLIMMERSTRAND_PLATFORM"), std::getenv("GLIMMERSTRAND_SIM_APPS"));
+  core::setCurrentDesktop(source.desktopName() == "linux" ? core::Desktop::linuxDesktop : core::Desktop::mac);
+  static native::MirrorHost mirrorHost([](std::string& problem) { return source.find(problem); });
+  platform::RunLoop& mainLoop = source.mainLoop();
 
   // The table and the queues come first: the driver runs its input through the
   // same handlers and the same serial queue in both modes.
   static native::OperationTable operations;
   static native::Queues queues;
-  static std::unique_ptr<native::AgentCursor> cursor =
-      choice.platform ? std::make_unique<native::AgentCursor>(choice.platform->overlay(), mainLoop,
-                                                              native::cursorEnabledFromEnvironment())
-                      : nullptr;
-  static native::InProcessDriver driver(operations, queues, mirrorHost, cursor.get());
+  static native::AgentCursor cursor(mirrorHost.overlay(), mainLoop, native::cursorEnabledFromEnvironment());
+  static native::InProcessDriver driver(operations, queues, mirrorHost, &cursor);
   static core::CypherRunner runner(driver, core::GraphMemory::shared(), native::waitingClock());
   native::addProcessOperations(operations);
   native::addMirrorOperations(operations, mirrorHost);
@@ -58,10 +57,9 @@ int main(int argc, char** argv) {
   native::addApplicationOperations(operations, mirrorHost);
   native::addGatewayOperations(operations, native::Output::shared());
   native::addCypherOperation(operations, runner);
-  if (choice.platform) {
-    static native::Capturer capturer(*choice.platform);
-    native::addCaptureOperations(operations, *choice.platform, capturer);
-  }
+  const native::PlatformOf platformOf = []() -> platform::Platform& { return mirrorHost.platform(); };
+  static native::Capturer capturer(platformOf);
+  native::addCaptureOperations(operations, platformOf, capturer);
 
   if (argc > 1 && std::strcmp(argv[1], "daemon") == 0)
     return native::runDaemon(native::DaemonParts{runner, mirrorHost, mainLoop});

@@ -1,5 +1,6 @@
 #include "native/mirror_operations.h"
 
+#include "core/errors.h"
 #include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
@@ -122,41 +123,92 @@ JSONValue frontmost(MirrorHost& host) { return core::toJSON(appRecord(host.apps(
 
 }  // namespace
 
-MirrorHost::MirrorHost(platform::Platform* platform, std::string problem)
-    : platform_(platform), problem_(std::move(problem)) {
-  if (!platform_) return;
-  mirrors_ = std::make_unique<Mirrors>(MirrorEnvironment{platform_->accessibility(), platform_->clock()},
-                                       platform_->workspace());
-  apps_ = std::make_unique<AppLookup>(platform_->workspace());
-  menus_ = std::make_unique<MenuCache>(MirrorEnvironment{platform_->accessibility(), platform_->clock()});
+MirrorHost::MirrorHost(platform::Platform* platform, std::string problem) : problem_(std::move(problem)) {
+  if (platform) adopt(*platform);
 }
 
-void MirrorHost::requirePlatform() const {
-  if (!platform_) throw RPCError("native", problem_);
+MirrorHost::MirrorHost(FindPlatform find) : find_(std::move(find)) {
+  std::string problem;
+  if (auto* platform = find_(problem)) adopt(*platform);
+}
+
+void MirrorHost::adopt(platform::Platform& platform) {
+  bool observe = false;
+  {
+    std::lock_guard guard(adoptLock_);
+    if (platform_.load(std::memory_order_relaxed)) return;
+    const MirrorEnvironment environment{platform.accessibility(), platform.clock()};
+    mirrors_ = std::make_unique<Mirrors>(environment, platform.workspace());
+    apps_ = std::make_unique<AppLookup>(platform.workspace());
+    menus_ = std::make_unique<MenuCache>(environment);
+    platform_.store(&platform, std::memory_order_release);
+    observe = observing_;
+  }
+  if (observe) mirrors_->startObserving();
 }
 
 platform::Platform& MirrorHost::platform() {
-  requirePlatform();
-  return *platform_;
+  if (auto* platform = platform_.load(std::memory_order_acquire)) return *platform;
+  std::string problem = problem_;
+  if (find_) {
+    if (auto* found = find_(problem)) {
+      adopt(*found);
+      return *platform_.load(std::memory_order_acquire);
+    }
+  }
+  throw RPCError(core::codes::noDesktop, problem);
 }
 
 Mirrors& MirrorHost::mirrors() {
-  requirePlatform();
+  platform();
   return *mirrors_;
 }
 
 AppLookup& MirrorHost::apps() {
-  requirePlatform();
+  platform();
   return *apps_;
 }
 
 MenuCache& MirrorHost::menus() {
-  requirePlatform();
+  platform();
   return *menus_;
 }
 
 void MirrorHost::startObserving() {
-  if (mirrors_) mirrors_->startObserving();
+  {
+    std::lock_guard guard(adoptLock_);
+    observing_ = true;
+    if (!platform_.load(std::memory_order_relaxed)) return;  // adopt starts it
+  }
+  mirrors_->startObserving();
+}
+
+platform::OverlayPainter* MirrorHost::LatePainter::painter() const {
+  auto* platform = host_.platform_.load(std::memory_order_acquire);
+  return platform ? &platform->overlay() : nullptr;
+}
+
+platform::OverlayPainter::PanelId MirrorHost::LatePainter::createPanel(platform::AxSize size,
+                                                                       platform::CursorShape shape,
+                                                                       std::uint32_t colour) {
+  auto* painter = this->painter();
+  return painter ? painter->createPanel(size, shape, colour) : 0;
+}
+
+void MirrorHost::LatePainter::move(PanelId panel, platform::AxPoint origin, std::int64_t durationMs) {
+  if (auto* painter = this->painter()) painter->move(panel, origin, durationMs);
+}
+
+void MirrorHost::LatePainter::close(PanelId panel) {
+  if (auto* painter = this->painter()) painter->close(panel);
+}
+
+void MirrorHost::LatePainter::setAlpha(PanelId panel, double alpha, std::int64_t durationMs) {
+  if (auto* painter = this->painter()) painter->setAlpha(panel, alpha, durationMs);
+}
+
+void MirrorHost::LatePainter::pulse(PanelId panel, double scale, std::int64_t durationMs) {
+  if (auto* painter = this->painter()) painter->pulse(panel, scale, durationMs);
 }
 
 std::string MirrorHost::nodesText(const NodeList& nodes) {

@@ -55,7 +55,7 @@ void Mirrors::startObserving() {
 }
 
 void requireTrust(platform::Accessibility& ax) {
-  if (!ax.isTrusted()) throw RPCError("permission", permissionMessage);
+  if (!ax.isTrusted()) throw RPCError("permission", permissionMessage());
 }
 
 namespace {

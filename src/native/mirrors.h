@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/desktop.h"
 #include "core/json_value.h"
 #include "native/app_mirror.h"
 #include "platform/workspace.h"
@@ -22,10 +23,15 @@
 namespace glimmerstrand::native {
 
 /// What every operation that needs the accessibility permission says
-/// without it.
-inline constexpr const char* permissionMessage =
-    "アクセシビリティが許可されていません。システム設定のプライバシーとセキュリティで、ターミナルにアクセシビリティを許"
-    "可してください";
+/// without it: on Linux, without the toolkits' accessibility switched on.
+inline const core::DesktopText permissionMessage{
+    .mac =
+        "アクセシビリティが許可されていません。システム設定のプライバシーとセキュリティで、ターミナルにアクセシビリ"
+        "ティを許可してください",
+    .linuxDesktop =
+        "アクセシビリティ (AT-SPI) が有効になっていません。gsettings set org.gnome.desktop.interface "
+        "toolkit-accessibility true で有効にしてから、アプリを起動し直してください",
+};
 
 /// RPCError "permission" with `permissionMessage` unless the process may read
 /// and drive other applications.

@@ -23,7 +23,7 @@ std::string lowerAscii(std::string text) {
 
 bool sameIgnoringCase(const std::string& a, const std::string& b) { return lowerAscii(a) == lowerAscii(b); }
 
-std::string withLockMessage(const std::string& message) { return message + " (" + screenLockedNote + ")"; }
+std::string withLockMessage(const std::string& message) { return message + " (" + screenLockedNote() + ")"; }
 
 }  // namespace
 
@@ -97,7 +97,7 @@ core::CypherResult NativeBackend::runStatements(const std::string& cypher, const
   } else if (!result.results.empty()) {
     auto& notes = result.results.front()->notes;
     if (!notes) notes.emplace();
-    notes->insert(notes->begin(), screenLockedNote);
+    notes->insert(notes->begin(), screenLockedNote());
   }
   return result;
 }

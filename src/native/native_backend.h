@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "core/desktop.h"
 #include "core/runner.h"
 #include "native/capture_operations.h"
 #include "native/mirror_operations.h"
@@ -16,10 +17,16 @@
 
 namespace glimmerstrand::native {
 
-/// What a run returns when the screen is locked, and why.
-inline constexpr const char* screenLockedNote =
-    "the Mac's screen is locked, so app windows cannot be read or operated, only menus; ask the user to unlock it, "
-    "then retry";
+/// What a run returns when the screen is locked, and why. On Linux the trees
+/// still read; only input reaches the lock screen instead of the windows.
+inline const core::DesktopText screenLockedNote{
+    .mac =
+        "the Mac's screen is locked, so app windows cannot be read or operated, only menus; ask the user to unlock "
+        "it, then retry",
+    .linuxDesktop =
+        "the screen is locked, so keys and clicks reach the lock screen, not the app windows; ask the user "
+        "to unlock it, then retry",
+};
 
 /// The lease key and display name of a selector; absent when it names nothing.
 std::optional<std::pair<std::string, std::string>> leaseKey(platform::Workspace& workspace,

@@ -2,7 +2,10 @@
 
 #include <exception>
 #include <sstream>
+#include <vector>
 
+#include "platform/headless_desktop.h"
+#include "platform/linux/glib_run_loop.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/sim/demo_apps.h"
 #include "platform/sim/fixture.h"
@@ -12,10 +15,19 @@ namespace glimmerstrand::platform {
 
 namespace {
 
+constexpr auto attemptInterval = std::chrono::seconds(1);
+
 std::string trimmed(const std::string& text) {
   auto first = text.find_first_not_of(" \t");
   if (first == std::string::npos) return "";
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+std::vector<std::string> namesOf(const char* platformNames) {
+  std::stringstream list(platformNames && *platformNames ? platformNames : "linux");
+  std::vector<std::string> names;
+  for (std::string name; std::getline(list, name, ',');) names.push_back(trimmed(name));
+  return names;
 }
 
 PlatformChoice simulated(const char* simApps) {
@@ -27,19 +39,32 @@ PlatformChoice simulated(const char* simApps) {
   }
 }
 
+// Without a display nothing is asked of the buses: a session bus found then
+// (the user manager's, under systemd) would tie the process for good to a
+// session without a screen, and a launcher of its accessibility bus would be
+// started for nothing.
+PlatformChoice linuxDesktop() {
+  adoptRunningDesktop();
+  if (!processEnvironmentValue("DISPLAY") && !processEnvironmentValue("WAYLAND_DISPLAY"))
+    return {nullptr,
+            "デスクトップが見つかりません (DISPLAY も WAYLAND_DISPLAY もありません)。画面のないマシンでは "
+            "glimmerstrand desktop start でデスクトップを起動できます。起動すれば、次の呼び出しからそのデスクトップ"
+            "を使います"};
+  PlatformChoice choice;
+  choice.platform = linux_desktop::makeLinuxPlatform(choice.problem);
+  return choice;
+}
+
 }  // namespace
 
 PlatformChoice selectPlatform(const char* platformNames, const char* simApps) {
-  std::string names = platformNames && *platformNames ? platformNames : "linux";
-  std::stringstream list(names);
   std::string problem;
-  for (std::string name; std::getline(list, name, ',');) {
-    name = trimmed(name);
+  for (const auto& name : namesOf(platformNames)) {
     PlatformChoice choice;
     if (name == "sim") {
       choice = simulated(simApps);
     } else if (name == "linux") {
-      choice.platform = linux_desktop::makeLinuxPlatform(choice.problem);
+      choice = linuxDesktop();
     } else {
       choice.problem = "未知のプラットフォームです: " + name;
     }
@@ -48,6 +73,53 @@ PlatformChoice selectPlatform(const char* platformNames, const char* simApps) {
     problem += choice.problem;
   }
   return {nullptr, problem};
+}
+
+PlatformSource::PlatformSource(const char* platformNames, const char* simApps) {
+  const auto names = namesOf(platformNames);
+  firstName_ = names.empty() ? "" : names.front();
+  auto choice = selectPlatform(platformNames, simApps);
+  atStart_ = std::move(choice.platform);
+  problem_ = std::move(choice.problem);
+  nextAttempt_ = Clock::now() + attemptInterval;
+  if (atStart_) {
+    platform_ = atStart_.get();
+    mainLoop_ = &atStart_->mainLoop();
+    return;
+  }
+  // Only a Linux desktop comes later: it runs on the loop waiting for it.
+  for (const auto& name : names) looksAgain_ = looksAgain_ || name == "linux";
+  if (looksAgain_)
+    waitingLoop_ = std::make_unique<linux_desktop::GlibRunLoop>();
+  else
+    waitingLoop_ = std::make_unique<TaskRunLoop>();
+  mainLoop_ = waitingLoop_.get();
+}
+
+Platform* PlatformSource::find(std::string& problem) {
+  if (auto* platform = platform_.load(std::memory_order_acquire)) return platform;
+  {
+    std::lock_guard guard(lock_);
+    problem = problem_;
+    if (!looksAgain_ || attempting_ || Clock::now() < nextAttempt_) return nullptr;
+    attempting_ = true;
+  }
+  auto choice = linuxDesktop();
+  std::lock_guard guard(lock_);
+  attempting_ = false;
+  nextAttempt_ = Clock::now() + attemptInterval;
+  if (!choice.platform) {
+    problem = problem_ = choice.problem;
+    return nullptr;
+  }
+  later_ = std::move(choice.platform);
+  platform_.store(later_.get(), std::memory_order_release);
+  return later_.get();
+}
+
+std::string PlatformSource::desktopName() const {
+  if (auto* platform = platform_.load(std::memory_order_acquire)) return std::string(platform->name());
+  return looksAgain_ ? "linux" : firstName_;
 }
 
 }  // namespace glimmerstrand::platform

@@ -6,6 +6,7 @@
 
 #include <array>
 
+#include "core/desktop.h"
 #include "core/errors.h"
 #include "server/app_coordinator.h"
 #include "server/request_handler.h"
@@ -21,7 +22,38 @@ constexpr std::array<std::string_view, 5> knownVersions{"2025-11-25", "2025-06-1
                                                         "2024-10-07"};
 constexpr std::string_view latestVersion = "2025-11-25";
 constexpr std::string_view ourVersion = GLIMMERSTRAND_VERSION;
-constexpr std::string_view toolTitle = "Mac のアプリを見て操作する";
+
+const core::DesktopText toolTitle{
+    .mac = "Mac のアプリを見て操作する",
+    .linuxDesktop = "Linux デスクトップのアプリを見て操作する",
+};
+
+const core::DesktopText toolDescription{
+    .mac =
+        "Look at and operate macOS apps (Spotify, Finder, Safari, Calculator, Notes, System Settings, any app) "
+        "through their accessibility tree with Cypher. Mac のアプリを見る、押す、入力する、開く。Read with MATCH "
+        "... RETURN, act with SET b.pressed = true or CALL "
+        "ui.open/ui.press/ui.type/ui.key/ui.click/ui.menu/ui.scroll/ui.read/ui.screenshot/ui.window/ui.clipboard/"
+        "ui.wait_for/ui.quit. Separate statements with ; to act and check in one call. The server instructions "
+        "describe the grammar.",
+    .linuxDesktop =
+        "Look at and operate the apps of this Linux desktop (Firefox, Chromium, LibreOffice, Files, Text Editor, "
+        "Calculator, any app) through their accessibility tree (AT-SPI) with Cypher. "
+        "Linux のアプリを見る、押す、入力する、開く。Read with MATCH ... RETURN, act with SET b.pressed = true or "
+        "CALL "
+        "ui.open/ui.press/ui.type/ui.key/ui.click/ui.menu/ui.scroll/ui.read/ui.screenshot/ui.window/ui.clipboard/"
+        "ui.wait_for/ui.quit. Separate statements with ; to act and check in one call. The server instructions "
+        "describe the grammar.",
+};
+
+const core::DesktopText cypherDescription{
+    .mac =
+        "Cypher statements separated by ;, e.g. CALL ui.open(\"Spotify\"); MATCH (b:Button) WHERE b.name CONTAINS "
+        "\"Play\" RETURN b LIMIT 5",
+    .linuxDesktop =
+        "Cypher statements separated by ;, e.g. CALL ui.open(\"Text Editor\"); MATCH (b:Button) WHERE b.name "
+        "CONTAINS \"Save\" RETURN b LIMIT 5",
+};
 
 JSONValue initializeResult(const std::string& clientVersion) {
   bool known = std::find(knownVersions.begin(), knownVersions.end(), clientVersion) != knownVersions.end();
@@ -104,11 +136,7 @@ JSONValue errorResponse(const JSONValue& id, int code, const std::string& messag
 }  // namespace
 
 JSONValue doToolDefinition() {
-  JSONValue::Object cypher{
-      {"type", "string"},
-      {"description",
-       "Cypher statements separated by ;, e.g. CALL ui.open(\"Spotify\"); MATCH (b:Button) WHERE b.name CONTAINS "
-       "\"Play\" RETURN b LIMIT 5"}};
+  JSONValue::Object cypher{{"type", "string"}, {"description", cypherDescription()}};
   JSONValue::Object app{
       {"description",
        "App name or bundle id to look at or operate, such as \"Calculator\" or \"計算機\". Pass it on every call: "
@@ -120,19 +148,12 @@ JSONValue doToolDefinition() {
                            {"required", JSONValue::Array{"cypher", "app"}}};
   return JSONValue::Object{
       {"name", "do"},
-      {"title", toolTitle},
-      {"description",
-       "Look at and operate macOS apps (Spotify, Finder, Safari, Calculator, Notes, System Settings, any app) through "
-       "their accessibility tree with Cypher. Mac のアプリを見る、押す、入力する、開く。Read with MATCH ... RETURN, "
-       "act "
-       "with SET b.pressed = true or CALL "
-       "ui.open/ui.press/ui.type/ui.key/ui.click/ui.menu/ui.scroll/ui.read/ui.screenshot/ui.window/ui.clipboard/"
-       "ui.wait_for/ui.quit. Separate statements with ; to act and check in one call. The server instructions "
-       "describe the grammar."},
+      {"title", toolTitle()},
+      {"description", toolDescription()},
       {"inputSchema", schema},
       {"annotations",
        JSONValue::Object{
-           {"title", toolTitle}, {"readOnlyHint", false}, {"destructiveHint", true}, {"openWorldHint", false}}},
+           {"title", toolTitle()}, {"readOnlyHint", false}, {"destructiveHint", true}, {"openWorldHint", false}}},
       {"execution", JSONValue::Object{{"taskSupport", "forbidden"}}}};
 }
 

@@ -190,6 +190,11 @@ std::string retryHint(const std::optional<std::string>& code, std::int64_t state
     hint = "click the field with ui.click on its center, then ui.type; do not type before the focus moves";
   else if (code == "no_action")
     hint = "the element does not support this; try another way, such as ui.click or ui.inspect";
+  else if (code == "no_desktop")
+    // Calling again changes nothing until a desktop runs; then the next call finds it.
+    hint =
+        "there is no desktop to work on; tell the user what the message says is missing, and call again once it "
+        "runs";
   if (statement >= 2)
     return "statements before #" + std::to_string(statement) + " already ran, so do not repeat them; " + hint;
   return hint;

@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <regex>
+#include <thread>
 
 #include "client/client_process.h"
 #include "client/desktop.h"
@@ -117,6 +119,15 @@ TEST_F(DesktopTest, ADaemonStartedWithoutADisplayReachesTheDesktopsApplication) 
   environment["GLIMMERSTRAND_PLATFORM"] = "sim";
 }
 
+TEST_F(DesktopTest, TheDaemonsOwnBinaryWithoutADisplayTakesTheDesktop) {
+  // As its systemd unit starts it: no client in between to lend the desktop's environment.
+  ClientProcess native(GLIMMERSTRAND_NATIVE_BINARY, "desktop-native");
+  native.environment().erase("GLIMMERSTRAND_PLATFORM");
+  native.environment()["GLIMMERSTRAND_DESKTOP_DIR"] = (client_->folder() / "desktop").string();
+  const Outcome reply = native.run({}, "{\"id\":1,\"method\":\"displays\",\"params\":{}}\n");
+  EXPECT_NE(reply.out.find("\"width\":1280"), std::string::npos) << reply.out << reply.err;
+}
+
 TEST_F(DesktopTest, StopEndsEveryProcessItStarted) {
   const auto pids = startedPids(started_->err);
   ASSERT_EQ(pids.size(), 5u) << started_->err;
@@ -127,6 +138,46 @@ TEST_F(DesktopTest, StopEndsEveryProcessItStarted) {
     EXPECT_FALSE(processExists(pid)) << name << " " << pid << " still runs";
   }
   EXPECT_EQ(client_->run({"desktop", "status"}).status, 1);
+}
+
+// The pid in the first line of `status`: "glimmerstrand 0.3.5, daemon pid 42".
+std::string daemonPid(const ClientProcess& client) {
+  const std::string line = Outcome::firstLine(client.run({"status"}).out);
+  return line.substr(line.rfind(' ') + 1);
+}
+
+// A daemon that an agent host or its systemd unit started before the desktop,
+// with no display and no bus, uses the desktop once it runs: no restart.
+TEST(DesktopLater, ADaemonStartedBeforeTheDesktopUsesItOnceItRuns) {
+  DesktopClient client("desktop-later");
+  client.environment().erase("GLIMMERSTRAND_PLATFORM");
+  struct Cleanup {
+    const DesktopClient& client;
+    ~Cleanup() {
+      client.run({"stop"});
+      client.run({"desktop", "stop"});
+    }
+  } cleanup{client};
+  const std::vector<std::string> query{"--app", "galculator", "query",
+                                       "MATCH (c:Control {name:\"7\"}) RETURN c.name LIMIT 1"};
+
+  const Outcome before = client.run(query);
+  EXPECT_EQ(before.status, 1);
+  EXPECT_NE(before.err.find("glimmerstrand desktop start"), std::string::npos) << before.err;
+  EXPECT_NE(before.err.find("\nhint: "), std::string::npos) << before.err;
+  EXPECT_EQ(before.err.find("retry"), std::string::npos) << "nothing to retry without a desktop: " << before.err;
+  const std::string pid = daemonPid(client);
+
+  const Outcome started = client.run({"desktop", "start", "galculator"});
+  ASSERT_EQ(started.status, 0) << started.err;
+  // The daemon looks again at most once a second: ask until it has looked.
+  Outcome after;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while ((after = client.run(query)).status != 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(after.status, 0) << after.err;
+  EXPECT_NE(after.out.find("\n7\n"), std::string::npos) << after.out;
+  EXPECT_EQ(daemonPid(client), pid) << "the same daemon";
 }
 
 // A failed start names the application and its log, and ends everything it

@@ -190,4 +190,9 @@ Capture FakeDriver::captureRegion(double x, double y, double width, double heigh
   return Capture{options.format, captureBytes, 2, 2, Rect{x, y, width, height}};
 }
 
+bool FakeDriver::screenLocked() {
+  record("screenLocked", "");
+  return locked;
+}
+
 }  // namespace glimmerstrand::core::testing

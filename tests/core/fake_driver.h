@@ -38,6 +38,7 @@ class FakeDriver final : public UIDriver {
   std::int64_t counter = 10;
   bool running = true;
   AppInfo front{501, "com.example.calculator", "Calculator"};
+  bool locked = false;  // the screen
 
   // Scripted behaviour.
   std::map<std::string, std::string> failures;  // operation -> error code
@@ -91,6 +92,7 @@ class FakeDriver final : public UIDriver {
   void copyImage(const std::vector<std::uint8_t>& png) override;
   std::optional<AppInfo> openURL(const std::string& url) override;
   Capture captureRegion(double x, double y, double width, double height, const CaptureOptions& options) override;
+  bool screenLocked() override;
 
   /// The node with that uid in the scripted application.
   AxNode& byUid(std::int64_t uid);

@@ -24,7 +24,8 @@ inline AxNode framed(AxNode n, Rect frame) {
 inline const std::string settleCall = R"(waitSettle {"pid":501,"since":10,"quietMs":60,"firstMs":150})";
 inline const std::string freshRead = R"(axSnapshot {"pid":501,"fresh":true,"all":true,"timeoutMs":5000})";
 inline const std::string counterCall = R"(axCounter {"pid":501})";
-inline const std::string frontCalls[] = {R"(activate {"pid":501})", "frontmost"};
+/// The check before pointer input: the screen lock, then the application to the front.
+inline const std::string frontCalls[] = {"screenLocked", R"(activate {"pid":501})", "frontmost"};
 
 class ProcedureTest : public ::testing::Test {
  protected:

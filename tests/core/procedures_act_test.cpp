@@ -14,18 +14,20 @@ struct ActCase {
 ActionRecord done(std::string id, std::string action) { return ActionRecord{id, action, true, std::nullopt}; }
 
 TEST_F(ProcedureTest, ActingProceduresReachTheDriverInOrder) {
-  const std::string a = frontCalls[0], f = frontCalls[1];
+  const std::string l = frontCalls[0], a = frontCalls[1], f = frontCalls[2];
   const ActCase cases[] = {
       {R"(CALL ui.press("e102"))", {counterCall, "press " + ref(2)}, done("e102", "pressed")},
       {R"(CALL ui.focus("To"))", {counterCall, "focus " + ref(1)}, done("e101", "focused")},
       {R"(CALL ui.set_value("e101", 7))", {counterCall, "setValue " + ref(1) + " \"7\""}, done("e101", "value=7")},
       {R"(CALL ui.key("Return"))", {counterCall, "key \"Return\" 501"}, done("", "key \"Return\"")},
-      {"CALL ui.click(100.4, 200.6)", {a, f, counterCall, "click 100.4,200.6 left 1"}, done("", "click left 100,201")},
+      {"CALL ui.click(100.4, 200.6)",
+       {l, a, f, counterCall, "click 100.4,200.6 left 1"},
+       done("", "click left 100,201")},
       {R"(CALL ui.click("e102", "double"))",
-       {a, f, counterCall, "click 340,20 left 2"},
+       {l, a, f, counterCall, "click 340,20 left 2"},
        done("e102", "click double 340,20")},
-      {R"(CALL ui.hover("e102"))", {a, f, counterCall, "move 340,20"}, done("e102", "hover 340,20")},
-      {R"(CALL ui.drag("e102", "e101"))", {a, f, counterCall, "drag 340,20 110,20"}, done("", "drag e102 -> e101")},
+      {R"(CALL ui.hover("e102"))", {l, a, f, counterCall, "move 340,20"}, done("e102", "hover 340,20")},
+      {R"(CALL ui.drag("e102", "e101"))", {l, a, f, counterCall, "drag 340,20 110,20"}, done("", "drag e102 -> e101")},
       {R"(CALL ui.menu("e102"))", {counterCall, "showMenu " + ref(2)}, done("e102", "menu")},
       // The list runs past its scroll area: the wheel goes to the middle of the visible part.
       {R"(CALL ui.scroll("e104", "down", 3))",
@@ -89,14 +91,14 @@ TEST_F(ProcedureTest, FailedKeysShowTheirActionAndTheWriteIsStillReported) {
 TEST_F(ProcedureTest, AWrongButtonFailsAfterThePointerWasPrepared) {
   auto r = run(R"(MATCH (b:Button) RETURN b.id; CALL ui.click(1, 2, "middle"))");
   EXPECT_EQ(r.error->message, "ボタンは left、right、double のどれかにしてください: middle");
-  EXPECT_EQ(calls(), (Lines{frontCalls[0], frontCalls[1], counterCall, settleCall, freshRead}));
+  EXPECT_EQ(calls(), (Lines{frontCalls[0], frontCalls[1], frontCalls[2], counterCall, settleCall, freshRead}));
 }
 
 TEST_F(ProcedureTest, AMenuWithoutItsActionIsOpenedByARightClick) {
   driver.failures["showMenu"] = "no_action";
   auto r = run(R"(CALL ui.menu("Send"))");
-  EXPECT_EQ(calls(), (Lines{counterCall, "showMenu " + ref(2), frontCalls[0], frontCalls[1], "click 340,20 right 1",
-                            settleCall, freshRead}));
+  EXPECT_EQ(calls(), (Lines{counterCall, "showMenu " + ref(2), frontCalls[0], frontCalls[1], frontCalls[2],
+                            "click 340,20 right 1", settleCall, freshRead}));
   EXPECT_EQ(r.results[0]->actions, std::vector<ActionRecord>{done("e102", "menu by right click")});
   driver.failures["showMenu"] = "stale";
   EXPECT_EQ(failure(R"(CALL ui.menu("Send"))").first, "stale");

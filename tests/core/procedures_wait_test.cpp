@@ -1,4 +1,5 @@
 #include "procedure_fixture.h"
+#include "support/desktop_texts.h"
 
 namespace glimmerstrand::core {
 namespace {
@@ -133,12 +134,21 @@ TEST_F(ProcedureTest, OpenURLUsesTheApplicationThatTookIt) {
   EXPECT_EQ(calls(), (Lines{R"(openURL "/tmp/a.txt")", "frontmost", freshRead}));
 }
 
-TEST_F(ProcedureTest, NamesAreRequired) {
-  const std::pair<const char*, std::string> cases[] = {
-      {"CALL ui.open()", "ui.open にはアプリの名前を渡してください。例: ui.open(\"Spotify\")"},
-      {R"(CALL ui.open_url(""))", "ui.open_url には URL を渡してください。例: ui.open_url(\"https://example.com\")"},
+TEST_F(ProcedureTest, NamesAreRequiredAndTheExampleIsAnAppOfTheDesktop) {
+  const std::tuple<Desktop, const char*, std::string> cases[] = {
+      {Desktop::mac, "CALL ui.open()", "ui.open にはアプリの名前を渡してください。例: ui.open(\"Spotify\")"},
+      {Desktop::mac, R"(CALL ui.quit(""))", "ui.quit にはアプリの名前を渡してください。例: ui.quit(\"Spotify\")"},
+      {Desktop::mac, R"(CALL ui.open_url(""))",
+       "ui.open_url には URL を渡してください。例: ui.open_url(\"https://example.com\")"},
+      {Desktop::linuxDesktop, "CALL ui.open()",
+       "ui.open にはアプリの名前を渡してください。例: ui.open(\"Calculator\")"},
+      {Desktop::linuxDesktop, R"(CALL ui.quit(""))",
+       "ui.quit にはアプリの名前を渡してください。例: ui.quit(\"Calculator\")"},
   };
-  for (const auto& [script, message] : cases) EXPECT_EQ(failure(script).second, message) << script;
+  for (const auto& [desktop, script, message] : cases) {
+    glimmerstrand::testing::DesktopScope scope(desktop);
+    EXPECT_EQ(failure(script).second, message) << script;
+  }
 }
 
 TEST_F(ProcedureTest, AnApplicationThatDoesNotQuitIsNoFailure) {

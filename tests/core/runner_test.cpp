@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_driver.h"
+#include "support/desktop_texts.h"
 
 namespace glimmerstrand::core {
 namespace {
@@ -215,7 +216,7 @@ TEST_F(RunnerTest, ASparseBackgroundApplicationIsBroughtForward) {
   };
   auto r = run(R"(MATCH (b:Button {name:"Send"}) RETURN b.name)");
   EXPECT_EQ(driver.callNames(),
-            (Lines{"axSnapshot", "frontmost", "activate", "frontmost", "axSnapshot", "axSnapshot"}));
+            (Lines{"axSnapshot", "frontmost", "screenLocked", "activate", "frontmost", "axSnapshot", "axSnapshot"}));
   EXPECT_EQ(clock.slept, (std::vector<double>{250, 250}));
   EXPECT_EQ(r.results[0]->notes,
             (Lines{"Calculator showed almost nothing in the background, so it was brought to the front"}));
@@ -239,18 +240,39 @@ TEST_F(RunnerTest, OnlySparseWindowedPagesWithoutWebAreasAreBroughtForward) {
   }
 }
 
-TEST(FrontOrFail, LockedScreenAndStubbornApplications) {
-  FakeDriver driver;
-  ManualClock clock;
-  driver.front = AppInfo{88, "com.apple.loginwindow", "loginwindow"};
-  try {
-    frontOrFail(driver, clock, std::nullopt);
-    ADD_FAILURE();
-  } catch (const GlimmerstrandError& e) {
-    EXPECT_EQ(e.code(), "permission");
-    EXPECT_EQ(e.message(), "画面がロックされているので、キー入力を送りませんでした");
+TEST_F(RunnerTest, OnTheLinuxDesktopASparseApplicationStaysWhereItIs) {
+  // An AT-SPI tree is whole in the background: a small one is not brought forward.
+  glimmerstrand::testing::DesktopScope linuxDesktop(Desktop::linuxDesktop);
+  driver.nodes.resize(5);
+  driver.front = AppInfo{1, "com.other", "Other"};
+  auto r = run("MATCH (n) RETURN count(*)", true);
+  EXPECT_EQ(driver.callNames(), Lines{"axSnapshot"});
+  EXPECT_FALSE(r.results[0]->notes);
+}
+
+// The lock is the driver's answer, asked before anything is brought forward;
+// the application in front says nothing about it.
+TEST(FrontOrFail, ALockedScreenTakesNoInputWhateverIsInFront) {
+  const std::optional<AppSelector> selectors[] = {std::nullopt, AppSelector{501, {}, {}},
+                                                  AppSelector{{}, {}, std::string("Calculator")}};
+  for (const auto& selector : selectors) {
+    FakeDriver driver;
+    ManualClock clock;
+    driver.locked = true;
+    try {
+      frontOrFail(driver, clock, selector);
+      ADD_FAILURE() << "no failure";
+    } catch (const GlimmerstrandError& e) {
+      EXPECT_EQ(e.code(), "permission");
+      EXPECT_EQ(e.message(), "画面がロックされているので、キー入力を送りませんでした");
+    }
+    EXPECT_EQ(driver.callNames(), Lines{"screenLocked"});
+
+    driver.locked = false;
+    driver.calls.clear();
+    driver.front = AppInfo{88, "com.apple.loginwindow", "loginwindow"};
+    EXPECT_EQ(frontOrFail(driver, clock, selector), selector ? 501 : 88) << "an unlocked screen takes input";
   }
-  EXPECT_EQ(frontOrFail(driver, clock, AppSelector{501, {}, {}}), 501) << "activate brings it forward";
 }
 
 TEST(MenuScripts, OnlyScriptsNamingTheMenuBarReadIt) {

@@ -87,7 +87,7 @@ TEST(MirrorEndToEnd, WithoutAPlatformTheProcessRunsAndExplains) {
                {R"({"id":1,"method":"ping"})", "[1]", R"({"id":2,"method":"axSnapshot","params":{}})"}, true);
   ASSERT_EQ(replies.size(), 2u);
   EXPECT_EQ(core::optionalBool(replies[1], "ok"), true);
-  EXPECT_EQ(core::optionalString(*replies[2].find("error"), "code"), "native");
+  EXPECT_EQ(core::optionalString(*replies[2].find("error"), "code"), "no_desktop");
   auto fallback = exchange({{"GLIMMERSTRAND_PLATFORM", "linux,sim"}}, {R"({"id":1,"method":"frontmost"})"});
   EXPECT_EQ(core::optionalString(*fallback[1].find("result"), "name"), "Calculator");
 }

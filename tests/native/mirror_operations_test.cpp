@@ -67,7 +67,7 @@ TEST(MirrorOperations, FailuresCarryTheirCodeAndMessage) {
   EXPECT_EQ(ops.failed("axSnapshot", {{"name", "Nothing"}}), "not_found: アプリが見つかりません");
   ops.platform.desktop().setTrusted(false);
   for (auto name : {"axSnapshot", "axTree", "axRefresh", "axCounter", "elementAt"})
-    EXPECT_EQ(ops.failed(name, {{"x", 1}, {"y", 1}}), std::string("permission: ") + permissionMessage) << name;
+    EXPECT_EQ(ops.failed(name, {{"x", 1}, {"y", 1}}), "permission: " + permissionMessage()) << name;
 }
 
 TEST(MirrorOperations, WithoutAPlatformEveryOperationSaysWhy) {
@@ -79,10 +79,40 @@ TEST(MirrorOperations, WithoutAPlatformEveryOperationSaysWhy) {
       (*table.find(name))(JSONValue::Object{{"pid", 1}, {"x", 1}, {"y", 1}});
       ADD_FAILURE() << name;
     } catch (const RPCError& e) {
-      EXPECT_EQ(e.code(), "native") << name;
+      EXPECT_EQ(e.code(), "no_desktop") << name;
       EXPECT_EQ(e.message(), "no platform here");
     }
   }
+}
+
+TEST(MirrorOperations, ADesktopThatComesLaterServesTheNextOperation) {
+  platform::sim::DrivenClock clock;
+  platform::sim::SimPlatform desktop(platform::sim::demoDesktop(), clock, clock.mainLoop());
+  bool arrived = false;
+  int looks = 0;
+  MirrorHost host([&](std::string& problem) -> platform::Platform* {
+    ++looks;
+    problem = "no desktop yet";
+    return arrived ? &desktop : nullptr;
+  });
+  host.startObserving();  // asked before there is anything to watch
+  OperationTable table;
+  addMirrorOperations(table, host);
+  const auto frontmost = [&] { return (*table.find("frontmost"))(JSONValue::Object{}); };
+  try {
+    frontmost();
+    ADD_FAILURE() << "no failure without a desktop";
+  } catch (const RPCError& e) {
+    EXPECT_EQ(e.code() + ": " + e.message(), "no_desktop: no desktop yet");
+  }
+
+  arrived = true;
+  EXPECT_EQ(core::optionalString(std::get<JSONValue>(frontmost()), "name"), "Calculator");
+  EXPECT_TRUE(host.mirrors().existing(demoCalculatorPid)) << "the watch asked for before starts with the desktop";
+  const int looksWhenFound = looks;
+  frontmost();
+  EXPECT_EQ(looks, looksWhenFound) << "a desktop found is kept";
+  clock.runUntilIdle();
 }
 
 }  // namespace

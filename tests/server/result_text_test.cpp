@@ -150,5 +150,13 @@ TEST(RoundHalfUp, HalvesGoAwayFromZero) {
   for (const auto& [value, text] : cases) EXPECT_EQ(roundHalfUp(value), text) << value;
 }
 
+TEST(RetryHint, WhatARetryCannotFixIsNotRetried) {
+  for (const char* code : {"permission", "no_desktop"}) {
+    const std::string hint = retryHint(code, 1);
+    for (const char* advice : {"retry once", "retry as is", "then retry", "retry with"})
+      EXPECT_EQ(hint.find(advice), std::string::npos) << code << ": " << hint;
+  }
+}
+
 }  // namespace
 }  // namespace glimmerstrand::server
