@@ -92,9 +92,14 @@ std::vector<std::string> instructionLines(core::Desktop desktop) {
           " Text elements (StaticText) are named by their text, so MATCH (t:StaticText {name:\"一般\"}) works. Use "
           "WHERE n:Button OR n:Row to mix labels. Quit apps with CALL ui.quit(\"App\"), not with window close buttons.",
       "Graph: each node is an accessibility element. Labels are roles without AX: Button, StaticText, TextField, "
-      "TextArea, ComboBox, Row, Cell, Link, Group, CheckBox, MenuItem, WebArea, Window. Element matches every node, "
-      "Control matches pressable or editable nodes. (parent)-[:CHILD]->(child), (child)-[:PARENT]->(parent), variable "
-      "length -[:CHILD*1..8]->, backwards (child)<-[:CHILD*1..4]-(ancestor).",
+      "TextArea, ComboBox, Row, Cell, Link, Group, CheckBox, MenuItem, WebArea, Window" +
+          either({
+              .mac = ".",
+              .linuxDesktop = ", Sheet (a dialog, inside the window it belongs to: MATCH (s:Sheet) finds an open "
+                              "save or confirm dialog).",
+          }) +
+          " Element matches every node, Control matches pressable or editable nodes. (parent)-[:CHILD]->(child), "
+          "(child)-[:PARENT]->(parent), variable length -[:CHILD*1..8]->, backwards (child)<-[:CHILD*1..4]-(ancestor).",
       propertiesLine(),
       "Read: MATCH ... WHERE ... RETURN with AS, comma separated patterns and repeated MATCH clauses sharing "
       "variables, DISTINCT, ORDER BY, SKIP, LIMIT, count(). Operators = <> < > CONTAINS, STARTS WITH, ENDS WITH, =~ "
@@ -235,14 +240,13 @@ std::vector<std::string> instructionLines(core::Desktop desktop) {
                  "CALL ui.type(\"Priplami\"); CALL ui.key(\"return\"); CALL ui.wait_for(\"MATCH (b:Button) WHERE "
                  "b.name CONTAINS 'Priplami' RETURN b.id\", 5000)",
           .linuxDesktop = "  CALL ui.open(\"Text Editor\"); MATCH (f:TextArea) SET f.focused = true; CALL "
-                          "ui.type(\"Notes\"); CALL ui.key(\"ctrl+s\"); CALL ui.wait_for(\"MATCH (w:Window) WHERE "
-                          "w.name CONTAINS 'Save' RETURN w.id\", 5000)",
+                          "ui.type(\"Notes\"); CALL ui.key(\"ctrl+s\"); CALL ui.wait_for(\"MATCH (s:Sheet) WHERE "
+                          "s.name CONTAINS 'Save' RETURN s.id\", 5000)",
       }),
       either({
           .mac = "  MATCH (bar:Group {name:\"再生中バー\"})-[:CHILD*1..12]->(b:Button {name:\"再生\"}) SET b.pressed = "
                  "true RETURN b.name",
-          .linuxDesktop = "  MATCH (bar:Toolbar)-[:CHILD*1..6]->(b:Button {name:\"Save\"}) SET b.pressed = true "
-                          "RETURN b.name",
+          .linuxDesktop = "  MATCH (s:Sheet)-[:CHILD*1..8]->(b:Button {name:\"Save\"}) SET b.pressed = true",
       }),
       "  CALL ui.press(\"e41\"); CALL ui.press(\"e17\"); MATCH (t:StaticText) RETURN t.value",
       "  MATCH (e:Element) RETURN e.role, count(e) ORDER BY count(e) DESC LIMIT 15",
