@@ -421,13 +421,15 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
     if (entry.depth >= maxDepth || added.role == "AXColumn") continue;
     auto kids = elementList(read.value[children]);
     if (!kids) continue;
+    if (auto left = ax.childrenLeftOut(entry.element); left > 0) result.nodes.back().offscreen = left;
     Clip clip = entry.clip;
     if (isClipRole(added.role))
       if (auto rect = positiveRect(added.frame)) clip = narrowed(entry.clip, *rect);
     if (kids->size() > 500 && clip.set && clip.rect && clip.rect->height > 0) {
       auto [first, end] = visibleChildRange(ax, *kids, *clip.rect);
       if (end - first < kids->size()) {
-        result.nodes.back().offscreen = static_cast<std::int64_t>(kids->size() - (end - first));
+        result.nodes.back().offscreen =
+            result.nodes.back().offscreen.value_or(0) + static_cast<std::int64_t>(kids->size() - (end - first));
         *kids = std::vector<Element>(kids->begin() + static_cast<std::ptrdiff_t>(first),
                                      kids->begin() + static_cast<std::ptrdiff_t>(end));
       }

@@ -91,6 +91,15 @@ class Accessibility {
     (void)names;
   }
 
+  /// How many children of `element` its last AXChildren read on this thread
+  /// left out, because the backend read only those near the visible area of
+  /// a container it must not ask for all of them (a spreadsheet's cells).
+  /// Asks nothing of the application; 0 where nothing was left out.
+  virtual std::int64_t childrenLeftOut(const Element& element) {
+    (void)element;
+    return 0;
+  }
+
   /// A new observer for `pid` whose callbacks run on the main run loop.
   virtual AxResult<std::shared_ptr<Observer>> createObserver(std::int32_t pid, ObserverCallback callback) = 0;
   /// Sends `notification` about `element` and everything below it to the
@@ -141,6 +150,7 @@ class AccessibilityWrapper : public Accessibility {
   void prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) override {
     target_.prefetch(elements, names);
   }
+  std::int64_t childrenLeftOut(const Element& element) override { return target_.childrenLeftOut(element); }
   AxResult<std::shared_ptr<Observer>> createObserver(std::int32_t pid, ObserverCallback callback) override {
     return target_.createObserver(pid, std::move(callback));
   }

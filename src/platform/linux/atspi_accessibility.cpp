@@ -44,6 +44,13 @@ struct Prefetched {
 };
 thread_local std::unordered_map<std::string, Prefetched> prefetched;
 thread_local std::chrono::steady_clock::time_point lastSweep{};
+// How many children the last read of each container's children on this
+// thread left out, for the walk that made it.
+thread_local std::unordered_map<std::string, std::int64_t> childrenLeftOutOf;
+
+// The most children of a withheld container read near the view: a screen of
+// spreadsheet cells, or of rows.
+constexpr std::int32_t mostNearRows = 200, mostNearColumns = 60, mostNearChildren = 2000;
 
 class AtspiObserver final : public Observer {
  public:
@@ -248,6 +255,82 @@ struct AtspiAccessibility::State {
     return shown;
   }
 
+  // The children of a container that must not be asked for all of them:
+  // those at and between the view's corners, by the Table interface's row
+  // and column where it has one, else by index.
+  std::vector<ObjectRef> childrenNearView(const ObjectRef& ref, const ElementRecord& record, int timeoutMs) {
+    std::optional<AxRect> frame = record.extents;
+    if (!frame) frame = readRecords(connection, {ref}, extentsPart, timeoutMs).front().extents;
+    if (!frame || frame->width < 4 || frame->height < 4 || !(record.interfaces & componentInterface)) return {};
+    auto at = [&](double x, double y) {
+      return method(ref, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
+                    g_variant_new("(iiu)", static_cast<gint32>(x), static_cast<gint32>(y), 0u));
+    };
+    std::vector<Call> cornerCalls;
+    cornerCalls.push_back(at(frame->x + 1, frame->y + 1));
+    cornerCalls.push_back(at(frame->x + frame->width - 2, frame->y + frame->height - 2));
+    const auto corners = callAll(connection, cornerCalls, timeoutMs);
+    std::vector<Call> indexCalls;
+    for (const auto& corner : corners)
+      if (auto cell = objectRef(replyChild(corner)); cell && !cell->isNull())
+        indexCalls.push_back(method(*cell, accessibleIface, "GetIndexInParent"));
+    std::vector<std::int32_t> indices;
+    for (const auto& reply : callAll(connection, indexCalls, timeoutMs))
+      if (auto index = int32Of(replyChild(reply)); index && *index >= 0) indices.push_back(*index);
+    if (indices.empty()) indices.push_back(0);  // nothing at the corners: the first ones
+    const std::int32_t first = *std::min_element(indices.begin(), indices.end());
+    const std::int32_t last = *std::max_element(indices.begin(), indices.end());
+    return (record.interfaces & tableInterface) ? cellsBetween(ref, first, last, timeoutMs)
+                                                : childrenBetween(ref, first, last, record.childCount, timeoutMs);
+  }
+
+  std::vector<ObjectRef> cellsBetween(const ObjectRef& table, std::int32_t first, std::int32_t last, int timeoutMs) {
+    auto position = [&](const char* name, std::int32_t index) {
+      return method(table, "org.a11y.atspi.Table", name, g_variant_new("(i)", index));
+    };
+    std::vector<Call> positions;
+    for (auto index : {first, last}) {
+      positions.push_back(position("GetRowAtIndex", index));
+      positions.push_back(position("GetColumnAtIndex", index));
+    }
+    const auto found = callAll(connection, positions, timeoutMs);
+    std::int32_t bounds[4];
+    for (int k = 0; k < 4; ++k) bounds[k] = std::max(int32Of(replyChild(found[k])).value_or(0), 0);
+    const std::int32_t rows = std::min(bounds[2] - bounds[0] + 1, mostNearRows);
+    const std::int32_t columns = std::min(bounds[3] - bounds[1] + 1, mostNearColumns);
+    std::vector<Call> calls;
+    for (std::int32_t row = 0; row < rows; ++row)
+      for (std::int32_t column = 0; column < columns; ++column)
+        calls.push_back(method(table, "org.a11y.atspi.Table", "GetAccessibleAt",
+                               g_variant_new("(ii)", bounds[0] + row, bounds[1] + column)));
+    return refsOf(callAll(connection, calls, timeoutMs));
+  }
+
+  std::vector<ObjectRef> childrenBetween(const ObjectRef& list, std::int32_t first, std::int32_t last,
+                                         std::int32_t count, int timeoutMs) {
+    // One view's length of margin on each side, as the band narrowing keeps.
+    const std::int32_t margin = last - first + 1;
+    const std::int32_t from = std::max(first - margin, 0);
+    std::int32_t to = std::min(last + margin, from + mostNearChildren - 1);
+    if (count >= 0) to = std::min(to, count - 1);
+    std::vector<Call> calls;
+    for (std::int32_t index = from; index <= to; ++index)
+      calls.push_back(method(list, accessibleIface, "GetChildAtIndex", g_variant_new("(i)", index)));
+    return refsOf(callAll(connection, calls, timeoutMs));
+  }
+
+  static std::vector<ObjectRef> refsOf(const std::vector<Reply>& replies) {
+    std::vector<ObjectRef> refs;
+    refs.reserve(replies.size());
+    for (const auto& reply : replies)
+      if (auto ref = objectRef(replyChild(reply)); ref && !ref->isNull()) refs.push_back(std::move(*ref));
+    return refs;
+  }
+
+  static Call method(const ObjectRef& ref, const char* interface, const char* name, GVariant* args = nullptr) {
+    return Call{ref.bus, ref.path, interface, name, own(args)};
+  }
+
   // An element's children as a person sees them: an application's windows
   // and menus without its sheets, a window's visible children with its sheets.
   AxValue shownChildren(const ObjectRef& ref, const ElementRecord& record, const std::string& toolkit, int timeoutMs) {
@@ -273,9 +356,15 @@ struct AtspiAccessibility::State {
     } else {
       // A menu bar's closed menus stay, as everywhere; a long list is narrowed
       // by the walk, which must not read every row here.
-      children = isMenuRole(record.role) || record.children->size() > longList
-                     ? *record.children
-                     : withoutHidden(record, *record.children, toolkit, timeoutMs);
+      if (record.childrenWithheld) {
+        children = childrenNearView(ref, record, timeoutMs);
+        childrenLeftOutOf[keyOf(ref)] =
+            std::max<std::int64_t>(record.childCount, 0) - static_cast<std::int64_t>(children.size());
+      } else {
+        children = isMenuRole(record.role) || record.children->size() > longList
+                       ? *record.children
+                       : withoutHidden(record, *record.children, toolkit, timeoutMs);
+      }
       if (isWindowRole(record.role) && !sheetOwner(ref)) {
         const auto tops = topLevels(ref.bus, timeoutMs);
         auto self = std::find_if(tops.begin(), tops.end(), [&](const TopLevel& t) { return t.ref == ref; });
@@ -762,6 +851,14 @@ AxResult<std::int32_t> AtspiAccessibility::pidOf(const Element& element) {
   auto pid = s_->pidOfBus(e->bus());
   if (!pid) return {AxError::invalidElement, 0};
   return {AxError::success, *pid};
+}
+
+std::int64_t AtspiAccessibility::childrenLeftOut(const Element& element) {
+  auto it = childrenLeftOutOf.find(keyOf(refOf(element)));
+  if (it == childrenLeftOutOf.end()) return 0;
+  const auto count = it->second;
+  childrenLeftOutOf.erase(it);
+  return std::max<std::int64_t>(count, 0);
 }
 
 void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) {

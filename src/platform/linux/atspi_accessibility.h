@@ -45,6 +45,7 @@ class AtspiAccessibility final : public Accessibility {
   AxResult<Element> elementAt(double x, double y) override;
   AxResult<std::int32_t> pidOf(const Element& element) override;
   void prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) override;
+  std::int64_t childrenLeftOut(const Element& element) override;
   AxResult<std::shared_ptr<Observer>> createObserver(std::int32_t pid, ObserverCallback callback) override;
   AxError addNotification(Observer& observer, const Element& element, std::string_view notification) override;
   void removeObserver(Observer& observer) override;

@@ -79,6 +79,26 @@ void readChildren(Round& round, const ObjectRef& ref, ElementRecord& r) {
   });
 }
 
+void readChildCount(Round& round, const ObjectRef& ref, ElementRecord& r) {
+  round.add(propertyCall(ref.bus, ref.path, accessibleIface, "ChildCount"),
+            [&r](const Reply& reply) { r.childCount = int32Of(replyChild(reply)).value_or(-1); });
+}
+
+// The children of an element whose state and count are known: all of them,
+// or none where they must not all be asked for.
+void readChildrenOrWithhold(Round& round, const ObjectRef& ref, ElementRecord& r) {
+  if (withholdsChildren(r.states, r.childCount)) {
+    r.childrenWithheld = true;
+    r.children.emplace();
+    return;
+  }
+  if (r.childCount == 0) {
+    r.children.emplace();
+    return;
+  }
+  readChildren(round, ref, r);
+}
+
 void readParent(Round& round, const ObjectRef& ref, ElementRecord& r) {
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Parent"), [&r](const Reply& reply) {
     if (auto parent = objectRef(replyChild(reply)); parent && !parent->isNull()) r.parent = *parent;
@@ -93,6 +113,7 @@ bool textIsValue(const ElementRecord& r) {
 // The calls that depend on what the first round told: the interfaces and
 // the role.
 void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts) {
+  if ((parts & childrenPart) && !r.children) readChildrenOrWithhold(round, ref, r);
   if ((parts & extentsPart) && (r.interfaces & componentInterface)) {
     round.add(method(ref, "org.a11y.atspi.Component", "GetExtents", g_variant_new("(u)", 0u)),
               [&r](const Reply& reply) {
@@ -132,13 +153,7 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
     });
   }
   if (((parts & contentPart) && roleNeedsParent(r.role) && !r.parent)) readParent(round, ref, r);
-  if ((parts & contentPart) && roleNeedsChildren(r.role) && r.children) {
-    for (std::size_t k = 0; k < r.children->size() && k < 3; ++k) {
-      round.add(method((*r.children)[k], accessibleIface, "GetRole"), [&r](const Reply& reply) {
-        if (auto role = uint32Of(replyChild(reply)); role && isTextEntryRole(*role)) r.editableChild = true;
-      });
-    }
-  }
+
   // A menu item's shortcut is the key binding of its action.
   const bool wantsShortcut = (parts & contentPart) && isMenuItemRole(r.role);
   if (((parts & actionsPart) || wantsShortcut) && (r.interfaces & actionInterface)) {
@@ -167,6 +182,13 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
 }
 
 void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts) {
+  if ((parts & contentPart) && roleNeedsChildren(r.role) && r.children) {
+    for (std::size_t k = 0; k < r.children->size() && k < 3; ++k) {
+      round.add(method((*r.children)[k], accessibleIface, "GetRole"), [&r](const Reply& reply) {
+        if (auto role = uint32Of(replyChild(reply)); role && isTextEntryRole(*role)) r.editableChild = true;
+      });
+    }
+  }
   // Some toolkits answer GetText(0, -1) with nothing: ask for the count.
   if ((parts & contentPart) && r.characterCount > 0 && textIsValue(r)) {
     round.add(method(ref, "org.a11y.atspi.Text", "GetText", g_variant_new("(ii)", 0, r.characterCount)),
@@ -255,6 +277,12 @@ void takeCached(Round& round, const ObjectRef& ref, const CachedItem& c, Element
 
 }  // namespace
 
+bool withholdsChildren(const States& states, std::int32_t childCount) {
+  // More than a walk takes in at all: what is near the view is read instead.
+  constexpr std::int32_t mostListed = 10000;
+  return states.managesDescendants() || childCount > mostListed;
+}
+
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
                                        std::uint32_t parts, int timeoutMs, const CachedItems* cached) {
   // Interfaces and role steer every later part: read them whenever more
@@ -271,10 +299,16 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
       takeCached(round, elements[k], *item, records[k]);
     else if (parts & basicPart)
       readBasic(round, elements[k], records[k]);
-    if ((parts & childrenPart) && item && item->childCount == 0)
-      records[k].children.emplace();
-    else if (parts & childrenPart)
+    if ((parts & childrenPart) && item) {
+      records[k].childCount = item->childCount;
+      readChildrenOrWithhold(round, elements[k], records[k]);
+    } else if ((parts & childrenPart) && (parts & basicPart)) {
+      // The children come in the second round, once state and count tell
+      // whether they may all be asked for.
+      readChildCount(round, elements[k], records[k]);
+    } else if (parts & childrenPart) {
       readChildren(round, elements[k], records[k]);
+    }
     if (parts & parentPart) readParent(round, elements[k], records[k]);
   }
   if (!(parts & basicPart)) {

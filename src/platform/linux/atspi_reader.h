@@ -48,6 +48,8 @@ struct ElementRecord {
   std::string description;
   std::string accessibleId;
   std::optional<std::vector<ObjectRef>> children;
+  std::int32_t childCount = -1;   // as the element tells it; -1 unread
+  bool childrenWithheld = false;  // too many to list, or made on demand: never asked for all
   std::optional<AxRect> extents;  // absent for hidden objects
   std::optional<std::string> text;
   std::optional<double> value;
@@ -88,6 +90,12 @@ using CachedItems = std::unordered_map<std::string, CachedItem>;  // by object p
 /// The items of one application's cache (org.a11y.atspi.Cache.GetItems);
 /// empty where the toolkit has none (Qt) or its bridge answers nothing yet.
 CachedItems readCachedItems(GDBusConnection* connection, const std::string& bus, int timeoutMs);
+
+/// Whether a container's children are too many to ask for at once, or made
+/// only when asked for (a spreadsheet claims 2^34 cells, which the
+/// application would build): such children are read near the visible area
+/// only.
+bool withholdsChildren(const States& states, std::int32_t childCount);
 
 /// Reads `parts` of each element, pipelined. One record per element, in order;
 /// a record whose element is gone or does not answer has its error set.
