@@ -344,6 +344,7 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
     node.parent = old.parent;
     node.depth = old.depth;
     node.uid = old.uid;
+    node.offscreen = old.offscreen;  // a refresh reads no children: what was left out stays so
     base[static_cast<std::size_t>(index)] = std::move(node);
     ++result.touched;
     result.targets.push_back(DirtyTarget{current[static_cast<std::size_t>(index)], DirtyKind::attributes});

@@ -44,6 +44,24 @@ TEST(MirrorSchedule, AValueChangeRefreshesOneElementAndKeepsItsUid) {
   EXPECT_EQ(findNode(settled, "status")->uid, status.uid);
 }
 
+TEST(MirrorSchedule, ARefreshedListKeepsTheCountOfRowsLeftOffScreen) {
+  auto list = keyed("AXList", "list", 0, -2000, 400, 600 * 20.0);
+  for (int i = 0; i < 600; ++i) list.child(element("AXRow").withFrame(0, -2000 + i * 20.0, 400, 20));
+  auto scroll = keyed("AXScrollArea", "scroll", 0, 100, 400, 300).child(list);
+  MirrorSim sim(
+      platform::sim::DesktopSpec{{}, {appWith(labPid, {keyed("AXWindow", "window", 0, 0, 400, 1000).child(scroll)})}});
+  auto mirror = sim.settled(labPid);
+  const auto offscreen = findNode(sim.plain(*mirror), "list")->offscreen;
+  ASSERT_TRUE(offscreen);
+
+  sim.desktop().setAttribute(labPid, "list", "AXTitle", "Inbox");
+  sim.deliver();
+  auto after = sim.fresh(*mirror);
+  EXPECT_EQ(after.lastWalk, "partial");
+  EXPECT_EQ(findNode(after, "list")->title, "Inbox");
+  EXPECT_EQ(findNode(after, "list")->offscreen, offscreen);
+}
+
 TEST(MirrorSchedule, ACreatedSubtreeIsWalkedAlone) {
   MirrorSim sim(labDesktop());
   auto mirror = sim.settled(labPid);
