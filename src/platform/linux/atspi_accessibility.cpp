@@ -284,6 +284,20 @@ struct AtspiAccessibility::State {
                                                 : childrenBetween(ref, first, last, record.childCount, timeoutMs);
   }
 
+  // How many children a container has: a table's rows times columns, as
+  // the child count of a spreadsheet stops at the largest 32-bit number.
+  std::int64_t childTotal(const ObjectRef& ref, const ElementRecord& record, int timeoutMs) {
+    const std::int64_t told = std::max<std::int64_t>(record.childCount, 0);
+    if (!(record.interfaces & tableInterface)) return told;
+    std::vector<Call> calls;
+    calls.push_back(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Table", "NRows"));
+    calls.push_back(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Table", "NColumns"));
+    const auto replies = callAll(connection, calls, timeoutMs);
+    const std::int64_t rows = int32Of(replyChild(replies[0])).value_or(0);
+    const std::int64_t columns = int32Of(replyChild(replies[1])).value_or(0);
+    return std::max(told, rows * columns);
+  }
+
   std::vector<ObjectRef> cellsBetween(const ObjectRef& table, std::int32_t first, std::int32_t last, int timeoutMs) {
     auto position = [&](const char* name, std::int32_t index) {
       return method(table, "org.a11y.atspi.Table", name, g_variant_new("(i)", index));
@@ -358,8 +372,7 @@ struct AtspiAccessibility::State {
       // by the walk, which must not read every row here.
       if (record.childrenWithheld) {
         children = childrenNearView(ref, record, timeoutMs);
-        childrenLeftOutOf[keyOf(ref)] =
-            std::max<std::int64_t>(record.childCount, 0) - static_cast<std::int64_t>(children.size());
+        childrenLeftOutOf[keyOf(ref)] = childTotal(ref, record, timeoutMs) - static_cast<std::int64_t>(children.size());
       } else {
         children = isMenuRole(record.role) || record.children->size() > longList
                        ? *record.children

@@ -106,8 +106,9 @@ void readParent(Round& round, const ObjectRef& ref, ElementRecord& r) {
 }
 
 bool textIsValue(const ElementRecord& r) {
+  // A spreadsheet cell is named by its address and shows its value as text.
   return isStaticTextRole(r.role) || isTextEntryRole(r.role) || isComboRole(r.role) ||
-         (r.name.empty() && !isApplicationRole(r.role) && !isWindowRole(r.role));
+         r.role == ATSPI_ROLE_TABLE_CELL || (r.name.empty() && !isApplicationRole(r.role) && !isWindowRole(r.role));
 }
 
 // The calls that depend on what the first round told: the interfaces and
