@@ -183,6 +183,12 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
 }
 
 void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts) {
+  // Chromium lists its actions without their names; it tells them one by one.
+  for (std::size_t k = 0; k < r.actions.size(); ++k) {
+    if (!r.actions[k].empty()) continue;
+    round.add(method(ref, "org.a11y.atspi.Action", "GetName", g_variant_new("(i)", static_cast<gint32>(k))),
+              [&r, k](const Reply& reply) { r.actions[k] = stringOf(replyChild(reply)).value_or(""); });
+  }
   if ((parts & contentPart) && roleNeedsChildren(r.role) && r.children) {
     for (std::size_t k = 0; k < r.children->size() && k < 3; ++k) {
       round.add(method((*r.children)[k], accessibleIface, "GetRole"), [&r](const Reply& reply) {

@@ -308,7 +308,7 @@ struct ActionRow {
 constexpr std::array<ActionRow, 5> actionTable{{
     {"AXPress",
      {"click", "press", "activate", "toggle", "jump", "check", "uncheck", "switch", "open", "select", "expand"}},
-    {"AXShowMenu", {"showmenu", "show menu", "popup", "menu", "", "", "", "", "", "", ""}},
+    {"AXShowMenu", {"showmenu", "show menu", "showcontextmenu", "popup", "menu", "", "", "", "", "", ""}},
     {"AXIncrement", {"increase", "increment", "", "", "", "", "", "", "", "", ""}},
     {"AXDecrement", {"decrease", "decrement", "", "", "", "", "", "", "", "", ""}},
     {"AXCancel", {"cancel", "", "", "", "", "", "", "", "", "", ""}},
