@@ -113,14 +113,16 @@ struct AppSpec {
   std::vector<std::string> refusedNotifications;  // addNotification answers notificationUnsupported
   std::vector<std::string> urlSchemes;            // opens these URLs ("https", "file", ...)
   Activation activation = Activation::workspace;
-  std::int64_t launchMs = 0;            // a launch completes, and the application runs, this long after
-  std::string launchError;              // a launch fails with this description
-  std::int64_t quitMs = 0;              // a polite terminate takes effect this long after
-  std::optional<ElementSpec> quitAsks;  // a polite terminate opens this window (a "save changes?" question) instead
-  std::int32_t filePanelPid = 0;        // the process that draws its open and save panels
-  std::vector<ElementSpec> windows;     // front to back
+  std::int64_t launchMs = 0;         // a launch completes, and the application runs, this long after
+  std::string launchError;           // a launch fails with this description
+  std::int64_t quitMs = 0;           // a polite terminate takes effect this long after
+  std::int32_t filePanelPid = 0;     // the process that draws its open and save panels
+  std::vector<ElementSpec> windows;  // front to back
   std::optional<ElementSpec> menuBar;
   std::vector<ElementSpec> menus;  // context menus open at start: children of the application
+  /// A polite terminate opens this window (after quitMs) instead of quitting:
+  /// an editor's "save changes?" question.
+  std::optional<ElementSpec> quitAsks;
 };
 
 struct DisplaySpec {
