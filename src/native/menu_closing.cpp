@@ -4,7 +4,6 @@
 #include <string>
 
 #include "native/input.h"
-#include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
 
@@ -55,9 +54,12 @@ bool closedWithin(platform::Platform& platform, std::int32_t pid, const std::vec
   }
 }
 
-void sendEscape(platform::Platform& platform, std::int32_t pid) {
+// False when a key could not be made: the press happened all the same, and
+// the menu stays as the application left it.
+bool sendEscape(platform::Platform& platform, std::int32_t pid) {
   for (const auto& event : keyComboEvents(platform.input(), "escape"))
-    if (!platform.input().postKey(event, pid)) throw RPCError("native", "入力イベントを作れませんでした");
+    if (!platform.input().postKey(event, pid)) return false;
+  return true;
 }
 
 }  // namespace
@@ -85,7 +87,7 @@ int closeMenusLeftOpen(platform::Platform& platform, std::int32_t pid, const std
   if (before.empty() || closedWithin(platform, pid, before, closeWaitMs)) return 0;
   int escapes = 0;
   while (escapes < maxEscapes) {
-    sendEscape(platform, pid);
+    if (!sendEscape(platform, pid)) break;
     ++escapes;
     if (closedWithin(platform, pid, before, closeWaitMs)) break;
   }
