@@ -135,7 +135,7 @@ StatementResultRef type(ScriptRun& run, const Arguments& args) {
   const std::string text = textOf(argumentAt(args, 0));
   bool seen = true;
   auto result = input(run, "type " + jsonString(text), [&] { seen = typeText(run, text); });
-  if (!seen && !text.empty()) result->addNote(std::string(typedNote));
+  if (!seen && !text.empty()) run.typedUnseen(result);
   return result;
 }
 

@@ -234,8 +234,29 @@ void ScriptRun::markPending(const StatementResultRef& result) {
     return;
   }
   auto counter = driver().axCounter(pidOnly(pid()));
-  pending = Pending{graph->snapshot(), counter.second, result};
+  pending = Pending{graph->snapshot(), counter.second, result, {}};
 }
+
+void ScriptRun::typedUnseen(const StatementResultRef& result) {
+  if (pending)
+    pending->typedUnseen.push_back(result);
+  else
+    result->addNote(std::string(typedNote));
+}
+
+namespace {
+
+// Text that can't be seen where it was typed may still show in what it did: a
+// calculator's display, a list that filtered. Only a tree that did not move at
+// all leaves the agent in doubt.
+void noteTypingIfNothingChanged(const Pending& settled) {
+  const auto& report = *settled.result;
+  const bool changed = (report.changes && !report.changes->empty()) || report.outline;
+  if (changed) return;
+  for (const auto& typed : settled.typedUnseen) typed->addNote(std::string(typedNote));
+}
+
+}  // namespace
 
 void ScriptRun::settlePending() {
   if (!pending) return;
@@ -250,12 +271,16 @@ void ScriptRun::settlePending() {
   try {
     after = freshSnapshot(pid());
   } catch (const std::exception& e) {
-    if (!hasCode(e, codes::notFound)) throw;
+    if (!hasCode(e, codes::notFound)) {
+      noteTypingIfNothingChanged(settling);
+      throw;
+    }
     settling.result->changes = std::vector<std::string>{"(" + appName() + " closed)"};
     closed = true;
     return;
   }
   changeReport(*this, settling, std::move(after));
+  noteTypingIfNothingChanged(settling);
 }
 
 void ScriptRun::ensureOpen() const {

@@ -58,6 +58,9 @@ struct Pending {
   AxSnapshot before;          // the graph's snapshot at the first write
   std::int64_t since = 0;     // the notification counter at that moment
   StatementResultRef result;  // the latest write's result, which gets the report
+  /// Results of typing the driver could not see arrive; they get `typedNote`
+  /// when the settle finds nothing changed either.
+  std::vector<StatementResultRef> typedUnseen;
 };
 
 /// The state of one run. Procedures and writes work through it.
@@ -82,6 +85,9 @@ class ScriptRun {
   AxSnapshot freshSnapshot(std::int64_t pid);
   void rebuildGraph(AxSnapshot snapshot, std::int64_t menuAgeMs);
   void markPending(const StatementResultRef& result);
+  /// Typing of `result` went out, but the driver did not see the text land.
+  /// REQUIRES: markPending before the typing.
+  void typedUnseen(const StatementResultRef& result);
   void settlePending();
   void ensureOpen() const;
   StatementResultRef runRead(const cypher::Query& query);

@@ -181,7 +181,7 @@ void ScriptRun::writeProperty(const GraphNode& node, const std::string& property
         driver().focus(ref);
         focusedRef = ref;
         selectAllIn(ref);
-        if (!driver().type(text, ref.pid)) result->addNote(std::string(typedNote));
+        if (!driver().type(text, ref.pid)) typedUnseen(result);
       }
     } else {
       throw GlimmerstrandError(codes::invalidArgument, notWritable(property));

@@ -185,19 +185,46 @@ JSONValue launch(platform::Platform& platform, MirrorHost& host, const JSONValue
   return record(app);
 }
 
+// The windows of an application that may be busy ending: each look waits
+// for its answer no longer than a mirror does.
+std::vector<Element> windowsWhileQuitting(platform::Accessibility& ax, std::int32_t pid) {
+  Element app = ax.applicationElement(pid);
+  ax.setMessagingTimeout(app, 0.3);
+  std::vector<Element> windows;
+  if (auto list = ax.copy(app, "AXWindows").as<platform::AxList>())
+    for (const auto& value : *list)
+      if (auto element = value.get<Element>()) windows.push_back(*element);
+  return windows;
+}
+
+bool anyNew(const std::vector<Element>& now, const std::vector<Element>& before) {
+  return std::any_of(now.begin(), now.end(),
+                     [&](const Element& w) { return std::find(before.begin(), before.end(), w) == before.end(); });
+}
+
 JSONValue quit(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
   auto app = host.apps().findApp(params);
   auto& workspace = platform.workspace();
+  auto& ax = platform.accessibility();
   // Cut where no clock overflows.
   const std::int64_t timeoutMs =
       std::clamp<std::int64_t>(core::optionalInt(params, "timeoutMs").value_or(5000), 0, 1'000'000'000'000);
+  // A window that comes up after the request is the application asking its
+  // user ("save changes?"): that is its answer, and nobody will give one
+  // before the limit.
+  const auto before = windowsWhileQuitting(ax, app.pid);
   // A polite request; nothing forces an application that refuses or asks.
   workspace.terminate(app.pid);
-  const bool terminated = pollFor(platform.clock(), timeoutMs, 50, [&] {
+  bool terminated = false, asked = false;
+  pollFor(platform.clock(), timeoutMs, 50, [&] {
     auto now = workspace.application(app.pid);
-    return !now || now->terminated;
+    terminated = !now || now->terminated;
+    asked = !terminated && anyNew(windowsWhileQuitting(ax, app.pid), before);
+    return terminated || asked;
   });
-  return JSONValue::Object{{"name", app.name}, {"pid", std::int64_t{app.pid}}, {"terminated", terminated}};
+  JSONValue::Object out{{"name", app.name}, {"pid", std::int64_t{app.pid}}, {"terminated", terminated}};
+  if (asked) core::put(out, "asked", true);
+  return out;
 }
 
 JSONValue windowRecord(platform::Accessibility& ax, const Element& window, std::size_t index) {

@@ -7,6 +7,7 @@
 
 #include "native/graphemes.h"
 #include "native/menu_cache.h"
+#include "native/menu_closing.h"
 #include "native/mirror_operations.h"
 #include "native/rpc_error.h"
 
@@ -120,9 +121,13 @@ JSONValue press(MirrorHost& host, const JSONValue& params) {
 
   std::string method;
   bool completed = true;
+  int menusClosed = 0;
   if (contains(actions, "AXPress")) {
     method = "press";
+    // The menus open when an item of theirs is picked close with the pick.
+    const auto menus = isLeafMenuItem(ax, target) ? openMenus(ax, mirror->pid()) : std::vector<Element>{};
     completed = pressOnWorker({ax, clock}, *mirror, target, before, waitComplete, timeoutMs);
+    menusClosed = closeMenusLeftOpen(platform, mirror->pid(), menus);
   } else if (isSettable(ax, target, "AXSelected")) {
     method = "select";
     if (auto error = ax.set(target, "AXSelected", true); error != AxError::success)
@@ -138,10 +143,12 @@ JSONValue press(MirrorHost& host, const JSONValue& params) {
     JSONValue::Array listed(actions.begin(), actions.end());
     throw RPCError("no_action", "この要素は押せません。actions=" + core::jsonText(listed));
   }
-  return JSONValue::Object{{"method", method},
-                           {"completed", completed},
-                           {"notificationsBefore", before},
-                           {"elapsedMs", millisecondsSince(clock, start)}};
+  JSONValue::Object out{{"method", method},
+                        {"completed", completed},
+                        {"notificationsBefore", before},
+                        {"elapsedMs", millisecondsSince(clock, start)}};
+  if (menusClosed > 0) core::put(out, "menusClosed", std::int64_t{menusClosed});
+  return out;
 }
 
 JSONValue focus(MirrorHost& host, const JSONValue& params) {

@@ -88,6 +88,35 @@ TEST_F(ProcedureTest, FailedKeysShowTheirActionAndTheWriteIsStillReported) {
   EXPECT_EQ(r.results[1]->changes, Lines{}) << "the settle at the end reports on the last write";
 }
 
+TEST_F(ProcedureTest, TypingTheDriverDidNotSeeIsNotedOnlyWhenNothingChanged) {
+  driver.typedSeen = false;
+  // A calculator: the keys land nowhere the driver can watch, but its display changes.
+  auto display = [](FakeDriver& d) {
+    for (const auto& call : d.calls)
+      if (call.starts_with("type ")) d.byUid(101).value = "46";
+  };
+  const Lines note{std::string(typedNote)};
+  const std::tuple<const char*, bool, std::optional<Lines>> cases[] = {
+      {R"(CALL ui.type("12+34="))", false, note},
+      {R"(CALL ui.type("12+34="))", true, std::nullopt},
+      {R"(CALL ui.type(""))", false, std::nullopt},
+      {R"(CALL ui.type("a"); CALL ui.key("return"))", false, note},
+      {R"(MATCH (f:TextField) SET f.value = "x")", false, note},
+      {R"(MATCH (f:TextField) SET f.value = "x")", true, std::nullopt},
+  };
+  for (const auto& [script, changes, notes] : cases) {
+    driver.valueApplied = false;
+    driver.onSnapshot = changes ? std::function<void(FakeDriver&)>(display) : nullptr;
+    driver.byUid(101).value = "a";
+    auto r = run(script);
+    EXPECT_EQ(r.results.front()->notes, notes) << script << (changes ? " (the tree changed)" : "");
+  }
+  // With the tree still, the note is there before the read that follows.
+  driver.onSnapshot = nullptr;
+  auto r = run(R"(CALL ui.type("abc"); MATCH (f:TextField) RETURN f.value)");
+  EXPECT_EQ(r.results.front()->notes, note);
+}
+
 TEST_F(ProcedureTest, AWrongButtonFailsAfterThePointerWasPrepared) {
   auto r = run(R"(MATCH (b:Button) RETURN b.id; CALL ui.click(1, 2, "middle"))");
   EXPECT_EQ(r.error->message, "ボタンは left、right、double のどれかにしてください: middle");

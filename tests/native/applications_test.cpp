@@ -147,6 +147,25 @@ TEST(Quit, AsksPolitelyAndReportsWhetherTheApplicationEnded) {
   EXPECT_EQ(sim.failure("quit").code(), "not_found");
 }
 
+TEST(Quit, AnApplicationThatAsksToSaveIsAnsweredWhenItsQuestionComesUp) {
+  auto spec = desktop();
+  auto editor = app(511, "Editor");
+  editor.quitMs = 120;
+  editor.quitAsks = keyed("AXWindow", "question").title("Question").withFrame(40, 40, 200, 100);
+  spec.apps.push_back(editor);
+  ActionSim sim(spec);
+  const std::int64_t start = sim.clock.nowNs();
+  auto result = sim.call("quit", {{"name", "Editor"}});
+  EXPECT_EQ(core::optionalBool(result, "terminated"), false);
+  EXPECT_EQ(core::optionalBool(result, "asked"), true);
+  // Its question, not the limit, ended the wait.
+  EXPECT_LT(sim.elapsedMs(start), 1000);
+  EXPECT_TRUE(sim.platform.workspace().application(511));
+  // Windows that were there before the request are no question.
+  auto refused = sim.call("quit", {{"name", "Stubborn"}, {"timeoutMs", 300}});
+  EXPECT_EQ(core::optionalBool(refused, "asked"), std::nullopt);
+}
+
 TEST(Apps, ListsRegularApplicationsWithFrontAndHidden) {
   ActionSim sim(desktop());
   auto list = *sim.call("apps").asArray();

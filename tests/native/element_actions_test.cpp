@@ -10,6 +10,7 @@ namespace {
 
 using platform::sim::appendEffect;
 using platform::sim::hangEffect;
+using platform::sim::removeEffect;
 using platform::sim::setEffect;
 
 constexpr std::int32_t pid = 501;
@@ -193,6 +194,49 @@ TEST(ElementFrameAndShowMenu, AnswerOrSayWhyNot) {
   EXPECT_TRUE(sim.call("showMenu", sim.ref(pid, "image")).find("notificationsBefore"));
   EXPECT_EQ(sim.failed("elementFrame", sim.ref(pid, "bare")), "stale: 要素の位置を読めませんでした");
   EXPECT_EQ(sim.failed("showMenu", sim.ref(pid, "ok")), "no_action: メニューを開けませんでした: -25206");
+}
+
+// A context menu that stays open when an item is picked through
+// accessibility, as GTK 3 leaves one when the item sits in a submenu that was
+// never shown; one item closes it itself, one opens a submenu.
+platform::sim::DesktopSpec withContextMenu() {
+  auto spec = desktop();
+  spec.apps[0].menus.push_back(
+      keyed("AXMenu", "context")
+          .withFrame(300, 100, 120, 90)
+          .child(keyed("AXMenuItem", "copy")
+                     .title("Copy")
+                     .withFrame(300, 100, 120, 30)
+                     .pressDoes({appendEffect("status", "copied")}))
+          .child(keyed("AXMenuItem", "cut")
+                     .title("Cut")
+                     .withFrame(300, 130, 120, 30)
+                     .pressDoes({appendEffect("status", "cut"), removeEffect("context")}))
+          .child(keyed("AXMenuItem", "convert")
+                     .title("Convert")
+                     .withFrame(300, 160, 120, 30)
+                     .pressDoes({appendEffect("status", "convert")})
+                     .child(keyed("AXMenuItem", "upper").title("Upper").pressDoes({appendEffect("status", "upper")}))));
+  return spec;
+}
+
+TEST(Press, OfAMenuItemClosesTheMenusItLeftOpenAsAClickWould) {
+  const std::tuple<const char*, const char*, std::int64_t, bool> cases[] = {
+      {"copy", "copied", 1, false},     // left open: one escape closes it
+      {"upper", "upper", 1, false},     // an item of a submenu never shown, the case of GTK
+      {"cut", "cut", 0, false},         // closed by its own press: no key goes out
+      {"convert", "convert", 0, true},  // opens a submenu: the menu stays for it
+      {"ok", "pressed", 0, true},       // not a menu item: a menu open elsewhere is left alone
+  };
+  for (const auto& [key, status, escapes, stillOpen] : cases) {
+    ActionSim sim(withContextMenu());
+    sim.desktop().clearPosted();
+    auto result = sim.call("press", sim.ref(pid, key));
+    EXPECT_EQ(sim.text(pid, "status"), status) << key;
+    EXPECT_EQ(core::optionalInt(result, "menusClosed").value_or(0), escapes) << key;
+    EXPECT_EQ(sim.desktop().posted().size(), static_cast<std::size_t>(2 * escapes)) << key;  // down and up
+    EXPECT_EQ(!sim.desktop().element(pid, "context").isNull(), stillOpen) << key;
+  }
 }
 
 }  // namespace

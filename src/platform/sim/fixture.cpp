@@ -207,6 +207,8 @@ AppSpec app(const json& j, const std::string& where) {
       spec.launchError = text(body, at);
     else if (key == "quitMs")
       spec.quitMs = static_cast<std::int64_t>(number(body, at));
+    else if (key == "quitAsks")
+      spec.quitAsks = element(body, at);
     else if (key == "filePanelPid")
       spec.filePanelPid = static_cast<std::int32_t>(number(body, at));
     else if (key == "windows")

@@ -179,7 +179,8 @@ class SimInput final : public Input {
   }
 
   // Typing goes into the focused element when it takes text; return runs its
-  // onReturn effects and delete removes the last character.
+  // onReturn effects, delete removes the last character, and escape closes a
+  // context menu.
   bool postKey(const KeyEvent& event, std::optional<std::int32_t> pid) override {
     FollowUp work;
     std::vector<FollowUp> followUps;
@@ -188,6 +189,11 @@ class SimInput final : public Input {
       s_.posted.push_back(Posted{event, pid});
       if (!event.down) return true;
       App* app = s_.runningApp(pid.value_or(s_.frontmost));
+      // An open menu takes the keys: escape closes the innermost one.
+      if (app && !app->menus.empty() && event.keyCode == keyTable().at("escape")) {
+        s_.removeNode(*app, app->menus.back());
+        return true;
+      }
       Node* focused = app ? s_.node(app->focused) : nullptr;
       if (!focused) return true;
       // A text area takes a return as a new line; other elements confirm.

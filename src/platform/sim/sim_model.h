@@ -120,6 +120,9 @@ struct AppSpec {
   std::vector<ElementSpec> windows;  // front to back
   std::optional<ElementSpec> menuBar;
   std::vector<ElementSpec> menus;  // context menus open at start: children of the application
+  /// A polite terminate opens this window (after quitMs) instead of quitting:
+  /// an editor's "save changes?" question.
+  std::optional<ElementSpec> quitAsks;
 };
 
 struct DisplaySpec {

@@ -67,7 +67,12 @@ class SimWorkspace final : public Workspace {
     }
     s_.later(delayMs, [pid](SimDesktop::State& s) {
       std::lock_guard guard(s.lock);
-      if (App* app = s.runningApp(pid)) s.quit(*app);
+      App* app = s.runningApp(pid);
+      if (!app) return;
+      if (app->spec.quitAsks)
+        s.addChildren(*app, *s.node(app->node), {*app->spec.quitAsks});
+      else
+        s.quit(*app);
     });
     return true;
   }

@@ -1,0 +1,145 @@
+// Procedures whose answer depends on how a real application behaves, on a
+// headless desktop with a window manager, through glimmerstrand-native's line
+// protocol: an editor with unsaved text asks before it quits, GTK leaves a
+// context menu open when an item of a submenu is picked, and a calculator
+// shows typed keys in its display rather than in a field.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/x11_desktop.h"
+#include "support/line_client.h"
+
+namespace glimmerstrand::testing {
+namespace {
+
+using core::JSONValue;
+
+const std::string formApp = GLIMMERSTRAND_SOURCE_DIR "/tests/platform/linux/data/form_app.py";
+
+class ProceduresDesktopTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { desktop_ = startDesktop({"mousepad", "galculator", formApp}, problem_); }
+  static void TearDownTestSuite() {
+    delete desktop_;
+    desktop_ = nullptr;
+  }
+  void SetUp() override {
+    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
+    client_ = std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY,
+                                           std::map<std::string, std::string>{{"GLIMMERSTRAND_PLATFORM", "linux"}});
+  }
+
+  /// The results of a script against the application named; throws when a
+  /// statement fails.
+  std::vector<JSONValue> results(const std::string& app, const std::string& script) {
+    auto result =
+        client_->call("cypher", JSONValue::Object{{"cypher", script}, {"app", JSONValue::Object{{"name", app}}}});
+    const auto* list = result.find("results");
+    if (result.find("error") || !list || !list->asArray() || list->asArray()->empty())
+      throw std::runtime_error(script + ": " + core::jsonText(result));
+    return *list->asArray();
+  }
+
+  /// One column of the rows of a read, as texts; null reads as "null".
+  std::vector<std::string> column(const std::string& app, const std::string& read, const std::string& name) {
+    const auto last = results(app, read).back();
+    const auto* rows = last.find("rows");
+    if (!rows || !rows->asArray()) throw std::runtime_error(read + ": no rows: " + core::jsonText(last));
+    std::vector<std::string> out;
+    for (const auto& row : *rows->asArray()) {
+      const auto* value = row.find(name);
+      out.push_back(!value ? "" : value->asString() ? *value->asString() : core::jsonText(*value));
+    }
+    return out;
+  }
+
+  std::string editorText() {
+    auto texts = column("mousepad", "MATCH (t:TextArea) RETURN t.value", "t.value");
+    return texts.empty() ? "" : texts.front();
+  }
+
+  static TestDesktop* desktop_;
+  static std::string problem_;
+  std::unique_ptr<LineClient> client_;
+};
+
+TestDesktop* ProceduresDesktopTest::desktop_ = nullptr;
+std::string ProceduresDesktopTest::problem_;
+
+TEST_F(ProceduresDesktopTest, QuitOfAnEditorThatAsksToSaveAnswersThatItAsked) {
+  const JSONValue editor = JSONValue::Object{{"name", "mousepad"}};
+  auto windows = [&] { return client_->call("windows", editor).asArray()->size(); };
+  results("mousepad", "MATCH (t:TextArea) SET t.value = 'not saved yet'");
+  auto quit = client_->call("quit", editor);
+  EXPECT_EQ(core::optionalBool(quit, "terminated"), false) << core::jsonText(quit);
+  EXPECT_EQ(core::optionalBool(quit, "asked"), true) << core::jsonText(quit);
+  EXPECT_EQ(::kill(desktop_->pid("mousepad"), 0), 0);
+  EXPECT_EQ(windows(), 2u) << "the editor's window and its question";
+  // Answered with escape, the question goes and the text stays.
+  results("mousepad", "CALL ui.key('escape')");
+  ASSERT_TRUE(eventually([&] { return windows() == 1u; }));
+
+  // The procedure says so, and the statement after it runs.
+  auto again = results("mousepad", "CALL ui.quit('mousepad'); MATCH (t:TextArea) RETURN t.value");
+  const auto& action = again.front().find("actions")->asArray()->front();
+  EXPECT_EQ(core::optionalBool(action, "ok"), false);
+  EXPECT_NE(core::jsonText(action).find("保存を確かめるダイアログ"), std::string::npos) << core::jsonText(action);
+  EXPECT_NE(core::jsonText(again.back()).find("not saved yet"), std::string::npos) << core::jsonText(again.back());
+  results("mousepad", "CALL ui.key('escape')");
+  ASSERT_TRUE(eventually([&] { return windows() == 1u; }));
+
+  // An application that asks nothing ends, and says nothing of asking.
+  auto ended = client_->call("quit", JSONValue::Object{{"name", "form_app.py"}});
+  EXPECT_EQ(core::optionalBool(ended, "terminated"), true) << core::jsonText(ended);
+  EXPECT_EQ(ended.find("asked"), nullptr);
+}
+
+// Mousepad's text area has no action for its menu: ui.menu right-clicks it.
+// The items of its submenus, picked through accessibility, leave the menus
+// above them open in GTK; picked, they close as they would under a click.
+TEST_F(ProceduresDesktopTest, AMenuOpenedByUiMenuClosesWhenItsItemIsPressed) {
+  results("mousepad", "MATCH (t:TextArea) SET t.value = 'Shout This'");
+  const std::string openMenus =
+      "MATCH (m) WHERE m.role = 'Menu' OR (m.role = 'MenuBarItem' AND m.selected = true) "
+      "RETURN m.id";
+  struct Case {
+    std::string opener;  // what ui.menu opens: a name, or the text area
+    std::string item;    // the item pressed, in a submenu of that menu
+    std::string text;    // the text afterwards
+  };
+  const Case cases[] = {
+      {"", "Select All", "Shout This"},
+      {"", "To Uppercase", "SHOUT THIS"},
+      // The menu of the menu bar, right-clicked open; converting dropped the selection.
+      {"Edit", "Select All", "SHOUT THIS"},
+      {"Edit", "To Lowercase", "shout this"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE((c.opener.empty() ? "text area" : c.opener) + " > " + c.item);
+    // Ids of the window change while a menu of its own is in front: looked up each time.
+    const std::string opener =
+        c.opener.empty() ? column("mousepad", "MATCH (t:TextArea) RETURN t.id", "t.id").at(0) : c.opener;
+    results("mousepad", "CALL ui.menu('" + opener + "')");
+    ASSERT_FALSE(column("mousepad", openMenus, "m.id").empty()) << "the menu did not open";
+    results("mousepad", "MATCH (m:MenuItem {name: '" + c.item + "'}) SET m.pressed = true");
+    EXPECT_TRUE(eventually([&] { return editorText() == c.text; })) << editorText();
+    EXPECT_EQ(column("mousepad", openMenus, "m.id"), std::vector<std::string>{});
+    EXPECT_EQ(client_->call("windows", JSONValue::Object{{"name", "mousepad"}}).asArray()->size(), 1u);
+  }
+}
+
+TEST_F(ProceduresDesktopTest, TypingThatShowsOnlyInItsEffectCarriesNoNote) {
+  auto typed = results("galculator", "CALL ui.key('escape'); CALL ui.type('12+34=')").back();
+  EXPECT_NE(core::jsonText(typed).find("46"), std::string::npos) << core::jsonText(typed);
+  EXPECT_EQ(typed.find("notes"), nullptr) << core::jsonText(typed);
+  // The same sum again leaves the display as it was: nothing shows the keys.
+  auto again = results("galculator", "CALL ui.type('12+34=')").back();
+  EXPECT_NE(core::jsonText(again).find("could not be seen"), std::string::npos) << core::jsonText(again);
+}
+
+}  // namespace
+}  // namespace glimmerstrand::testing
