@@ -191,9 +191,19 @@ std::vector<Element> windowsWhileQuitting(platform::Accessibility& ax, std::int3
   Element app = ax.applicationElement(pid);
   ax.setMessagingTimeout(app, 0.3);
   std::vector<Element> windows;
-  if (auto list = ax.copy(app, "AXWindows").as<platform::AxList>())
-    for (const auto& value : *list)
-      if (auto element = value.get<Element>()) windows.push_back(*element);
+  auto elementsOf = [](const platform::AxValue& value) {
+    std::vector<Element> out;
+    if (auto list = value.as<platform::AxList>())
+      for (const auto& item : *list)
+        if (auto element = item.get<Element>()) out.push_back(*element);
+    return out;
+  };
+  for (const auto& window : elementsOf(ax.copy(app, "AXWindows"))) {
+    windows.push_back(window);
+    // A question may come as a sheet of the window it is about.
+    for (const auto& child : elementsOf(ax.copy(window, "AXChildren")))
+      if (auto role = ax.copy(child, "AXRole"); role.as<std::string>() == "AXSheet") windows.push_back(child);
+  }
   return windows;
 }
 
