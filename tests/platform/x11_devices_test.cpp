@@ -308,6 +308,9 @@ TEST_F(X11DevicesTest, AnApplicationFoundByItsJapaneseNameLaunchesAndQuitsPolite
       std::chrono::seconds(20)));
   ASSERT_TRUE(outcome->app) << outcome->error.value_or("no application");
   const auto pid = outcome->app->pid;
+  // The application does not hold the daemon's log, nor write into it.
+  for (const char* stream : {"1", "2"})
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/fd/" + stream), "/dev/null") << stream;
   EXPECT_NE(pid, desktop_->pid("galculator"));
   ASSERT_TRUE(eventually([&] { return workspace.terminate(pid); }));
   EXPECT_TRUE(eventually([&] { return ::kill(pid, 0) != 0; }));

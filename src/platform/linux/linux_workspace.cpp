@@ -3,6 +3,7 @@
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
+#include <fcntl.h>
 #include <gio/gdesktopappinfo.h>
 #include <gio/gio.h>
 #include <glib-unix.h>
@@ -154,7 +155,10 @@ std::vector<std::string> commandOf(const std::string& exec) {
 }
 
 /// Starts a command in a session of its own, so that it outlives this
-/// process's terminal and signals. The pid, or absent when it could not start.
+/// process's terminal and signals, with its standard streams on /dev/null:
+/// an application holding the daemon's log would keep whoever reads that log
+/// waiting after the daemon ended, and fill it with its own chatter. The
+/// pid, or absent when it could not start.
 std::optional<pid_t> spawn(const std::vector<std::string>& command) {
   if (command.empty()) return std::nullopt;
   std::vector<char*> argv;
@@ -163,8 +167,14 @@ std::optional<pid_t> spawn(const std::vector<std::string>& command) {
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+  posix_spawn_file_actions_t streams;
+  posix_spawn_file_actions_init(&streams);
+  posix_spawn_file_actions_addopen(&streams, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&streams, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&streams, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   pid_t pid = 0;
-  int failed = posix_spawnp(&pid, argv[0], nullptr, &attributes, argv.data(), environ);
+  int failed = posix_spawnp(&pid, argv[0], &streams, &attributes, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&streams);
   posix_spawnattr_destroy(&attributes);
   if (failed) return std::nullopt;
   // Reaped by a waiter of its own, so that it leaves no zombie behind.
