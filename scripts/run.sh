@@ -51,10 +51,10 @@ say "the calculator: clear, type 12+34=, read the display"
 run --app galculator do 'MATCH (c:CheckBox {name:"AC"}) SET c.pressed = true; CALL ui.type("12+34="); MATCH (d:TextArea) RETURN d.value'
 
 say "a note in mousepad, saved through its own Save As dialog"
-run --app mousepad do 'MATCH (t:TextArea) SET t.focused = true; CALL ui.type("Groceries: apples, bread, tea"); CALL ui.key("return"); CALL ui.type("written by an agent through the accessibility tree"); CALL ui.key("ctrl+s"); CALL ui.wait_for("MATCH (w:Window {name:\"Save As\"}) RETURN w.id", 10000)'
+run --app mousepad do 'MATCH (t:TextArea) SET t.focused = true; CALL ui.type("Groceries: apples, bread, tea"); CALL ui.key("return"); CALL ui.type("written by an agent through the accessibility tree"); CALL ui.key("ctrl+s"); CALL ui.wait_for("MATCH (s:Sheet {name:\"Save As\"}) RETURN s.id", 10000)'
 # The name field has the focus when the dialog opens. Typed rather than set:
 # the dialog enables Save on key input only, once it has handled the keys.
-run --app mousepad do "CALL ui.key(\"ctrl+a\"); CALL ui.type(\"$note\"); CALL ui.wait_for(\"MATCH (b:Button {name:'Save', enabled:true}) RETURN b.id\", 5000); MATCH (:Window {name:\"Save As\"})-[:CHILD*1..12]->(b:Button {name:\"Save\"}) SET b.pressed = true; CALL ui.wait_for(\"MATCH (w:Window) WHERE w.name STARTS WITH '$note' RETURN w.name\", 10000)"
+run --app mousepad do "CALL ui.key(\"ctrl+a\"); CALL ui.type(\"$note\"); CALL ui.wait_for(\"MATCH (b:Button {name:'Save', enabled:true}) RETURN b.id\", 5000); MATCH (:Sheet {name:\"Save As\"})-[:CHILD*1..12]->(b:Button {name:\"Save\"}) SET b.pressed = true; CALL ui.wait_for(\"MATCH (w:Window) WHERE w.name STARTS WITH '$note' RETURN w.name\", 10000)"
 printf '\n$ cat %s\n' "$note"
 cat "$note" 2>/dev/null || echo "(not saved)"
 
