@@ -6,24 +6,27 @@ toolkit's bridge does and serves Accessible, Application, Component, Action
 and Text for a window of 40 buttons, beside the part its mode breaks.
 
 The mode is the name it runs under (the file name of a link to this file,
-or --mode), and the name it shows on the bus is that name too:
+or --mode), or the start of it ("fault-storm-2"); the name it shows on the
+bus is that name too:
 
   fault-frozen   SIGUSR1: the whole application blocks until SIGUSR2 or
                  FAULT_FREEZE_S seconds (default 30), its calls unanswered
   fault-list     a list that claims 2^31-1 children; asking for them blocks
                  the whole application as above, every time
-  fault-huge     ten labels whose names and texts are 16 MB each
+  fault-huge     its own name and ten labels' names and texts are 16 MB each
   fault-stuck    a subtree whose calls are never answered
   fault-endless  a subtree where every node has a new child
   fault-storm    SIGUSR1 starts about 10,000 events a second that move
                  elements between two panels, SIGUSR2 stops them; the
                  window never holds more than 58 elements
   fault-rejoin   SIGUSR1: leaves the bus and comes back under a new bus
-                 name, in the same process
+                 name, in the same process, its window titled "Faults N"
+                 the Nth time
   fault-plain    nothing breaks
 
-Every call it is asked is written, one line each ("Interface.Method path"),
-to $FAULT_APP_LOG/<name>.calls when FAULT_APP_LOG is set."""
+Every call it is asked is written, one line each ("Interface.Method path",
+and the property for a property), to $FAULT_APP_LOG/<name>.calls when
+FAULT_APP_LOG is set."""
 import os
 import signal
 import sys
@@ -38,7 +41,6 @@ REGISTRY = "org.a11y.atspi.Registry"
 ROLE_APPLICATION, ROLE_FRAME, ROLE_LABEL, ROLE_LIST = 75, 23, 29, 31
 ROLE_LIST_ITEM, ROLE_PANEL, ROLE_PUSH_BUTTON = 32, 39, 43
 SHOWN = (1 << 8) | (1 << 24) | (1 << 25) | (1 << 30)  # enabled, sensitive, showing, visible
-ACTIVE = 1 << 1
 HUGE = 16 * 1024 * 1024
 
 XML = """
@@ -128,6 +130,7 @@ class FaultApp:
         self.frozen = False
         self.storm = None
         self.moves = 0
+        self.rejoins = 0
         folder = os.environ.get("FAULT_APP_LOG")
         self.log = open(os.path.join(folder, name + ".calls"), "a", buffering=1) if folder else None
         self.build()
@@ -141,8 +144,11 @@ class FaultApp:
         return node
 
     def build(self):
-        self.add(Node(ROOT, ROLE_APPLICATION, self.name, None))
-        self.add(Node("/w", ROLE_FRAME, "Faults", ROOT, (0, 0, 400, 800), SHOWN | ACTIVE))
+        # A huge application's own name is huge too: found by its pid only.
+        name = self.name + " " + "z" * HUGE if self.mode == "fault-huge" else self.name
+        self.add(Node(ROOT, ROLE_APPLICATION, name, None))
+        # Not active: none of these takes the front from the application beside it.
+        self.add(Node("/w", ROLE_FRAME, "Faults", ROOT, (0, 0, 400, 800)))
         self.add(Node("/p", ROLE_PANEL, "", "/w", (0, 0, 400, 740)))
         for n in range(40):
             self.add(Node(f"/b{n}", ROLE_PUSH_BUTTON, f"Button {n}", "/p", (10, 10 + 18 * n, 100, 16)))
@@ -218,6 +224,8 @@ class FaultApp:
 
     def leave_and_return(self):
         self.connection.close_sync(None)
+        self.rejoins += 1
+        self.nodes["/w"].name = f"Faults {self.rejoins}"
         self.connect()
         return False
 
@@ -233,7 +241,8 @@ class FaultApp:
 
     def on_call(self, connection, sender, path, interface, method, parameters, invocation):
         if self.log:
-            self.log.write(f"{interface}.{method} {path}\n")
+            told = f" {parameters.unpack()[1]}" if interface == "org.freedesktop.DBus.Properties" else ""
+            self.log.write(f"{interface}.{method} {path}{told}\n")
         node = self.node(path)
         if node is None:
             invocation.return_dbus_error("org.freedesktop.DBus.Error.UnknownObject", path)
@@ -352,13 +361,15 @@ def main():
         name = name[:-3]
     if len(sys.argv) > 2 and sys.argv[1] == "--mode":
         name = sys.argv[2]
-    mode = name if name.startswith("fault-") else "fault-plain"
+    modes = ("fault-frozen", "fault-list", "fault-huge", "fault-stuck", "fault-endless", "fault-storm",
+             "fault-rejoin")
+    mode = next((m for m in modes if name == m or name.startswith(m + "-")), "fault-plain")
     app = FaultApp(mode, name)
     app.connect()
     # Python's own handlers: they also run while a call blocks the application.
     signal.signal(signal.SIGUSR1, lambda *_: GLib.idle_add(lambda: app.start_fault() and False))
     signal.signal(signal.SIGUSR2, lambda *_: app.stop_fault())
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
+    signal.signal(signal.SIGTERM, lambda *_: os._exit(0))
     loop = GLib.MainLoop()
     # Wakes Python now and then, so that its signal handlers run while GLib waits.
     GLib.timeout_add(50, lambda: True)
