@@ -54,11 +54,11 @@ const std::vector<std::pair<std::string, std::optional<DirtyKind>>>& mirrorNotif
   return table;
 }
 
-AppMirror::AppMirror(std::int32_t pid, MirrorEnvironment environment)
+AppMirror::AppMirror(std::int32_t pid, MirrorEnvironment environment, Element application)
     : pid_(pid),
       ax_(environment.accessibility),
       clock_(environment.clock),
-      app_(ax_.applicationElement(pid)),
+      app_(application ? std::move(application) : ax_.applicationElement(pid)),
       walkQueue_(clock_.makeSerialQueue("glimmerstrand.mirror." + std::to_string(pid))),
       nodes_(emptyNodes()),
       current_(std::make_shared<const std::vector<Element>>()),
@@ -80,8 +80,18 @@ void AppMirror::start() {
 
 AppMirror::~AppMirror() = default;
 
-std::shared_ptr<AppMirror> AppMirror::create(std::int32_t pid, MirrorEnvironment environment) {
-  return std::shared_ptr<AppMirror>(new AppMirror(pid, environment));
+std::shared_ptr<AppMirror> AppMirror::create(std::int32_t pid, MirrorEnvironment environment, Element application) {
+  return std::shared_ptr<AppMirror>(new AppMirror(pid, environment, std::move(application)));
+}
+
+bool AppMirror::applicationGone() {
+  static const std::vector<std::string> probe{"AXRole"};
+  return ax_.copyMultiple(app_, probe).error == platform::AxError::invalidElement;
+}
+
+bool AppMirror::gone() {
+  std::lock_guard guard(stateLock_);
+  return gone_;
 }
 
 void AppMirror::afterDelay(std::int64_t delayMs, void (AppMirror::*step)()) {
@@ -157,6 +167,7 @@ void AppMirror::finishCommitLocked(PendingCommit& commit) {
   // first asked for, as the statement runner reads every node.
   commit.labeled = std::exchange(labeled_, nullptr);
   truncated_ = commit.walk.truncated;
+  overBudget_ = commit.walk.overBudget;
 
   // The newest three lists always stay; older ones for up to keepNs.
   elements_[generation_] = KeptElements{commit.endedAt, current_};
@@ -347,7 +358,7 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
   out.generation = generation_;
   out.ageMs = static_cast<double>(clock_.nowNs() - walkedAt_) / 1e6;
   out.walkMs = walkMs_;
-  if (generation_ == 0 || unanswered_)
+  if (generation_ == 0 || unanswered_ || gone_)
     out.dirty = true;
   else if (request.fresh)
     out.dirty = required < completedWalkStartedAt_ ? (needTrailing && trailingPending_) : true;

@@ -23,6 +23,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -58,11 +59,17 @@ struct DirtyTarget {
 
 struct WalkResult {
   std::vector<core::AxNode> nodes;
-  std::vector<Element> elements;  // same length and order as nodes
+  std::vector<Element> elements;  // same length and order as nodes, each element once
+  /// The copy leaves out part of the tree: where the node budget ran out,
+  /// below the depth limit, a text longer than platform::maxTextBytes, or a
+  /// subtree that did not answer within the messaging timeout.
   bool truncated = false;
+  /// The node budget ran out: only a full walk can complete such a copy.
+  bool overBudget = false;
   std::int64_t incomplete = 0;  // elements that could not be read
-  /// The first element did not answer within its messaging timeout: the
-  /// application is hung, and the result says nothing about its tree.
+  /// The application did not answer within its messaging timeout, at the
+  /// first element or when asked again after a subtree did not answer: it is
+  /// hung, and the result says nothing about its tree.
   bool unanswered = false;
 };
 
@@ -81,6 +88,9 @@ struct Clip {
 
 // --- Full walks: plain functions of the accessibility interface. ---
 
+/// How many subtrees that do not answer one walk passes by before it stops.
+inline constexpr std::int64_t maxSilentSubtrees = 4;
+
 /// The 20 attributes a walk reads in one call per element, children last.
 const std::vector<std::string>& walkAttributes();
 /// The same without AXChildren: a refresh of one node.
@@ -91,6 +101,8 @@ const std::vector<std::string>& refreshAttributes();
 std::optional<std::string> cleanText(const platform::AxValue& value, std::size_t limit);
 /// "shift+cmd+n" from a menu item's key and modifier bits.
 std::optional<std::string> shortcutText(const platform::AxValue& key, const platform::AxValue& modifiers);
+/// Whether a backend cut any text of these values (see platform::maxTextBytes).
+bool anyTextCut(const std::vector<platform::AxValue>& values);
 /// A node from the 19 or 20 values of walkAttributes, in that order.
 core::AxNode buildNode(const std::vector<platform::AxValue>& values);
 /// Has a frame and something to call it by.
@@ -103,6 +115,8 @@ Element rootElement(platform::Accessibility& ax, const Element& app, std::string
 /// Depth first, pre-order, from one element. `expectedNodes` (what the last
 /// walk found, say) sizes the result up front: a walk of 10,000 nodes
 /// otherwise spends a fifth of its time moving what it has already read.
+/// A subtree that does not answer is left out, and the walk goes on while
+/// the application still answers, past at most maxSilentSubtrees of them.
 WalkResult walkElement(platform::Accessibility& ax, const Element& element, std::int64_t depth, std::int64_t maxDepth,
                        std::int64_t maxNodes, std::size_t expectedNodes = 0);
 /// From the root of `scope`; with "window", open context menus follow.
@@ -129,6 +143,9 @@ WalkResult spliceSubtrees(std::vector<core::AxNode> nodes, const std::vector<Ele
                           const std::vector<SubtreeRange>& ranges, std::vector<WalkResult> walks);
 /// Restores `i` and `parent` from `depth` alone.
 void renumberNodes(std::vector<core::AxNode>& nodes);
+/// Removes every later appearance of an element, with its subtree, and
+/// renumbers what is left.
+void dropRepeats(WalkResult& walk);
 
 // --- The mirror. ---
 
@@ -168,13 +185,17 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   static constexpr std::size_t maxDirtySubtrees = 16;
   static constexpr std::size_t maxPendingDirty = 128;
   static constexpr std::int64_t debounceNs = 15'000'000;
+  /// The longest a stream of notifications without a pause holds a walk off.
+  static constexpr std::int64_t maxDebounceNs = 100'000'000;
   static constexpr std::int64_t trailingDelayMs = 50;
   static constexpr std::int64_t keepNs = 10'000'000'000;
   static constexpr std::int64_t outsideIndex = INT64_MIN;
 
-  /// Sets the messaging timeout on the application element; calls nothing
-  /// in the application, so it is cheap even for a hung one. start() begins.
-  static std::shared_ptr<AppMirror> create(std::int32_t pid, MirrorEnvironment environment);
+  /// Sets the messaging timeout on the application element (`application`,
+  /// or the platform's for `pid` when null); calls nothing in the
+  /// application, so it is cheap even for a hung one. start() begins.
+  static std::shared_ptr<AppMirror> create(std::int32_t pid, MirrorEnvironment environment,
+                                           Element application = Element());
   /// Queues, on the walk queue, AXManualAccessibility, the registration of
   /// notifications and the first walk. Returns at once.
   void start();
@@ -183,6 +204,13 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   AppMirror& operator=(const AppMirror&) = delete;
 
   std::int32_t pid() const { return pid_; }
+  /// The application element the mirror reads.
+  const Element& application() const { return app_; }
+  /// Called once, on the walk queue, when a walk finds the application
+  /// element gone: the application has left. Set before start().
+  void onGone(std::function<void(AppMirror&)> callback) { onGone_ = std::move(callback); }
+  /// A walk found the application gone.
+  bool gone();
 
   // Notifications and scheduling.
   /// True when at least one name was registered now or before. Calls the
@@ -228,7 +256,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   void detach();
 
  private:
-  AppMirror(std::int32_t pid, MirrorEnvironment environment);
+  AppMirror(std::int32_t pid, MirrorEnvironment environment, Element application);
 
   using ElementIndex = std::unordered_map<Element, std::int64_t, platform::ElementHash>;
   using ElementSet = std::unordered_set<Element, platform::ElementHash>;
@@ -263,6 +291,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   void markDirtyLocked(const std::vector<DirtyTarget>& targets);
   void markFullLocked();
   void trailingWalkDue();
+  /// Whether the application element itself is gone; calls the application.
+  bool applicationGone();
   void retryRegistrationOnQueue();
   void afterDelay(std::int64_t delayMs, void (AppMirror::*step)());
   bool essentialUnregistered();
@@ -280,6 +310,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   NodeList nodes_;
   NodeList labeled_;  // made from nodes_ when first asked for; none until then
   bool truncated_ = false;
+  bool overBudget_ = false;  // the last commit's node budget ran out
+  bool gone_ = false;        // a walk found the application element gone
   struct KeptElements {
     std::int64_t at = 0;
     ElementList list;
@@ -324,6 +356,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   std::int64_t enhancedAt_ = 0;
 
   std::atomic<std::int64_t> lastUsedAt_;
+  std::function<void(AppMirror&)> onGone_;  // set before start, then only read
 
   // `registration`: guards the five fields below. Never held across a call
   // into the application: the walk queue alone registers, so it reads the

@@ -55,7 +55,7 @@ void AppMirror::markFullLocked() {
 void AppMirror::scheduleWalk() {
   {
     std::lock_guard guard(stateLock_);
-    if (walkScheduled_) return;
+    if (walkScheduled_ || gone_) return;
     walkScheduled_ = true;
   }
   walkQueue_->async([self = shared_from_this()] { self->walkLoop(); });
@@ -102,16 +102,21 @@ void AppMirror::walkLoop() {
     clock_.sleepNs(ns);
     lock.lock();
   };
+  std::int64_t debouncingSince = 0;
   for (;;) {
     const std::int64_t now = clock_.nowNs();
     const std::int64_t lastSeen = lastNotificationAt_;
     // Debounce: a burst of notifications costs one walk. The first walk waits
-    // for nothing.
+    // for nothing, and a storm that never pauses holds walks off no longer
+    // than maxDebounceNs.
     if (generation_ >= 1 && now - lastNotificationAt_ < debounceNs) {
-      sleepUnlocked(debounceNs - (now - lastNotificationAt_));
-      continue;
+      if (debouncingSince == 0) debouncingSince = now;
+      if (now - debouncingSince < maxDebounceNs) {
+        sleepUnlocked(std::min(debounceNs - (now - lastNotificationAt_), maxDebounceNs - (now - debouncingSince)));
+        continue;
+      }
     }
-    const bool full = generation_ == 0 || truncated_ || pendingFull_ || pendingDirty_.empty();
+    const bool full = generation_ == 0 || overBudget_ || pendingFull_ || pendingDirty_.empty();
     // Pacing: walks stay apart by twice what the last one of the sort cost.
     const std::int64_t gap = gapAfter(full ? fullWalkMs_ : partialWalkMs_);
     const bool urgentPass = urgent_;
@@ -120,6 +125,7 @@ void AppMirror::walkLoop() {
       continue;
     }
 
+    debouncingSince = 0;
     urgent_ = false;
     walking_ = true;
     walkStartedAt_ = now;
@@ -131,6 +137,7 @@ void AppMirror::walkLoop() {
     const std::int64_t fullGap = gapAfter(fullWalkMs_);
     const std::int64_t lastWalkEnd = walkedAt_;
     const std::size_t lastNodeCount = nodes_ ? nodes_->size() : 0;
+    const bool wasTruncated = truncated_;
     lock.unlock();
 
     PendingCommit commit;
@@ -146,6 +153,8 @@ void AppMirror::walkLoop() {
     if (partial) {
       commit.partial = true;
       commit.walk = std::move(partial->walk);
+      // What an earlier walk left out stays left out where this one did not look.
+      commit.walk.truncated = commit.walk.truncated || wasTruncated;
       commit.targets = std::move(partial->targets);
       commit.touched = partial->touched;
     } else {
@@ -170,10 +179,21 @@ void AppMirror::walkLoop() {
       if (quiet) return;
       continue;
     }
+    // A walk that found nothing may have found the application gone.
+    const bool gone = commit.walk.nodes.empty() && applicationGone();
     prepareCommit(commit);
     lock.lock();
     finishCommitLocked(commit);
     unanswered_ = false;
+    if (gone) {
+      gone_ = true;
+      walkScheduled_ = false;
+      clock_.notifyAll(stateChanged_);
+      lock.unlock();
+      commit = PendingCommit{};
+      if (onGone_) onGone_(*this);
+      return;
+    }
 
     // Unread elements: mark the walk again, a few times.
     if (commit.walk.incomplete >= 1 && incompleteRetries_ <= 2) {
@@ -295,19 +315,21 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
   }
   // The root, a node without a parent or a change outside the tree: all of it.
   if (!rewalk.empty() && *rewalk.begin() < 1) return std::nullopt;
-  if (rewalk.empty() && refresh.empty()) return PartialWalkResult{WalkResult{nodes, current, false, 0}, {}, 0};
+  if (rewalk.empty() && refresh.empty()) return PartialWalkResult{WalkResult{nodes, current}, {}, 0};
 
   auto ranges = subtreeRanges(nodes, {rewalk.begin(), rewalk.end()});
   auto inRange = [&](std::int64_t index) {
     auto n = static_cast<std::size_t>(index);
     return std::any_of(ranges.begin(), ranges.end(), [&](const SubtreeRange& r) { return n >= r.start && n < r.end; });
   };
+  PartialWalkResult result;
   std::map<std::int64_t, core::AxNode> replacements;
   bool rangesChanged = false;
   for (auto index : refresh) {
     if (inRange(index)) continue;
     auto read = ax_.copyMultiple(current[static_cast<std::size_t>(index)], refreshAttributes());
     if (read.ok() && read.value.size() == refreshAttributes().size()) {
+      if (anyTextCut(read.value)) result.walk.truncated = true;
       replacements[index] = buildNode(read.value);
     } else {
       const std::int64_t parent = parentOf(index);
@@ -323,14 +345,21 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
   for (const auto& range : ranges) covered += range.end - range.start;
   if (ranges.size() > maxDirtySubtrees || nodes.size() < 2 * covered) return std::nullopt;
 
-  PartialWalkResult result;
   std::int64_t budget = maxNodes - static_cast<std::int64_t>(nodes.size() - covered);
   std::vector<WalkResult> walks;
+  ElementSet walked;
   for (const auto& range : ranges) {
     WalkResult walk =
         walkElement(ax_, current[range.start], nodes[range.start].depth, maxDepth, budget, range.end - range.start);
-    if (walk.truncated || walk.nodes.empty()) return std::nullopt;
+    if (walk.overBudget || walk.unanswered || walk.nodes.empty()) return std::nullopt;
+    // An element that moved here from a part of the copy this pass does not
+    // walk would be in the copy twice: only a full walk places it once.
+    for (const auto& element : walk.elements) {
+      auto known = indexOf_.find(element);
+      if (!walked.insert(element).second || (known != indexOf_.end() && !inRange(known->second))) return std::nullopt;
+    }
     budget -= static_cast<std::int64_t>(walk.nodes.size());
+    result.walk.truncated = result.walk.truncated || walk.truncated;
     result.walk.incomplete += walk.incomplete;
     result.touched += static_cast<std::int64_t>(walk.nodes.size());
     walks.push_back(std::move(walk));
@@ -353,7 +382,8 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
   for (const auto& range : ranges) rangeTargets.push_back(DirtyTarget{current[range.start], DirtyKind::subtree});
   result.targets.insert(result.targets.begin(), rangeTargets.begin(), rangeTargets.end());
 
-  std::int64_t incomplete = result.walk.incomplete;
+  const std::int64_t incomplete = result.walk.incomplete;
+  const bool truncated = result.walk.truncated;
   if (ranges.empty()) {
     result.walk.nodes = std::move(base);  // refreshes only: indices stand
     result.walk.elements = current;
@@ -362,6 +392,7 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
     renumberNodes(result.walk.nodes);
   }
   result.walk.incomplete = incomplete;
+  result.walk.truncated = truncated;
   return result;
 }
 

@@ -182,6 +182,13 @@ std::optional<std::vector<Element>> elementList(const AxValue& v) {
   return out;
 }
 
+// Whether the application answers a call on the walk's first element: one
+// that does not, after a subtree did not either, is hung as a whole.
+bool stillAnswers(platform::Accessibility& ax, const Element& root) {
+  static const std::vector<std::string> probe{"AXRole"};
+  return ax.copyMultiple(root, probe).error != platform::AxError::cannotComplete;
+}
+
 std::optional<Element> elementOf(const AxValue& v) {
   auto element = v.get<Element>();
   if (!element || element->isNull()) return std::nullopt;
@@ -217,6 +224,14 @@ const std::vector<std::string>& walkAttributes() {
 const std::vector<std::string>& refreshAttributes() {
   static const std::vector<std::string> names(walkAttributes().begin(), walkAttributes().end() - 1);
   return names;
+}
+
+bool anyTextCut(const std::vector<AxValue>& values) {
+  return std::any_of(values.begin(), values.end(), [](const AxValue& value) {
+    if (auto text = value.get<std::string>()) return platform::textWasCut(*text);
+    if (auto url = value.get<platform::AxUrl>()) return platform::textWasCut(url->text);
+    return false;
+  });
 }
 
 std::optional<std::string> cleanText(const AxValue& v, std::size_t limit) {
@@ -392,23 +407,30 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
   result.nodes.reserve(expected);
   result.elements.reserve(expected);
   seen.reserve(expected);
+  std::int64_t silent = 0;
   while (!stack.empty()) {
     Entry entry = std::move(stack.back());
     stack.pop_back();
     if (static_cast<std::int64_t>(result.nodes.size()) >= maxNodes) {
       result.truncated = true;
+      result.overBudget = true;
       break;
     }
     if (!seen.insert(entry.element).second) continue;  // cycles and duplicates
     auto read = ax.copyMultiple(entry.element, names);
     if (!read.ok() || read.value.size() != names.size()) {
       ++result.incomplete;
-      if (entry.parent < 0 && read.error == platform::AxError::cannotComplete) {
-        result.unanswered = true;  // the root: nothing below it will answer either
+      if (read.error != platform::AxError::cannotComplete) continue;  // gone: nothing to show
+      if (entry.parent < 0 || !stillAnswers(ax, element)) {
+        result.unanswered = true;  // the application is hung: nothing more will answer
         break;
       }
+      // One subtree does not answer while the rest does: leave it out.
+      result.truncated = true;
+      if (++silent > maxSilentSubtrees) break;
       continue;
     }
+    if (anyTextCut(read.value)) result.truncated = true;
     core::AxNode node = buildNode(read.value);
     const auto index = static_cast<std::int64_t>(result.nodes.size());
     node.i = index;
@@ -418,10 +440,14 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
     result.elements.push_back(entry.element);
     const core::AxNode& added = result.nodes.back();
 
-    if (entry.depth >= maxDepth || added.role == "AXColumn") continue;
+    if (added.role == "AXColumn") continue;
     auto kids = elementList(read.value[children]);
     if (!kids) continue;
     if (auto left = ax.childrenLeftOut(entry.element); left > 0) result.nodes.back().offscreen = left;
+    if (entry.depth >= maxDepth) {
+      if (!kids->empty()) result.truncated = true;
+      continue;
+    }
     Clip clip = entry.clip;
     if (isClipRole(added.role))
       if (auto rect = positiveRect(added.frame)) clip = narrowed(entry.clip, *rect);
@@ -465,8 +491,11 @@ WalkResult walkTree(platform::Accessibility& ax, const Element& app, std::string
                         std::make_move_iterator(menu.nodes.end()));
     result.elements.insert(result.elements.end(), menu.elements.begin(), menu.elements.end());
     result.truncated = result.truncated || menu.truncated;
+    result.overBudget = result.overBudget || menu.overBudget;
     result.incomplete += menu.incomplete;
   }
+  // A menu that also hangs inside the window is in the copy once.
+  dropRepeats(result);
   return result;
 }
 
@@ -505,6 +534,33 @@ WalkResult spliceSubtrees(std::vector<core::AxNode> nodes, const std::vector<Ele
                    std::make_move_iterator(nodes.end()));
   out.elements.insert(out.elements.end(), elements.begin() + static_cast<std::ptrdiff_t>(position), elements.end());
   return out;
+}
+
+void dropRepeats(WalkResult& walk) {
+  std::unordered_set<Element, platform::ElementHash> seen;
+  seen.reserve(walk.elements.size());
+  std::size_t kept = 0;
+  bool dropped = false;
+  for (std::size_t n = 0; n < walk.nodes.size();) {
+    if (!seen.insert(walk.elements[n]).second) {
+      // The repeat and everything below it.
+      const auto depth = walk.nodes[n].depth;
+      for (++n; n < walk.nodes.size() && walk.nodes[n].depth > depth; ++n) {
+      }
+      dropped = true;
+      continue;
+    }
+    if (kept != n) {
+      walk.nodes[kept] = std::move(walk.nodes[n]);
+      walk.elements[kept] = std::move(walk.elements[n]);
+    }
+    ++kept;
+    ++n;
+  }
+  if (!dropped) return;
+  walk.nodes.resize(kept);
+  walk.elements.resize(kept);
+  renumberNodes(walk.nodes);
 }
 
 void renumberNodes(std::vector<core::AxNode>& nodes) {

@@ -72,7 +72,7 @@ JSONValue InProcessDriver::call(const std::string& operation, const JSONValue& p
 
 core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& options) {
   const auto key = cacheKey(options);
-  std::optional<core::AxSnapshot> cached;
+  std::optional<CachedSnapshot> cached;
   {
     std::lock_guard guard(lock_);
     if (auto it = snapshots_.find(key); it != snapshots_.end()) cached = it->second;
@@ -80,6 +80,7 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
   auto& platform = host_.platform();
   const auto started = platform.clock().nowNs();
   core::AxSnapshot out;
+  std::shared_ptr<AppMirror> source;
   try {
     // Finding the application asks the desktop, and a copy waits for the
     // mirror's walk when it must be fresh: the application's time.
@@ -91,18 +92,22 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
     request.all = options.all;
     request.timeoutMs = options.timeoutMs.value_or(2000);
     request.maxAgeMs = options.maxAgeMs;
-    if (cached) request.ifGeneration = cached->generation;
     auto mirror = host_.mirrors().mirror(app.pid);
+    // Generations count the walks of one mirror: a cached copy of another
+    // (an application that came back, a mirror made anew) says nothing.
+    const bool sameMirror = cached && cached->mirror.lock() == mirror;
+    if (sameMirror) request.ifGeneration = cached->snapshot.generation;
     auto snapshot = mirror->snapshot(request);
-    if (!snapshot.nodes && (!cached || cached->pid != snapshot.pid || cached->generation != snapshot.generation)) {
+    if (!snapshot.nodes && (!sameMirror || cached->snapshot.generation != snapshot.generation)) {
       // The generation matched by chance for another application (the front
       // one changed, say): read again in full. The cache entry is replaced
       // below.
       request.ifGeneration.reset();
       snapshot = mirror->snapshot(request);
     }
+    source = mirror;
     if (!snapshot.nodes) {
-      out.nodes = cached->nodes;
+      out.nodes = cached->snapshot.nodes;
     } else {
       out.nodes = core::NodeList(snapshot.nodes);
     }
@@ -119,7 +124,9 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
   }
   out.elapsedMs = static_cast<double>(platform.clock().nowNs() - started) / 1e6;
   std::lock_guard guard(lock_);
-  snapshots_[key] = out;
+  // Copies of mirrors that went (their applications left) go with them.
+  std::erase_if(snapshots_, [](const auto& entry) { return entry.second.mirror.expired(); });
+  snapshots_[key] = CachedSnapshot{out, source};
   return out;
 }
 
@@ -341,8 +348,8 @@ std::optional<core::Point> InProcessDriver::elementPoint(const core::ElementRef&
   std::vector<core::AxSnapshot> candidates;
   {
     std::lock_guard guard(lock_);
-    for (const auto& [key, snapshot] : snapshots_)
-      if (snapshot.pid == ref.pid) candidates.push_back(snapshot);
+    for (const auto& [key, cached] : snapshots_)
+      if (cached.snapshot.pid == ref.pid) candidates.push_back(cached.snapshot);
   }
   for (const auto& snapshot : candidates) {
     const core::AxNode* found = nullptr;

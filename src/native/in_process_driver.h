@@ -11,6 +11,7 @@
 // before they reach that queue.
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -81,8 +82,13 @@ class InProcessDriver final : public core::UIDriver {
   MirrorHost& host_;
   AgentCursor* cursor_;
 
+  // The last copy handed out for a selector, and the mirror it came from.
+  struct CachedSnapshot {
+    core::AxSnapshot snapshot;
+    std::weak_ptr<AppMirror> mirror;
+  };
   std::mutex lock_;  // guards snapshots_
-  std::unordered_map<std::string, core::AxSnapshot> snapshots_;
+  std::unordered_map<std::string, CachedSnapshot> snapshots_;
 };
 
 }  // namespace glimmerstrand::native

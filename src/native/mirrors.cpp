@@ -1,5 +1,9 @@
 #include "native/mirrors.h"
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 #include <algorithm>
 #include <limits>
 
@@ -7,22 +11,54 @@
 
 namespace glimmerstrand::native {
 
+namespace {
+
+constexpr std::int64_t releaseDelayNs = 1'000'000'000;
+
+// The allocator keeps what a large copy freed for its own reuse: give it
+// back, or a daemon that once mirrored a huge tree stays that size.
+void returnFreedMemory() {
+#if defined(__GLIBC__)
+  malloc_trim(0);
+#endif
+}
+
+}  // namespace
+
 Mirrors::Mirrors(MirrorEnvironment environment, platform::Workspace& workspace)
-    : environment_(environment), workspace_(workspace) {}
+    : environment_(environment),
+      workspace_(workspace),
+      link_(std::make_shared<Link>(this)),
+      housekeeping_(environment.clock.makeSerialQueue("glimmerstrand.mirrors")) {}
 
 Mirrors::~Mirrors() {
+  {
+    std::lock_guard guard(link_->lock);
+    link_->owner = nullptr;
+  }
   std::lock_guard guard(lock_);
   for (auto& [pid, mirror] : mirrors_) mirror->detach();
 }
 
 std::shared_ptr<AppMirror> Mirrors::mirror(std::int32_t pid) {
+  // Asked before the lock: finding the application's element may ask the
+  // desktop, never the application.
+  Element application = environment_.accessibility.applicationElement(pid);
   std::lock_guard guard(lock_);
   const std::int64_t now = environment_.clock.nowNs();
-  for (auto& [known, mirror] : mirrors_)
-    if (known == pid) {
+  for (auto it = mirrors_.begin(); it != mirrors_.end(); ++it) {
+    if (it->first != pid) continue;
+    auto& mirror = it->second;
+    if (!mirror->gone() && mirror->application() == application) {
       mirror->touch(now);
       return mirror;
     }
+    // The application left, or came back under another element: start anew.
+    mirror->detach();
+    mirrors_.erase(it);
+    releaseMemoryLater();
+    break;
+  }
   if (mirrors_.size() >= maxMirrors) {
     // A walk in progress finishes on the evicted mirror, which then goes.
     auto oldest = std::min_element(mirrors_.begin(), mirrors_.end(), [](const auto& a, const auto& b) {
@@ -30,10 +66,15 @@ std::shared_ptr<AppMirror> Mirrors::mirror(std::int32_t pid) {
     });
     oldest->second->detach();
     mirrors_.erase(oldest);
+    releaseMemoryLater();
   }
   // Cheap: whatever waits for the application runs on the mirror's queue,
   // so a hung application never holds this lock.
-  auto created = AppMirror::create(pid, environment_);
+  auto created = AppMirror::create(pid, environment_, std::move(application));
+  created->onGone([link = link_](AppMirror& gone) {
+    std::lock_guard guard(link->lock);
+    if (link->owner) link->owner->forget(gone);
+  });
   created->start();
   mirrors_.emplace_back(pid, created);
   return created;
@@ -42,8 +83,35 @@ std::shared_ptr<AppMirror> Mirrors::mirror(std::int32_t pid) {
 std::shared_ptr<AppMirror> Mirrors::existing(std::int32_t pid) {
   std::lock_guard guard(lock_);
   for (auto& [known, mirror] : mirrors_)
-    if (known == pid) return mirror;
+    if (known == pid) return mirror->gone() ? nullptr : mirror;
   return nullptr;
+}
+
+void Mirrors::forget(AppMirror& gone) {
+  std::shared_ptr<AppMirror> dropped;  // its last reference may go outside the lock
+  std::lock_guard guard(lock_);
+  auto it =
+      std::find_if(mirrors_.begin(), mirrors_.end(), [&](const auto& entry) { return entry.second.get() == &gone; });
+  if (it == mirrors_.end()) return;
+  dropped = std::move(it->second);
+  dropped->detach();
+  mirrors_.erase(it);
+  releaseMemoryLater();
+}
+
+void Mirrors::releaseMemoryLater() {
+  if (releaseQueued_) return;
+  releaseQueued_ = true;
+  // Once the dropped mirror's last walk has let go of it.
+  housekeeping_->asyncAfter(releaseDelayNs, [link = link_] {
+    {
+      std::lock_guard guard(link->lock);
+      if (!link->owner) return;
+      std::lock_guard tableGuard(link->owner->lock_);
+      link->owner->releaseQueued_ = false;
+    }
+    returnFreedMemory();
+  });
 }
 
 void Mirrors::startObserving() {
@@ -101,7 +169,8 @@ ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, 
 std::vector<std::shared_ptr<AppMirror>> Mirrors::all() {
   std::lock_guard guard(lock_);
   std::vector<std::shared_ptr<AppMirror>> out;
-  for (const auto& entry : mirrors_) out.push_back(entry.second);
+  for (const auto& entry : mirrors_)
+    if (!entry.second->gone()) out.push_back(entry.second);
   return out;
 }
 

@@ -1,12 +1,17 @@
 // Mirrors: the live mirrors of the process, at most six, the least recently
-// used one evicted for a seventh. Also the watch on application activation,
-// which starts the copy of an application that comes to the front before
-// anybody asks, and the turning of an element reference back into a live
-// element.
+// used one evicted for a seventh. A mirror goes, with its memory, as soon as
+// a walk finds its application gone (it left the accessibility bus or its
+// process ended), and is made anew when the application's element is no
+// longer the one it reads (the application came back under a new identity).
+// Also the watch on application activation, which starts the copy of an
+// application that comes to the front before anybody asks, and the turning
+// of an element reference back into a live element.
 //
 // `lock_` guards the table. It is held while a new mirror is made, which
 // calls nothing in the application (registration runs on the mirror's own
-// queue); no code takes it while holding a mirror's lock.
+// queue); no code takes it while holding a mirror's lock. `link_->lock` is
+// taken before `lock_`, by a mirror's walk queue telling that its
+// application is gone, and by the destructor, which cuts that way back.
 #pragma once
 
 #include <functional>
@@ -47,9 +52,12 @@ class Mirrors {
   Mirrors(const Mirrors&) = delete;
   Mirrors& operator=(const Mirrors&) = delete;
 
-  /// The mirror of `pid`, made, registered and scheduled when there is none.
+  /// The mirror of `pid`, made, registered and scheduled when there is none
+  /// or when the one there reads an element that is no longer the
+  /// application's.
   std::shared_ptr<AppMirror> mirror(std::int32_t pid);
-  /// The mirror of `pid` if there is one; does not count as a use.
+  /// The mirror of `pid` if there is one and its application has not gone;
+  /// does not count as a use.
   std::shared_ptr<AppMirror> existing(std::int32_t pid);
   /// Every mirror, in the order made.
   std::vector<std::shared_ptr<AppMirror>> all();
@@ -60,10 +68,24 @@ class Mirrors {
   MirrorEnvironment environment() const { return environment_; }
 
  private:
+  // The way from a mirror's walk queue back to this registry, cut when it goes.
+  struct Link {
+    explicit Link(Mirrors* mirrors) : owner(mirrors) {}
+    std::mutex lock;  // guards owner
+    Mirrors* owner;
+  };
+  /// Drops `mirror` if it is still the one of its pid: its application is gone.
+  void forget(AppMirror& mirror);
+  /// Hands memory that dropped mirrors freed back to the system, soon.
+  void releaseMemoryLater();
+
   MirrorEnvironment environment_;
   platform::Workspace& workspace_;
-  std::mutex lock_;                                                           // guards mirrors_
+  std::shared_ptr<Link> link_;
+  std::unique_ptr<platform::SerialQueue> housekeeping_;
+  std::mutex lock_;                                                           // guards mirrors_ and releaseQueued_
   std::vector<std::pair<std::int32_t, std::shared_ptr<AppMirror>>> mirrors_;  // in the order made
+  bool releaseQueued_ = false;
 };
 
 struct ResolvedElement {

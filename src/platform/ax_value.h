@@ -3,6 +3,7 @@
 // rectangle, range, element, list and opaque. Plain values; copy freely.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -44,6 +45,24 @@ struct AxOpaque {
   std::string description;
   bool operator==(const AxOpaque&) const = default;
 };
+
+/// The longest text a backend hands over, in bytes. A longer one is cut to
+/// its whole characters up to the first that reaches past this, so that the
+/// reader still tells that it was cut, and an application with huge texts
+/// costs a bounded copy of each.
+inline constexpr std::size_t maxTextBytes = 1 << 20;
+
+/// Whether a text went over maxTextBytes, which a backend cuts.
+inline bool textWasCut(const std::string& text) { return text.size() > maxTextBytes; }
+
+/// `text` cut as maxTextBytes says, at a UTF-8 character boundary.
+inline std::string cutText(std::string text) {
+  if (!textWasCut(text)) return text;
+  std::size_t end = maxTextBytes + 1;
+  while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) ++end;
+  text.resize(end);
+  return text;
+}
 
 struct AxValue;
 using AxList = std::vector<AxValue>;

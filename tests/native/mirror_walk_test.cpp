@@ -142,12 +142,18 @@ TEST(MirrorWalk, TheBudgetAndTheDepthLimitCutTheWalk) {
     auto walk = walker.walk(64, c.maxNodes);
     EXPECT_EQ(walk.nodes.size(), c.expectNodes);
     EXPECT_EQ(walk.truncated, c.expectTruncated);
+    EXPECT_EQ(walk.overBudget, c.expectTruncated);
   }
-  Walker deep(appWith(1, {element("AXWindow").withFrame(0, 0, 10, 10).child(chain(70))}));
-  auto walk = deep.walk();
-  ASSERT_EQ(walk.nodes.size(), 65u);  // depths 0 to 64; the children of 64 are not read
-  EXPECT_EQ(walk.nodes.back().depth, 64);
-  EXPECT_FALSE(walk.truncated);
+  // Depths 0 to 64 are read; a child below 64 is left out, and says so.
+  for (const auto& [levels, expectTruncated] : {std::pair{63, false}, std::pair{70, true}}) {
+    SCOPED_TRACE(levels);
+    Walker deep(appWith(1, {element("AXWindow").withFrame(0, 0, 10, 10).child(chain(levels))}));
+    auto walk = deep.walk();
+    ASSERT_EQ(walk.nodes.size(), 65u);
+    EXPECT_EQ(walk.nodes.back().depth, 64);
+    EXPECT_EQ(walk.truncated, expectTruncated);
+    EXPECT_FALSE(walk.overBudget);
+  }
 }
 
 TEST(MirrorWalk, ColumnsAreLeavesAndGoneChildrenAreCounted) {

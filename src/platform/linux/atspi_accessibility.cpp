@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/linux/atspi_directory.h"
 #include "platform/linux/atspi_element.h"
 #include "platform/linux/atspi_windows.h"
 #include "platform/linux/window_geometry_watch.h"
@@ -32,6 +33,11 @@ constexpr std::size_t readAheadBudget = 4000;
 constexpr std::size_t cacheWorthyLevel = 64;
 // Lists longer than this are narrowed by the walk before it reads them.
 constexpr std::size_t longList = 500;
+// How many levels one prefetch reads ahead: no deeper than a walk goes, or
+// a tree without end is read far below what the walk ever takes.
+constexpr std::size_t readAheadLevels = 64;
+// How many state values an observer remembers to tell repeats.
+constexpr std::size_t maxToldStates = 4096;
 
 std::string keyOf(const ObjectRef& ref) { return ref.bus + '\n' + ref.path; }
 
@@ -59,9 +65,10 @@ class AtspiObserver final : public Observer {
   std::int32_t pid() const override { return pid_; }
   const std::string& bus() const { return bus_; }
 
-  std::mutex lock;              // guards names, subscription, removed and states
+  std::mutex lock;              // guards names, subscriptions, removed and states
   std::set<std::string> names;  // AX notifications delivered
   guint subscription = 0;       // the D-Bus signal subscription, 0 before the first name
+  guint departure = 0;          // the watch on the bus name's owner
   bool removed = false;
   std::unordered_map<std::string, std::int32_t> states;  // object path and state name → last value told
 
@@ -72,6 +79,8 @@ class AtspiObserver final : public Observer {
     std::string key;
     key.append(path).append(1, '\n').append(state);
     std::lock_guard guard(lock);
+    // An application that keeps making objects would grow this for ever.
+    if (states.size() >= maxToldStates && !states.count(key)) states.clear();
     auto [it, first] = states.try_emplace(std::move(key), value);
     if (first) return false;
     if (it->second == value) return true;
@@ -101,8 +110,8 @@ struct AtspiAccessibility::State {
   GDBusConnection* connection;
   std::atomic<int> defaultTimeout{defaultTimeoutMs};
 
+  AtspiDirectory directory;                                // the applications: bus names, pids, names
   std::mutex lock;                                         // guards everything below; never held across a bus call
-  std::unordered_map<std::string, std::int32_t> pids;      // bus name → pid
   std::unordered_map<std::string, std::string> toolkits;   // bus name → toolkit
   std::unordered_map<std::string, ObjectRef> lastFocused;  // bus name → element that took the focus
   std::set<std::string> registeredEvents;                  // event types told to the registry
@@ -121,7 +130,20 @@ struct AtspiAccessibility::State {
   guint windowActivationSubscription = 0;
 
   State(AtspiBus& b, RunLoop& loop, RootWindowEvents* root)
-      : bus(b), mainLoop(loop), connection(b.connection()), rootEvents(root) {}
+      : bus(b),
+        mainLoop(loop),
+        connection(b.connection()),
+        directory(connection, [this](const std::vector<std::string>& departed) { forget(departed); }),
+        rootEvents(root) {}
+
+  // What was kept about applications that left the bus.
+  void forget(const std::vector<std::string>& departed) {
+    std::lock_guard guard(lock);
+    for (const auto& name : departed) {
+      toolkits.erase(name);
+      lastFocused.erase(name);
+    }
+  }
 
   int timeoutOf(const Element& element) {
     auto* e = element.as<AtspiElement>();
@@ -129,22 +151,8 @@ struct AtspiAccessibility::State {
     return own > 0 ? own : defaultTimeout.load();
   }
 
-  std::optional<std::int32_t> pidOfBus(const std::string& name) {
-    {
-      std::lock_guard guard(lock);
-      if (auto it = pids.find(name); it != pids.end()) return it->second;
-    }
-    Reply reply = callSync(connection,
-                           Call{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                "GetConnectionUnixProcessID", own(g_variant_new("(s)", name.c_str()))},
-                           defaultTimeout.load());
-    auto owner = uint32Of(replyChild(reply));
-    if (!owner) return std::nullopt;
-    auto pid = static_cast<std::int32_t>(*owner);
-    std::lock_guard guard(lock);
-    pids[name] = pid;
-    return pid;
-  }
+  // The bus daemon knows, for every application: never the application.
+  std::optional<std::int32_t> pidOfBus(const std::string& name) { return directory.pidOf(name); }
 
   std::string toolkitOf(const std::string& name) {
     {
@@ -173,15 +181,18 @@ struct AtspiAccessibility::State {
     return std::move(readRecords(connection, {ref}, parts, timeoutMs).front());
   }
 
+  // An action waits at least the process default: a handle's shorter
+  // timeout bounds the reads of a walk, not what an action takes.
   Reply call(const Element& element, const char* interface, const char* method, GVariant* args) {
     auto* e = element.as<AtspiElement>();
-    return callSync(connection, Call{e->bus(), e->path(), interface, method, own(args)}, timeoutOf(element));
+    return callSync(connection, Call{e->bus(), e->path(), interface, method, own(args)},
+                    std::max(timeoutOf(element), defaultTimeout.load()));
   }
 
   std::vector<ObjectRef> desktopApplications() {
-    Reply reply = callSync(connection, Call{registryBus, rootPath, accessibleIface, "GetChildren", nullptr},
-                           defaultTimeout.load());
-    return objectRefs(replyChild(reply));
+    std::vector<ObjectRef> out;
+    for (auto& name : directory.buses()) out.push_back(ObjectRef{std::move(name), rootPath});
+    return out;
   }
 
   void registerEvents(const std::vector<std::string>& types) {
@@ -497,8 +508,7 @@ bool AtspiAccessibility::requestTrust() {
 
 Element AtspiAccessibility::applicationElement(std::int32_t pid) {
   auto cell = std::make_shared<std::atomic<int>>(0);
-  for (const auto& app : s_->desktopApplications())
-    if (s_->pidOfBus(app.bus) == pid) return Element(std::make_shared<AtspiElement>(app.bus, rootPath, cell));
+  if (auto bus = s_->directory.busOf(pid)) return Element(std::make_shared<AtspiElement>(*bus, rootPath, cell));
   // Calls on a bus name that no application holds fail as a gone element.
   return Element(std::make_shared<AtspiElement>(":no-application-" + std::to_string(pid), rootPath, cell));
 }
@@ -604,10 +614,17 @@ AxResult<std::vector<AxValue>> AtspiAccessibility::copyMultiple(const Element& e
     else
       values.push_back(attributeValue(record, name, toolkit));
   }
+  for (auto& value : values) shareTimeout(value, element);
   return {AxError::success, std::move(values)};
 }
 
 AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) {
+  AxValue value = copyValue(element, name);
+  shareTimeout(value, element);
+  return value;
+}
+
+AxValue AtspiAccessibility::copyValue(const Element& element, std::string_view name) {
   if (!isOurs(element)) return AxError::illegalArgument;
   const int timeoutMs = s_->timeoutOf(element);
   if (isSystemWide(element)) {
@@ -895,7 +912,7 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
   std::size_t read = 0;
   std::vector<std::string> added;
   std::optional<CachedItems> cached;
-  while (!level.empty() && read < readAheadBudget) {
+  for (std::size_t levels = 0; !level.empty() && read < readAheadBudget && levels < readAheadLevels; ++levels) {
     if (level.size() > readAheadBudget - read) level.resize(readAheadBudget - read);
     // A wide level is cheaper with the toolkit's whole cache in one call
     // than with six calls an element; a narrow one is not worth the cache.
@@ -906,8 +923,10 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
     std::vector<ObjectRef> next;
     for (std::size_t k = 0; k < records.size(); ++k) {
       auto& r = records[k];
-      if (r.error != AxError::success) continue;
-      if ((parts & childrenPart) && r.children && r.children->size() <= longList)
+      // An element that did not answer is told so at once when the walk
+      // reads it, instead of being waited for a second time.
+      if (r.error != AxError::success && r.error != AxError::cannotComplete) continue;
+      if (r.error == AxError::success && (parts & childrenPart) && r.children && r.children->size() <= longList)
         for (const auto& child : *r.children)
           if (!prefetched.count(keyOf(child))) next.push_back(child);
       added.push_back(keyOf(level[k]));
@@ -923,15 +942,28 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
 }
 
 AxResult<std::shared_ptr<Observer>> AtspiAccessibility::createObserver(std::int32_t pid, ObserverCallback callback) {
-  for (const auto& app : s_->desktopApplications()) {
-    if (s_->pidOfBus(app.bus) != pid) continue;
-    auto observer = std::make_shared<AtspiObserver>(pid, app.bus, std::move(callback));
-    std::lock_guard guard(s_->lock);
-    std::erase_if(s_->observers, [](const auto& weak) { return weak.expired(); });
-    s_->observers.push_back(observer);
-    return {AxError::success, observer};
-  }
-  return {AxError::invalidElement, nullptr};
+  auto bus = s_->directory.busOf(pid);
+  if (!bus) return {AxError::invalidElement, nullptr};
+  auto observer = std::make_shared<AtspiObserver>(pid, *bus, std::move(callback));
+  // When the bus name loses its owner the application has left the bus, as
+  // it does when it ends: its element is destroyed.
+  observer->departure = g_dbus_connection_signal_subscribe(
+      s_->connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", "/org/freedesktop/DBus",
+      bus->c_str(), G_DBUS_SIGNAL_FLAGS_NONE,
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
+         gpointer data) {
+        const gchar *name = nullptr, *before = nullptr, *after = nullptr;
+        g_variant_get(parameters, "(&s&s&s)", &name, &before, &after);
+        if (*after) return;
+        if (auto observer = static_cast<std::weak_ptr<AtspiObserver>*>(data)->lock())
+          observer->deliver(atspiElement(name, rootPath), "AXUIElementDestroyed");
+      },
+      new std::weak_ptr<AtspiObserver>(observer),
+      [](gpointer data) { delete static_cast<std::weak_ptr<AtspiObserver>*>(data); });
+  std::lock_guard guard(s_->lock);
+  std::erase_if(s_->observers, [](const auto& weak) { return weak.expired(); });
+  s_->observers.push_back(observer);
+  return {AxError::success, observer};
 }
 
 void AtspiAccessibility::watchWindowGeometry() {
@@ -977,19 +1009,28 @@ void AtspiAccessibility::removeObserver(Observer& observer) {
   std::lock_guard guard(ours->lock);
   ours->removed = true;
   ours->names.clear();
+  ours->states.clear();
   if (ours->subscription) g_dbus_connection_signal_unsubscribe(s_->connection, ours->subscription);
+  if (ours->departure) g_dbus_connection_signal_unsubscribe(s_->connection, ours->departure);
   ours->subscription = 0;
+  ours->departure = 0;
 }
 
 std::vector<BusApplication> AtspiAccessibility::applications() {
   std::vector<BusApplication> apps;
-  for (const auto& app : s_->desktopApplications()) {
-    auto pid = s_->pidOfBus(app.bus);
-    if (!pid) continue;
-    Reply name = callSync(s_->connection, propertyCall(app.bus, rootPath, accessibleIface, "Name"), 1000);
-    apps.push_back(BusApplication{app.bus, *pid, stringOf(replyChild(name)).value_or("")});
-  }
+  for (auto& app : s_->directory.applications())
+    apps.push_back(BusApplication{std::move(app.bus), app.pid, std::move(app.name), !app.silent});
   return apps;
+}
+
+void AtspiAccessibility::markSilent(std::int32_t pid) {
+  if (auto bus = s_->directory.busOf(pid)) s_->directory.markSilent(*bus);
+}
+
+std::optional<BusApplication> AtspiAccessibility::application(std::int32_t pid) {
+  auto app = s_->directory.application(pid);
+  if (!app) return std::nullopt;
+  return BusApplication{std::move(app->bus), app->pid, std::move(app->name), !app->silent};
 }
 
 void AtspiAccessibility::observeActivation(std::function<void(std::int32_t pid)> callback) {

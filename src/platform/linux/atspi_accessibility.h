@@ -5,6 +5,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "platform/accessibility.h"
 #include "platform/linux/atspi_bus.h"
@@ -20,6 +21,7 @@ struct BusApplication {
   std::string bus;
   std::int32_t pid = 0;
   std::string name;
+  bool answering = true;  // false: it did not answer within the messaging limit when last asked
 };
 
 class AtspiAccessibility final : public Accessibility {
@@ -51,8 +53,14 @@ class AtspiAccessibility final : public Accessibility {
   void removeObserver(Observer& observer) override;
 
   /// Every application on the bus with its pid and name, in the registry's
-  /// order. Calls the bus.
+  /// order; one that never told its name within the messaging limit is left
+  /// out. Asks only applications seen for the first time.
   std::vector<BusApplication> applications();
+  /// The application of `pid`, its name empty while it has not told it.
+  std::optional<BusApplication> application(std::int32_t pid);
+  /// The application of `pid` did not answer within the messaging limit:
+  /// lists leave it out until it answers again.
+  void markSilent(std::int32_t pid);
   /// Runs `callback` on the main run loop whenever a window of an
   /// application becomes active, with that application's pid.
   void observeActivation(std::function<void(std::int32_t pid)> callback);
@@ -60,6 +68,8 @@ class AtspiAccessibility final : public Accessibility {
   struct State;
 
  private:
+  // copy without giving the elements read the handle's timeout.
+  AxValue copyValue(const Element& element, std::string_view name);
   // Starts delivering AXMoved and AXResized from the X server, once.
   void watchWindowGeometry();
   std::unique_ptr<State> s_;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/ax_value.h"
 #include "platform/element.h"
 
 namespace glimmerstrand::platform::linux_desktop {
@@ -43,6 +44,21 @@ class AtspiElement final : public ElementImpl {
 /// A handle to (bus, path) with the process default timeout.
 inline Element atspiElement(std::string bus, std::string path) {
   return Element(std::make_shared<AtspiElement>(std::move(bus), std::move(path)));
+}
+
+/// Gives every element in `value` that has no timeout of its own the one of
+/// `from`, shared: what is read through a handle is read within its bounds,
+/// so that a walk from an application element waits no longer anywhere in
+/// the tree than on the application itself.
+inline void shareTimeout(AxValue& value, const Element& from) {
+  auto* source = from.as<AtspiElement>();
+  if (!source || !source->timeoutCell()) return;
+  if (auto* element = std::get_if<Element>(&value.value)) {
+    if (auto* e = element->as<AtspiElement>(); e && !e->timeoutCell())
+      *element = Element(std::make_shared<AtspiElement>(e->bus(), e->path(), source->timeoutCell()));
+  } else if (auto* list = std::get_if<AxList>(&value.value)) {
+    for (auto& item : *list) shareTimeout(item, from);
+  }
 }
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -66,16 +66,18 @@ void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
     while (g_variant_iter_next(&iter, "&s", &name)) r.interfaces |= interfaceBit(name);
   });
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Name"),
-            [&r](const Reply& reply) { r.name = stringOf(replyChild(reply)).value_or(""); });
+            [&r](const Reply& reply) { r.name = boundedStringOf(replyChild(reply)).value_or(""); });
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "Description"),
-            [&r](const Reply& reply) { r.description = stringOf(replyChild(reply)).value_or(""); });
+            [&r](const Reply& reply) { r.description = boundedStringOf(replyChild(reply)).value_or(""); });
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "AccessibleId"),
-            [&r](const Reply& reply) { r.accessibleId = stringOf(replyChild(reply)).value_or(""); });
+            [&r](const Reply& reply) { r.accessibleId = boundedStringOf(replyChild(reply)).value_or(""); });
 }
 
 void readChildren(Round& round, const ObjectRef& ref, ElementRecord& r) {
   round.add(method(ref, accessibleIface, "GetChildren"), [&r](const Reply& reply) {
     if (reply.ok()) r.children = objectRefs(replyChild(reply));
+    // A hung application is not a gone element.
+    if (reply.error == AxError::cannotComplete && r.error == AxError::success) r.error = AxError::cannotComplete;
   });
 }
 
@@ -143,14 +145,14 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
   }
   if ((parts & contentPart) && (r.interfaces & hyperlinkInterface)) {
     round.add(method(ref, "org.a11y.atspi.Hyperlink", "GetURI", g_variant_new("(i)", 0)),
-              [&r](const Reply& reply) { r.uri = stringOf(replyChild(reply)).value_or(""); });
+              [&r](const Reply& reply) { r.uri = boundedStringOf(replyChild(reply)).value_or(""); });
   }
   if ((parts & contentPart) && isTextEntryRole(r.role)) {
     round.add(method(ref, accessibleIface, "GetAttributes"), [&r](const Reply& reply) {
       Variant v = replyChild(reply);
       if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("a{ss}"))) return;
       const char* text = nullptr;
-      if (g_variant_lookup(v.get(), "placeholder-text", "&s", &text)) r.placeholder = text;
+      if (g_variant_lookup(v.get(), "placeholder-text", "&s", &text)) r.placeholder = cutText(text);
     });
   }
   if (((parts & contentPart) && roleNeedsParent(r.role) && !r.parent)) readParent(round, ref, r);
@@ -196,12 +198,13 @@ void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32
       });
     }
   }
-  // Some toolkits answer GetText(0, -1) with nothing: ask for the count.
+  // Some toolkits answer GetText(0, -1) with nothing: ask for the count,
+  // and for no more than a text may carry (one more, to tell it was cut).
   if ((parts & contentPart) && r.characterCount > 0 && textIsValue(r)) {
-    round.add(method(ref, "org.a11y.atspi.Text", "GetText", g_variant_new("(ii)", 0, r.characterCount)),
-              [&r](const Reply& reply) {
-                if (reply.ok()) r.text = stringOf(replyChild(reply)).value_or("");
-              });
+    const auto end = std::min<gint32>(r.characterCount, static_cast<gint32>(maxTextBytes + 1));
+    round.add(method(ref, "org.a11y.atspi.Text", "GetText", g_variant_new("(ii)", 0, end)), [&r](const Reply& reply) {
+      if (reply.ok()) r.text = boundedStringOf(replyChild(reply)).value_or("");
+    });
   } else if ((parts & contentPart) && r.characterCount == 0 && textIsValue(r)) {
     r.text = "";
   }
@@ -254,9 +257,9 @@ CachedItems readCachedItems(GDBusConnection* connection, const std::string& bus,
     Variant interfaces(g_variant_get_child_value(raw, 5));
     g_variant_iter_init(&names, interfaces.get());
     for (const char* name = nullptr; g_variant_iter_next(&names, "&s", &name);) c.interfaces |= interfaceBit(name);
-    c.name = stringOf(Variant(g_variant_get_child_value(raw, 6))).value_or("");
+    c.name = boundedStringOf(Variant(g_variant_get_child_value(raw, 6))).value_or("");
     c.role = uint32Of(Variant(g_variant_get_child_value(raw, 7))).value_or(0);
-    c.description = stringOf(Variant(g_variant_get_child_value(raw, 8))).value_or("");
+    c.description = boundedStringOf(Variant(g_variant_get_child_value(raw, 8))).value_or("");
     Variant states(g_variant_get_child_value(raw, 9));
     std::size_t n = 0;
     auto* words = static_cast<const std::uint32_t*>(g_variant_get_fixed_array(states.get(), &n, sizeof(std::uint32_t)));
@@ -278,7 +281,7 @@ void takeCached(Round& round, const ObjectRef& ref, const CachedItem& c, Element
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "AccessibleId"), [&r](const Reply& reply) {
     // The cache can outlive the element: the one call left tells.
     if (reply.error == AxError::invalidElement) r.error = AxError::invalidElement;
-    r.accessibleId = stringOf(replyChild(reply)).value_or("");
+    r.accessibleId = boundedStringOf(replyChild(reply)).value_or("");
   });
 }
 
@@ -322,7 +325,7 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
     // Structure only: a missing answer is all we can go by.
     round.run(connection, timeoutMs);
     for (auto& r : records)
-      if ((parts & childrenPart) && !r.children) r.error = AxError::invalidElement;
+      if ((parts & childrenPart) && !r.children && r.error == AxError::success) r.error = AxError::invalidElement;
     return records;
   }
   round.run(connection, timeoutMs);

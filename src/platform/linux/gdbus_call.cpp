@@ -7,6 +7,10 @@ namespace glimmerstrand::platform::linux_desktop {
 
 namespace {
 
+// However steadily an application answers, a batch ends after this many
+// of its timeouts in all.
+constexpr gint64 wholeBatchTimeouts = 10;
+
 struct ErrorFree {
   void operator()(GError* e) const { g_error_free(e); }
 };
@@ -79,50 +83,71 @@ std::vector<Reply> callAll(GDBusConnection* connection, const std::vector<Call>&
     replies[0] = callSync(connection, calls[0], timeoutMs);
     return replies;
   }
-  struct Pending {
+  struct Batch {
     std::vector<Reply>* replies;
-    std::size_t index;
-    std::size_t* remaining;
+    std::size_t remaining;
     GDBusConnection* connection;
+    GCancellable* cancellable;
+    gint64 lastAnswerUs;  // monotonic
+    gint64 startUs;
+    gint64 silenceUs;  // no answer for this long: the application does not answer
+    gint64 limitUs;    // the whole batch
   };
-  std::size_t remaining = calls.size();
+  struct Pending {
+    Batch* batch;
+    std::size_t index;
+  };
+  const gint64 silenceUs = static_cast<gint64>(std::max(timeoutMs, 1)) * 1000;
+  Batch batch{&replies,
+              calls.size(),
+              connection,
+              g_cancellable_new(),
+              g_get_monotonic_time(),
+              g_get_monotonic_time(),
+              silenceUs,
+              silenceUs * wholeBatchTimeouts};
   // Replies are dispatched to the main context that is the thread's default
   // when a call is made: a private one, iterated right here.
   GMainContext* context = g_main_context_new();
   g_main_context_push_thread_default(context);
-  // One deadline for the batch rather than a timeout per call: each timeout
-  // is a source of the context, and a context looks at every source on each
-  // iteration, which made a batch of thousands of calls quadratic.
-  GCancellable* cancellable = g_cancellable_new();
-  GSource* deadline = g_timeout_source_new(static_cast<guint>(std::max(timeoutMs, 1)));
+  // One watch for the batch rather than a timeout per call: each timeout is
+  // a source of the context, and a context looks at every source on each
+  // iteration, which made a batch of thousands of calls quadratic. The
+  // watch ends the batch when the application has stopped answering, so a
+  // large batch that it answers steadily is not cut short.
+  GSource* watch = g_timeout_source_new(static_cast<guint>(std::max<gint64>(silenceUs / 4000, 5)));
   g_source_set_callback(
-      deadline,
-      [](gpointer data) {
-        g_cancellable_cancel(static_cast<GCancellable*>(data));
+      watch,
+      [](gpointer data) -> gboolean {
+        auto* b = static_cast<Batch*>(data);
+        const gint64 now = g_get_monotonic_time();
+        if (now - b->lastAnswerUs < b->silenceUs && now - b->startUs < b->limitUs) return G_SOURCE_CONTINUE;
+        g_cancellable_cancel(b->cancellable);
         return G_SOURCE_REMOVE;
       },
-      cancellable, nullptr);
-  g_source_attach(deadline, context);
+      &batch, nullptr);
+  g_source_attach(watch, context);
   std::vector<Pending> pending(calls.size());
   for (std::size_t k = 0; k < calls.size(); ++k) {
-    pending[k] = Pending{&replies, k, &remaining, connection};
+    pending[k] = Pending{&batch, k};
     const Call& call = calls[k];
     g_dbus_connection_call(
         connection, call.bus.c_str(), call.path.c_str(), call.interface, call.method, argsOf(call), nullptr,
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, cancellable,
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, batch.cancellable,
         [](GObject*, GAsyncResult* result, gpointer data) {
           auto* p = static_cast<Pending*>(data);
           GError* error = nullptr;
-          GVariant* value = g_dbus_connection_call_finish(p->connection, result, &error);
-          (*p->replies)[p->index] = replyOf(value, error);
-          --*p->remaining;
+          GVariant* value = g_dbus_connection_call_finish(p->batch->connection, result, &error);
+          (*p->batch->replies)[p->index] = replyOf(value, error);
+          p->batch->lastAnswerUs = g_get_monotonic_time();
+          --p->batch->remaining;
         },
         &pending[k]);
   }
-  while (remaining > 0) g_main_context_iteration(context, TRUE);
-  g_source_destroy(deadline);
-  g_source_unref(deadline);
-  g_object_unref(cancellable);
+  while (batch.remaining > 0) g_main_context_iteration(context, TRUE);
+  g_source_destroy(watch);
+  g_source_unref(watch);
+  g_object_unref(batch.cancellable);
   g_main_context_pop_thread_default(context);
   g_main_context_unref(context);
   return replies;
@@ -149,6 +174,14 @@ bool holds(const Variant& value, const GVariantType* type) { return value && g_v
 std::optional<std::string> stringOf(const Variant& value) {
   if (!holds(value, G_VARIANT_TYPE_STRING)) return std::nullopt;
   return g_variant_get_string(value.get(), nullptr);
+}
+
+std::optional<std::string> boundedStringOf(const Variant& value) {
+  if (!holds(value, G_VARIANT_TYPE_STRING)) return std::nullopt;
+  gsize length = 0;
+  const gchar* text = g_variant_get_string(value.get(), &length);
+  // The character that reaches past the limit is whole within four more bytes.
+  return cutText(std::string(text, std::min<gsize>(length, maxTextBytes + 4)));
 }
 
 std::optional<std::int32_t> int32Of(const Variant& value) {

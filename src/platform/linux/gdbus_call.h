@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/ax_error.h"
+#include "platform/ax_value.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
@@ -57,8 +58,10 @@ AxError translateError(const GError* error);
 /// Calls and waits for the reply, at most `timeoutMs`.
 Reply callSync(GDBusConnection* connection, const Call& call, int timeoutMs);
 
-/// Sends every call before waiting for any reply, then waits for all of them,
-/// each for at most `timeoutMs`. Replies come in the order of the calls.
+/// Sends every call before waiting for any reply, then waits for all of them
+/// until the application has answered none for `timeoutMs` (or ten times
+/// that has passed in all); what is left then fails as unanswered. Replies
+/// come in the order of the calls.
 std::vector<Reply> callAll(GDBusConnection* connection, const std::vector<Call>& calls, int timeoutMs);
 
 /// `Properties.Get` of one property (never GetAll: it crashes some toolkits).
@@ -67,6 +70,8 @@ Call propertyCall(const std::string& bus, const std::string& path, const char* i
 /// A value of one basic type; absent when null or of another type.
 std::optional<std::string> stringOf(const Variant& value);
 std::optional<std::int32_t> int32Of(const Variant& value);
+/// A string, cut as platform::cutText says without copying more of it.
+std::optional<std::string> boundedStringOf(const Variant& value);
 std::optional<std::uint32_t> uint32Of(const Variant& value);
 std::optional<double> doubleOf(const Variant& value);
 std::optional<bool> boolOf(const Variant& value);

@@ -19,6 +19,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -29,6 +30,8 @@ namespace glimmerstrand::platform::linux_desktop {
 
 namespace {
 
+// How long an application may take to say whether it is in front.
+constexpr double frontLimitSeconds = 0.3;
 // How long a launched application has to show itself on the accessibility bus.
 constexpr auto launchLimit = std::chrono::seconds(15);
 // How long an opened URL's handler may take to start anew before a copy that
@@ -219,8 +222,7 @@ std::vector<RunningApplication> LinuxWorkspace::runningApplications() {
 }
 
 std::optional<RunningApplication> LinuxWorkspace::application(std::int32_t pid) {
-  for (const auto& app : ax_.applications())
-    if (app.pid == pid) return recordOf(app);
+  if (auto app = ax_.application(pid)) return recordOf(*app);
   return std::nullopt;
 }
 
@@ -235,12 +237,26 @@ std::optional<std::int32_t> LinuxWorkspace::frontPid() {
 
 std::optional<RunningApplication> LinuxWorkspace::frontmost() {
   if (auto pid = frontPid()) return application(*pid);
-  // Without X, the application whose window holds the active state.
-  for (const auto& app : ax_.applications()) {
-    Element element = ax_.applicationElement(app.pid);
-    if (ax_.copy(element, "AXFrontmost").as<bool>().value_or(false)) return recordOf(app);
+  // Without X, the application whose window holds the active state: all
+  // asked at once, each within the messaging limit, so that one that does
+  // not answer holds up no other answer; one that did not answer before is
+  // left out until it answers again.
+  auto apps = ax_.applications();
+  std::erase_if(apps, [](const BusApplication& app) { return !app.answering; });
+  std::vector<std::future<AxValue>> answers;
+  for (const auto& app : apps)
+    answers.push_back(std::async(std::launch::async, [this, pid = app.pid] {
+      Element element = ax_.applicationElement(pid);
+      ax_.setMessagingTimeout(element, frontLimitSeconds);
+      return ax_.copy(element, "AXFrontmost");
+    }));
+  std::optional<RunningApplication> front;
+  for (std::size_t k = 0; k < apps.size(); ++k) {
+    const AxValue answer = answers[k].get();
+    if (answer.as<AxError>() == AxError::cannotComplete) ax_.markSilent(apps[k].pid);
+    if (!front && answer.as<bool>().value_or(false)) front = recordOf(apps[k]);
   }
-  return std::nullopt;
+  return front;
 }
 
 void LinuxWorkspace::observeActivation(std::function<void(const RunningApplication&)> callback) {
