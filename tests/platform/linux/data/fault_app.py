@@ -304,7 +304,7 @@ class FaultApp:
             "HelpText": ("s", ""),
             "Locale": ("s", "C"),
             "Parent": ("(so)", self.ref(node.parent or NULL) if node.parent else (REGISTRY, ROOT)),
-            "ChildCount": ("i", node.claimed if node.claimed is not None else len(node.children)),
+            "ChildCount": ("i", node.claimed if node.claimed is not None else len(self.children_of(node))),
             "ToolkitName": ("s", "fault"),
             "Version": ("s", "1"),
             "AtspiVersion": ("s", "2.1"),
