@@ -141,9 +141,11 @@ export const tasks = [
       const copied = await session.do(
         FORM,
         'MATCH (t:TextField) SET t.value = "copied across apps"; MATCH (t:TextField) SET t.focused = true; ' +
-          'CALL ui.key("ctrl+a"); CALL ui.key("ctrl+c"); CALL ui.clipboard()',
+          // The copy is the application's to make after the keys arrive: a
+          // moment passes before the clipboard is read.
+          'CALL ui.key("ctrl+a"); CALL ui.key("ctrl+c"); CALL ui.wait(0.3); CALL ui.clipboard()',
       );
-      check(rowsOf(copied, 5)[0]?.text === 'copied across apps', `the clipboard does not hold the field's text:\n${copied}`);
+      check(rowsOf(copied, 6)[0]?.text === 'copied across apps', `the clipboard does not hold the field's text:\n${copied}`);
       const pasted = await session.do(
         'mousepad',
         'MATCH (t:TextArea) SET t.focused = true; CALL ui.key("ctrl+end"); CALL ui.key("return"); CALL ui.key("ctrl+v"); ' +
