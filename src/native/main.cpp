@@ -9,6 +9,7 @@
 
 #include "core/runner.h"
 #include "native/agent_cursor.h"
+#include "native/allocator.h"
 #include "native/applications.h"
 #include "native/capture_operations.h"
 #include "native/cypher_operation.h"
@@ -32,6 +33,7 @@ int main(int argc, char** argv) {
     std::cout << "glimmerstrand-native " GLIMMERSTRAND_VERSION "\n";
     return 0;
   }
+  native::fixAllocatorThresholds();
   // The platform is chosen once. Without one the process still runs, and the
   // operations that need it say why it is missing.
   static platform::PlatformChoice choice =

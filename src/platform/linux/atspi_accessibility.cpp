@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/linux/atspi_connections.h"
 #include "platform/linux/atspi_directory.h"
 #include "platform/linux/atspi_element.h"
 #include "platform/linux/window_geometry_watch.h"
@@ -102,6 +103,7 @@ struct AtspiAccessibility::State {
   GDBusConnection* connection;
   std::atomic<int> defaultTimeout{defaultTimeoutMs};
 
+  std::shared_ptr<AtspiConnections> connections;           // one to each application
   AtspiDirectory directory;                                // the applications: bus names, pids, names
   std::mutex lock;                                         // guards everything below; never held across a bus call
   std::unordered_map<std::string, std::string> toolkits;   // bus name → toolkit
@@ -120,11 +122,21 @@ struct AtspiAccessibility::State {
       : bus(b),
         mainLoop(loop),
         connection(b.connection()),
-        directory(connection, [this](const std::vector<std::string>& departed) { forget(departed); }),
+        connections(std::make_shared<AtspiConnections>(b.address(), connection)),
+        directory(
+            connection, [c = connections](const std::string& name) { return c->of(name); },
+            [this](const std::vector<std::string>& departed) { forget(departed); }),
         rootEvents(root) {}
+
+  // The connection for calls on an application: its own while it is on
+  // the registry's list.
+  AtspiConnections::Handle to(const std::string& name) {
+    return directory.listed(name) ? connections->of(name) : connections->shared();
+  }
 
   // What was kept about applications that left the bus.
   void forget(const std::vector<std::string>& departed) {
+    connections->forget(departed);
     std::lock_guard guard(lock);
     for (const auto& name : departed) {
       toolkits.erase(name);
@@ -146,7 +158,7 @@ struct AtspiAccessibility::State {
       std::lock_guard guard(lock);
       if (auto it = toolkits.find(name); it != toolkits.end()) return it->second;
     }
-    Reply reply = callSync(connection, propertyCall(name, rootPath, "org.a11y.atspi.Application", "ToolkitName"),
+    Reply reply = callSync(to(name).get(), propertyCall(name, rootPath, "org.a11y.atspi.Application", "ToolkitName"),
                            defaultTimeout.load());
     if (!reply.ok() && reply.error != AxError::attributeUnsupported) return "";  // try again next time
     std::string toolkit = stringOf(replyChild(reply)).value_or("");
@@ -165,14 +177,14 @@ struct AtspiAccessibility::State {
       if ((entry.record.parts & parts) == parts && std::chrono::steady_clock::now() - entry.at < prefetchLife)
         return std::move(entry.record);
     }
-    return std::move(readRecords(connection, {ref}, parts, timeoutMs).front());
+    return std::move(readRecords(to(ref.bus).get(), {ref}, parts, timeoutMs).front());
   }
 
   // An action waits at least the process default: a handle's shorter
   // timeout bounds the reads of a walk, not what an action takes.
   Reply call(const Element& element, const char* interface, const char* method, GVariant* args) {
     auto* e = element.as<AtspiElement>();
-    return callSync(connection, Call{e->bus(), e->path(), interface, method, own(args)},
+    return callSync(to(e->bus()).get(), Call{e->bus(), e->path(), interface, method, own(args)},
                     std::max(timeoutOf(element), defaultTimeout.load()));
   }
 
@@ -409,7 +421,7 @@ AxValue AtspiAccessibility::copyValue(const Element& element, std::string_view n
   if (name == "AXFocusedWindow" || name == "AXMainWindow" || name == "AXWindows" || name == "AXFrontmost") {
     ElementRecord app = s_->record(ref, childrenPart, timeoutMs);
     if (app.error != AxError::success) return app.error;
-    auto windows = readRecords(s_->connection, *app.children, basicPart, timeoutMs);
+    auto windows = readRecords(s_->to(ref.bus).get(), *app.children, basicPart, timeoutMs);
     AxList list;
     for (std::size_t k = 0; k < windows.size(); ++k) {
       if (windows[k].error != AxError::success || !isWindowRole(windows[k].role)) continue;
@@ -434,11 +446,11 @@ AxValue AtspiAccessibility::copyValue(const Element& element, std::string_view n
       // An application in the background keeps the element that had its
       // focus, though toolkits clear the state while its window is inactive.
       if (r.error == AxError::success &&
-          (r.states.focused() || !anyActive(topLevelRecords(s_->connection, ref, basicPart, timeoutMs))))
+          (r.states.focused() || !anyActive(topLevelRecords(s_->to(ref.bus).get(), ref, basicPart, timeoutMs))))
         return AxValue(atspiElement(focused.bus, focused.path));
     }
     // The focus moved before we listened, or a toolkit didn't tell: look.
-    auto found = findInWindows(s_->connection, ref, timeoutMs, [](const auto& r) { return r.states.focused(); });
+    auto found = findInWindows(s_->to(ref.bus).get(), ref, timeoutMs, [](const auto& r) { return r.states.focused(); });
     if (!found) return AxError::noValue;
     {
       std::lock_guard guard(s_->lock);
@@ -448,7 +460,8 @@ AxValue AtspiAccessibility::copyValue(const Element& element, std::string_view n
   }
   if (name == "AXMenuBar") {
     // Toolkits here keep the menu bar inside the window.
-    auto bar = findInWindows(s_->connection, ref, timeoutMs, [](const auto& r) { return isMenuBarRole(r.role); });
+    auto bar =
+        findInWindows(s_->to(ref.bus).get(), ref, timeoutMs, [](const auto& r) { return isMenuBarRole(r.role); });
     if (!bar) return AxError::noValue;
     return AxValue(atspiElement(bar->bus, bar->path));
   }
@@ -605,7 +618,7 @@ AxResult<Element> AtspiAccessibility::elementAt(double x, double y) {
   for (const auto& app : s_->desktopApplications()) {
     ElementRecord a = s_->record(app, childrenPart, s_->defaultTimeout.load());
     if (a.error != AxError::success || !a.children) continue;
-    auto windows = readRecords(s_->connection, *a.children, basicPart | extentsPart, s_->defaultTimeout.load());
+    auto windows = readRecords(s_->to(app.bus).get(), *a.children, basicPart | extentsPart, s_->defaultTimeout.load());
     for (std::size_t k = 0; k < windows.size(); ++k) {
       const auto& w = windows[k];
       if (w.error != AxError::success || !w.extents || !w.states.showing()) continue;
@@ -620,7 +633,7 @@ AxResult<Element> AtspiAccessibility::elementAt(double x, double y) {
   if (!best) return {AxError::noValue, Element()};
   ObjectRef current = *best;
   for (int depth = 0; depth < 64; ++depth) {
-    Reply reply = callSync(s_->connection,
+    Reply reply = callSync(s_->to(current.bus).get(),
                            Call{current.bus, current.path, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
                                 own(g_variant_new("(iiu)", px, py, 0u))},
                            s_->defaultTimeout.load());
@@ -650,6 +663,7 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
   if (elements.empty() || !isOurs(elements.front())) return;
   const std::uint32_t parts = partsFor(names);
   const int timeoutMs = s_->timeoutOf(elements.front());
+  const auto via = s_->to(refOf(elements.front()).bus);
   std::vector<ObjectRef> level;
   for (const auto& element : elements) {
     ObjectRef ref = refOf(element);
@@ -664,9 +678,8 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
     if (level.size() > readAheadBudget - read) level.resize(readAheadBudget - read);
     // A wide level is cheaper with the toolkit's whole cache in one call
     // than with six calls an element; a narrow one is not worth the cache.
-    if (!cached && level.size() >= cacheWorthyLevel)
-      cached = readCachedItems(s_->connection, level.front().bus, timeoutMs);
-    auto records = readRecords(s_->connection, level, parts, timeoutMs, cached ? &*cached : nullptr);
+    if (!cached && level.size() >= cacheWorthyLevel) cached = readCachedItems(via.get(), level.front().bus, timeoutMs);
+    auto records = readRecords(via.get(), level, parts, timeoutMs, cached ? &*cached : nullptr);
     read += level.size();
     std::vector<ObjectRef> next;
     for (std::size_t k = 0; k < records.size(); ++k) {
