@@ -27,7 +27,7 @@ constexpr auto silentRetry = std::chrono::seconds(5);
 constexpr int backgroundLimitMs = 2000;
 
 // An application's name is shown in lists: no more of it than this, in bytes.
-constexpr std::size_t nameBytes = 1024;
+constexpr std::size_t nameBytes = 256;
 
 std::string shortened(std::string name) {
   if (name.size() <= nameBytes) return name;
