@@ -72,9 +72,13 @@ bool truthy(const AxValue& value) {
   return false;
 }
 
+// The application's windows; within the messaging limit of a mirror's
+// application element, so that a frozen application answers with none.
 std::vector<Element> windowsOf(platform::Accessibility& ax, std::int32_t pid) {
   std::vector<Element> windows;
-  if (auto list = ax.copy(ax.applicationElement(pid), "AXWindows").as<platform::AxList>())
+  Element app = ax.applicationElement(pid);
+  ax.setMessagingTimeout(app, 0.3);
+  if (auto list = ax.copy(app, "AXWindows").as<platform::AxList>())
     for (const auto& value : *list)
       if (auto element = value.get<Element>()) windows.push_back(*element);
   return windows;

@@ -10,6 +10,7 @@
 #include "core/desktop.h"
 #include "core/runner.h"
 #include "native/agent_cursor.h"
+#include "native/allocator.h"
 #include "native/applications.h"
 #include "native/capture_operations.h"
 #include "native/cypher_operation.h"
@@ -33,6 +34,7 @@ int main(int argc, char** argv) {
     std::cout << "glimmerstrand-native " GLIMMERSTRAND_VERSION "\n";
     return 0;
   }
+  native::fixAllocatorThresholds();
   // The platform is chosen at start. Without one the process still runs, the
   // operations that need it say why it is missing, and a Linux desktop that
   // comes later is found by the next operation that needs it. The texts shown

@@ -1,12 +1,9 @@
 #include "native/mirrors.h"
 
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
-
 #include <algorithm>
 #include <limits>
 
+#include "native/allocator.h"
 #include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
@@ -14,14 +11,6 @@ namespace glimmerstrand::native {
 namespace {
 
 constexpr std::int64_t releaseDelayNs = 1'000'000'000;
-
-// The allocator keeps what a large copy freed for its own reuse: give it
-// back, or a daemon that once mirrored a huge tree stays that size.
-void returnFreedMemory() {
-#if defined(__GLIBC__)
-  malloc_trim(0);
-#endif
-}
 
 }  // namespace
 

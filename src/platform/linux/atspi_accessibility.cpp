@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/linux/atspi_connections.h"
 #include "platform/linux/atspi_directory.h"
 #include "platform/linux/atspi_element.h"
 #include "platform/linux/atspi_windows.h"
@@ -110,6 +111,7 @@ struct AtspiAccessibility::State {
   GDBusConnection* connection;
   std::atomic<int> defaultTimeout{defaultTimeoutMs};
 
+  std::shared_ptr<AtspiConnections> connections;           // one to each application
   AtspiDirectory directory;                                // the applications: bus names, pids, names
   std::mutex lock;                                         // guards everything below; never held across a bus call
   std::unordered_map<std::string, std::string> toolkits;   // bus name → toolkit
@@ -133,11 +135,21 @@ struct AtspiAccessibility::State {
       : bus(b),
         mainLoop(loop),
         connection(b.connection()),
-        directory(connection, [this](const std::vector<std::string>& departed) { forget(departed); }),
+        connections(std::make_shared<AtspiConnections>(b.address(), connection)),
+        directory(
+            connection, [c = connections](const std::string& name) { return c->of(name); },
+            [this](const std::vector<std::string>& departed) { forget(departed); }),
         rootEvents(root) {}
+
+  // The connection for calls on an application: its own while it is on
+  // the registry's list.
+  AtspiConnections::Handle to(const std::string& name) {
+    return directory.listed(name) ? connections->of(name) : connections->shared();
+  }
 
   // What was kept about applications that left the bus.
   void forget(const std::vector<std::string>& departed) {
+    connections->forget(departed);
     std::lock_guard guard(lock);
     for (const auto& name : departed) {
       toolkits.erase(name);
@@ -159,10 +171,10 @@ struct AtspiAccessibility::State {
       std::lock_guard guard(lock);
       if (auto it = toolkits.find(name); it != toolkits.end()) return it->second;
     }
-    Reply reply = callSync(connection, propertyCall(name, rootPath, "org.a11y.atspi.Application", "ToolkitName"),
+    Reply reply = callSync(to(name).get(), propertyCall(name, rootPath, "org.a11y.atspi.Application", "ToolkitName"),
                            defaultTimeout.load());
     if (!reply.ok() && reply.error != AxError::attributeUnsupported) return "";  // try again next time
-    Reply version = callSync(connection, propertyCall(name, rootPath, "org.a11y.atspi.Application", "Version"),
+    Reply version = callSync(to(name).get(), propertyCall(name, rootPath, "org.a11y.atspi.Application", "Version"),
                              defaultTimeout.load());
     std::string toolkit =
         toolkitName(stringOf(replyChild(reply)).value_or(""), stringOf(replyChild(version)).value_or(""));
@@ -178,14 +190,14 @@ struct AtspiAccessibility::State {
       if ((entry.record.parts & parts) == parts && std::chrono::steady_clock::now() - entry.at < prefetchLife)
         return std::move(entry.record);
     }
-    return std::move(readRecords(connection, {ref}, parts, timeoutMs).front());
+    return std::move(readRecords(to(ref.bus).get(), {ref}, parts, timeoutMs).front());
   }
 
   // An action waits at least the process default: a handle's shorter
   // timeout bounds the reads of a walk, not what an action takes.
   Reply call(const Element& element, const char* interface, const char* method, GVariant* args) {
     auto* e = element.as<AtspiElement>();
-    return callSync(connection, Call{e->bus(), e->path(), interface, method, own(args)},
+    return callSync(to(e->bus()).get(), Call{e->bus(), e->path(), interface, method, own(args)},
                     std::max(timeoutOf(element), defaultTimeout.load()));
   }
 
@@ -214,9 +226,9 @@ struct AtspiAccessibility::State {
   // later reads of their role and parent.
   std::vector<TopLevel> topLevels(const std::string& bus, int timeoutMs) {
     const ObjectRef app{bus, rootPath};
-    ElementRecord appRecord = readRecords(connection, {app}, childrenPart, timeoutMs).front();
+    ElementRecord appRecord = readRecords(to(bus).get(), {app}, childrenPart, timeoutMs).front();
     if (appRecord.error != AxError::success || !appRecord.children) return {};
-    auto records = readRecords(connection, *appRecord.children, basicPart, timeoutMs);
+    auto records = readRecords(to(bus).get(), *appRecord.children, basicPart, timeoutMs);
     std::string lastActive;
     {
       std::lock_guard guard(lock);
@@ -244,6 +256,7 @@ struct AtspiAccessibility::State {
   // states already, the others are read in one batch.
   std::vector<ObjectRef> withoutHidden(const ElementRecord& parent, const std::vector<ObjectRef>& children,
                                        std::string_view toolkit, int timeoutMs) {
+    if (children.empty()) return {};
     const std::uint32_t parts = basicPart | (toolkit == gtk4Toolkit ? extentsPart : 0u);
     std::vector<const ElementRecord*> known(children.size(), nullptr);
     std::vector<ObjectRef> missing;
@@ -254,7 +267,7 @@ struct AtspiAccessibility::State {
       else
         missing.push_back(children[k]);
     }
-    const auto read = readRecords(connection, missing, parts, timeoutMs);
+    const auto read = readRecords(to(children.front().bus).get(), missing, parts, timeoutMs);
     std::vector<ObjectRef> shown;
     shown.reserve(children.size());
     for (std::size_t k = 0, next = 0; k < children.size(); ++k) {
@@ -271,7 +284,7 @@ struct AtspiAccessibility::State {
   // and column where it has one, else by index.
   std::vector<ObjectRef> childrenNearView(const ObjectRef& ref, const ElementRecord& record, int timeoutMs) {
     std::optional<AxRect> frame = record.extents;
-    if (!frame) frame = readRecords(connection, {ref}, extentsPart, timeoutMs).front().extents;
+    if (!frame) frame = readRecords(to(ref.bus).get(), {ref}, extentsPart, timeoutMs).front().extents;
     if (!frame || frame->width < 4 || frame->height < 4 || !(record.interfaces & componentInterface)) return {};
     auto at = [&](double x, double y) {
       return method(ref, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
@@ -280,13 +293,13 @@ struct AtspiAccessibility::State {
     std::vector<Call> cornerCalls;
     cornerCalls.push_back(at(frame->x + 1, frame->y + 1));
     cornerCalls.push_back(at(frame->x + frame->width - 2, frame->y + frame->height - 2));
-    const auto corners = callAll(connection, cornerCalls, timeoutMs);
+    const auto corners = callAll(to(ref.bus).get(), cornerCalls, timeoutMs);
     std::vector<Call> indexCalls;
     for (const auto& corner : corners)
       if (auto cell = objectRef(replyChild(corner)); cell && !cell->isNull())
         indexCalls.push_back(method(*cell, accessibleIface, "GetIndexInParent"));
     std::vector<std::int32_t> indices;
-    for (const auto& reply : callAll(connection, indexCalls, timeoutMs))
+    for (const auto& reply : callAll(to(ref.bus).get(), indexCalls, timeoutMs))
       if (auto index = int32Of(replyChild(reply)); index && *index >= 0) indices.push_back(*index);
     if (indices.empty()) indices.push_back(0);  // nothing at the corners: the first ones
     const std::int32_t first = *std::min_element(indices.begin(), indices.end());
@@ -303,7 +316,7 @@ struct AtspiAccessibility::State {
     std::vector<Call> calls;
     calls.push_back(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Table", "NRows"));
     calls.push_back(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Table", "NColumns"));
-    const auto replies = callAll(connection, calls, timeoutMs);
+    const auto replies = callAll(to(ref.bus).get(), calls, timeoutMs);
     const std::int64_t rows = int32Of(replyChild(replies[0])).value_or(0);
     const std::int64_t columns = int32Of(replyChild(replies[1])).value_or(0);
     return std::max(told, rows * columns);
@@ -318,7 +331,7 @@ struct AtspiAccessibility::State {
       positions.push_back(position("GetRowAtIndex", index));
       positions.push_back(position("GetColumnAtIndex", index));
     }
-    const auto found = callAll(connection, positions, timeoutMs);
+    const auto found = callAll(to(table.bus).get(), positions, timeoutMs);
     std::int32_t bounds[4];
     for (int k = 0; k < 4; ++k) bounds[k] = std::max(int32Of(replyChild(found[k])).value_or(0), 0);
     const std::int32_t rows = std::min(bounds[2] - bounds[0] + 1, mostNearRows);
@@ -328,7 +341,7 @@ struct AtspiAccessibility::State {
       for (std::int32_t column = 0; column < columns; ++column)
         calls.push_back(method(table, "org.a11y.atspi.Table", "GetAccessibleAt",
                                g_variant_new("(ii)", bounds[0] + row, bounds[1] + column)));
-    return refsOf(callAll(connection, calls, timeoutMs));
+    return refsOf(callAll(to(table.bus).get(), calls, timeoutMs));
   }
 
   std::vector<ObjectRef> childrenBetween(const ObjectRef& list, std::int32_t first, std::int32_t last,
@@ -336,12 +349,12 @@ struct AtspiAccessibility::State {
     // One view's length of margin on each side, as the band narrowing keeps.
     const std::int32_t margin = last - first + 1;
     const std::int32_t from = std::max(first - margin, 0);
-    std::int32_t to = std::min(last + margin, from + mostNearChildren - 1);
-    if (count >= 0) to = std::min(to, count - 1);
+    std::int32_t until = std::min(last + margin, from + mostNearChildren - 1);
+    if (count >= 0) until = std::min(until, count - 1);
     std::vector<Call> calls;
-    for (std::int32_t index = from; index <= to; ++index)
+    for (std::int32_t index = from; index <= until; ++index)
       calls.push_back(method(list, accessibleIface, "GetChildAtIndex", g_variant_new("(i)", index)));
-    return refsOf(callAll(connection, calls, timeoutMs));
+    return refsOf(callAll(to(list.bus).get(), calls, timeoutMs));
   }
 
   static std::vector<ObjectRef> refsOf(const std::vector<Reply>& replies) {
@@ -371,9 +384,9 @@ struct AtspiAccessibility::State {
       }
       // A pop-up window is read for the menu it holds, as a menu hanging from
       // the application.
-      for (const auto& popup : readRecords(connection, popups, childrenPart, timeoutMs)) {
+      for (const auto& popup : readRecords(to(ref.bus).get(), popups, childrenPart, timeoutMs)) {
         if (popup.error != AxError::success || !popup.children) continue;
-        const auto inside = readRecords(connection, *popup.children, basicPart, timeoutMs);
+        const auto inside = readRecords(to(ref.bus).get(), *popup.children, basicPart, timeoutMs);
         for (std::size_t k = 0; k < inside.size(); ++k)
           if (inside[k].error == AxError::success && isMenuRole(inside[k].role))
             children.push_back((*popup.children)[k]);
@@ -668,11 +681,11 @@ AxValue AtspiAccessibility::copyValue(const Element& element, std::string_view n
       // An application in the background keeps the element that had its
       // focus, though toolkits clear the state while its window is inactive.
       if (r.error == AxError::success &&
-          (r.states.focused() || !anyActive(topLevelRecords(s_->connection, ref, basicPart, timeoutMs))))
+          (r.states.focused() || !anyActive(topLevelRecords(s_->to(ref.bus).get(), ref, basicPart, timeoutMs))))
         return AxValue(atspiElement(focused.bus, focused.path));
     }
     // The focus moved before we listened, or a toolkit didn't tell: look.
-    auto found = findInWindows(s_->connection, ref, timeoutMs, [](const auto& r) { return r.states.focused(); });
+    auto found = findInWindows(s_->to(ref.bus).get(), ref, timeoutMs, [](const auto& r) { return r.states.focused(); });
     if (!found) return AxError::noValue;
     {
       std::lock_guard guard(s_->lock);
@@ -682,7 +695,8 @@ AxValue AtspiAccessibility::copyValue(const Element& element, std::string_view n
   }
   if (name == "AXMenuBar") {
     // Toolkits here keep the menu bar inside the window.
-    auto bar = findInWindows(s_->connection, ref, timeoutMs, [](const auto& r) { return isMenuBarRole(r.role); });
+    auto bar =
+        findInWindows(s_->to(ref.bus).get(), ref, timeoutMs, [](const auto& r) { return isMenuBarRole(r.role); });
     if (!bar) return AxError::noValue;
     return AxValue(atspiElement(bar->bus, bar->path));
   }
@@ -725,7 +739,7 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
     // Qt moves the focus inside a window in the background without telling:
     // the element is its window's focus until the window comes forward.
     if (grabbed == AxError::success &&
-        !anyActive(topLevelRecords(s_->connection, {ref.bus, rootPath}, basicPart, timeoutMs))) {
+        !anyActive(topLevelRecords(s_->to(ref.bus).get(), {ref.bus, rootPath}, basicPart, timeoutMs))) {
       std::lock_guard guard(s_->lock);
       s_->lastFocused[ref.bus] = ref;
     }
@@ -849,7 +863,7 @@ AxResult<Element> AtspiAccessibility::elementAt(double x, double y) {
   for (const auto& app : s_->desktopApplications()) {
     ElementRecord a = s_->record(app, childrenPart, s_->defaultTimeout.load());
     if (a.error != AxError::success || !a.children) continue;
-    auto windows = readRecords(s_->connection, *a.children, basicPart | extentsPart, s_->defaultTimeout.load());
+    auto windows = readRecords(s_->to(app.bus).get(), *a.children, basicPart | extentsPart, s_->defaultTimeout.load());
     for (std::size_t k = 0; k < windows.size(); ++k) {
       const auto& w = windows[k];
       if (w.error != AxError::success || !w.extents || !w.states.showing()) continue;
@@ -864,7 +878,7 @@ AxResult<Element> AtspiAccessibility::elementAt(double x, double y) {
   if (!best) return {AxError::noValue, Element()};
   ObjectRef current = *best;
   for (int depth = 0; depth < 64; ++depth) {
-    Reply reply = callSync(s_->connection,
+    Reply reply = callSync(s_->to(current.bus).get(),
                            Call{current.bus, current.path, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
                                 own(g_variant_new("(iiu)", px, py, 0u))},
                            s_->defaultTimeout.load());
@@ -902,6 +916,7 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
   if (elements.empty() || !isOurs(elements.front())) return;
   const std::uint32_t parts = partsFor(names);
   const int timeoutMs = s_->timeoutOf(elements.front());
+  const auto via = s_->to(refOf(elements.front()).bus);
   std::vector<ObjectRef> level;
   for (const auto& element : elements) {
     ObjectRef ref = refOf(element);
@@ -916,9 +931,8 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
     if (level.size() > readAheadBudget - read) level.resize(readAheadBudget - read);
     // A wide level is cheaper with the toolkit's whole cache in one call
     // than with six calls an element; a narrow one is not worth the cache.
-    if (!cached && level.size() >= cacheWorthyLevel)
-      cached = readCachedItems(s_->connection, level.front().bus, timeoutMs);
-    auto records = readRecords(s_->connection, level, parts, timeoutMs, cached ? &*cached : nullptr);
+    if (!cached && level.size() >= cacheWorthyLevel) cached = readCachedItems(via.get(), level.front().bus, timeoutMs);
+    auto records = readRecords(via.get(), level, parts, timeoutMs, cached ? &*cached : nullptr);
     read += level.size();
     std::vector<ObjectRef> next;
     for (std::size_t k = 0; k < records.size(); ++k) {

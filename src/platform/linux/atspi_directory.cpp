@@ -27,7 +27,7 @@ constexpr auto silentRetry = std::chrono::seconds(5);
 constexpr int backgroundLimitMs = 2000;
 
 // An application's name is shown in lists: no more of it than this, in bytes.
-constexpr std::size_t nameBytes = 1024;
+constexpr std::size_t nameBytes = 256;
 
 std::string shortened(std::string name) {
   if (name.size() <= nameBytes) return name;
@@ -48,10 +48,14 @@ struct Entry {
 }  // namespace
 
 struct AtspiDirectory::Table {
-  Table(GDBusConnection* c, Departures d) : connection(c), departures(std::move(d)) { g_object_ref(connection); }
+  Table(GDBusConnection* c, ConnectionFor f, Departures d)
+      : connection(c), connectionFor(std::move(f)), departures(std::move(d)) {
+    g_object_ref(connection);
+  }
   ~Table() { g_object_unref(connection); }
 
   GDBusConnection* connection;
+  const ConnectionFor connectionFor;
   const Departures departures;
 
   std::mutex lock;                                 // guards everything below
@@ -113,11 +117,25 @@ void look(const std::shared_ptr<Table>& t, bool force) {
   if (!departed.empty() && t->departures) t->departures(departed);
 }
 
+// A bus name lost its owner: its application left the bus.
+void depart(const std::shared_ptr<Table>& t, const std::string& bus) {
+  {
+    std::lock_guard guard(t->lock);
+    if (!t->entries.erase(bus)) return;
+    std::erase(t->order, bus);
+  }
+  if (t->departures) t->departures({bus});
+}
+
 // Asks each application for its name, all at once, for at most `limitMs`
 // of silence; one that stays silent is marked so.
 void askNames(const std::shared_ptr<Table>& t, const std::vector<std::string>& buses, int limitMs) {
   std::vector<Call> calls;
-  for (const auto& bus : buses) calls.push_back(propertyCall(bus, rootPath, "org.a11y.atspi.Accessible", "Name"));
+  std::vector<std::shared_ptr<GDBusConnection>> connections;  // held for the length of the calls
+  for (const auto& bus : buses) {
+    calls.push_back(propertyCall(bus, rootPath, "org.a11y.atspi.Accessible", "Name"));
+    if (t->connectionFor) calls.back().via = connections.emplace_back(t->connectionFor(bus)).get();
+  }
   auto replies = callAll(t->connection, calls, limitMs);
   {
     std::lock_guard guard(t->lock);
@@ -133,6 +151,14 @@ void askNames(const std::shared_ptr<Table>& t, const std::vector<std::string>& b
     }
   }
   t->asked.notify_all();
+}
+
+// Asks each of `buses`, already marked as being asked, for its name on a
+// thread of its own, so that one that does not answer holds up no other
+// answer: a caller waits no longer than it chooses, and an application that
+// answers after that is still named.
+void askInBackground(const std::shared_ptr<Table>& t, const std::vector<std::string>& buses) {
+  for (const auto& bus : buses) std::thread([t, bus] { askNames(t, {bus}, backgroundLimitMs); }).detach();
 }
 
 // Asks the silent applications among `buses` again, on a thread of its own,
@@ -158,7 +184,8 @@ void retrySilent(const std::shared_ptr<Table>& t, const std::vector<std::string>
 }
 
 // Asks the applications among `buses` that were never asked, and waits for
-// asks of others' under way, at most nameLimitMs in all.
+// every ask of theirs under way at most nameLimitMs. What answers later is
+// named then; what does not answer within backgroundLimitMs is silent.
 void ensureNames(const std::shared_ptr<Table>& t, const std::vector<std::string>& buses) {
   std::vector<std::string> fresh;
   {
@@ -171,7 +198,7 @@ void ensureNames(const std::shared_ptr<Table>& t, const std::vector<std::string>
       }
   }
   const auto deadline = Clock::now() + std::chrono::milliseconds(AtspiDirectory::nameLimitMs);
-  if (!fresh.empty()) askNames(t, fresh, AtspiDirectory::nameLimitMs);
+  askInBackground(t, fresh);
   std::unique_lock guard(t->lock);
   t->asked.wait_until(guard, deadline, [&] {
     return std::none_of(buses.begin(), buses.end(), [&](const std::string& bus) {
@@ -183,10 +210,29 @@ void ensureNames(const std::shared_ptr<Table>& t, const std::vector<std::string>
 
 }  // namespace
 
-AtspiDirectory::AtspiDirectory(GDBusConnection* connection, Departures departures)
-    : table_(std::make_shared<Table>(connection, std::move(departures))) {}
+AtspiDirectory::AtspiDirectory(GDBusConnection* connection, ConnectionFor connectionFor, Departures departures)
+    : table_(std::make_shared<Table>(connection, std::move(connectionFor), std::move(departures))) {
+  // An application that leaves the bus is forgotten at once, not at the
+  // next look: what was kept for it goes with it.
+  departureWatch_ = g_dbus_connection_signal_subscribe(
+      connection, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", "/org/freedesktop/DBus", nullptr,
+      G_DBUS_SIGNAL_FLAGS_NONE,
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* parameters,
+         gpointer data) {
+        const gchar *name = nullptr, *before = nullptr, *after = nullptr;
+        g_variant_get(parameters, "(&s&s&s)", &name, &before, &after);
+        if (*after) return;
+        if (auto t = static_cast<std::weak_ptr<Table>*>(data)->lock()) depart(t, name);
+      },
+      new std::weak_ptr<Table>(table_), [](gpointer data) { delete static_cast<std::weak_ptr<Table>*>(data); });
+}
 
-AtspiDirectory::~AtspiDirectory() = default;
+bool AtspiDirectory::listed(const std::string& bus) {
+  std::lock_guard guard(table_->lock);
+  return table_->entries.count(bus) > 0;
+}
+
+AtspiDirectory::~AtspiDirectory() { g_dbus_connection_signal_unsubscribe(table_->connection, departureWatch_); }
 
 std::vector<AtspiDirectory::Application> AtspiDirectory::applications() {
   look(table_, false);

@@ -2,8 +2,9 @@
 // finding one application never waits on another. The registry's list and
 // each bus name's pid come from the registry and the bus daemon, which answer
 // for every application; an application's own name is asked of it once, all
-// new ones at once, within the messaging limit. One that does not answer in
-// time, then or when others ask it something, is marked silent: it is left
+// new ones at once, and waited for within the messaging limit (an answer
+// that comes later still counts). One that does not answer at all, or does
+// not answer others who ask it something, is marked silent: it is left
 // out of lists while its name is not known, whoever asks it something may
 // leave it out, and it is asked again now and then in the background, with
 // nobody waiting, until it answers. Internal to the Linux backend.
@@ -34,12 +35,17 @@ class AtspiDirectory {
   };
   /// Bus names that left the registry's list, told after each look at it.
   using Departures = std::function<void(const std::vector<std::string>& buses)>;
+  /// The connection to ask an application on.
+  using ConnectionFor = std::function<std::shared_ptr<GDBusConnection>(const std::string& bus)>;
 
   /// How long the directory waits for new applications to tell their names:
   /// the messaging limit of a mirror's application element.
   static constexpr int nameLimitMs = 300;
 
-  AtspiDirectory(GDBusConnection* connection, Departures departures);
+  /// `connection` asks the registry and the bus daemon; `connectionFor`,
+  /// the applications. Either may be called from threads of the directory's
+  /// own after it has gone.
+  AtspiDirectory(GDBusConnection* connection, ConnectionFor connectionFor, Departures departures);
   ~AtspiDirectory();
   AtspiDirectory(const AtspiDirectory&) = delete;
   AtspiDirectory& operator=(const AtspiDirectory&) = delete;
@@ -63,11 +69,14 @@ class AtspiDirectory {
   /// The pid behind a bus name, from the bus daemon; remembered for the
   /// applications on the list.
   std::optional<std::int32_t> pidOf(const std::string& bus);
+  /// Whether the bus name was on the registry's list at the last look.
+  bool listed(const std::string& bus);
 
   struct Table;
 
  private:
   std::shared_ptr<Table> table_;
+  guint departureWatch_ = 0;  // the subscription to bus names losing their owners
 };
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -70,9 +70,9 @@ AxError translateError(const GError* error) {
 
 Reply callSync(GDBusConnection* connection, const Call& call, int timeoutMs) {
   GError* error = nullptr;
-  GVariant* value =
-      g_dbus_connection_call_sync(connection, call.bus.c_str(), call.path.c_str(), call.interface, call.method,
-                                  argsOf(call), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs, nullptr, &error);
+  GVariant* value = g_dbus_connection_call_sync(call.via ? call.via : connection, call.bus.c_str(), call.path.c_str(),
+                                                call.interface, call.method, argsOf(call), nullptr,
+                                                G_DBUS_CALL_FLAGS_NO_AUTO_START, timeoutMs, nullptr, &error);
   return replyOf(value, error);
 }
 
@@ -86,7 +86,6 @@ std::vector<Reply> callAll(GDBusConnection* connection, const std::vector<Call>&
   struct Batch {
     std::vector<Reply>* replies;
     std::size_t remaining;
-    GDBusConnection* connection;
     GCancellable* cancellable;
     gint64 lastAnswerUs;  // monotonic
     gint64 startUs;
@@ -100,7 +99,6 @@ std::vector<Reply> callAll(GDBusConnection* connection, const std::vector<Call>&
   const gint64 silenceUs = static_cast<gint64>(std::max(timeoutMs, 1)) * 1000;
   Batch batch{&replies,
               calls.size(),
-              connection,
               g_cancellable_new(),
               g_get_monotonic_time(),
               g_get_monotonic_time(),
@@ -132,12 +130,12 @@ std::vector<Reply> callAll(GDBusConnection* connection, const std::vector<Call>&
     pending[k] = Pending{&batch, k};
     const Call& call = calls[k];
     g_dbus_connection_call(
-        connection, call.bus.c_str(), call.path.c_str(), call.interface, call.method, argsOf(call), nullptr,
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, batch.cancellable,
-        [](GObject*, GAsyncResult* result, gpointer data) {
+        call.via ? call.via : connection, call.bus.c_str(), call.path.c_str(), call.interface, call.method,
+        argsOf(call), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, batch.cancellable,
+        [](GObject* source, GAsyncResult* result, gpointer data) {
           auto* p = static_cast<Pending*>(data);
           GError* error = nullptr;
-          GVariant* value = g_dbus_connection_call_finish(p->batch->connection, result, &error);
+          GVariant* value = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
           (*p->batch->replies)[p->index] = replyOf(value, error);
           p->batch->lastAnswerUs = g_get_monotonic_time();
           --p->batch->remaining;

@@ -38,7 +38,8 @@ struct Call {
   std::string path;
   const char* interface = nullptr;
   const char* method = nullptr;
-  Variant args;  // a tuple, or null for none
+  Variant args;                    // a tuple, or null for none
+  GDBusConnection* via = nullptr;  // the connection to call on, when not the one given with the call
 };
 
 /// What came back: the reply tuple, or the error in our vocabulary with the

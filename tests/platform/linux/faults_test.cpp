@@ -194,7 +194,7 @@ TEST_F(FaultsTest, HugeNamesAreCutCountedAndNeverReadForAnother) {
   EXPECT_TRUE(cut);
   // The application's own name is cut too, in the list of applications.
   const auto apps = client->call("apps", JSONValue::Object{});
-  for (const auto& app : *apps.asArray()) EXPECT_LE(core::optionalString(app, "name").value_or("").size(), 1024u);
+  for (const auto& app : *apps.asArray()) EXPECT_LE(core::optionalString(app, "name").value_or("").size(), 256u);
 }
 
 TEST_F(FaultsTest, AStuckSubtreeIsLeftOutAndTheRestAnswersMarkedAsCut) {

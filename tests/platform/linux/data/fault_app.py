@@ -251,7 +251,10 @@ class FaultApp:
             self.pending.append(invocation)
             return
         if interface == "org.freedesktop.DBus.Properties":
-            self.property(node, invocation, *parameters.unpack())
+            if method == "Set":
+                invocation.return_value(None)  # the registry numbers the application: nothing to keep
+            else:
+                self.property(node, invocation, *parameters.unpack())
             return
         reply = self.method(node, method, parameters.unpack())
         invocation.return_value(reply)
