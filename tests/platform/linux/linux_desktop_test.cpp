@@ -224,6 +224,17 @@ TEST_F(LinuxDesktopTest, WindowMovesAndResizesComeFromTheXServer) {
   ASSERT_NE(x, nullptr);
   const auto window = topWindowOf(x, pid);
   ASSERT_TRUE(window);
+  // The watch learns where windows are on the main loop, after it is made: it
+  // is ready once a move of the window is told.
+  bool ready = false;
+  for (int attempt = 0; attempt < 50 && !ready; ++attempt) {
+    XMoveWindow(x, window->window, 10 + attempt % 2, 10);
+    XFlush(x);
+    std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    std::lock_guard guard(lock);
+    ready = std::find(seen.begin(), seen.end(), "AXMoved") != seen.end();
+  }
+  ASSERT_TRUE(ready) << "no move was told";
   const struct {
     const char* expected;
     void (*change)(XConnection*, XWindowId);
