@@ -335,6 +335,29 @@ Element rootElement(platform::Accessibility& ax, const Element& app, std::string
   return app;
 }
 
+namespace {
+
+// The children in the band, read in one batch where a probe could not be
+// placed: rows scrolled out of a toolkit's view often report no frame, and
+// such a row counts as outside.
+std::pair<std::size_t, std::size_t> scannedChildRange(platform::Accessibility& ax, const std::vector<Element>& children,
+                                                      double bandTop, double bandBottom) {
+  static const std::vector<std::string> frameNames{"AXPosition", "AXSize"};
+  ax.prefetch(children, frameNames);
+  std::size_t start = children.size(), end = 0;
+  for (std::size_t index = 0; index < children.size(); ++index) {
+    auto read = ax.copyMultiple(children[index], frameNames);
+    if (!read.ok() || read.value.size() != 2) continue;
+    auto frame = positiveRect(frameOf(read.value[0], read.value[1]));
+    if (!frame || frame->y + frame->height < bandTop || frame->y > bandBottom) continue;
+    start = std::min(start, index);
+    end = index + 1;
+  }
+  return start < end ? std::pair{start, end} : std::pair<std::size_t, std::size_t>{0, 0};
+}
+
+}  // namespace
+
 std::pair<std::size_t, std::size_t> visibleChildRange(platform::Accessibility& ax, const std::vector<Element>& children,
                                                       const core::Rect& clip) {
   static const std::vector<std::string> frameNames{"AXPosition", "AXSize"};
@@ -353,7 +376,7 @@ std::pair<std::size_t, std::size_t> visibleChildRange(platform::Accessibility& a
   while (low < high) {
     std::size_t middle = low + (high - low) / 2;
     core::Rect frame = probe(middle);
-    if (unreadable) return {0, count};
+    if (unreadable) return scannedChildRange(ax, children, bandTop, bandBottom);
     if (frame.y + frame.height >= bandTop)
       high = middle;
     else
@@ -364,7 +387,7 @@ std::pair<std::size_t, std::size_t> visibleChildRange(platform::Accessibility& a
   while (low < high) {
     std::size_t middle = low + (high - low) / 2;
     core::Rect frame = probe(middle);
-    if (unreadable) return {0, count};
+    if (unreadable) return scannedChildRange(ax, children, bandTop, bandBottom);
     if (frame.y > bandBottom)
       high = middle;
     else

@@ -86,11 +86,11 @@ TEST(MirrorWalk, NodesKeepOnlyWhatTheKeyTableAllows) {
 
 // A window whose scroll area shows rows 89 to 135 of a list scrolled far up:
 // clip (0, 100, 400, 300), band from -200 to 700, rows 20 high from y -2000.
-AppSpec listApp(int rows, bool framesReadable) {
+AppSpec listApp(int rows, int framedFrom, int framedTo) {
   auto list = keyed("AXList", "list", 0, -2000, 400, rows * 20.0);
   for (int i = 0; i < rows; ++i) {
     auto row = element("AXRow").withFrame(0, -2000 + i * 20.0, 400, 20);
-    if (!framesReadable) row.failing({"AXPosition"});
+    if (i < framedFrom || i > framedTo) row.failing({"AXPosition"});
     list.child(row);
   }
   auto scroll = keyed("AXScrollArea", "scroll", 0, 100, 400, 300).child(list);
@@ -101,22 +101,24 @@ TEST(MirrorWalk, LongListsAreCutToTheVisibleBand) {
   struct Case {
     const char* name;
     int rows;
-    bool readable;
+    int framedFrom, framedTo;  // rows outside report no frame
     std::int64_t expectRows;
     std::optional<std::int64_t> expectOffscreen;
+    int expectFirst;
   };
-  for (const auto& c :
-       {Case{"500 rows are read whole", 500, true, 500, std::nullopt}, Case{"501 rows are cut", 501, true, 47, 454},
-        Case{"unreadable probes keep all", 501, false, 501, std::nullopt}}) {
+  for (const auto& c : {Case{"500 rows are read whole", 500, 0, 500, 500, std::nullopt, 0},
+                        Case{"501 rows are cut", 501, 0, 501, 47, 454, 89},
+                        Case{"rows without a frame are outside", 501, 100, 125, 26, 475, 100},
+                        Case{"no frame at all leaves every row out", 501, 600, 600, 0, 501, 0}}) {
     SCOPED_TRACE(c.name);
-    Walker walker(listApp(c.rows, c.readable));
+    Walker walker(listApp(c.rows, c.framedFrom, c.framedTo));
     auto walk = walker.walk();
     EXPECT_EQ(countRole(walk, "AXRow"), c.expectRows);
     auto list = std::find_if(walk.nodes.begin(), walk.nodes.end(), [](auto& n) { return n.identifier == "list"; });
     ASSERT_NE(list, walk.nodes.end());
     EXPECT_EQ(list->offscreen, c.expectOffscreen);
-    if (c.expectOffscreen) {
-      EXPECT_EQ(walk.nodes[static_cast<std::size_t>(list->i + 1)].frame->y, -2000 + 89 * 20.0);
+    if (c.expectRows > 0) {
+      EXPECT_EQ(walk.nodes[static_cast<std::size_t>(list->i + 1)].frame->y, -2000 + c.expectFirst * 20.0);
     }
     EXPECT_FALSE(walk.truncated);
   }

@@ -279,31 +279,63 @@ struct AtspiAccessibility::State {
     return shown;
   }
 
+  // The part of a container a person can see: its frame within those of
+  // the ancestors that scroll it, as a list is as tall as all its rows.
+  std::optional<AxRect> visibleArea(const ObjectRef& ref, int timeoutMs) {
+    auto own = readRecords(to(ref.bus).get(), {ref}, extentsPart | parentPart, timeoutMs).front();
+    std::optional<AxRect> area = own.extents;
+    std::optional<ObjectRef> parent = own.parent;
+    for (int step = 0; area && parent && !parent->isNull() && step < 4; ++step) {
+      auto up = readRecords(to(ref.bus).get(), {*parent}, basicPart | extentsPart | parentPart, timeoutMs).front();
+      if (up.error != AxError::success) break;
+      if (up.extents && up.extents->width > 0 && up.extents->height > 0) {
+        const double left = std::max(area->x, up.extents->x), top = std::max(area->y, up.extents->y);
+        const double right = std::min(area->x + area->width, up.extents->x + up.extents->width);
+        const double bottom = std::min(area->y + area->height, up.extents->y + up.extents->height);
+        area = AxRect{left, top, std::max(right - left, 0.0), std::max(bottom - top, 0.0)};
+      }
+      if (isWindowRole(up.role)) break;
+      parent = up.parent;
+    }
+    return area;
+  }
+
+  // The index of the first child hit by the points, in order; headers and
+  // margins answer nothing, so each corner is tried a little further in.
+  std::optional<std::int32_t> firstHit(const ObjectRef& ref, const std::vector<std::pair<double, double>>& points,
+                                       int timeoutMs) {
+    std::vector<Call> calls;
+    for (auto [x, y] : points)
+      calls.push_back(method(ref, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
+                             g_variant_new("(iiu)", static_cast<gint32>(x), static_cast<gint32>(y), 0u)));
+    auto connection = to(ref.bus);
+    for (const auto& reply : callAll(connection.get(), calls, timeoutMs)) {
+      auto child = objectRef(replyChild(reply));
+      if (!child || child->isNull()) continue;
+      auto index = callSync(connection.get(), method(*child, accessibleIface, "GetIndexInParent"), timeoutMs);
+      if (auto value = int32Of(replyChild(index)); value && *value >= 0) return *value;
+    }
+    return std::nullopt;
+  }
+
   // The children of a container that must not be asked for all of them:
-  // those at and between the view's corners, by the Table interface's row
-  // and column where it has one, else by index.
+  // those at and between the corners of its visible area, by the Table
+  // interface's row and column where it has one, else by index.
   std::vector<ObjectRef> childrenNearView(const ObjectRef& ref, const ElementRecord& record, int timeoutMs) {
-    std::optional<AxRect> frame = record.extents;
-    if (!frame) frame = readRecords(to(ref.bus).get(), {ref}, extentsPart, timeoutMs).front().extents;
-    if (!frame || frame->width < 4 || frame->height < 4 || !(record.interfaces & componentInterface)) return {};
-    auto at = [&](double x, double y) {
-      return method(ref, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
-                    g_variant_new("(iiu)", static_cast<gint32>(x), static_cast<gint32>(y), 0u));
-    };
-    std::vector<Call> cornerCalls;
-    cornerCalls.push_back(at(frame->x + 1, frame->y + 1));
-    cornerCalls.push_back(at(frame->x + frame->width - 2, frame->y + frame->height - 2));
-    const auto corners = callAll(to(ref.bus).get(), cornerCalls, timeoutMs);
-    std::vector<Call> indexCalls;
-    for (const auto& corner : corners)
-      if (auto cell = objectRef(replyChild(corner)); cell && !cell->isNull())
-        indexCalls.push_back(method(*cell, accessibleIface, "GetIndexInParent"));
-    std::vector<std::int32_t> indices;
-    for (const auto& reply : callAll(to(ref.bus).get(), indexCalls, timeoutMs))
-      if (auto index = int32Of(replyChild(reply)); index && *index >= 0) indices.push_back(*index);
-    if (indices.empty()) indices.push_back(0);  // nothing at the corners: the first ones
-    const std::int32_t first = *std::min_element(indices.begin(), indices.end());
-    const std::int32_t last = *std::max_element(indices.begin(), indices.end());
+    if (!(record.interfaces & componentInterface)) return {};
+    const auto area = visibleArea(ref, timeoutMs);
+    if (!area || area->width < 4 || area->height < 4) return {};
+    const double x = area->x, y = area->y, w = area->width, h = area->height;
+    std::vector<std::pair<double, double>> topLeft, bottomRight;
+    for (double dy : {1.0, 8.0, 24.0, 48.0})
+      for (double dx : {1.0, w / 8}) {
+        topLeft.emplace_back(x + dx, y + std::min(dy, h / 2));
+        bottomRight.emplace_back(x + w - 1 - dx, y + h - 1 - std::min(dy, h / 2));
+      }
+    for (double part : {0.75, 0.5, 0.25}) bottomRight.emplace_back(x + w / 2, y + h * part);
+    const std::int32_t lastChild = record.childCount > 0 ? record.childCount - 1 : 0;
+    const std::int32_t first = firstHit(ref, topLeft, timeoutMs).value_or(0);
+    const std::int32_t last = std::max(firstHit(ref, bottomRight, timeoutMs).value_or(lastChild), first);
     return (record.interfaces & tableInterface) ? cellsBetween(ref, first, last, timeoutMs)
                                                 : childrenBetween(ref, first, last, record.childCount, timeoutMs);
   }
