@@ -1,5 +1,5 @@
 // Reading real applications on a headless desktop of the bench's own: a
-// text editor (mousepad), a Qt calculator (speedcrunch), a GTK list of
+// text editor (mousepad), a Qt calculator (speedcrunch), LibreOffice Calc, a GTK list of
 // 2,000 rows and a GTK tree view of 2,000 rows by 3 columns. Side by side,
 // per application:
 //   PerCallWalk   the tree read element by element, as a tool without a
@@ -46,7 +46,7 @@ class NoPrefetch final : public platform::AccessibilityWrapper {
 };
 
 struct Desktop {
-  testing::TestDesktop desktop{{"mousepad", "speedcrunch", formApp + " 2000", treeApp + " 2000"}};
+  testing::TestDesktop desktop{{"mousepad", "speedcrunch", formApp + " 2000", treeApp + " 2000", "soffice --calc"}};
   std::unique_ptr<platform::Platform> platform;
   std::thread loop;
   std::optional<AtspiBus> bus;
@@ -143,10 +143,11 @@ void registerAll() {
     int slowIterations;
   };
   const App apps[] = {
-      {"mousepad", "AXTextArea", "MATCH (b:MenuItem {name:'Quit'}) RETURN b.id", 5},
-      {"speedcrunch", "AXTextArea", "MATCH (b:MenuItem {name:'Quit'}) RETURN b.id", 5},
+      {"mousepad", "AXTextArea", "MATCH (b:MenuBarItem {name:'File'}) RETURN b.id", 5},
+      {"speedcrunch", "AXTextArea", "MATCH (b:MenuBarItem {name:'File'}) RETURN b.id", 5},
       {"form_app.py", "AXTextField", "MATCH (r:StaticText {name:'Row 5'}) RETURN r.id", 2},
       {"tree_app.py", "", "MATCH (c:Cell {name:'Row 5'}) RETURN c.id", 1},
+      {"soffice", "", "MATCH (c:Cell {name:'B2'}) RETURN c.value", 1},
   };
   for (const auto& app : apps) {
     auto ms = [](benchmark::internal::Benchmark* b) { return b->Unit(benchmark::kMillisecond); };

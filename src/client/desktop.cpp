@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,9 +14,11 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <set>
 #include <sstream>
 #include <thread>
 
+#include "client/process_family.h"
 #include "core/errors.h"
 #include "platform/headless_desktop.h"
 #include "platform/linux/atspi_bus.h"
@@ -43,11 +46,17 @@ constexpr int busCallTimeoutMs = 2000;
 constexpr const char* accessibilityLauncher = "/usr/libexec/at-spi-bus-launcher";
 
 // What toolkits need to build their trees on a bare X server: the bridge on,
-// Qt's accessibility always on, and a theme that every GTK application has.
+// Qt's accessibility always on, a theme that every GTK application has, and
+// LibreOffice's GTK front end (its plain X11 one has no accessibility).
 const std::vector<std::pair<std::string, std::string>> toolkitSettings{{"NO_AT_BRIDGE", "0"},
                                                                        {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"},
                                                                        {"QT_ACCESSIBILITY", "1"},
-                                                                       {"GTK_THEME", "Adwaita"}};
+                                                                       {"GTK_THEME", "Adwaita"},
+                                                                       {"SAL_USE_VCLPLUGIN", "gtk3"}};
+
+// The status with which an application asks to be started again, as
+// LibreOffice does once on a new profile.
+constexpr int restartStatus = 81;
 
 [[noreturn]] void fail(const std::string& message) { throw GlimmerstrandError(core::codes::native, message); }
 
@@ -130,12 +139,21 @@ std::optional<std::string> readLine(int fd, Clock::time_point deadline) {
   return std::nullopt;
 }
 
-// How a child of this process ended, once it has: " (exit status 1)".
-std::optional<std::string> endOf(pid_t pid) {
+// How a child of this process ended, once it has.
+struct Ended {
+  int status;        // the exit status, or -1 after a signal
+  std::string text;  // " (exit status 1)"
+};
+std::optional<Ended> endedChild(pid_t pid) {
   int status = 0;
   if (::waitpid(pid, &status, WNOHANG) != pid) return std::nullopt;
-  if (WIFEXITED(status)) return " (exit status " + std::to_string(WEXITSTATUS(status)) + ")";
-  return " (signal " + std::to_string(WTERMSIG(status)) + ")";
+  if (WIFEXITED(status))
+    return Ended{WEXITSTATUS(status), " (exit status " + std::to_string(WEXITSTATUS(status)) + ")"};
+  return Ended{-1, " (signal " + std::to_string(WTERMSIG(status)) + ")"};
+}
+std::optional<std::string> endOf(pid_t pid) {
+  auto ended = endedChild(pid);
+  return ended ? std::optional(ended->text) : std::nullopt;
 }
 
 // ---- The accessibility bus -----------------------------------------------------
@@ -155,18 +173,21 @@ bool hasChildren(GDBusConnection* bus, const std::string& name) {
   return children && g_variant_is_container(children.get()) && g_variant_n_children(children.get()) > 0;
 }
 
-// Whether an application of this pid is registered and its tree has children.
-bool treeAnswers(GDBusConnection* bus, pid_t pid) {
+// The process among `family` whose application is registered and whose
+// tree has children.
+std::optional<pid_t> answeringProcess(GDBusConnection* bus, const std::set<pid_t>& family) {
   const lx::Variant applications =
       lx::replyChild(lx::callSync(bus, rootCall("org.a11y.atspi.Registry", "GetChildren"), busCallTimeoutMs));
-  if (!applications || !g_variant_is_of_type(applications.get(), G_VARIANT_TYPE("a(so)"))) return false;
+  if (!applications || !g_variant_is_of_type(applications.get(), G_VARIANT_TYPE("a(so)"))) return std::nullopt;
   GVariantIter iterator;
   g_variant_iter_init(&iterator, applications.get());
   const gchar* name = nullptr;
   const gchar* path = nullptr;
-  while (g_variant_iter_next(&iterator, "(&s&o)", &name, &path))
-    if (ownerPid(bus, name) == static_cast<std::uint32_t>(pid) && hasChildren(bus, name)) return true;
-  return false;
+  while (g_variant_iter_next(&iterator, "(&s&o)", &name, &path)) {
+    const auto pid = ownerPid(bus, name);
+    if (pid && family.contains(static_cast<pid_t>(*pid)) && hasChildren(bus, name)) return static_cast<pid_t>(*pid);
+  }
+  return std::nullopt;
 }
 
 // ---- Start -------------------------------------------------------------------------
@@ -197,6 +218,9 @@ class DesktopStart {
       if (auto equals = text.find('='); equals != std::string::npos)
         variables_[text.substr(0, equals)] = text.substr(equals + 1);
     }
+    // What a launcher started and left behind comes to this process rather
+    // than to init, so that it can still be told from others.
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   }
 
   std::string run(const DesktopRequest& request) {
@@ -237,6 +261,7 @@ class DesktopStart {
 
   Recorded launch(const std::vector<std::string>& words, const std::string& name, int handOver = -1) {
     const pid_t pid = spawn(words, variables_, logOf(name), handOver);
+    launched_.insert(pid);
     const Recorded process = record(folder_, pid, name);
     say("started " + name + " (pid " + std::to_string(pid) + ")");
     return process;
@@ -309,26 +334,51 @@ class DesktopStart {
          logOf("at-spi-bus-launcher").string());
   }
 
+  // Starts one application and waits for its tree. A launcher that hands
+  // over to another process is followed to the process whose tree answers,
+  // which is then recorded too, so that `stop` ends it.
   void startApplication(const lx::AtspiBus& bus, const std::string& command) {
     std::istringstream split(command);
     std::vector<std::string> words;
     for (std::string word; split >> word;) words.push_back(word);
     if (words.empty()) return;
     const std::string name = processName(command);
-    const Recorded process = launch(words, name);
+    Recorded launcher = launch(words, name);
+    std::optional<Ended> launcherEnd;
+    bool restarted = false;
     const auto deadline = Clock::now() + applicationLimit;
-    while (!treeAnswers(bus.connection(), process.pid)) {
-      if (const auto end = endOf(process.pid))
-        fail(name + " exited" + *end + " before its accessibility tree answered; its log is " + logOf(name).string());
+    std::optional<pid_t> owner;
+    while (!(owner = answeringProcess(bus.connection(), familyOf(launcher.pid)))) {
+      if (!launcherEnd) launcherEnd = endedChild(launcher.pid);
+      if (launcherEnd && familyOf(launcher.pid).size() == 1) {  // ended, and nothing it started runs
+        if (launcherEnd->status != restartStatus || restarted)
+          fail(name + " exited" + launcherEnd->text + " before its accessibility tree answered; its log is " +
+               logOf(name).string());
+        say(name + " asked to be started again");
+        restarted = true;
+        launcher = launch(words, name);
+        launcherEnd.reset();
+      }
       if (Clock::now() >= deadline)
         fail(name + "'s accessibility tree did not answer within 30 s; its log is " + logOf(name).string());
       std::this_thread::sleep_for(pollInterval);
     }
+    if (*owner != launcher.pid) {
+      record(folder_, *owner, name);
+      say(name + " runs as pid " + std::to_string(*owner) + ", started by its launcher");
+    }
     say(name + " answers on the accessibility bus");
-    exported_.emplace_back(pidVariable(name), std::to_string(process.pid));
+    exported_.emplace_back(pidVariable(name), std::to_string(*owner));
+  }
+
+  // The launched process and what it led to, without what this start
+  // launched besides.
+  std::set<pid_t> familyOf(pid_t launched) const {
+    return processFamily(launched, processParents(), ::getpid(), launched_);
   }
 
   fs::path folder_;
+  std::set<pid_t> launched_;                                   // every process this start launched
   std::map<std::string, std::string> variables_;               // the applications' environment
   std::vector<std::pair<std::string, std::string>> exported_;  // what start prints, in order
 };

@@ -112,13 +112,18 @@ std::uint64_t treeSignature(const std::vector<core::AxNode>& nodes);
 
 /// Where a walk of `scope` ("window", "app", "menubar") starts.
 Element rootElement(platform::Accessibility& ax, const Element& app, std::string_view scope);
+/// What a walk reads of the menus of a menu bar: a window's copy holds a
+/// menu's items only while it is open, as the application's menu bar is
+/// read for its items on its own, and on demand.
+enum class MenuContents { whenOpen, all };
 /// Depth first, pre-order, from one element. `expectedNodes` (what the last
 /// walk found, say) sizes the result up front: a walk of 10,000 nodes
 /// otherwise spends a fifth of its time moving what it has already read.
 /// A subtree that does not answer is left out, and the walk goes on while
 /// the application still answers, past at most maxSilentSubtrees of them.
 WalkResult walkElement(platform::Accessibility& ax, const Element& element, std::int64_t depth, std::int64_t maxDepth,
-                       std::int64_t maxNodes, std::size_t expectedNodes = 0);
+                       std::int64_t maxNodes, std::size_t expectedNodes = 0,
+                       MenuContents menus = MenuContents::whenOpen);
 /// From the root of `scope`; with "window", open context menus follow.
 WalkResult walkTree(platform::Accessibility& ax, const Element& app, std::string_view scope, std::int64_t maxDepth,
                     std::int64_t maxNodes, std::size_t expectedNodes = 0);
@@ -190,6 +195,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   static constexpr std::int64_t trailingDelayMs = 50;
   static constexpr std::int64_t keepNs = 10'000'000'000;
   static constexpr std::int64_t outsideIndex = INT64_MIN;
+  static constexpr std::int64_t goneIndex = INT64_MIN + 1;
 
   /// Sets the messaging timeout on the application element (`application`,
   /// or the platform's for `pid` when null); calls nothing in the
@@ -279,7 +285,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   void walkLoop();
   std::optional<PartialWalkResult> partialWalk(const std::vector<DirtyTarget>& targets, bool trailing);
   /// The index of the nearest ancestor in the copy, outsideIndex when the
-  /// climb leaves the tree, absent when a parent cannot be read.
+  /// climb leaves the tree, goneIndex when an element on the way is gone,
+  /// absent when a parent cannot be read.
   std::optional<std::int64_t> findKnownAncestor(const Element& element, ElementIndex& memo, ElementSet& outside);
   /// Steps of a commit that may call the application; on the walk queue,
   /// without the lock.

@@ -253,6 +253,12 @@ std::optional<std::int64_t> AppMirror::findKnownAncestor(const Element& element,
     path.push_back(current);
     if (reads == 64) return std::nullopt;
     const platform::AxValue parentValue = ax_.copy(current, "AXParent");
+    // Gone, or detached, before it could be placed: an element made and
+    // dropped between two walks, as editors do with what they show while
+    // typing.
+    if (auto error = parentValue.get<platform::AxError>();
+        error && (*error == platform::AxError::invalidElement || *error == platform::AxError::noValue))
+      return goneIndex;
     auto parent = parentValue.get<Element>();
     if (!parent || parent->isNull()) return std::nullopt;
     current = *parent;
@@ -276,6 +282,7 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
   auto ancestorOf = [&](const Element& element, bool keepOutside) {
     auto ancestor = findKnownAncestor(element, memo, outside);
     if (!ancestor) return false;
+    if (*ancestor == goneIndex) return true;  // nothing of it is in the copy
     if (keepOutside || *ancestor != outsideIndex) rewalk.insert(*ancestor);
     return true;
   };
@@ -306,10 +313,12 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
           return std::nullopt;
         break;
       case DirtyKind::destroyed:
+        // An element the copy never held, and whose place can no longer be
+        // read, takes nothing out of the copy.
         if (known)
           rewalk.insert(parentOf(index));
-        else if (!ancestorOf(target.element, true))
-          return std::nullopt;
+        else
+          ancestorOf(target.element, true);
         break;
     }
   }
@@ -340,10 +349,11 @@ std::optional<PartialWalkResult> AppMirror::partialWalk(const std::vector<DirtyT
   }
   if (rangesChanged) ranges = subtreeRanges(nodes, {rewalk.begin(), rewalk.end()});
 
-  // A walk of more than this is better done whole.
+  // A walk of more than this is better done whole. A sheet or a long list
+  // is most of a window's copy, and walked alone it still spares the rest.
   std::size_t covered = 0;
   for (const auto& range : ranges) covered += range.end - range.start;
-  if (ranges.size() > maxDirtySubtrees || nodes.size() < 2 * covered) return std::nullopt;
+  if (ranges.size() > maxDirtySubtrees || 5 * covered > 4 * nodes.size()) return std::nullopt;
 
   std::int64_t budget = maxNodes - static_cast<std::int64_t>(nodes.size() - covered);
   std::vector<WalkResult> walks;

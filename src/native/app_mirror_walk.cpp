@@ -413,7 +413,7 @@ Clip inheritedClip(platform::Accessibility& ax, const Element& element) {
 }
 
 WalkResult walkElement(platform::Accessibility& ax, const Element& element, std::int64_t depth, std::int64_t maxDepth,
-                       std::int64_t maxNodes, std::size_t expectedNodes) {
+                       std::int64_t maxNodes, std::size_t expectedNodes, MenuContents menus) {
   struct Entry {
     Element element;
     std::int64_t depth;
@@ -464,6 +464,7 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
     const core::AxNode& added = result.nodes.back();
 
     if (added.role == "AXColumn") continue;
+    if (menus == MenuContents::whenOpen && added.role == "AXMenuBarItem" && added.selected != true) continue;
     auto kids = elementList(read.value[children]);
     if (!kids) continue;
     if (auto left = ax.childrenLeftOut(entry.element); left > 0) result.nodes.back().offscreen = left;
@@ -491,7 +492,8 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
 
 WalkResult walkTree(platform::Accessibility& ax, const Element& app, std::string_view scope, std::int64_t maxDepth,
                     std::int64_t maxNodes, std::size_t expectedNodes) {
-  WalkResult result = walkElement(ax, rootElement(ax, app, scope), 0, maxDepth, maxNodes, expectedNodes);
+  WalkResult result = walkElement(ax, rootElement(ax, app, scope), 0, maxDepth, maxNodes, expectedNodes,
+                                  scope == "window" ? MenuContents::whenOpen : MenuContents::all);
   if (scope != "window" || result.unanswered) return result;
   // Context menus and pop-ups hang from the application, outside every window.
   auto appChildren = elementList(ax.copy(app, "AXChildren"));

@@ -115,6 +115,12 @@ TEST(MirrorSchedule, WhatANotificationMarksDecidesTheWalk) {
        },
        "full"},
       {"a destroyed row", [](SimDesktop& d) { d.removeElement(labPid, "row3"); }, "partial"},
+      {"a row made and dropped before it was read",
+       [](SimDesktop& d) {
+         d.addElements(labPid, "list", {keyed("AXRow", "passing", 0, 270, 800, 20)});
+         d.removeElement(labPid, "passing");
+       },
+       "partial"},
       {"a context menu", [](SimDesktop& d) { d.addElements(labPid, "", {element("AXMenu")}); }, "full"},
   };
   for (const auto& c : cases) {

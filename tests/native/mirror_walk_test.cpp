@@ -124,6 +124,34 @@ TEST(MirrorWalk, LongListsAreCutToTheVisibleBand) {
   }
 }
 
+// A window that holds its own menu bar, as GTK, Qt and LibreOffice windows
+// do: "File" closed, "Edit" open.
+AppSpec windowWithMenuBar() {
+  auto menu = [](const char* item) { return element("AXMenu").child(element("AXMenuItem").title(item)); };
+  auto bar = element("AXMenuBar")
+                 .child(element("AXMenuBarItem").title("File").child(menu("Quit")))
+                 .child(element("AXMenuBarItem").title("Edit").attribute("AXSelected", true).child(menu("Copy")));
+  return appWith(1, {keyed("AXWindow", "window", 0, 0, 400, 300).child(bar)});
+}
+
+TEST(MirrorWalk, AWindowHoldsTheItemsOfOpenMenusOnly) {
+  struct Case {
+    const char* scope;
+    std::vector<std::string> expectItems;
+  };
+  for (const auto& c : {Case{"window", {"Copy"}}, Case{"app", {"Quit", "Copy"}}}) {
+    SCOPED_TRACE(c.scope);
+    Walker walker(windowWithMenuBar());
+    auto& ax = walker.platform.accessibility();
+    auto walk = walkTree(ax, ax.applicationElement(1), c.scope, 64, 10000);
+    std::vector<std::string> items;
+    for (const auto& node : walk.nodes)
+      if (node.role == "AXMenuItem") items.push_back(node.title.value_or(""));
+    EXPECT_EQ(items, c.expectItems);
+    EXPECT_EQ(countRole(walk, "AXMenuBarItem"), 2);
+  }
+}
+
 ElementSpec chain(int depth) {
   auto node = element("AXGroup").withFrame(0, 0, 10, 10);
   for (int i = 0; i < depth; ++i) node = element("AXGroup").withFrame(0, 0, 10, 10).child(node);
