@@ -13,6 +13,8 @@ packages=(
   gtk-3-examples galculator mousepad gnome-calculator speedcrunch python3-gi gir1.2-gtk-3.0
   # editors whose dialogs, hidden widgets and background focus the tests check: GTK3, GTK4 and Qt
   gedit gnome-text-editor featherpad
+  # LibreOffice with its GTK front end: sheets, documents and slides too large to walk whole
+  libreoffice-calc libreoffice-writer libreoffice-impress libreoffice-gtk3
 )
 command -v npm >/dev/null || packages+=(npm)  # the agent task suite's MCP client comes from the npm registry
 missing=()

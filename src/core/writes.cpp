@@ -180,8 +180,12 @@ void ScriptRun::writeProperty(const GraphNode& node, const std::string& property
         action += " by keys";
         driver().focus(ref);
         focusedRef = ref;
-        selectAllIn(ref);
+        // Keys typed into a chosen cell replace what it holds, and Return
+        // enters them, as a person fills a sheet.
+        const bool cell = node.node().role == "AXCell";
+        if (!cell) selectAllIn(ref);
         if (!driver().type(text, ref.pid)) typedUnseen(result);
+        if (cell) driver().key("return", ref.pid);
       }
     } else {
       throw GlimmerstrandError(codes::invalidArgument, notWritable(property));

@@ -66,4 +66,26 @@ JSONValue LineClient::call(const std::string& method, const JSONValue& params) {
   return *answer.find("result");
 }
 
+std::vector<core::JSONValue> cypherResults(LineClient& client, const std::string& app, const std::string& script) {
+  using core::JSONValue;
+  auto result = client.call("cypher", JSONValue::Object{{"cypher", script}, {"app", JSONValue::Object{{"name", app}}}});
+  const auto* list = result.find("results");
+  if (result.find("error") || !list || !list->asArray() || list->asArray()->empty())
+    throw std::runtime_error(script + ": " + core::jsonText(result));
+  return *list->asArray();
+}
+
+std::vector<std::string> cypherColumn(LineClient& client, const std::string& app, const std::string& read,
+                                      const std::string& name) {
+  const auto last = cypherResults(client, app, read).back();
+  const auto* rows = last.find("rows");
+  if (!rows || !rows->asArray()) throw std::runtime_error(read + ": no rows: " + core::jsonText(last));
+  std::vector<std::string> out;
+  for (const auto& row : *rows->asArray()) {
+    const auto* value = row.find(name);
+    out.push_back(!value ? "" : value->asString() ? *value->asString() : core::jsonText(*value));
+  }
+  return out;
+}
+
 }  // namespace glimmerstrand::testing

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "core/json_value.h"
 
@@ -34,5 +35,14 @@ class LineClient {
   std::int64_t nextId_ = 1;
   std::string pending_;
 };
+
+/// The results of a script against the application named; throws when a
+/// statement fails.
+std::vector<core::JSONValue> cypherResults(LineClient& client, const std::string& app, const std::string& script);
+
+/// One column of the rows of the script's last read, as texts; null reads
+/// as "null".
+std::vector<std::string> cypherColumn(LineClient& client, const std::string& app, const std::string& read,
+                                      const std::string& name);
 
 }  // namespace glimmerstrand::testing

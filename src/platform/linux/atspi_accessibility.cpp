@@ -327,7 +327,7 @@ struct AtspiAccessibility::State {
     if (!area || area->width < 4 || area->height < 4) return {};
     const double x = area->x, y = area->y, w = area->width, h = area->height;
     std::vector<std::pair<double, double>> topLeft, bottomRight;
-    for (double dy : {1.0, 8.0, 24.0, 48.0})
+    for (double dy : {1.0, 8.0, 16.0, 24.0, 32.0, 40.0, 48.0, 64.0})
       for (double dx : {1.0, w / 8}) {
         topLeft.emplace_back(x + dx, y + std::min(dy, h / 2));
         bottomRight.emplace_back(x + w - 1 - dx, y + h - 1 - std::min(dy, h / 2));
@@ -615,6 +615,11 @@ std::optional<ObjectRef> findInWindows(GDBusConnection* connection, const Object
   return std::nullopt;
 }
 
+// Whether an element's number is written through the Value interface. A
+// spreadsheet cell has one too, whose writes the application takes and
+// ignores: a cell is written by keys.
+bool numberWritable(const ElementRecord& r) { return (r.interfaces & valueInterface) && !isTableCellRole(r.role); }
+
 std::optional<double> wholeNumber(std::string_view text) {
   double number = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -756,7 +761,7 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
       number = *given;
     else if (auto text = value.get<std::string>())
       number = wholeNumber(*text);
-    if (number && (r.interfaces & valueInterface))
+    if (number && numberWritable(r))
       return outcomeOf(
           s_->call(element, "org.freedesktop.DBus.Properties", "Set",
                    g_variant_new("(ssv)", "org.a11y.atspi.Value", "CurrentValue", g_variant_new_double(*number))));
@@ -807,7 +812,7 @@ AxResult<bool> AtspiAccessibility::isSettable(const Element& element, std::strin
   if (r.error != AxError::success) return {r.error, false};
   bool settable = false;
   if (name == "AXValue")
-    settable = ((r.interfaces & editableTextInterface) && r.states.editable()) || (r.interfaces & valueInterface);
+    settable = ((r.interfaces & editableTextInterface) && r.states.editable()) || numberWritable(r);
   else if (name == "AXFocused")
     settable = r.states.focusable() && (r.interfaces & componentInterface);
   else if (name == "AXSelected")

@@ -241,6 +241,7 @@ bool isMenuItemRole(std::uint32_t role) {
   return role == ATSPI_ROLE_MENU_ITEM || role == ATSPI_ROLE_CHECK_MENU_ITEM || role == ATSPI_ROLE_RADIO_MENU_ITEM;
 }
 bool isColumnHeaderRole(std::uint32_t role) { return role == ATSPI_ROLE_COLUMN_HEADER; }
+bool isTableCellRole(std::uint32_t role) { return role == ATSPI_ROLE_TABLE_CELL; }
 
 namespace {
 

@@ -126,6 +126,7 @@ struct Shortcut {
 /// no accelerator.
 std::optional<Shortcut> shortcutOf(std::string_view keyBinding);
 bool isColumnHeaderRole(std::uint32_t role);
+bool isTableCellRole(std::uint32_t role);
 
 /// The AT-SPI action that serves an AX action ("AXPress" → the first of
 /// click, press, activate, toggle, jump), by index into `actions`.

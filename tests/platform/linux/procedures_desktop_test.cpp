@@ -33,28 +33,11 @@ class ProceduresDesktopTest : public ::testing::Test {
                                            std::map<std::string, std::string>{{"GLIMMERSTRAND_PLATFORM", "linux"}});
   }
 
-  /// The results of a script against the application named; throws when a
-  /// statement fails.
   std::vector<JSONValue> results(const std::string& app, const std::string& script) {
-    auto result =
-        client_->call("cypher", JSONValue::Object{{"cypher", script}, {"app", JSONValue::Object{{"name", app}}}});
-    const auto* list = result.find("results");
-    if (result.find("error") || !list || !list->asArray() || list->asArray()->empty())
-      throw std::runtime_error(script + ": " + core::jsonText(result));
-    return *list->asArray();
+    return cypherResults(*client_, app, script);
   }
-
-  /// One column of the rows of a read, as texts; null reads as "null".
   std::vector<std::string> column(const std::string& app, const std::string& read, const std::string& name) {
-    const auto last = results(app, read).back();
-    const auto* rows = last.find("rows");
-    if (!rows || !rows->asArray()) throw std::runtime_error(read + ": no rows: " + core::jsonText(last));
-    std::vector<std::string> out;
-    for (const auto& row : *rows->asArray()) {
-      const auto* value = row.find(name);
-      out.push_back(!value ? "" : value->asString() ? *value->asString() : core::jsonText(*value));
-    }
-    return out;
+    return cypherColumn(*client_, app, read, name);
   }
 
   std::string editorText() {
