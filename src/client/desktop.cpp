@@ -260,8 +260,11 @@ class DesktopStart {
   }
 
   Recorded launch(const std::vector<std::string>& words, const std::string& name, int handOver = -1) {
+    // What came to this process until now belongs to earlier launches.
+    for (const auto& [child, parent] : processParents())
+      if (parent == ::getpid()) known_.insert(child);
     const pid_t pid = spawn(words, variables_, logOf(name), handOver);
-    launched_.insert(pid);
+    known_.insert(pid);
     const Recorded process = record(folder_, pid, name);
     say("started " + name + " (pid " + std::to_string(pid) + ")");
     return process;
@@ -372,14 +375,14 @@ class DesktopStart {
   }
 
   // The launched process and what it led to, without what this start
-  // launched besides.
+  // launched besides or had inherited before the launch.
   std::set<pid_t> familyOf(pid_t launched) const {
-    return processFamily(launched, processParents(), ::getpid(), launched_);
+    return processFamily(launched, processParents(), ::getpid(), known_);
   }
 
   fs::path folder_;
-  std::set<pid_t> launched_;                                   // every process this start launched
-  std::map<std::string, std::string> variables_;               // the applications' environment
+  std::set<pid_t> known_;                         // launched by this start, or inherited before the latest launch
+  std::map<std::string, std::string> variables_;  // the applications' environment
   std::vector<std::pair<std::string, std::string>> exported_;  // what start prints, in order
 };
 

@@ -292,7 +292,9 @@ struct AtspiAccessibility::State {
         const double left = std::max(area->x, up.extents->x), top = std::max(area->y, up.extents->y);
         const double right = std::min(area->x + area->width, up.extents->x + up.extents->width);
         const double bottom = std::min(area->y + area->height, up.extents->y + up.extents->height);
-        area = AxRect{left, top, std::max(right - left, 0.0), std::max(bottom - top, 0.0)};
+        // An ancestor that does not overlap at all tells its frame in other
+        // coordinates (LibreOffice's panels do): it clips nothing.
+        if (right > left && bottom > top) area = AxRect{left, top, right - left, bottom - top};
       }
       if (isWindowRole(up.role)) break;
       parent = up.parent;
