@@ -18,11 +18,11 @@
 #include <sstream>
 #include <thread>
 
-#include "client/process_family.h"
 #include "core/errors.h"
 #include "platform/headless_desktop.h"
 #include "platform/linux/atspi_bus.h"
 #include "platform/linux/gdbus_call.h"
+#include "platform/linux/process_family.h"
 
 // Last: its macros (None, Bool, Status) clash with names in the headers above.
 #include <X11/Xatom.h>
@@ -261,7 +261,7 @@ class DesktopStart {
 
   Recorded launch(const std::vector<std::string>& words, const std::string& name, int handOver = -1) {
     // What came to this process until now belongs to earlier launches.
-    for (const auto& [child, parent] : processParents())
+    for (const auto& [child, parent] : lx::processParents())
       if (parent == ::getpid()) known_.insert(child);
     const pid_t pid = spawn(words, variables_, logOf(name), handOver);
     known_.insert(pid);
@@ -377,7 +377,7 @@ class DesktopStart {
   // The launched process and what it led to, without what this start
   // launched besides or had inherited before the launch.
   std::set<pid_t> familyOf(pid_t launched) const {
-    return processFamily(launched, processParents(), ::getpid(), known_);
+    return lx::processFamily(launched, lx::processParents(), ::getpid(), known_);
   }
 
   fs::path folder_;

@@ -66,6 +66,9 @@ std::optional<platform::RunningApplication> AppLookup::byName(const std::string&
       nameCache_[key] = app.pid;
       return app;
     }
+  // No application of that name: a window of that title names its process.
+  if (auto owner = workspace_.windowOwner(key))
+    if (auto app = workspace_.application(*owner)) return app;
   return std::nullopt;
 }
 

@@ -85,6 +85,14 @@ class Workspace {
   /// The process that draws the open and save panels of `pid`, where the
   /// platform runs them in a process of their own; absent otherwise.
   virtual std::optional<std::int32_t> filePanelProcess(std::int32_t pid) = 0;
+  /// The process of a window whose title holds `text`, case aside: one
+  /// process may show many documents under names of their own, as
+  /// LibreOffice does ("Budget.ods - LibreOffice Calc"). Absent where the
+  /// platform has no such list.
+  virtual std::optional<std::int32_t> windowOwner(const std::string& text) {
+    (void)text;
+    return std::nullopt;
+  }
 };
 
 }  // namespace glimmerstrand::platform

@@ -10,9 +10,11 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include "platform/linux/process_family.h"
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <climits>
@@ -410,6 +412,7 @@ void LinuxWorkspace::launch(const LaunchRequest& request, OpenCompletion done) {
     done(OpenOutcome{std::nullopt, std::string("アプリケーションが見つかりません")});
     return;
   }
+  const auto before = windowIds();
   auto pid = spawn(command);
   if (!pid) {
     done(OpenOutcome{std::nullopt, std::string("起動できませんでした: ") + command[0]});
@@ -417,21 +420,58 @@ void LinuxWorkspace::launch(const LaunchRequest& request, OpenCompletion done) {
   }
   // Done when the application shows itself on the accessibility bus; waited
   // for on a thread of its own, as the application may take its time.
-  std::thread([this, pid = *pid, activates = request.activates, done = std::move(done)] {
+  std::thread([this, pid = *pid, before, activates = request.activates, done = std::move(done)] {
     const auto deadline = std::chrono::steady_clock::now() + launchLimit;
     while (std::chrono::steady_clock::now() < deadline) {
-      if (auto app = application(pid)) {
-        if (activates) activate(pid);
+      if (auto app = launchedApplication(pid, before)) {
+        if (activates) activate(app->pid);
         done(OpenOutcome{app, std::nullopt});
         return;
       }
-      if (!alive(pid)) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    // A launcher that handed over to a running copy, or an application
-    // without a tree: done, with no application known.
+    // An application without a tree: done, with no application known.
     done(OpenOutcome{});
   }).detach();
+}
+
+std::optional<std::int32_t> LinuxWorkspace::windowOwner(const std::string& text) {
+  auto lower = [](std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+    return s;
+  };
+  const std::string wanted = lower(text);
+  std::lock_guard guard(lock_);
+  if (!x_ || wanted.empty()) return std::nullopt;
+  for (const auto& w : clientWindows(x_))
+    if (w.pid > 0 && w.viewable && lower(w.title).find(wanted) != std::string::npos) return w.pid;
+  return std::nullopt;
+}
+
+std::set<XWindowId> LinuxWorkspace::windowIds() {
+  std::lock_guard guard(lock_);
+  std::set<XWindowId> ids;
+  if (x_)
+    for (const auto& w : clientWindows(x_)) ids.insert(w.window);
+  return ids;
+}
+
+std::optional<RunningApplication> LinuxWorkspace::launchedApplication(std::int32_t launcher,
+                                                                      const std::set<XWindowId>& before) {
+  const auto family = processFamily(launcher, processParents());
+  for (std::int32_t pid : family)
+    if (auto app = application(pid)) return app;
+  if (alive(launcher) || family.size() > 1) return std::nullopt;
+  std::vector<std::int32_t> owners;
+  {
+    std::lock_guard guard(lock_);
+    if (!x_) return std::nullopt;
+    for (const auto& w : clientWindows(x_))
+      if (!before.count(w.window) && w.pid > 0) owners.push_back(w.pid);
+  }
+  for (std::int32_t pid : owners)
+    if (auto app = application(pid)) return app;
+  return std::nullopt;
 }
 
 void LinuxWorkspace::openURL(const std::string& url, bool activates, OpenCompletion done) {

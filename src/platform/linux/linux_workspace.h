@@ -29,6 +29,7 @@ class LinuxWorkspace final : public Workspace {
 
   std::vector<RunningApplication> runningApplications() override;
   std::optional<RunningApplication> application(std::int32_t pid) override;
+  std::optional<std::int32_t> windowOwner(const std::string& text) override;
   std::optional<RunningApplication> frontmost() override;
   void observeActivation(std::function<void(const RunningApplication&)> callback) override;
   bool activate(std::int32_t pid) override;
@@ -45,6 +46,11 @@ class LinuxWorkspace final : public Workspace {
  private:
   RunningApplication recordOf(const BusApplication& app);
   std::optional<std::int32_t> frontPid();
+  std::set<XWindowId> windowIds();
+  /// The application a launch led to: the launched process or one it
+  /// started, else, once the launcher has ended, the owner of a window that
+  /// was not there before it (a running copy that took the launch over).
+  std::optional<RunningApplication> launchedApplication(std::int32_t launcher, const std::set<XWindowId>& before);
   bool watchActiveWindow();
   void activeWindowChanged();
   using ActivationCallback = std::function<void(const RunningApplication&)>;

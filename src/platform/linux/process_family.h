@@ -8,7 +8,7 @@
 #include <map>
 #include <set>
 
-namespace glimmerstrand::client {
+namespace glimmerstrand::platform::linux_desktop {
 
 /// Each running process's parent, by pid, as /proc tells it now.
 std::map<pid_t, pid_t> processParents();
@@ -19,4 +19,4 @@ std::map<pid_t, pid_t> processParents();
 std::set<pid_t> processFamily(pid_t root, const std::map<pid_t, pid_t>& parents, pid_t self = 0,
                               const std::set<pid_t>& known = {});
 
-}  // namespace glimmerstrand::client
+}  // namespace glimmerstrand::platform::linux_desktop

@@ -1,4 +1,4 @@
-#include "client/process_family.h"
+#include "platform/linux/process_family.h"
 
 #include <cctype>
 #include <cstdio>
@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace glimmerstrand::client {
+namespace glimmerstrand::platform::linux_desktop {
 
 std::map<pid_t, pid_t> processParents() {
   std::map<pid_t, pid_t> parents;
@@ -47,4 +47,4 @@ std::set<pid_t> processFamily(pid_t root, const std::map<pid_t, pid_t>& parents,
   return family;
 }
 
-}  // namespace glimmerstrand::client
+}  // namespace glimmerstrand::platform::linux_desktop
