@@ -120,6 +120,47 @@ export const tasks = [
     },
   },
   {
+    name: 'calc-sheet-saved-as-csv',
+    async run({ session, world }) {
+      const file = path.join(world.files, 'sums.csv');
+      const opened = await session.do(
+        null,
+        'CALL ui.open("LibreOffice Calc"); ' +
+          // A new profile greets with a tip of the day, as a sheet of the window.
+          'CALL ui.wait_for("MATCH (s:Sheet) RETURN s.name", 5000)',
+      );
+      if (rowsOf(opened, 2).length > 0)
+        await session.do('soffice', 'MATCH (s:Sheet)-[:CHILD*1..8]->(b:Button {name:"OK"}) SET b.pressed = true');
+      const cells = [
+        ['A1', '12'],
+        ['A2', '30'],
+        ['A3', '=A1+A2'],
+      ];
+      const filled = await session.do(
+        'soffice',
+        [
+          ...cells.map(([cell, value]) => `MATCH (c:Cell {name:"${cell}"}) SET c.value = ${quoted(value)}`),
+          'MATCH (c:Cell {name:"A3"}) RETURN c.value',
+        ].join('; '),
+      );
+      const sum = rowsOf(filled, cells.length + 1)[0]?.['c.value'];
+      check(sum === '42', `A3 reads ${sum}, not 42:\n${filled}`);
+      await session.do(
+        'soffice',
+        'CALL ui.key("ctrl+shift+s"); CALL ui.wait_for("MATCH (s:Sheet {name:\\"Save\\"}) RETURN s.id", 5000); ' +
+          `MATCH (s:Sheet)-[:CHILD*1..12]->(f:TextField) WHERE f.focused = true SET f.value = ${quoted(file)}; ` +
+          'CALL ui.key("return"); ' +
+          'CALL ui.wait_for("MATCH (b:Button {name:\\"Use Text CSV Format\\"}) RETURN b.id", 5000); ' +
+          `${press('Button', 'Use Text CSV Format')}; ` +
+          'CALL ui.wait_for("MATCH (s:Sheet {name:\\"Export Text File\\"}) RETURN s.id", 5000); ' +
+          'MATCH (s:Sheet {name:"Export Text File"})-[:CHILD*1..8]->(b:Button {name:"OK"}) SET b.pressed = true; ' +
+          'CALL ui.wait_for("MATCH (w:Window) WHERE w.name CONTAINS \\"sums.csv\\" RETURN w.name", 5000)',
+      );
+      const rows = fileText(file).trim().split('\n');
+      check(rows.join('|') === '12|30|42', `sums.csv holds ${quoted(fileText(file))}`);
+    },
+  },
+  {
     name: 'menu-changes-document',
     async run({ session, world }) {
       const file = path.join(world.files, 'note.txt');

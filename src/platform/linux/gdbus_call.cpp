@@ -34,6 +34,11 @@ Reply replyOf(GVariant* value, GError* raw) {
   return reply;
 }
 
+bool wellFormed(const Call& call) {
+  return g_dbus_is_name(call.bus.c_str()) && g_variant_is_object_path(call.path.c_str()) &&
+         g_dbus_is_interface_name(call.interface) && g_dbus_is_member_name(call.method);
+}
+
 // GDBus owns its arguments' floating references only; a Call keeps its own
 // reference, so hand over a fresh one each time.
 GVariant* argsOf(const Call& call) { return call.args ? g_variant_ref(call.args.get()) : nullptr; }
@@ -69,6 +74,8 @@ AxError translateError(const GError* error) {
 }
 
 Reply callSync(GDBusConnection* connection, const Call& call, int timeoutMs) {
+  if (!wellFormed(call))
+    return replyOf(nullptr, g_error_new_literal(G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT, "no such object"));
   GError* error = nullptr;
   GVariant* value = g_dbus_connection_call_sync(call.via ? call.via : connection, call.bus.c_str(), call.path.c_str(),
                                                 call.interface, call.method, argsOf(call), nullptr,
@@ -129,6 +136,14 @@ std::vector<Reply> callAll(GDBusConnection* connection, const std::vector<Call>&
   for (std::size_t k = 0; k < calls.size(); ++k) {
     pending[k] = Pending{&batch, k};
     const Call& call = calls[k];
+    // GDBus refuses a malformed call without ever calling back, which would
+    // leave the batch waiting for good: an element not (or no longer) on the
+    // bus has no valid name.
+    if (!wellFormed(call)) {
+      replies[k] = replyOf(nullptr, g_error_new_literal(G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_OBJECT, "no such object"));
+      --batch.remaining;
+      continue;
+    }
     g_dbus_connection_call(
         call.via ? call.via : connection, call.bus.c_str(), call.path.c_str(), call.interface, call.method,
         argsOf(call), nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, batch.cancellable,

@@ -258,6 +258,24 @@ TEST_F(FaultsTest, AnApplicationBackUnderANewBusNameIsFoundAtTheNextQuery) {
   EXPECT_GT(count(*client, byPid(pid)), 40);
 }
 
+TEST_F(FaultsTest, ACallToNoValidNameFailsAtOnceBesideOnesThatAnswer) {
+  Element app = platform_->accessibility().applicationElement(desktop_->pid("fault-plain"));
+  auto* e = app.as<AtspiElement>();
+  auto locale = [](const std::string& bus) {
+    return Call{bus, rootPath, "org.a11y.atspi.Application", "GetLocale", own(g_variant_new("(u)", 0u))};
+  };
+  std::vector<Call> calls;
+  calls.push_back(locale(e->bus()));
+  calls.push_back(locale(""));  // an application the registry has not named yet
+  calls.push_back(locale(e->bus()));
+  const auto replies = callAll(bus_->connection(), calls, 2000);
+  ASSERT_EQ(replies.size(), 3u);
+  EXPECT_TRUE(replies[0].ok());
+  EXPECT_EQ(replies[1].error, AxError::invalidElement);
+  EXPECT_TRUE(replies[2].ok());
+  EXPECT_EQ(callSync(bus_->connection(), locale(""), 2000).error, AxError::invalidElement);
+}
+
 TEST_F(FaultsTest, AMirrorGoesWhenItsApplicationEnds) {
   auto& ax = platform_->accessibility();
   native::Mirrors mirrors({ax, platform_->clock()}, platform_->workspace());
