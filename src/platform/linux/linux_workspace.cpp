@@ -458,9 +458,18 @@ std::set<XWindowId> LinuxWorkspace::windowIds() {
 
 std::optional<RunningApplication> LinuxWorkspace::launchedApplication(std::int32_t launcher,
                                                                       const std::set<XWindowId>& before) {
+  // Shown once it has a window: LibreOffice's first process on a new profile
+  // registers, then ends to be started again under another pid.
+  auto shown = [this](std::int32_t pid) -> std::optional<RunningApplication> {
+    auto app = application(pid);
+    if (!app) return std::nullopt;
+    auto windows = ax_.copy(ax_.applicationElement(pid), "AXChildren");
+    auto list = windows.get<AxList>();
+    return list && !list->empty() ? app : std::nullopt;
+  };
   const auto family = processFamily(launcher, processParents());
   for (std::int32_t pid : family)
-    if (auto app = application(pid)) return app;
+    if (auto app = shown(pid)) return app;
   if (alive(launcher) || family.size() > 1) return std::nullopt;
   std::vector<std::int32_t> owners;
   {
@@ -470,7 +479,7 @@ std::optional<RunningApplication> LinuxWorkspace::launchedApplication(std::int32
       if (!before.count(w.window) && w.pid > 0) owners.push_back(w.pid);
   }
   for (std::int32_t pid : owners)
-    if (auto app = application(pid)) return app;
+    if (auto app = shown(pid)) return app;
   return std::nullopt;
 }
 
