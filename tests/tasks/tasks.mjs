@@ -9,6 +9,9 @@ import { check, processEnded, rowsOf, TaskFailure } from './harness.mjs';
 
 const FORM = 'form_app.py';
 
+/** Prints the content.xml of an OpenDocument file (a zip). */
+const UNZIP_CONTENT = 'import sys, zipfile; print(zipfile.ZipFile(sys.argv[1]).read("content.xml").decode())';
+
 function press(label, name) {
   return `MATCH (b:${label} {name:${JSON.stringify(name)}}) SET b.pressed = true`;
 }
@@ -158,6 +161,35 @@ export const tasks = [
       );
       const rows = fileText(file).trim().split('\n');
       check(rows.join('|') === '12|30|42', `sums.csv holds ${quoted(fileText(file))}`);
+    },
+  },
+  {
+    name: 'writer-bold-paragraph-saved',
+    async run({ session, world }) {
+      const file = path.join(world.files, 'report.odt');
+      const opened = await session.do(
+        null,
+        'CALL ui.open("LibreOffice Writer"); CALL ui.wait_for("MATCH (s:Sheet) RETURN s.name", 5000)',
+      );
+      if (rowsOf(opened, 2).length > 0)
+        await session.do('soffice', 'MATCH (s:Sheet)-[:CHILD*1..8]->(b:Button {name:"OK"}) SET b.pressed = true');
+      const typed = await session.do(
+        'soffice',
+        'CALL ui.type("Quarterly report"); CALL ui.key("ctrl+a"); ' +
+          `${press('AppMenuItem', 'Bold')}; MATCH (b:CheckBox {name:"Bold"}) RETURN b.value`,
+      );
+      check(rowsOf(typed, 4)[0]?.['b.value'] === '1', `the text did not turn bold:\n${typed}`);
+      await session.do(
+        'soffice',
+        `${press('AppMenuItem', 'Save')}; CALL ui.wait_for("MATCH (s:Sheet {name:\\"Save\\"}) RETURN s.id", 5000); ` +
+          `MATCH (s:Sheet)-[:CHILD*1..12]->(f:TextField) SET f.value = ${quoted(file)}; ` +
+          'MATCH (s:Sheet)-[:CHILD*1..12]->(b:Button {name:"Save"}) SET b.pressed = true; ' +
+          'CALL ui.wait_for("MATCH (w:Window) WHERE w.name CONTAINS \\"report.odt\\" RETURN w.name", 5000)',
+      );
+      // The saved document, read by the system's own unzip of its content.
+      const content = world.run('/usr/bin/python3', ['-c', UNZIP_CONTENT, file]).stdout ?? '';
+      check(content.includes('Quarterly report'), 'report.odt does not hold the paragraph');
+      check(/fo:font-weight="bold"/.test(content), 'report.odt holds no bold text');
     },
   },
   {
