@@ -193,6 +193,42 @@ export const tasks = [
     },
   },
   {
+    name: 'impress-slide-title-saved',
+    async run({ session, world }) {
+      const file = path.join(world.files, 'roadmap.odp');
+      const opened = await session.do(
+        null,
+        'CALL ui.open("LibreOffice Impress"); CALL ui.wait_for("MATCH (s:Sheet) RETURN s.name", 5000)',
+      );
+      // A new profile offers templates, and perhaps a tip of the day.
+      for (let sheets = rowsOf(opened, 2).length; sheets > 0; ) {
+        const closed = await session.do(
+          'soffice',
+          'MATCH (s:Sheet)-[:CHILD*1..10]->(b:Button) WHERE b.name IN ["Close", "OK"] SET b.pressed = true; ' +
+            'MATCH (s:Sheet) RETURN s.name',
+        );
+        sheets = rowsOf(closed, 2).length;
+      }
+      // Return puts the selected title into editing before the keys come.
+      const titled = await session.do(
+        'soffice',
+        'CALL ui.click("PresentationTitle"); CALL ui.key("return"); CALL ui.type("Roadmap 2027"); CALL ui.key("escape"); ' +
+          'MATCH (g:Group {name:"PresentationTitle"})-[:CHILD]->(t) RETURN t.value',
+      );
+      const title = rowsOf(titled, 5)[0]?.['t.value'];
+      check(title === 'Roadmap 2027', `the title reads ${quoted(title)}:\n${titled}`);
+      await session.do(
+        'soffice',
+        `${press('AppMenuItem', 'Save')}; CALL ui.wait_for("MATCH (s:Sheet {name:\\"Save\\"}) RETURN s.id", 5000); ` +
+          `MATCH (s:Sheet)-[:CHILD*1..12]->(f:TextField) SET f.value = ${quoted(file)}; ` +
+          'MATCH (s:Sheet)-[:CHILD*1..12]->(b:Button {name:"Save"}) SET b.pressed = true; ' +
+          'CALL ui.wait_for("MATCH (w:Window) WHERE w.name CONTAINS \\"roadmap.odp\\" RETURN w.name", 5000)',
+      );
+      const content = world.run('/usr/bin/python3', ['-c', UNZIP_CONTENT, file]).stdout ?? '';
+      check(content.includes('Roadmap 2027'), 'roadmap.odp does not hold the title');
+    },
+  },
+  {
     name: 'menu-changes-document',
     async run({ session, world }) {
       const file = path.join(world.files, 'note.txt');
