@@ -9,6 +9,13 @@ import { check, processEnded, rowsOf, TaskFailure } from './harness.mjs';
 
 const FORM = 'form_app.py';
 
+/** Quits LibreOffice, whose one process holds every document, so that the next task starts it anew. */
+async function quitOffice(session) {
+  const quit = await session.do('soffice', 'CALL ui.apps(); CALL ui.quit("soffice")');
+  const pid = Number(rowsOf(quit, 1).find((row) => row.name === 'soffice')?.pid);
+  check(pid > 0 && (await processEnded(pid, 20_000)), `LibreOffice still runs after ui.quit:\n${quit}`);
+}
+
 /** Prints the content.xml of an OpenDocument file (a zip). */
 const UNZIP_CONTENT = 'import sys, zipfile; print(zipfile.ZipFile(sys.argv[1]).read("content.xml").decode())';
 
@@ -161,6 +168,7 @@ export const tasks = [
       );
       const rows = fileText(file).trim().split('\n');
       check(rows.join('|') === '12|30|42', `sums.csv holds ${quoted(fileText(file))}`);
+      await quitOffice(session);
     },
   },
   {
@@ -190,6 +198,7 @@ export const tasks = [
       const content = world.run('/usr/bin/python3', ['-c', UNZIP_CONTENT, file]).stdout ?? '';
       check(content.includes('Quarterly report'), 'report.odt does not hold the paragraph');
       check(/fo:font-weight="bold"/.test(content), 'report.odt holds no bold text');
+      await quitOffice(session);
     },
   },
   {
@@ -226,6 +235,7 @@ export const tasks = [
       );
       const content = world.run('/usr/bin/python3', ['-c', UNZIP_CONTENT, file]).stdout ?? '';
       check(content.includes('Roadmap 2027'), 'roadmap.odp does not hold the title');
+      await quitOffice(session);
     },
   },
   {
