@@ -78,10 +78,15 @@ std::optional<std::string> daemonVersion(const DaemonPaths& paths) {
 
 DaemonFacts factsOf(const Connection& connection, const DaemonPaths& paths) {
   DaemonFacts facts{connection.peerPid(), daemonVersion(paths), "unknown", paths.log().string(), paths};
+  facts.instance = platform::instanceName(platform::processEnvironmentValue).value_or("default");
   if (auto environment = processEnvironment(facts.pid)) {
-    const auto platform = environmentValue(*environment, "GLIMMERSTRAND_PLATFORM");
-    facts.platform = platform.empty() ? "linux (GLIMMERSTRAND_PLATFORM unset)" : platform;
+    const auto chosen = environmentValue(*environment, "GLIMMERSTRAND_PLATFORM");
+    facts.platform = chosen.empty() ? "linux (GLIMMERSTRAND_PLATFORM unset)" : chosen;
     if (environment->count("INVOCATION_ID")) facts.log = "the journal: journalctl --user -u glimmerstrand";
+    if (chosen != "sim") {
+      const auto folder = desktopFolder(platform::processEnvironmentValue);
+      facts.display = displayText(*environment, runningDesktopEnvironment(folder), folder.string());
+    }
   }
   return facts;
 }
