@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "client/http_access.h"
 #include "core/errors.h"
 
 namespace glimmerstrand::client {
@@ -39,6 +40,7 @@ void checkOptions(const Invocation& invocation, const CommandInfo& command) {
   if (invocation.http && !command.takesHttp) usageError("option --http does not apply to '" + name + "'");
   if (invocation.tokenFile && !command.takesHttp) usageError("option --token-file does not apply to '" + name + "'");
   if (invocation.tokenFile && !invocation.http) usageError("option --token-file needs --http");
+  if (invocation.http) parseListenAddress(*invocation.http);  // throws the usage error
 }
 
 // desktop start [--wm | --no-wm] [APP...] | stop | status
