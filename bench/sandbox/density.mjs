@@ -182,6 +182,7 @@ class Sandbox {
     }
     spawnSync(client, ['stop'], { env: this.environment, stdio: 'ignore' });
     spawnSync(client, ['desktop', 'stop'], { env: this.environment, stdio: 'ignore' });
+    if (this.desktop) rmSync(this.desktop.GLIMMERSTRAND_DESKTOP_DIR, { recursive: true, force: true });
   }
 }
 

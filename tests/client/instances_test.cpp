@@ -43,6 +43,8 @@ TEST(Instances, TwoDesktopsAndDaemonsSideBySideTouchNothingOfEachOther) {
       for (const auto& instance : instances) {
         client.run({"stop"}, "", as(instance));
         client.run({"desktop", "stop"}, "", as(instance));
+        if (auto folder = instance.exported.find("GLIMMERSTRAND_DESKTOP_DIR"); folder != instance.exported.end())
+          std::filesystem::remove_all(folder->second);  // its logs: the folder is the test's own
       }
     }
   } cleanup{client, instances, as};
