@@ -235,8 +235,9 @@ class HttpConnection {
 
   /// The reply's headers and body, as one text.
   std::string post(const std::string& body, const std::string& session = "") {
-    std::string request = "POST /mcp HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer bench\r\n"
-                          "Content-Type: application/json\r\nAccept: application/json, text/event-stream\r\n";
+    std::string request =
+        "POST /mcp HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer bench\r\n"
+        "Content-Type: application/json\r\nAccept: application/json, text/event-stream\r\n";
     if (!session.empty()) request += "Mcp-Session-Id: " + session + "\r\nMCP-Protocol-Version: 2025-11-25\r\n";
     request += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
     if (::send(fd_, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) return "";
@@ -266,9 +267,9 @@ void BM_DoReadOverHttp(benchmark::State& state) {
   HttpBridge bridge;
   HttpConnection connection(bridge.port());
   if (!bridge.port() || !connection.connected()) return state.SkipWithError("no mcp --http");
-  const std::string initialized = connection.post(
-      R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-11-25",)"
-      R"("capabilities":{},"clientInfo":{"name":"bench","version":"1"}}})");
+  const std::string initialized =
+      connection.post(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-11-25",)"
+                      R"("capabilities":{},"clientInfo":{"name":"bench","version":"1"}}})");
   static const std::regex id(R"(Mcp-Session-Id: (\w+))", std::regex::icase);
   std::smatch match;
   if (!std::regex_search(initialized, match, id)) return state.SkipWithError(initialized.c_str());
