@@ -2,8 +2,12 @@
 _glimmerstrand() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]}
   local commands="do query status doctor ping skill mcp stop restart desktop help"
-  if [[ $prev == --app ]]; then
-    return 0  # an application name: nothing to offer
+  if [[ $prev == --app || $prev == --http ]]; then
+    return 0  # an application name, an address: nothing to offer
+  fi
+  if [[ $prev == --token-file ]]; then
+    COMPREPLY=($(compgen -f -- "$cur"))
+    return 0
   fi
   local word command=
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
@@ -14,6 +18,7 @@ _glimmerstrand() {
     case $command in
       do|query) options+=" --app --json" ;;
       status|doctor|ping|skill) options+=" --json" ;;
+      mcp) options+=" --http --token-file" ;;
       '') options+=" --app --json" ;;
     esac
     COMPREPLY=($(compgen -W "$options" -- "$cur"))

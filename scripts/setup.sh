@@ -6,6 +6,8 @@ packages=(
   libicu-dev nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev uuid-dev
   libatspi2.0-dev libglib2.0-dev libx11-dev libxtst-dev libpng-dev libturbojpeg0-dev libjpeg62-turbo-dev
   libxext-dev libxcomposite-dev libxrandr-dev libxfixes-dev libssl-dev clang
+  # the HTTP server of glimmerstrand mcp --http; the sandbox test builds a root and asks it over HTTP
+  libmicrohttpd-dev debootstrap curl iproute2 util-linux procps
   nodejs xvfb dbus dbus-x11 at-spi2-core libglib2.0-bin x11-utils xdg-utils openbox
   # the install tests check the user unit and the man page with the real tools
   systemd groff-base

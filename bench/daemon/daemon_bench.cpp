@@ -1,10 +1,23 @@
 // What an agent waits for: a statement's round trip through the daemon's
-// socket. The daemon runs on a simulated desktop with one application of
-// 10,000 elements, unchanged between reads. Beside it, the same press and
-// settle straight over the line protocol, timed by the operations' own
-// figures: the part of a write's round trip that is the application's.
+// socket, and through MCP over HTTP from outside a sandbox. The daemon runs
+// on a simulated desktop with one application of 10,000 elements, unchanged
+// between reads. Beside it, the same press and settle straight over the line
+// protocol, timed by the operations' own figures: the part of a write's round
+// trip that is the application's.
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <regex>
+#include <thread>
+#include <vector>
 
 #include <filesystem>
 #include <fstream>
@@ -154,5 +167,128 @@ BENCHMARK(BM_PressSettle)
     ->Iterations(30)
     ->Repetitions(3)
     ->ReportAggregatesOnly(true);
+
+// `glimmerstrand mcp --http 127.0.0.1:0` on the big application, which
+// starts its daemon; ended by pid, with the daemon, at the end.
+class HttpBridge {
+ public:
+  HttpBridge() {
+    auto environment = folder_.environment();
+    environment["GLIMMERSTRAND_HTTP_TOKEN"] = "bench";
+    environment["HOME"] = folder_.path().string();
+    std::vector<std::string> entries;
+    for (const auto& [name, value] : environment) entries.push_back(name + "=" + value);
+    int output[2];
+    if (::pipe(output) != 0) return;
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(output[1], 2);
+      ::close(output[0]);
+      std::vector<char*> envp;
+      for (auto& entry : entries) envp.push_back(entry.data());
+      envp.push_back(nullptr);
+      const char* argv[] = {GLIMMERSTRAND_CLIENT_BINARY, "mcp", "--http", "127.0.0.1:0", nullptr};
+      ::execve(argv[0], const_cast<char**>(argv), envp.data());
+      ::_exit(127);
+    }
+    ::close(output[1]);
+    std::string said;
+    static const std::regex url(R"(MCP on http://127\.0\.0\.1:(\d+)/mcp)");
+    std::smatch match;
+    char buffer[512];
+    for (ssize_t n; !std::regex_search(said, match, url) && (n = ::read(output[0], buffer, sizeof buffer)) > 0;)
+      said.append(buffer, static_cast<std::size_t>(n));
+    ::close(output[0]);
+    if (std::regex_search(said, match, url)) port_ = static_cast<std::uint16_t>(std::stoi(match[1]));
+  }
+  ~HttpBridge() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGTERM);
+      ::waitpid(pid_, nullptr, 0);
+    }
+    // The daemon it started: stopped as the client stops it.
+    const std::string stop = "env XDG_STATE_HOME=" + folder_.path().string() + " " GLIMMERSTRAND_CLIENT_BINARY " stop";
+    if (std::system((stop + " >/dev/null").c_str()) != 0) return;
+  }
+  std::uint16_t port() const { return port_; }
+
+ private:
+  Folder folder_{"http-bench"};
+  pid_t pid_ = -1;
+  std::uint16_t port_ = 0;
+};
+
+// One kept-alive HTTP connection, one POST at a time.
+class HttpConnection {
+ public:
+  explicit HttpConnection(std::uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    const int on = 1;
+    ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  }
+  ~HttpConnection() { ::close(fd_); }
+  bool connected() const { return connected_; }
+
+  /// The reply's headers and body, as one text.
+  std::string post(const std::string& body, const std::string& session = "") {
+    std::string request =
+        "POST /mcp HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: Bearer bench\r\n"
+        "Content-Type: application/json\r\nAccept: application/json, text/event-stream\r\n";
+    if (!session.empty()) request += "Mcp-Session-Id: " + session + "\r\nMCP-Protocol-Version: 2025-11-25\r\n";
+    request += "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    if (::send(fd_, request.data(), request.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(request.size())) return "";
+    std::string reply;
+    char buffer[65536];
+    for (;;) {
+      const auto end = reply.find("\r\n\r\n");
+      if (end != std::string::npos) {
+        const auto length = reply.find("Content-Length: ");
+        const std::size_t size = length == std::string::npos ? 0 : std::stoul(reply.substr(length + 16));
+        if (reply.size() >= end + 4 + size) return reply;
+      }
+      const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+      if (n <= 0) return reply;
+      reply.append(buffer, static_cast<std::size_t>(n));
+    }
+  }
+
+ private:
+  int fd_;
+  bool connected_ = false;
+};
+
+// A `do` that reads, within one session, as an agent outside the sandbox
+// sends it. Each call's time goes into the median beside the mean.
+void BM_DoReadOverHttp(benchmark::State& state) {
+  HttpBridge bridge;
+  HttpConnection connection(bridge.port());
+  if (!bridge.port() || !connection.connected()) return state.SkipWithError("no mcp --http");
+  const std::string initialized =
+      connection.post(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-11-25",)"
+                      R"("capabilities":{},"clientInfo":{"name":"bench","version":"1"}}})");
+  static const std::regex id(R"(Mcp-Session-Id: (\w+))", std::regex::icase);
+  std::smatch match;
+  if (!std::regex_search(initialized, match, id)) return state.SkipWithError(initialized.c_str());
+  const std::string session = match[1];
+  const std::string read = R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"do","arguments":)"
+                           R"({"app":"Big","cypher":"MATCH (b:Button) RETURN b LIMIT 20"}}})";
+  const std::string first = connection.post(read, session);  // the first read makes the mirror
+  if (first.find("\"isError\"") != std::string::npos || first.find("200 OK") == std::string::npos)
+    return state.SkipWithError(first.c_str());
+  std::vector<double> calls;
+  for (auto _ : state) {
+    const auto started = std::chrono::steady_clock::now();
+    benchmark::DoNotOptimize(connection.post(read, session));
+    calls.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started).count());
+  }
+  std::sort(calls.begin(), calls.end());
+  state.counters["medianMs"] = calls[calls.size() / 2];
+  state.counters["p90Ms"] = calls[calls.size() * 9 / 10];
+}
+BENCHMARK(BM_DoReadOverHttp)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
 
 }  // namespace

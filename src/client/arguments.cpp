@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "client/http_access.h"
 #include "core/errors.h"
 
 namespace glimmerstrand::client {
@@ -36,6 +37,10 @@ void checkOptions(const Invocation& invocation, const CommandInfo& command) {
   const std::string name(command.name);
   if (invocation.app && !command.takesApp) usageError("option --app does not apply to '" + name + "'");
   if (invocation.json && !command.takesJson) usageError("option --json does not apply to '" + name + "'");
+  if (invocation.http && !command.takesHttp) usageError("option --http does not apply to '" + name + "'");
+  if (invocation.tokenFile && !command.takesHttp) usageError("option --token-file does not apply to '" + name + "'");
+  if (invocation.tokenFile && !invocation.http) usageError("option --token-file needs --http");
+  if (invocation.http) parseListenAddress(*invocation.http);  // throws the usage error
 }
 
 // desktop start [--wm | --no-wm] [APP...] | stop | status
@@ -91,10 +96,18 @@ const std::vector<CommandInfo>& commands() {
        false, false, true},
       {"ping", "", "check that the daemon answers", "", false, false, true},
       {"skill", "", "the usage text written for agents", "", false, false, true},
-      {"mcp", "", "serve MCP on standard input and output, for an agent host",
+      {"mcp", "[--http ADDRESS:PORT [--token-file FILE]]",
+       "serve MCP to an agent host, on standard input and output or HTTP",
        "An agent host launches this command: it speaks the Model Context Protocol on\n"
-       "standard input and output, with one tool, do.",
-       false, false, false},
+       "standard input and output, with one tool, do.\n"
+       "--http serves the protocol's Streamable HTTP transport instead, at\n"
+       "http://ADDRESS:PORT/mcp (a PORT alone listens on 127.0.0.1), for agent hosts\n"
+       "outside this machine or sandbox. Every request must carry the header\n"
+       "Authorization: Bearer TOKEN, where TOKEN is $GLIMMERSTRAND_HTTP_TOKEN, else the\n"
+       "contents of --token-file FILE, else the contents of http-token in the state\n"
+       "folder, made on first use (mode 0600). Requests from a web page of another\n"
+       "origin than this machine are refused.",
+       false, false, false, false, true},
       {"stop", "", "stop the daemon", "Stops the daemon that answers on the socket; nothing to do when none runs.",
        false, false, false},
       {"restart", "", "stop the daemon and start it with this command's settings",
@@ -146,6 +159,10 @@ Invocation parseArguments(const std::vector<std::string>& args) {
       invocation.json = true;
     else if (isOption(arg, "--app"))
       invocation.app = optionValue(args, k, "--app");
+    else if (isOption(arg, "--http"))
+      invocation.http = optionValue(args, k, "--http");
+    else if (isOption(arg, "--token-file"))
+      invocation.tokenFile = optionValue(args, k, "--token-file");
     else
       usageError("unknown option '" + arg + "'");
   }
@@ -189,6 +206,8 @@ std::string usageText() {
       "options:\n"
       "  --app APP, --app=APP  the application: a name, a bundle id, or pid:N (do, query)\n"
       "  --json                print the daemon's reply as JSON\n"
+      "  --http ADDRESS:PORT   serve MCP over HTTP there (mcp)\n"
+      "  --token-file FILE     the bearer token for --http, from FILE (mcp)\n"
       "  -h, --help            show this text; with a command, that command's help\n"
       "  --version             show the version\n"
       "\n"

@@ -19,6 +19,7 @@ struct CommandInfo {
   bool takesApp = false;
   bool takesJson = false;
   bool takesWords = false;  // the words after it are its own: options included
+  bool takesHttp = false;   // --http ADDRESS:PORT and --token-file FILE
 };
 
 /// Every command, in the order the usage text lists them.
@@ -31,7 +32,9 @@ struct Invocation {
   std::string command;
   std::optional<std::string> statements;  // do, query: the text, or "-" for standard input
   std::optional<std::string> app;
-  std::vector<std::string> words;  // desktop: its subcommand and what follows
+  std::vector<std::string> words;        // desktop: its subcommand and what follows
+  std::optional<std::string> http;       // mcp: serve MCP over HTTP on ADDRESS:PORT
+  std::optional<std::string> tokenFile;  // mcp --http: the file that holds the bearer token
   bool json = false;
   bool help = false;  // -h, --help, or the command `help`
   bool version = false;

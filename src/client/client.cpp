@@ -1,5 +1,6 @@
 #include "client/client.h"
 
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include "client/arguments.h"
 #include "client/daemon_process.h"
 #include "client/desktop.h"
+#include "client/mcp_http.h"
 #include "client/reports.h"
 #include "core/errors.h"
 #include "core/json_value.h"
@@ -76,10 +78,15 @@ std::optional<std::string> daemonVersion(const DaemonPaths& paths) {
 
 DaemonFacts factsOf(const Connection& connection, const DaemonPaths& paths) {
   DaemonFacts facts{connection.peerPid(), daemonVersion(paths), "unknown", paths.log().string(), paths};
+  facts.instance = platform::instanceName(platform::processEnvironmentValue).value_or("default");
   if (auto environment = processEnvironment(facts.pid)) {
-    const auto platform = environmentValue(*environment, "GLIMMERSTRAND_PLATFORM");
-    facts.platform = platform.empty() ? "linux (GLIMMERSTRAND_PLATFORM unset)" : platform;
+    const auto chosen = environmentValue(*environment, "GLIMMERSTRAND_PLATFORM");
+    facts.platform = chosen.empty() ? "linux (GLIMMERSTRAND_PLATFORM unset)" : chosen;
     if (environment->count("INVOCATION_ID")) facts.log = "the journal: journalctl --user -u glimmerstrand";
+    if (chosen != "sim") {
+      const auto folder = desktopFolder(platform::processEnvironmentValue);
+      facts.display = displayText(*environment, runningDesktopEnvironment(folder), folder.string());
+    }
   }
   return facts;
 }
@@ -177,11 +184,37 @@ int bridgeMcp(const Connection& connection) {
   return 0;
 }
 
+// Serves MCP over HTTP until a signal ends it. Every session is a connection
+// to the daemon, so ending the process ends them all, and the daemon releases
+// their leases.
+int serveMcpOverHttp(const Invocation& invocation, const DaemonPaths& paths) {
+  const ListenAddress address = parseListenAddress(*invocation.http);
+  const TokenChoice token = chooseToken(platform::processEnvironmentValue, invocation.tokenFile, paths.stateFolder);
+  // Reached, or started, before any thread of this process runs.
+  reach(paths);
+  sigset_t stopping;
+  sigemptyset(&stopping);
+  for (int s : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&stopping, s);
+  pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+
+  McpHttpTransport transport([socket = paths.socket] { return DaemonLink::open(socket); }, {token.token});
+  const auto server = HttpServer::start(
+      address, [&](const HttpRequest& head) { return transport.screen(head); },
+      [&](const HttpRequest& request) { return transport.handle(request); });
+  std::cerr << "glimmerstrand: MCP on http://" << server->authority() << "/mcp for the daemon on " << paths.socket
+            << "; " << token.source << std::endl;
+  int received = 0;
+  sigwait(&stopping, &received);
+  std::_Exit(0);  // sessions' threads may be in calls: nothing waits for them
+}
+
 int runCommand(const Invocation& invocation) {
   if (invocation.command == "desktop") return runDesktopCommand(invocation.words);
   const auto paths = daemonPaths();
   if (invocation.command == "stop") return stop(paths);
   if (invocation.command == "restart") return restart(paths);
+  if (invocation.command == "mcp" && invocation.http) return serveMcpOverHttp(invocation, paths);
   const Connection connection = reach(paths);
   if (invocation.command == "mcp") return bridgeMcp(connection);
   if (invocation.command == "status" || invocation.command == "doctor") return report(connection, invocation, paths);

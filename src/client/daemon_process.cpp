@@ -20,6 +20,7 @@
 
 #include "core/errors.h"
 #include "core/json_value.h"
+#include "platform/headless_desktop.h"
 
 namespace glimmerstrand::client {
 namespace {
@@ -159,9 +160,7 @@ GlimmerstrandError startFailure(const DaemonPaths& paths, off_t logStart, int st
 DaemonPaths daemonPaths() { return daemonPaths(environment); }
 
 DaemonPaths daemonPaths(const Environment& environment) {
-  fs::path state = environment("XDG_STATE_HOME")
-                       ? fs::path(*environment("XDG_STATE_HOME")) / "glimmerstrand"
-                       : fs::path(environment("HOME").value_or("/tmp")) / ".local/state/glimmerstrand";
+  const fs::path state = platform::daemonStateFolder(environment);
   const auto socket = environment("GLIMMERSTRAND_SOCKET");
   const bool bundled = environment("GLIMMERSTRAND_BUNDLED") == "1";
   return {state, socket && !bundled ? *socket : (state / "glimmerstrand.sock").string()};

@@ -70,8 +70,15 @@ std::string versionLine(const DaemonFacts& facts) {
 }
 
 std::string placesText(const DaemonFacts& facts) {
-  return labelled("socket", facts.paths.socket) + labelled("state folder", facts.paths.stateFolder.string()) +
+  std::string text = labelled("instance", facts.instance);
+  if (!facts.display.empty()) text += labelled("display", facts.display);
+  return text + labelled("socket", facts.paths.socket) + labelled("state folder", facts.paths.stateFolder.string()) +
          labelled("log", facts.log);
+}
+
+std::string valueOf(const std::map<std::string, std::string>& environment, const std::string& name) {
+  auto found = environment.find(name);
+  return found == environment.end() ? "" : found->second;
 }
 
 std::string errorMessage(const JSONValue& reply) {
@@ -105,6 +112,19 @@ std::string mirrorsText(const JSONValue& result) {
 }
 
 }  // namespace
+
+std::string displayText(const std::map<std::string, std::string>& daemonEnvironment,
+                        const std::optional<std::map<std::string, std::string>>& desktopEnvironment,
+                        const std::string& desktopFolder) {
+  const std::string own = valueOf(daemonEnvironment, "DISPLAY");
+  const std::string wayland = valueOf(daemonEnvironment, "WAYLAND_DISPLAY");
+  const std::string desktop = desktopEnvironment ? valueOf(*desktopEnvironment, "DISPLAY") : "";
+  if (!desktop.empty() && wayland.empty() && (own.empty() || own == desktop))
+    return desktop + ", the headless desktop in " + desktopFolder;
+  if (!wayland.empty()) return "Wayland " + wayland + (own.empty() ? "" : ", X " + own) + ", its own";
+  if (!own.empty()) return own + ", its own";
+  return "none: it has none of its own, and no headless desktop runs in " + desktopFolder;
+}
 
 int replyStatus(const JSONValue& reply) {
   const JSONValue* result = reply.find("result");

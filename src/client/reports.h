@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <map>
 #include <optional>
 #include <string>
 
@@ -19,7 +20,16 @@ struct DaemonFacts {
   std::string platform;                // the platform setting it was started with
   std::string log;                     // where its log goes
   DaemonPaths paths;
+  std::string instance = "default";  // GLIMMERSTRAND_INSTANCE, the one of several side by side
+  std::string display = "";          // the display it works on, and whose desktop that is
 };
+
+/// The display a daemon works on, told from its environment at start and the
+/// headless desktop of its instance: a daemon without a display of its own
+/// takes that desktop's.
+std::string displayText(const std::map<std::string, std::string>& daemonEnvironment,
+                        const std::optional<std::map<std::string, std::string>>& desktopEnvironment,
+                        const std::string& desktopFolder);
 
 /// 0 when the reply is ok and no statement failed, else 1.
 int replyStatus(const core::JSONValue& reply);

@@ -15,17 +15,13 @@
 
 #include "core/errors.h"
 #include "native/native_backend.h"
+#include "platform/headless_desktop.h"
 #include "server/daemon_server.h"
 #include "server/settings.h"
 
 namespace glimmerstrand::native {
 
-std::filesystem::path stateFolder() {
-  if (const char* state = std::getenv("XDG_STATE_HOME"); state && *state)
-    return std::filesystem::path(state) / "glimmerstrand";
-  const char* home = std::getenv("HOME");
-  return std::filesystem::path(home && *home ? home : "/tmp") / ".local/state/glimmerstrand";
-}
+std::filesystem::path stateFolder() { return platform::daemonStateFolder(platform::processEnvironmentValue); }
 
 bool probeSocket(const std::string& path, int timeoutMs) {
   sockaddr_un address{};
@@ -72,7 +68,12 @@ sigset_t shutdownSignals() {
 int runDaemon(DaemonParts parts) {
   const auto settings = server::currentSettings();
   const auto log = server::makeLog("daemon", settings.logLevel);
-  const auto state = stateFolder();
+  std::filesystem::path state;
+  try {
+    state = stateFolder();
+  } catch (const std::invalid_argument& e) {
+    return fail(log, "状態フォルダを決められませんでした", {{"error", e.what()}});
+  }
   const std::string socketPath =
       !settings.bundled && settings.socketPath ? *settings.socketPath : (state / "glimmerstrand.sock").string();
   ::umask(0077);

@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 
 namespace glimmerstrand::platform {
 namespace {
@@ -48,14 +50,36 @@ std::optional<std::string> processEnvironmentValue(const char* name) {
   return std::string(value);
 }
 
+std::optional<std::string> instanceName(const Environment& environment) {
+  auto name = environment("GLIMMERSTRAND_INSTANCE");
+  if (!name) return std::nullopt;
+  // It ends folder names: nothing that leaves the folder or hides the file.
+  const bool plain = name->size() <= 32 && name->front() != '.' &&
+                     std::all_of(name->begin(), name->end(),
+                                 [](unsigned char c) { return std::isalnum(c) || c == '-' || c == '_' || c == '.'; });
+  if (!plain)
+    throw std::invalid_argument("GLIMMERSTRAND_INSTANCE must be 1 to 32 letters, digits, '-', '_' or '.', not '" +
+                                *name + "'");
+  return name;
+}
+
 fs::path headlessDesktopFolder(const Environment& environment) {
   if (auto given = environment("GLIMMERSTRAND_DESKTOP_DIR")) return *given;
+  const auto instance = instanceName(environment);
+  const std::string suffix = instance ? "-" + *instance : "";
   const std::string user = std::to_string(::getuid());
   const fs::path runtime = "/run/user/" + user;
   std::error_code error;
   if (fs::is_directory(runtime, error) && ::access(runtime.c_str(), W_OK) == 0)
-    return runtime / "glimmerstrand-desktop";
-  return "/tmp/glimmerstrand-desktop-" + user;
+    return runtime / ("glimmerstrand-desktop" + suffix);
+  return "/tmp/glimmerstrand-desktop-" + user + suffix;
+}
+
+fs::path daemonStateFolder(const Environment& environment) {
+  const fs::path base = environment("XDG_STATE_HOME") ? fs::path(*environment("XDG_STATE_HOME"))
+                                                      : fs::path(environment("HOME").value_or("/tmp")) / ".local/state";
+  const auto instance = instanceName(environment);
+  return base / (instance ? "glimmerstrand-" + *instance : "glimmerstrand");
 }
 
 fs::path desktopRecordsFile(const fs::path& folder) { return folder / "pids"; }

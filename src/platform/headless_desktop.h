@@ -26,10 +26,22 @@ using Environment = std::function<std::optional<std::string>(const char*)>;
 /// The process's own environment.
 std::optional<std::string> processEnvironmentValue(const char* name);
 
+/// $GLIMMERSTRAND_INSTANCE: the name of one of several desktops and daemons of
+/// this user side by side on one host, each with its own folders (so its own
+/// display, buses, socket and log); none for the one by default. Throws
+/// std::invalid_argument for a name that is not 1 to 32 letters, digits, '-',
+/// '_' or '.', or that starts with '.'.
+std::optional<std::string> instanceName(const Environment& environment);
+
 /// $GLIMMERSTRAND_DESKTOP_DIR, else a folder of this user's under
-/// /run/user/UID or /tmp. Not taken from XDG_RUNTIME_DIR: the desktop's own
-/// environment changes that, and `stop` after an eval must find the same folder.
+/// /run/user/UID or /tmp, with the instance's name at its end. Not taken from
+/// XDG_RUNTIME_DIR: the desktop's own environment changes that, and `stop`
+/// after an eval must find the same folder.
 std::filesystem::path headlessDesktopFolder(const Environment& environment);
+
+/// The daemon's state folder: $XDG_STATE_HOME/glimmerstrand (else
+/// ~/.local/state/glimmerstrand), with "-" and the instance's name at its end.
+std::filesystem::path daemonStateFolder(const Environment& environment);
 
 /// One recorded process of a desktop; the start time, in clock ticks since
 /// boot, tells it from a later process that reuses the pid.

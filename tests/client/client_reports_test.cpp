@@ -6,6 +6,7 @@
 #include "client/client_process.h"
 #include "client/daemon_process.h"
 #include "client/reports.h"
+#include "platform/headless_desktop.h"
 
 namespace glimmerstrand::client {
 namespace {
@@ -68,6 +69,58 @@ TEST(Reports, ADaemonOfAnotherVersionIsToldToRestart) {
   EXPECT_NE(
       doctorText(old, parseJSON(R"({"ok":true,"result":{}})")).find("runs version 0.0.1; run: glimmerstrand restart"),
       std::string::npos);
+}
+
+TEST(Reports, StatusNamesTheInstanceAndItsDisplay) {
+  auto named = facts();
+  named.instance = "task-7";
+  named.display = ":12, the headless desktop in /run/user/0/glimmerstrand-desktop-task-7";
+  const auto text = statusText(named, parseJSON(R"({"ok":true,"result":{}})"), parseJSON(R"({"ok":true,"result":{}})"));
+  EXPECT_NE(text.find("instance      task-7\ndisplay       :12, the headless desktop in "
+                      "/run/user/0/glimmerstrand-desktop-task-7\nsocket        /s/glimmerstrand.sock\n"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(doctorText(named, parseJSON(R"({"ok":true,"result":{}})")).find("instance      task-7\n"),
+            std::string::npos);
+}
+
+TEST(Reports, TheDisplayIsTheDaemonsOwnOrItsInstancesDesktops) {
+  using Variables = std::map<std::string, std::string>;
+  const Variables desktop{{"DISPLAY", ":5"}};
+  struct Case {
+    Variables daemon;
+    std::optional<Variables> desktop;
+    std::string text;
+  };
+  const std::vector<Case> cases{
+      {{}, desktop, ":5, the headless desktop in /d"},
+      {{{"DISPLAY", ":5"}}, desktop, ":5, the headless desktop in /d"},  // taken from it by the client
+      {{{"DISPLAY", ":0"}}, desktop, ":0, its own"},
+      {{{"DISPLAY", ":0"}}, std::nullopt, ":0, its own"},
+      {{{"WAYLAND_DISPLAY", "wayland-0"}}, desktop, "Wayland wayland-0, its own"},
+      {{}, std::nullopt, "none: it has none of its own, and no headless desktop runs in /d"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(displayText(c.daemon, c.desktop, "/d"), c.text);
+}
+
+TEST(Instances, EachInstanceHasFoldersOfItsOwn) {
+  const auto environment = [](std::map<std::string, std::string> variables) {
+    return [variables](const char* name) -> std::optional<std::string> {
+      auto found = variables.find(name);
+      if (found == variables.end()) return std::nullopt;
+      return found->second;
+    };
+  };
+  const auto plain = environment({{"XDG_STATE_HOME", "/s"}, {"GLIMMERSTRAND_DESKTOP_DIR", "/d"}});
+  const auto named = environment({{"XDG_STATE_HOME", "/s"}, {"GLIMMERSTRAND_INSTANCE", "task-7"}});
+  EXPECT_EQ(daemonPaths(plain).socket, "/s/glimmerstrand/glimmerstrand.sock");
+  EXPECT_EQ(daemonPaths(named).socket, "/s/glimmerstrand-task-7/glimmerstrand.sock");
+  EXPECT_EQ(daemonPaths(named).stateFolder, "/s/glimmerstrand-task-7");
+  const std::string desktop = platform::headlessDesktopFolder(named).filename();
+  EXPECT_TRUE(desktop.starts_with("glimmerstrand-desktop-") && desktop.ends_with("-task-7")) << desktop;
+  EXPECT_EQ(platform::headlessDesktopFolder(plain), "/d");  // a folder named outright stays
+  for (const char* bad : {"a/b", "..", ".hidden", "x y", "0123456789012345678901234567890123"})
+    EXPECT_THROW(daemonPaths(environment({{"GLIMMERSTRAND_INSTANCE", bad}})), std::invalid_argument) << bad;
 }
 
 TEST(Reports, DurationsReadInTheirLargestUnits) {

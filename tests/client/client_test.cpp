@@ -65,6 +65,9 @@ TEST_F(ClientTest, UsageIsAnsweredWithoutADaemon) {
       {{"status", "extra"}, "", 2, false, "glimmerstrand: unexpected argument 'extra'"},
       {{"status", "--app", "Calculator"}, "", 2, false, "glimmerstrand: option --app does not apply to 'status'"},
       {{"mcp", "--json"}, "", 2, false, "glimmerstrand: option --json does not apply to 'mcp'"},
+      {{"status", "--http", "8765"}, "", 2, false, "glimmerstrand: option --http does not apply to 'status'"},
+      {{"mcp", "--token-file", "t"}, "", 2, false, "glimmerstrand: option --token-file needs --http"},
+      {{"mcp", "--http=somewhere:http"}, "", 2, false, "glimmerstrand: --http wants ADDRESS:PORT"},
       {{"query", "RETURN 1", "--app="}, "", 2, false, "glimmerstrand: option --app needs a value"},
       {{"query", "RETURN 1", "--app"}, "", 2, false, "glimmerstrand: option --app needs a value"},
   };

@@ -1,6 +1,9 @@
 // The world a task runs in: a headless desktop of its own, a private home and
-// daemon, and MCP sessions made by the SDK's client launching `glimmerstrand mcp`.
-import { spawnSync } from 'node:child_process';
+// daemon, and MCP sessions made by the SDK's client: over standard input and
+// output, launching `glimmerstrand mcp`, or over HTTP, to one
+// `glimmerstrand mcp --http` that the world starts.
+import { spawn, spawnSync } from 'node:child_process';
+import { randomBytes } from 'node:crypto';
 import { mkdtempSync, mkdirSync, readFileSync, writeFileSync, rmSync, statSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
@@ -8,6 +11,7 @@ import { performance } from 'node:perf_hooks';
 
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
 import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { StreamableHTTPClientTransport } from '@modelcontextprotocol/sdk/client/streamableHttp.js';
 
 export class TaskFailure extends Error {}
 
@@ -54,18 +58,20 @@ export function rowsOf(text, n = 1) {
 
 /** One session's calls, counted into the running task's figures. */
 class Session {
-  constructor(client, figures) {
+  constructor(client, transport, figures) {
     this.client = client;
+    this.transport = transport;
     this.figures = figures;
+  }
+
+  /** The tool result of a `do` call, as it came. */
+  call(app, cypher) {
+    return this.client.callTool({ name: 'do', arguments: app ? { cypher, app } : { cypher } }, undefined, { timeout: 90_000 });
   }
 
   async do(app, cypher, { allowError = false } = {}) {
     const started = performance.now();
-    const result = await this.client.callTool(
-      { name: 'do', arguments: app ? { cypher, app } : { cypher } },
-      undefined,
-      { timeout: 90_000 },
-    );
+    const result = await this.call(app, cypher);
     const ms = performance.now() - started;
     const text = result.content.filter((item) => item.type === 'text').map((item) => item.text).join('\n');
     this.figures.calls += 1;
@@ -78,7 +84,14 @@ class Session {
     return text;
   }
 
-  close() {
+  /** Ends the session: over HTTP with DELETE, as a client that is done should. */
+  async close() {
+    if (this.transport instanceof StreamableHTTPClientTransport) await this.transport.terminateSession();
+    return this.client.close();
+  }
+
+  /** Goes away without a word, as a client that crashed: its connections just close. */
+  vanish() {
     return this.client.close();
   }
 }
@@ -129,7 +142,8 @@ function parseExports(output) {
  * them, by pid for the desktop and by `glimmerstrand stop` for the daemon.
  */
 export class World {
-  constructor({ repo, build, apps }) {
+  constructor({ repo, build, apps, transport = 'stdio' }) {
+    this.transport = transport;
     this.repo = repo;
     this.client = path.join(build, 'src', 'client', 'glimmerstrand');
     this.apps = apps;
@@ -172,22 +186,49 @@ export class World {
     this.environment = { ...base, ...this.desktop };
   }
 
+  /** Over HTTP: starts `glimmerstrand mcp --http` on a port of the system's choice, with a token of its own. */
+  async startHttp() {
+    this.token = randomBytes(24).toString('hex');
+    this.bridge = spawn(this.client, ['mcp', '--http', '127.0.0.1:0'], {
+      env: { ...this.environment, GLIMMERSTRAND_HTTP_TOKEN: this.token },
+      cwd: this.files,
+      stdio: ['ignore', 'ignore', 'pipe'],
+    });
+    let said = '';
+    this.url = await new Promise((resolve, reject) => {
+      this.bridge.stderr.on('data', (chunk) => {
+        said += chunk;
+        const url = /MCP on (http:\/\/\S+\/mcp)/.exec(said)?.[1];
+        if (url) resolve(new URL(url));
+      });
+      this.bridge.once('exit', (code) => reject(new Error(`glimmerstrand mcp --http ended (status ${code}): ${said}`)));
+    });
+  }
+
+  /** Plain HTTP to the bridge, for what the SDK never sends. */
+  post(headers, body) {
+    return fetch(this.url, { method: 'POST', headers: { 'content-type': 'application/json', ...headers }, body });
+  }
+
+  /** How many MCP sessions the daemon has now. */
+  daemonSessions() {
+    const status = spawnSync(this.client, ['--json', 'status'], { env: this.environment, encoding: 'utf8', timeout: 20_000 });
+    return JSON.parse(status.stdout).result.sessions;
+  }
+
   pidOf(name) {
     return Number(this.desktop[`GLIMMERSTRAND_PID_${name.replace(/[^A-Za-z0-9]/g, '_')}`]);
   }
 
-  /** A new MCP session: the SDK client launching the bridge, which starts or reaches the daemon. */
+  /** A new MCP session: the SDK client launching the bridge, which starts or reaches the daemon, or over HTTP. */
   async connect(figures) {
-    const transport = new StdioClientTransport({
-      command: this.client,
-      args: ['mcp'],
-      env: this.environment,
-      cwd: this.files,
-      stderr: 'inherit',
-    });
+    const transport =
+      this.transport === 'http'
+        ? new StreamableHTTPClientTransport(this.url, { requestInit: { headers: { Authorization: `Bearer ${this.token}` } } })
+        : new StdioClientTransport({ command: this.client, args: ['mcp'], env: this.environment, cwd: this.files, stderr: 'inherit' });
     const client = new Client({ name: 'glimmerstrand-tasks', version: '1.0.0' });
     await client.connect(transport);
-    const session = new Session(client, figures);
+    const session = new Session(client, transport, figures);
     this.sessions.add(session);
     return session;
   }
@@ -204,6 +245,11 @@ export class World {
 
   async close() {
     for (const session of [...this.sessions]) await this.closeSession(session).catch(() => {});
+    if (this.bridge && this.bridge.exitCode === null) {
+      const ended = new Promise((resolve) => this.bridge.once('exit', resolve));
+      this.bridge.kill('SIGTERM');
+      await ended;
+    }
     if (this.environment) spawnSync(this.client, ['stop'], { env: this.environment, stdio: 'ignore', timeout: 20_000 });
     if (this.desktopStarted)
       spawnSync('bash', [path.join(this.repo, 'scripts', 'desktop.sh'), 'stop'], {

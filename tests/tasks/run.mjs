@@ -1,7 +1,9 @@
 // Runs the agent tasks on real applications and writes what each cost.
 //
-//   node run.mjs [--build DIR] [--report FILE] [--only NAME,...]
+//   node run.mjs [--build DIR] [--report FILE] [--only NAME,...] [--transport stdio|http]
 //
+// Over HTTP (`glimmerstrand mcp --http` and the SDK's Streamable HTTP client)
+// the core tasks run, and those about HTTP alone.
 // Exits 1 when any task fails.
 import { mkdirSync, writeFileSync } from 'node:fs';
 import path from 'node:path';
@@ -19,10 +21,13 @@ const { values: options } = parseArgs({
     build: { type: 'string', default: path.join(repo, 'build', 'release') },
     report: { type: 'string' },
     only: { type: 'string' },
+    transport: { type: 'string', default: 'stdio' },
   },
 });
-const reportFile = options.report ?? path.join(options.build, 'tasks-report.json');
-const chosen = options.only ? tasks.filter((task) => options.only.split(',').includes(task.name)) : tasks;
+const overHttp = options.transport === 'http';
+const reportFile = options.report ?? path.join(options.build, overHttp ? 'tasks-http-report.json' : 'tasks-report.json');
+const forTransport = tasks.filter((task) => (overHttp ? task.core || task.http : !task.http));
+const chosen = options.only ? forTransport.filter((task) => options.only.split(',').includes(task.name)) : forTransport;
 const taskLimitMs = 90_000;
 
 const apps = ['galculator', 'gnome-calculator', 'gtk3-widget-factory', `/usr/bin/python3 ${path.join(repo, 'tests', 'platform', 'linux', 'data', 'form_app.py')}`];
@@ -110,7 +115,7 @@ const shareNote =
   'JSON-RPC, the SDK, and waits for another session\'s lease';
 
 async function main() {
-  const world = new World({ repo, build: options.build, apps });
+  const world = new World({ repo, build: options.build, apps, transport: options.transport });
   const stop = () => world.close().finally(() => process.exit(2));
   process.once('SIGINT', stop);
   process.once('SIGTERM', stop);
@@ -118,6 +123,7 @@ async function main() {
   const results = [];
   try {
     world.start();
+    if (overHttp) await world.startHttp();
     for (const task of chosen) {
       const result = await runTask(world, task);
       results.push(result);

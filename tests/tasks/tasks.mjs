@@ -53,9 +53,21 @@ function editorPid(text) {
   return Number(row.pid);
 }
 
+// Tasks marked `core` run over both transports; those marked `http` only over HTTP.
 export const tasks = [
   {
+    name: 'tools-list',
+    core: true,
+    async run({ session }) {
+      const { tools } = await session.client.listTools();
+      check(tools.length === 1 && tools[0].name === 'do', `the tools are ${JSON.stringify(tools.map((t) => t.name))}, not do alone`);
+      const schema = tools[0].inputSchema;
+      check(JSON.stringify(schema.required) === '["cypher","app"]', `do requires ${JSON.stringify(schema.required)}`);
+    },
+  },
+  {
     name: 'gtk3-calculator-sum',
+    core: true,
     async run({ session, world }) {
       const keys = ['AC', '1', '2', '+', '3', '4', '='].map((name) => press('CheckBox', name));
       const text = await session.do('galculator', [...keys, 'MATCH (t:TextArea) RETURN t.value'].join('; '));
@@ -375,7 +387,37 @@ export const tasks = [
     },
   },
   {
+    name: 'screenshot-image',
+    core: true,
+    async run({ session }) {
+      const result = await session.call('gtk3-widget-factory', 'CALL ui.screenshot()');
+      const [text, image] = result.content;
+      check(!result.isError && text?.type === 'text' && /^\(image \d+x\d+px/m.test(text.text), `no image line:\n${text?.text}`);
+      check(image?.type === 'image' && /^image\/(png|jpeg)$/.test(image.mimeType), `no image item after the text: ${image?.type}`);
+      const bytes = Buffer.from(image.data, 'base64');
+      const png = bytes.subarray(0, 4).equals(Buffer.from([0x89, 0x50, 0x4e, 0x47]));
+      const jpeg = bytes[0] === 0xff && bytes[1] === 0xd8;
+      check(png || jpeg, `the image's data is neither PNG nor JPEG (${bytes.length} bytes)`);
+      return { imageBytes: bytes.length };
+    },
+  },
+  {
+    name: 'statement-error',
+    core: true,
+    async run({ session }) {
+      const broken = await session.call('gtk3-widget-factory', 'MATCH (b:Button RETURN b');
+      const text = broken.content[0]?.text ?? '';
+      check(broken.isError === true && /^retry: /m.test(text), `a syntax error is no tool error with a retry hint:\n${text}`);
+      const appless = await session.call(null, 'MATCH (b:Button) RETURN b');
+      check(appless.isError === true && /Pass app on every call/.test(appless.content[0]?.text), 'a call without app was not refused');
+      // The session goes on after its errors.
+      const text2 = await session.do('gtk3-widget-factory', 'MATCH (c:CheckBox) RETURN count(c) AS boxes');
+      check(Number(rowsOf(text2, 1)[0]?.boxes) > 0, `no check boxes read after the errors:\n${text2}`);
+    },
+  },
+  {
     name: 'two-sessions-one-lease',
+    core: true,
     async run({ session, connect, world }) {
       const second = await connect();
       await session.do(FORM, 'MATCH (t:TextField) SET t.value = "first agent"');
@@ -393,6 +435,61 @@ export const tasks = [
       check(events[0].what === 'first closed', `the second session did not wait for the first's lease: ${events.map((e) => e.what).join(', ')}`);
       check(rowsOf(text, 1)[0]?.['t.value'] === 'first agent', `the second session read:\n${text}`);
       return { waitedMs: Math.round(events[1].at - events[0].at) };
+    },
+  },
+  {
+    name: 'http-refusals',
+    http: true,
+    async run({ world }) {
+      const initialize = JSON.stringify({
+        jsonrpc: '2.0',
+        id: 1,
+        method: 'initialize',
+        params: { protocolVersion: '2025-11-25', capabilities: {}, clientInfo: { name: 'probe', version: '1' } },
+      });
+      const accept = { accept: 'application/json, text/event-stream' };
+      const cases = [
+        ['no token', {}, 401],
+        ['a wrong token', { authorization: `Bearer ${world.token}x` }, 401],
+        ['a foreign origin', { authorization: `Bearer ${world.token}`, origin: 'http://attacker.example' }, 403],
+        ['the token', { authorization: `Bearer ${world.token}` }, 200],
+      ];
+      const before = world.daemonSessions();
+      for (const [name, headers, status] of cases) {
+        const response = await world.post({ ...accept, ...headers }, initialize);
+        await response.body?.cancel();
+        check(response.status === status, `${name}: ${response.status}, not ${status}`);
+        if (status === 200) {
+          const end = await fetch(world.url, {
+            method: 'DELETE',
+            headers: { authorization: `Bearer ${world.token}`, 'mcp-session-id': response.headers.get('mcp-session-id') },
+          });
+          check(end.status === 204, `DELETE of the session: ${end.status}`);
+        }
+      }
+      check(world.daemonSessions() <= before, 'a refused request left a session in the daemon');
+    },
+  },
+  {
+    name: 'http-vanishing-client',
+    http: true,
+    async run({ session, connect, world }) {
+      const other = await connect();
+      // The first client goes away while its call runs; the second wants the same application.
+      const abandoned = session.do(FORM, 'CALL ui.wait(3); MATCH (t:TextField) RETURN t.value').catch((e) => e);
+      await new Promise((resolve) => setTimeout(resolve, 500));
+      world.sessions.delete(session);
+      await session.vanish();
+      check((await abandoned) instanceof Error, 'the abandoned call still answered its client');
+      const text = await other.do(FORM, 'MATCH (t:TextField) RETURN t.value');
+      check(rowsOf(text, 1).length > 0, `the second client read nothing:\n${text}`);
+      // The vanished client's session on the daemon ends with its call, and with it its lease.
+      let sessions = world.daemonSessions();
+      for (let tries = 0; tries < 100 && sessions > 1; ++tries) {
+        await new Promise((resolve) => setTimeout(resolve, 100));
+        sessions = world.daemonSessions();
+      }
+      check(sessions === 1, `the daemon still has ${sessions} MCP sessions, not the second client's alone`);
     },
   },
 ];
