@@ -2,8 +2,11 @@
 // text editor (mousepad), a Qt calculator (speedcrunch), LibreOffice Calc, a GTK list of
 // 2,000 rows and a GTK tree view of 2,000 rows by 3 columns. Side by side,
 // per application:
-//   PerCallWalk   the tree read element by element, as a tool without a
-//                 mirror does on every call;
+//   NaiveWalk     every element read one call at a time, every child of
+//                 every container listed (but a sheet's 2^31 cells), as a
+//                 tool without a mirror walks on every call;
+//   PerCallWalk   the mirror's walk without its batching: element by
+//                 element, narrowed to the visible band;
 //   BulkRead      every element of the tree read in one pipelined batch,
 //                 with the list of elements already known: the floor;
 //   FirstWalk     the mirror's first full walk, batched by the prefetch hint;
@@ -73,6 +76,28 @@ native::WalkResult walk(Accessibility& ax, const Element& app) {
   return native::walkTree(ax, app, "window", native::AppMirror::maxDepth, native::AppMirror::maxNodes);
 }
 
+// One element's record, then each of its children, one call after another.
+std::size_t naiveWalk(GDBusConnection* connection, const ObjectRef& ref, int depth) {
+  namespace lx = platform::linux_desktop;
+  const auto parts = lx::basicPart | lx::extentsPart | lx::contentPart;
+  auto record = lx::readRecords(connection, {ref}, parts, 5000).front();
+  if (record.error != platform::AxError::success || depth > 60) return 1;
+  if (record.childCount <= 0 || record.childCount > 10000) return 1;
+  auto reply =
+      lx::callSync(connection, lx::Call{ref.bus, ref.path, "org.a11y.atspi.Accessible", "GetChildren", nullptr}, 5000);
+  std::size_t count = 1;
+  for (const auto& child : lx::objectRefs(lx::replyChild(reply))) count += naiveWalk(connection, child, depth + 1);
+  return count;
+}
+
+void BM_NaiveWalk(benchmark::State& state, const std::string& app) {
+  const Element root = desktop->app(app);
+  const auto* e = root.as<AtspiElement>();
+  std::size_t nodes = 0;
+  for (auto _ : state) nodes = naiveWalk(desktop->bus->connection(), ObjectRef{e->bus(), e->path()}, 0);
+  state.counters["nodes"] = static_cast<double>(nodes);
+}
+
 void BM_PerCallWalk(benchmark::State& state, const std::string& app) {
   NoPrefetch plain(desktop->ax());
   const Element root = desktop->app(app);
@@ -137,6 +162,31 @@ void BM_QueryOverSocket(benchmark::State& state, const std::string& app, const s
   std::filesystem::remove_all(folder);
 }
 
+// A write's round trip through the daemon's socket, from the request to the
+// report of what changed; `statement` holds {n}, replaced by a new number
+// each time.
+void BM_WriteOverSocket(benchmark::State& state, const std::string& app, const std::string& statement) {
+  const auto folder = std::filesystem::temp_directory_path() / ("walk-bench-w-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(folder);
+  auto environment = desktop->desktop.environment();
+  environment["GLIMMERSTRAND_PLATFORM"] = "linux";
+  environment["GLIMMERSTRAND_LOG_LEVEL"] = "silent";
+  environment["GLIMMERSTRAND_CURSOR"] = "0";
+  {
+    testing::DaemonClient daemon(GLIMMERSTRAND_NATIVE_BINARY, folder.string(), environment);
+    auto request = [&](std::int64_t n) {
+      std::string text = statement;
+      text.replace(text.find("{n}"), 3, std::to_string(n));
+      return R"({"operation":"do","params":{"app":")" + app + R"(","cypher":")" + text + R"("}})";
+    };
+    auto first = daemon.roundTrip(request(1));
+    if (first.find("\"ok\":true") == std::string::npos) state.SkipWithError(first.c_str());
+    std::int64_t n = 1;
+    for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(request(++n)));
+  }
+  std::filesystem::remove_all(folder);
+}
+
 void registerAll() {
   struct App {
     std::string name, field, query;
@@ -151,6 +201,7 @@ void registerAll() {
   };
   for (const auto& app : apps) {
     auto ms = [](benchmark::internal::Benchmark* b) { return b->Unit(benchmark::kMillisecond); };
+    ms(benchmark::RegisterBenchmark(("NaiveWalk/" + app.name).c_str(), BM_NaiveWalk, app.name))->Iterations(1);
     ms(benchmark::RegisterBenchmark(("PerCallWalk/" + app.name).c_str(), BM_PerCallWalk, app.name))
         ->Iterations(app.slowIterations);
     ms(benchmark::RegisterBenchmark(("BulkRead/" + app.name).c_str(), BM_BulkRead, app.name));
@@ -159,6 +210,10 @@ void registerAll() {
       ms(benchmark::RegisterBenchmark(("PartialWalk/" + app.name).c_str(), BM_PartialWalk, app.name, app.field));
     ms(benchmark::RegisterBenchmark(("QueryOverSocket/" + app.name).c_str(), BM_QueryOverSocket, app.name, app.query));
   }
+  benchmark::RegisterBenchmark("WriteOverSocket/soffice", BM_WriteOverSocket, "soffice",
+                               "MATCH (c:Cell {name:'B2'}) SET c.value = '{n}'")
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(5);
 }
 
 }  // namespace

@@ -81,16 +81,19 @@ DaemonLink::Answer DaemonLink::request(const std::string& line, const std::strin
     pollfd watched[2] = {{waiter.event, POLLIN, 0}, {client, POLLRDHUP, 0}};
     const int ready = ::poll(watched, client >= 0 ? 2 : 1, -1);
     if (ready < 0 && errno == EINTR) continue;
-    if (watched[0].revents) break;
+    // A client that hung up is gone even when its reply came at the same
+    // moment: nobody will read it, and its leases should go with the call.
     if (ready < 0 || watched[1].revents & (POLLRDHUP | POLLHUP | POLLERR)) {
       clientGone = true;
       break;
     }
+    if (watched[0].revents) break;
   }
   std::lock_guard guard(lock_);
   waiters_.erase(idKey);
+  if (clientGone) return {Outcome::clientGone, ""};
   if (waiter.reply) return {Outcome::replied, std::move(*waiter.reply)};
-  return {clientGone ? Outcome::clientGone : Outcome::lost, ""};
+  return {Outcome::lost, ""};
 }
 
 bool DaemonLink::post(const std::string& line) {
