@@ -82,7 +82,10 @@ std::size_t naiveWalk(GDBusConnection* connection, const ObjectRef& ref, int dep
   const auto parts = lx::basicPart | lx::extentsPart | lx::contentPart;
   auto record = lx::readRecords(connection, {ref}, parts, 5000).front();
   if (record.error != platform::AxError::success || depth > 60) return 1;
-  if (record.childCount <= 0 || record.childCount > 10000) return 1;
+  auto counted =
+      lx::callSync(connection, lx::propertyCall(ref.bus, ref.path, "org.a11y.atspi.Accessible", "ChildCount"), 5000);
+  const auto childCount = lx::int32Of(lx::replyChild(counted)).value_or(0);
+  if (childCount <= 0 || childCount > 10000) return 1;
   auto reply =
       lx::callSync(connection, lx::Call{ref.bus, ref.path, "org.a11y.atspi.Accessible", "GetChildren", nullptr}, 5000);
   std::size_t count = 1;
