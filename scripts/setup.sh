@@ -13,6 +13,9 @@ packages=(
   gtk-3-examples galculator mousepad gnome-calculator speedcrunch python3-gi gir1.2-gtk-3.0
   # editors whose dialogs, hidden widgets and background focus the tests check: GTK3, GTK4 and Qt
   gedit gnome-text-editor featherpad
+  # the Wayland desktop: a wlroots compositor run headless, our own Wayland client's libraries and
+  # generator, Qt's Wayland plugin, and a second clipboard client and screenshot tool the tests check ours against
+  sway libwayland-dev wayland-protocols libxkbcommon-dev qtwayland5 wl-clipboard grim
 )
 command -v npm >/dev/null || packages+=(npm)  # the agent task suite's MCP client comes from the npm registry
 missing=()

@@ -1,6 +1,6 @@
 // Runs the agent tasks on real applications and writes what each cost.
 //
-//   node run.mjs [--build DIR] [--report FILE] [--only NAME,...]
+//   node run.mjs [--build DIR] [--report FILE] [--only NAME,...] [--wayland sway]
 //
 // Exits 1 when any task fails.
 import { mkdirSync, writeFileSync } from 'node:fs';
@@ -19,6 +19,8 @@ const { values: options } = parseArgs({
     build: { type: 'string', default: path.join(repo, 'build', 'release') },
     report: { type: 'string' },
     only: { type: 'string' },
+    // A headless Wayland desktop on this compositor instead of X11.
+    wayland: { type: 'string' },
   },
 });
 const reportFile = options.report ?? path.join(options.build, 'tasks-report.json');
@@ -110,7 +112,7 @@ const shareNote =
   'JSON-RPC, the SDK, and waits for another session\'s lease';
 
 async function main() {
-  const world = new World({ repo, build: options.build, apps });
+  const world = new World({ repo, build: options.build, apps, wayland: options.wayland });
   const stop = () => world.close().finally(() => process.exit(2));
   process.once('SIGINT', stop);
   process.once('SIGTERM', stop);
