@@ -25,7 +25,7 @@ std::filesystem::path desktopFolder(const Environment& environment);
 /// What `desktop start` was asked for.
 struct DesktopRequest {
   bool windowManager = true;
-  std::string compositor;  // a Wayland compositor to run instead of an X server ("sway"); empty for X11
+  std::string compositor;                 // a Wayland compositor to run instead of an X server ("sway"); empty for X11
   std::vector<std::string> applications;  // each a command with optional arguments: "python3 form.py 20"
 };
 

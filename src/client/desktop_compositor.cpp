@@ -47,7 +47,9 @@ bool knownCompositor(const std::string& name) { return name == "sway"; }
 std::string swayConfiguration(int w, int h) {
   // Every output of the headless backend at the desktop's size; nothing
   // drawn but the windows; focus by click or by request only, so that the
-  // agent's pointer moves take it from nobody.
+  // agent's pointer moves take it from nobody. The headless backend draws
+  // the pointer into every frame, screenshots included: it is hidden once it
+  // rests, and the agent's own cursor shows where it acts.
   return "# The headless desktop of glimmerstrand desktop start.\n"
          "xwayland disable\n"
          "output * mode --custom " +
@@ -56,7 +58,8 @@ std::string swayConfiguration(int w, int h) {
          "default_border none\n"
          "default_floating_border none\n"
          "focus_follows_mouse no\n"
-         "mouse_warping none\n";
+         "mouse_warping none\n"
+         "seat * hide_cursor 100\n";
 }
 
 CompositorPlan planCompositor(const std::string& name, const fs::path& folder) {
@@ -77,12 +80,9 @@ CompositorPlan planCompositor(const std::string& name, const fs::path& folder) {
       fail("cannot give " + plan.runtime.string() + " to the compositor's user");
   }
   plan.command = {"sway", "--config", config.string()};
-  plan.environment = {{"XDG_RUNTIME_DIR", plan.runtime.string()},
-                      {"HOME", plan.runtime.string()},
-                      {"PATH", "/usr/local/bin:/usr/bin:/bin"},
-                      {"WLR_BACKENDS", "headless"},
-                      {"WLR_LIBINPUT_NO_DEVICES", "1"},
-                      {"WLR_RENDERER", "pixman"}};
+  plan.environment = {{"XDG_RUNTIME_DIR", plan.runtime.string()}, {"HOME", plan.runtime.string()},
+                      {"PATH", "/usr/local/bin:/usr/bin:/bin"},   {"WLR_BACKENDS", "headless"},
+                      {"WLR_LIBINPUT_NO_DEVICES", "1"},           {"WLR_RENDERER", "pixman"}};
   return plan;
 }
 
