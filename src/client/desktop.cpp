@@ -442,6 +442,7 @@ std::vector<DesktopProcess> stopDesktop(const fs::path& folder) {
   for (const auto& file :
        {platform::desktopRecordsFile(folder), platform::desktopEnvironmentFile(folder), folder / "bus"})
     fs::remove(file, error);
+  removeCompositorFolder(folder);
   return processes;
 }
 

@@ -66,24 +66,41 @@ CompositorPlan planCompositor(const std::string& name, const fs::path& folder) {
   if (!knownCompositor(name)) fail("未知のコンポジターです: " + name + " (sway が使えます)");
   CompositorPlan plan;
   plan.name = name;
-  plan.runtime = folder / "compositor";
-  fs::create_directories(plan.runtime);
+  removeCompositorFolder(folder);
+  if (::getuid() == 0) {
+    plan.runAs = unprivilegedUser();
+    // A folder of its user's own, which it reaches wherever the desktop's
+    // lies; the desktop's folder names it for stop.
+    std::string made = (fs::temp_directory_path() / "glimmerstrand-compositor-XXXXXX").string();
+    if (!::mkdtemp(made.data())) fail("cannot make a folder for " + name + " in " + fs::temp_directory_path().string());
+    plan.runtime = made;
+    fs::create_symlink(plan.runtime, folder / "compositor");
+  } else {
+    plan.runtime = folder / "compositor";
+    fs::create_directories(plan.runtime);
+  }
   fs::permissions(plan.runtime, fs::perms::owner_all);
   const fs::path config = plan.runtime / "sway.conf";
   std::ofstream(config) << swayConfiguration(width, height);
-  if (::getuid() == 0) {
-    plan.runAs = unprivilegedUser();
-    // Its user reaches its folder through the desktop's, which lists nothing to it.
-    fs::permissions(folder, fs::perms::others_exec | fs::perms::group_exec, fs::perm_options::add);
-    if (::chown(plan.runtime.c_str(), plan.runAs->uid, plan.runAs->gid) != 0 ||
-        ::chown(config.c_str(), plan.runAs->uid, plan.runAs->gid) != 0)
-      fail("cannot give " + plan.runtime.string() + " to the compositor's user");
-  }
+  if (plan.runAs && (::chown(plan.runtime.c_str(), plan.runAs->uid, plan.runAs->gid) != 0 ||
+                     ::chown(config.c_str(), plan.runAs->uid, plan.runAs->gid) != 0))
+    fail("cannot give " + plan.runtime.string() + " to the compositor's user");
   plan.command = {"sway", "--config", config.string()};
   plan.environment = {{"XDG_RUNTIME_DIR", plan.runtime.string()}, {"HOME", plan.runtime.string()},
                       {"PATH", "/usr/local/bin:/usr/bin:/bin"},   {"WLR_BACKENDS", "headless"},
                       {"WLR_LIBINPUT_NO_DEVICES", "1"},           {"WLR_RENDERER", "pixman"}};
   return plan;
+}
+
+void removeCompositorFolder(const fs::path& folder) {
+  std::error_code error;
+  const fs::path link = folder / "compositor";
+  if (fs::is_symlink(link, error)) {
+    const fs::path target = fs::read_symlink(link, error);
+    // Only a folder of ours: the link may have been changed by another hand.
+    if (!error && target.filename().string().starts_with("glimmerstrand-compositor-")) fs::remove_all(target, error);
+  }
+  fs::remove_all(link, error);
 }
 
 std::optional<std::vector<std::pair<std::string, std::string>>> compositorSockets(const CompositorPlan& plan) {

@@ -41,6 +41,10 @@ bool knownCompositor(const std::string& name);
 /// GlimmerstrandError when the compositor is unknown or its user can't be had.
 CompositorPlan planCompositor(const std::string& name, const std::filesystem::path& folder);
 
+/// Removes the compositor's runtime folder of the desktop in `folder`, once
+/// it has stopped.
+void removeCompositorFolder(const std::filesystem::path& folder);
+
 /// Once the compositor listens: the variables that lead applications to it
 /// (WAYLAND_DISPLAY and SWAYSOCK, as absolute paths), in order; none before.
 std::optional<std::vector<std::pair<std::string, std::string>>> compositorSockets(const CompositorPlan& plan);
