@@ -19,6 +19,10 @@ using core::GlimmerstrandError;
 
 constexpr const char* compositorUser = "glimmerstrand-desktop";
 constexpr int width = 1280, height = 800;
+// A screenshot waits for the output's next frame: a headless output that
+// could draw often keeps that wait short, and draws nothing while nothing
+// changes.
+constexpr int refreshHz = 240;
 
 [[noreturn]] void fail(const std::string& message) { throw GlimmerstrandError(core::codes::native, message); }
 
@@ -53,8 +57,8 @@ std::string swayConfiguration(int w, int h) {
   return "# The headless desktop of glimmerstrand desktop start.\n"
          "xwayland disable\n"
          "output * mode --custom " +
-         std::to_string(w) + "x" + std::to_string(h) +
-         "\n"
+         std::to_string(w) + "x" + std::to_string(h) + "@" + std::to_string(refreshHz) +
+         "Hz\n"
          "default_border none\n"
          "default_floating_border none\n"
          "focus_follows_mouse no\n"

@@ -198,6 +198,13 @@ std::optional<Pixels> copyPart(WaylandClient& client, const Output& output, cons
 // Puts `from`, which shows `part` at `scale` pixels a point, into `into`,
 // which shows `want`: only where `keep` allows, when given.
 void paint(const Pixels& from, const Area& part, const Area& want, Pixels& into, const std::vector<Area>* keep) {
+  // A point a pixel, all of it: whole rows at once.
+  if (!keep && from.width == part.width && from.height == part.height) {
+    for (std::int64_t y = 0; y < part.height; ++y)
+      std::copy_n(&from.rgba[static_cast<std::size_t>(y * from.width * 4)], part.width * 4,
+                  &into.rgba[static_cast<std::size_t>(((part.y + y - want.y) * want.width + (part.x - want.x)) * 4)]);
+    return;
+  }
   for (std::int64_t y = 0; y < part.height; ++y)
     for (std::int64_t x = 0; x < part.width; ++x) {
       const std::int64_t gx = part.x + x, gy = part.y + y;
@@ -233,6 +240,12 @@ std::optional<Pixels> WaylandScreen::capture(const AxRect& region, double scale,
     if (part.width == 0 || (keep && keep->empty())) continue;
     auto pixels = copyPart(client_, output, part);
     if (!pixels) return std::nullopt;
+    // The common case, one output's region whole: its pixels are the picture.
+    if (!keep && part.x == want.x && part.y == want.y && part.width == want.width && part.height == want.height &&
+        pixels->width == want.width && pixels->height == want.height) {
+      out = std::move(*pixels);
+      continue;
+    }
     paint(*pixels, part, want, out, keep ? &*keep : nullptr);
   }
   const auto width = std::max<std::int64_t>(std::lround(want.width * scale), 1);
