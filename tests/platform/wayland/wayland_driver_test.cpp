@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "platform/linux/test_desktop.h"
+#include "platform/select_platform.h"
 #include "platform/wayland/sway_ipc.h"
 #include "platform/wayland/wayland_platform.h"
 #include "support/line_client.h"
@@ -307,6 +308,63 @@ TEST_F(WaylandDriverTest, TheClipboardGoesBothWays) {
   }
   // The copy wl-copy left serving the clipboard ends when it is replaced.
   rows("", "CALL ui.set_clipboard('done')");
+}
+
+TEST_F(WaylandDriverTest, ThePlatformFollowsTheSessionOrWhatItIsToldToTake) {
+  const std::string display = desktop_->environment().at("WAYLAND_DISPLAY");
+  struct Case {
+    const char* names;
+    const char* waylandDisplay;  // null: unset
+    const char* x11Display;
+    const char* type;     // the session taken; null: none
+    const char* problem;  // a part of why not
+  };
+  const Case cases[] = {
+      {"linux", display.c_str(), nullptr, "wayland", nullptr},
+      {"wayland", display.c_str(), nullptr, "wayland", nullptr},
+      {"x11", display.c_str(), nullptr, nullptr, "DISPLAY"},
+      {"wayland", "/nonexistent/wayland-9", nullptr, nullptr, "WAYLAND_DISPLAY"},
+      {"linux", "/nonexistent/wayland-9", nullptr, nullptr, "WAYLAND_DISPLAY"},
+      {"x11,sim", display.c_str(), nullptr, "sim", nullptr},
+  };
+  auto put = [](const char* name, const char* value) {
+    if (value)
+      ::setenv(name, value, 1);
+    else
+      ::unsetenv(name);
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.names) + " with WAYLAND_DISPLAY " + (c.waylandDisplay ? c.waylandDisplay : "unset"));
+    put("WAYLAND_DISPLAY", c.waylandDisplay);
+    put("DISPLAY", c.x11Display);
+    auto choice = platform::selectPlatform(c.names, nullptr);
+    if (c.type) {
+      ASSERT_TRUE(choice.platform) << choice.problem;
+      EXPECT_EQ(choice.platform->sessionFacts().type, c.type);
+    } else {
+      EXPECT_FALSE(choice.platform);
+      EXPECT_NE(choice.problem.find(c.problem), std::string::npos) << choice.problem;
+    }
+  }
+  put("WAYLAND_DISPLAY", display.c_str());
+}
+
+TEST_F(WaylandDriverTest, TheDoctorNamesTheSessionAndWhatWorksInIt) {
+  const std::string client = GLIMMERSTRAND_CLIENT_BINARY;
+  const std::string doctor = output(client + " --json doctor 2>/dev/null");
+  output(client + " stop >/dev/null 2>&1");
+  const auto reply = core::parseJSON(doctor);
+  const auto* session = reply.find("result") ? reply.find("result")->find("session") : nullptr;
+  ASSERT_TRUE(session) << doctor;
+  EXPECT_EQ(*session->find("type")->asString(), "wayland");
+  EXPECT_EQ(*session->find("compositor")->asString(), "sway 1.7");
+  // Everything works on sway.
+  for (const char* facility :
+       {"accessibility", "keyboard", "pointer", "windows", "windowPlaces", "clipboard", "capture", "cursor"}) {
+    const auto* works = session->find("works")->find(facility);
+    ASSERT_TRUE(works) << facility;
+    EXPECT_TRUE(works->asBool() && *works->asBool()) << facility << ": " << core::jsonText(*works);
+  }
 }
 
 }  // namespace
