@@ -139,6 +139,7 @@ struct AtspiAccessibility::State {
   // level each element read lies in (its window's path on the same bus, by
   // element), learned as children are read, under `lock`.
   WindowPlacement* placement = nullptr;  // set once, before use
+  bool watchingPlaces = false;           // the placement tells moves and resizes
   std::unordered_map<std::string, std::string> windowOf;
   std::unordered_map<std::string, std::pair<std::string, std::chrono::steady_clock::time_point>> windowTitles;
 
@@ -1065,19 +1066,36 @@ void AtspiAccessibility::placeFrame(const ObjectRef& ref, ElementRecord& record)
 }
 
 void AtspiAccessibility::watchWindowGeometry() {
-  std::lock_guard guard(s_->lock);
-  if (s_->geometry || !s_->rootEvents) return;
-  s_->geometry = std::make_unique<WindowGeometryWatch>(
-      *s_->rootEvents, s_->mainLoop, [s = s_.get()](std::int32_t pid, WindowGeometryWatch::Change change) {
-        const std::string name = change == WindowGeometryWatch::Change::moved ? "AXMoved" : "AXResized";
-        std::vector<std::shared_ptr<AtspiObserver>> targets;
-        {
-          std::lock_guard guard(s->lock);
-          for (const auto& weak : s->observers)
-            if (auto observer = weak.lock(); observer && observer->pid() == pid) targets.push_back(std::move(observer));
-        }
-        for (auto& observer : targets) observer->deliver(atspiElement(observer->bus(), rootPath), name);
-      });
+  // Told to the observers of the process, on the main run loop.
+  auto tell = [s = s_.get()](std::int32_t pid, bool resized) {
+    const std::string name = resized ? "AXResized" : "AXMoved";
+    std::vector<std::shared_ptr<AtspiObserver>> targets;
+    {
+      std::lock_guard guard(s->lock);
+      for (const auto& weak : s->observers)
+        if (auto observer = weak.lock(); observer && observer->pid() == pid) targets.push_back(std::move(observer));
+    }
+    for (auto& observer : targets) observer->deliver(atspiElement(observer->bus(), rootPath), name);
+  };
+  WindowPlacement* placement = nullptr;
+  {
+    std::lock_guard guard(s_->lock);
+    if (s_->geometry || s_->watchingPlaces) return;
+    if (s_->rootEvents) {
+      s_->geometry = std::make_unique<WindowGeometryWatch>(
+          *s_->rootEvents, s_->mainLoop, [tell](std::int32_t pid, WindowGeometryWatch::Change change) {
+            tell(pid, change == WindowGeometryWatch::Change::resized);
+          });
+      return;
+    }
+    placement = s_->placement;
+    s_->watchingPlaces = placement != nullptr;
+  }
+  // Where the compositor tells the windows' places, from it.
+  if (placement)
+    placement->watchGeometry([tell, loop = &s_->mainLoop](std::int32_t pid, bool resized) {
+      loop->post([tell, pid, resized] { tell(pid, resized); });
+    });
 }
 
 AxError AtspiAccessibility::addNotification(Observer& observer, const Element& element, std::string_view notification) {

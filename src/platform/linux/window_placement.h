@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string_view>
 
@@ -23,6 +24,10 @@ class WindowPlacement {
   /// matches or none is given. Absent when the process shows no window the
   /// compositor tells of.
   virtual std::optional<AxPoint> origin(std::int32_t pid, std::string_view title) = 0;
+  /// From now on `callback` runs, on any thread, each time a window of a
+  /// process moves (`resized` false) or changes its size; false when the
+  /// compositor cannot tell, and nothing was registered. Called once.
+  virtual bool watchGeometry(std::function<void(std::int32_t pid, bool resized)> callback) = 0;
 };
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -6,6 +6,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -69,7 +71,7 @@ bool readAll(int fd, char* into, std::size_t size, SteadyClock::time_point deadl
   while (got < size) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now()).count();
     pollfd ready{fd, POLLIN, 0};
-    if (left <= 0 || ::poll(&ready, 1, static_cast<int>(left)) <= 0) return false;
+    if (left <= 0 || ::poll(&ready, 1, static_cast<int>(std::min<long long>(left, INT_MAX))) <= 0) return false;
     const ssize_t n = ::read(fd, into + got, size - got);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
@@ -123,6 +125,40 @@ std::optional<std::string> swayRequest(const std::string& socket, std::uint32_t 
   }
   ::close(fd);
   return reply;
+}
+
+int swaySubscribe(const std::string& socket, const std::string& events) {
+  const int fd = connectTo(socket);
+  if (fd < 0) return -1;
+  std::string message(magic, sizeof magic);
+  const auto length = static_cast<std::uint32_t>(events.size());
+  const std::uint32_t subscribe = 2;
+  message.append(reinterpret_cast<const char*>(&length), 4);
+  message.append(reinterpret_cast<const char*>(&subscribe), 4);
+  message += events;
+  char header[headerSize];
+  std::uint32_t size = 0;
+  std::string body;
+  if (writeAll(fd, message) && readAll(fd, header, headerSize, SteadyClock::now() + std::chrono::seconds(1))) {
+    std::memcpy(&size, header + sizeof magic, 4);
+    body.resize(size);
+    if (readAll(fd, body.data(), size, SteadyClock::now() + std::chrono::seconds(1)) &&
+        body.find("true") != std::string::npos)
+      return fd;
+  }
+  ::close(fd);
+  return -1;
+}
+
+bool swayEvent(int connection) {
+  char header[headerSize];
+  // No limit: the watch waits for as long as nothing happens.
+  const auto never = SteadyClock::now() + std::chrono::hours(24 * 365);
+  if (!readAll(connection, header, headerSize, never)) return false;
+  std::uint32_t size = 0;
+  std::memcpy(&size, header + sizeof magic, 4);
+  std::string body(size, '\0');
+  return readAll(connection, body.data(), size, never);
 }
 
 std::optional<std::string> swaySocket() {

@@ -43,6 +43,13 @@ std::optional<std::string> swaySocket();
 std::optional<std::string> swayRequest(const std::string& socket, std::uint32_t type, const std::string& payload,
                                        std::chrono::milliseconds limit);
 
+/// A connection subscribed to the events named (a JSON list such as
+/// ["window"]), or -1; the caller closes it.
+int swaySubscribe(const std::string& socket, const std::string& events);
+/// Waits for the next event on a subscribed connection and reads it whole;
+/// false when the connection ends (shut down by another thread, or sway gone).
+bool swayEvent(int connection);
+
 /// "sway 1.7", from GET_VERSION; none when sway does not answer.
 std::optional<std::string> swayVersion(const std::string& socket);
 

@@ -1,5 +1,6 @@
 #include "platform/wayland/wayland_windows.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 #include <wayland-client.h>
 
@@ -11,6 +12,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <thread>
 
 #include "platform/wayland/sway_ipc.h"
 #include "wlr-foreign-toplevel-management-unstable-v1-client.h"
@@ -57,6 +59,19 @@ std::int32_t pidForAppId(const std::string& appId, const std::vector<PidCandidat
   return found.size() == 1 ? *found.begin() : 0;
 }
 
+std::vector<FrameChange> frameChanges(const std::vector<SwayView>& before, const std::vector<SwayView>& after) {
+  std::vector<FrameChange> changes;
+  for (const auto& now : after) {
+    auto was = std::find_if(before.begin(), before.end(), [&](const SwayView& v) { return v.id == now.id; });
+    if (was == before.end() || was->frame == now.frame) {
+      if (was == before.end()) changes.push_back({now.pid, true});
+      continue;
+    }
+    changes.push_back({now.pid, was->frame.width != now.frame.width || was->frame.height != now.frame.height});
+  }
+  return changes;
+}
+
 struct WaylandWindows::State {
   State(WaylandClient& c, RunLoop& l, linux_desktop::AtspiAccessibility& a) : client(c), loop(l), ax(a) {}
 
@@ -83,7 +98,9 @@ struct WaylandWindows::State {
   std::vector<SwayView> views;
   SteadyClock::time_point viewsAt{};
   std::optional<std::int32_t> lastActivePid;  // main run loop only
-  std::optional<std::uint64_t> expected;      // the toplevel we gave the focus, until the compositor tells it
+  int events = -1;                            // the geometry watch's subscription to sway, shut down with the windows
+  std::thread watch;
+  std::optional<std::uint64_t> expected;  // the toplevel we gave the focus, until the compositor tells it
   SteadyClock::time_point expectedAt{};
 
   // REQUIRES: lock held. The toplevel with the focus: the one we gave it
@@ -280,6 +297,9 @@ WaylandWindows::WaylandWindows(WaylandClient& client, RunLoop& mainLoop,
 }
 
 WaylandWindows::~WaylandWindows() {
+  if (s_->events >= 0) ::shutdown(s_->events, SHUT_RDWR);
+  if (s_->watch.joinable()) s_->watch.join();
+  if (s_->events >= 0) ::close(s_->events);
   auto guard = s_->client.wire();
   std::lock_guard state(s_->lock);
   for (auto& h : s_->handles) zwlr_foreign_toplevel_handle_v1_destroy(h->proxy);
@@ -418,6 +438,23 @@ bool WaylandWindows::close(std::int32_t pid) {
   }
   s_->client.flush();
   return any;
+}
+
+bool WaylandWindows::watchGeometry(std::function<void(std::int32_t pid, bool resized)> callback) {
+  if (!s_->sway) return false;
+  s_->events = swaySubscribe(*s_->sway, R"(["window","workspace"])");
+  if (s_->events < 0) return false;
+  s_->watch = std::thread([s = s_.get(), callback = std::move(callback)] {
+    auto tree = [s] { return parseSwayTree(swayRequest(*s->sway, 4, "", swayLimit).value_or("")); };
+    auto last = tree();
+    // Each event, or a burst of them, then the tree as it stands after.
+    while (swayEvent(s->events)) {
+      auto now = tree();
+      for (const auto& change : frameChanges(last, now)) callback(change.pid, change.resized);
+      last = std::move(now);
+    }
+  });
+  return true;
 }
 
 std::optional<AxPoint> WaylandWindows::origin(std::int32_t pid, std::string_view title) {

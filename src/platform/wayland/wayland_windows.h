@@ -8,7 +8,8 @@
 // Thread-safety: any thread. The handles' events arrive on the client's event
 // thread; one mutex, in the shared state, guards the toplevels, the hidden
 // windows, the callbacks and the cached sway tree, and is never held across a
-// request to sway or a callback.
+// request to sway or a callback. The geometry watch's thread keeps its last
+// tree to itself.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +22,7 @@
 #include "platform/linux/window_placement.h"
 #include "platform/linux/window_system.h"
 #include "platform/run_loop.h"
+#include "platform/wayland/sway_ipc.h"
 #include "platform/wayland/wayland_client.h"
 
 namespace glimmerstrand::platform::wayland_desktop {
@@ -41,6 +43,16 @@ struct PidCandidate {
   std::string executable;  // the file name of /proc/PID/exe
   std::string name;        // as the accessibility bus names it
 };
+
+/// A window's frame before and after: whether it moved or changed its size.
+struct FrameChange {
+  std::int32_t pid = 0;
+  bool resized = false;
+  bool operator==(const FrameChange&) const = default;
+};
+/// The windows whose frame changed from one of sway's trees to the next, by
+/// window; a new window counts, one that left does not.
+std::vector<FrameChange> frameChanges(const std::vector<SwayView>& before, const std::vector<SwayView>& after);
 
 /// The pid of the application whose executable or name is the app id, in
 /// any letter case, or the app id's last dotted part ("org.xfce.mousepad"
@@ -70,6 +82,10 @@ class WaylandWindows final : public linux_desktop::WindowSystem, public linux_de
   bool isHidden(std::int32_t pid) override;
   bool close(std::int32_t pid) override;
   std::optional<AxPoint> origin(std::int32_t pid, std::string_view title) override;
+  /// From sway's window and workspace events: each one reads the tree again
+  /// and tells the windows whose frame changed (a new window re-tiles the
+  /// others). A thread of its own listens; it ends with this object.
+  bool watchGeometry(std::function<void(std::int32_t pid, bool resized)> callback) override;
 
   /// The toplevel that has the keyboard focus, as last told.
   std::optional<std::uint64_t> activeToplevel();

@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "platform/linux/test_desktop.h"
 #include "platform/select_platform.h"
@@ -189,6 +190,28 @@ TEST_F(WaylandDriverTest, WindowsAreListedWhereSwayShowsThemAndActivated) {
           return *row.find("pid")->asNumber() == desktop_->pid(app);
       return false;
     })) << "the front as the daemon tells it";
+  }
+}
+
+TEST_F(WaylandDriverTest, FramesFollowAWindowThatSwayMoves) {
+  const auto pid = desktop_->pid("speedcrunch");
+  const std::string window = "MATCH (w:Window) RETURN w.x, w.y LIMIT 1";
+  ASSERT_EQ(rows("speedcrunch", window).size(), 1u);
+  // Out of its tile to a place of its own, then back.
+  for (auto [where, x, y] :
+       {std::tuple{"floating enable, move position 500 300", 500, 300}, std::tuple{"floating disable", -1, -1}}) {
+    SCOPED_TRACE(where);
+    output("swaymsg '[pid=" + std::to_string(pid) + "] " + where + "' >/dev/null");
+    ASSERT_TRUE(eventually([&] {
+      const auto shown = windowOf(pid);
+      return shown && (x < 0 || (shown->frame.x == x && shown->frame.y == y));
+    }));
+    const auto shown = *windowOf(pid);
+    EXPECT_TRUE(eventually([&] {
+      const auto row = rows("speedcrunch", window);
+      return !row.empty() && number(row[0], "w.x") == shown.surface.x && number(row[0], "w.y") == shown.surface.y;
+    })) << "the copy's frame at "
+        << shown.surface.x << "," << shown.surface.y;
   }
 }
 

@@ -156,6 +156,26 @@ TEST(SwayTree, WindowsAreReadWithTheirPlaceOnTheDesktop) {
   EXPECT_TRUE(parseSwayTree("not json").empty());
 }
 
+TEST(SwayTree, WindowsThatMovedOrChangedSizeAreToldByTheirProcess) {
+  auto view = [](std::int64_t id, std::int32_t pid, AxRect frame) {
+    SwayView v;
+    v.id = id;
+    v.pid = pid;
+    v.frame = frame;
+    return v;
+  };
+  const std::vector<SwayView> before{view(1, 11, {0, 0, 640, 800}), view(2, 12, {640, 0, 640, 800}),
+                                     view(3, 13, {0, 0, 100, 100})};
+  // A third window opened: the first two re-tile; the one left alone and the one that left say nothing.
+  const std::vector<SwayView> after{view(1, 11, {0, 0, 426, 800}), view(2, 12, {426, 0, 427, 800}),
+                                    view(4, 14, {853, 0, 427, 800})};
+  EXPECT_EQ(frameChanges(before, after), (std::vector<FrameChange>{{11, true}, {12, true}, {14, true}}));
+  const std::vector<SwayView> moved{view(1, 11, {10, 20, 426, 800}), view(2, 12, {426, 0, 427, 800}),
+                                    view(4, 14, {853, 0, 427, 800})};
+  EXPECT_EQ(frameChanges(after, moved), (std::vector<FrameChange>{{11, false}}));
+  EXPECT_TRUE(frameChanges(moved, moved).empty());
+}
+
 TEST(ToplevelPids, AppIdsFindTheirApplicationOnlyWhenOneMatches) {
   const std::vector<PidCandidate> running{{11, "galculator", "galculator"},
                                           {12, "mousepad", "Mousepad"},
