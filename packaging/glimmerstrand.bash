@@ -26,8 +26,10 @@ _glimmerstrand() {
     COMPREPLY=($(compgen -W "$commands" -- "$cur"))
   elif [[ $command == desktop && $prev == desktop ]]; then
     COMPREPLY=($(compgen -W "start stop status" -- "$cur"))
+  elif [[ $command == desktop && $prev == --wayland ]]; then
+    COMPREPLY=($(compgen -W "sway" -- "$cur"))
   elif [[ $command == desktop && $cur == -* ]]; then
-    COMPREPLY=($(compgen -W "--no-wm" -- "$cur"))
+    COMPREPLY=($(compgen -W "--no-wm --wayland" -- "$cur"))
   elif [[ $command == help ]]; then
     COMPREPLY=($(compgen -W "$commands" -- "$cur"))
   fi

@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
 # A headless desktop for tests: the built `glimmerstrand desktop`, with the
-# window manager only when asked for (--wm), as the tests expect.
+# window manager only when asked for (--wm), as the tests expect, or a
+# headless Wayland compositor instead of the X server (--wayland sway).
 #
-#   scripts/desktop.sh start [--wm] [APP...]   prints the environment, for eval
-#   scripts/desktop.sh run [--wm] [APP...]     the same, then stays until stopped
+#   scripts/desktop.sh start [--wm | --wayland sway] [APP...]   prints the environment, for eval
+#   scripts/desktop.sh run [--wm | --wayland sway] [APP...]     the same, then stays until stopped
 #   scripts/desktop.sh stop                    stops what start started, by pid
 #   scripts/desktop.sh status
 #
@@ -24,23 +25,25 @@ if [ -z "$client" ] && ! client=$(command -v glimmerstrand); then
   exit 1
 fi
 
-wm=--no-wm apps=()
+wm=--no-wm apps=() wayland=()
 take_start_arguments() {
-  for arg in "$@"; do
-    case $arg in
+  while [ $# -gt 0 ]; do
+    case $1 in
       --wm) wm=--wm ;;
-      *) apps+=("$arg") ;;
+      --wayland) wayland=(--wayland "$2"); shift ;;
+      *) apps+=("$1") ;;
     esac
+    shift
   done
 }
 
 case ${1:-} in
-  start) shift; take_start_arguments "$@"; exec "$client" desktop start "$wm" "${apps[@]}" ;;
+  start) shift; take_start_arguments "$@"; exec "$client" desktop start "$wm" "${wayland[@]}" "${apps[@]}" ;;
   run)
     shift; take_start_arguments "$@"
     trap '"$client" desktop stop >&2' EXIT INT TERM
-    "$client" desktop start "$wm" "${apps[@]}"
+    "$client" desktop start "$wm" "${wayland[@]}" "${apps[@]}"
     while :; do sleep 3600 & wait $!; done ;;
   stop | status) exec "$client" desktop "$1" ;;
-  *) sed -n '2,12p' "$0" >&2; exit 2 ;;
+  *) sed -n '2,13p' "$0" >&2; exit 2 ;;
 esac

@@ -1,5 +1,7 @@
 #include "client/arguments.h"
 
+#include "client/desktop_compositor.h"
+
 #include <algorithm>
 
 #include "client/http_access.h"
@@ -43,7 +45,7 @@ void checkOptions(const Invocation& invocation, const CommandInfo& command) {
   if (invocation.http) parseListenAddress(*invocation.http);  // throws the usage error
 }
 
-// desktop start [--wm | --no-wm] [APP...] | stop | status
+// desktop start [--wm | --no-wm] [--wayland COMPOSITOR] [APP...] | stop | status
 void takeDesktopWords(Invocation& invocation, const std::vector<std::string>& words) {
   if (words.empty()) usageError("'desktop' needs start, stop or status");
   const std::string& action = words[0];
@@ -51,6 +53,12 @@ void takeDesktopWords(Invocation& invocation, const std::vector<std::string>& wo
     usageError("unknown desktop command '" + action + "': use start, stop or status");
   for (std::size_t k = 1; k < words.size(); ++k) {
     if (action != "start") usageError("unexpected argument '" + words[k] + "': 'desktop " + action + "' takes none");
+    if (words[k] == "--wayland") {
+      if (k + 1 >= words.size() || !knownCompositor(words[k + 1]))
+        usageError("'desktop start --wayland' needs a compositor: sway");
+      ++k;
+      continue;
+    }
     if (words[k].starts_with("-") && words[k] != "--wm" && words[k] != "--no-wm")
       usageError("unknown option '" + words[k] + "' of 'desktop start'");
   }
@@ -114,12 +122,16 @@ const std::vector<CommandInfo>& commands() {
        "Use it after changing GLIMMERSTRAND_PLATFORM or GLIMMERSTRAND_SIM_APPS: a running\n"
        "daemon keeps the settings it was started with.",
        false, false, false},
-      {"desktop", "start [--no-wm] [APP...] | stop | status", "a headless desktop for agents, and its applications",
+      {"desktop", "start [--no-wm] [--wayland sway] [APP...] | stop | status",
+       "a headless desktop for agents, and its applications",
        "start runs an X server (Xvfb), a session bus, the accessibility bus, a window\n"
        "manager (openbox; --no-wm leaves it out) and each APP, a command with optional\n"
        "arguments, waits until each application's accessibility tree answers, and\n"
        "prints the environment for eval:\n"
        "  eval \"$(glimmerstrand desktop start gtk3-widget-factory)\"\n"
+       "--wayland sway runs a headless sway instead of the X server and the window\n"
+       "manager, its applications as Wayland clients; started by root, sway runs as\n"
+       "the unprivileged user glimmerstrand-desktop.\n"
        "stop ends what start started, by pid; status lists each process.\n"
        "A daemon that the client starts with no DISPLAY uses the running desktop.\n"
        "Its folder is $GLIMMERSTRAND_DESKTOP_DIR, else one of this user's under\n"

@@ -1,6 +1,7 @@
 #include "client/desktop.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -18,6 +19,7 @@
 #include <sstream>
 #include <thread>
 
+#include "client/desktop_compositor.h"
 #include "core/errors.h"
 #include "platform/headless_desktop.h"
 #include "platform/linux/atspi_bus.h"
@@ -100,9 +102,10 @@ struct ExecArguments {
 };
 
 // Starts `words` in a session of its own, its output in `log`; `handOver`,
-// when given, becomes the child's descriptor 3.
+// when given, becomes the child's descriptor 3; `runAs`, when given, is whom
+// it runs as.
 pid_t spawn(const std::vector<std::string>& words, const std::map<std::string, std::string>& variables,
-            const fs::path& log, int handOver = -1) {
+            const fs::path& log, int handOver = -1, const std::optional<Credentials>& runAs = std::nullopt) {
   ExecArguments exec(words, variables);
   const std::string cannotRun = "glimmerstrand desktop: cannot run " + words[0] + ": ";
   const pid_t child = ::fork();
@@ -115,6 +118,7 @@ pid_t spawn(const std::vector<std::string>& words, const std::map<std::string, s
   ::dup2(output, 2);
   if (handOver >= 0) ::dup2(handOver, 3);
   ::close_range(handOver >= 0 ? 4 : 3, ~0U, 0);
+  if (runAs && (::setgroups(0, nullptr) != 0 || ::setgid(runAs->gid) != 0 || ::setuid(runAs->uid) != 0)) ::_exit(126);
   ::execvpe(exec.argv[0], exec.argv.data(), exec.envp.data());
   const std::string message = cannotRun + std::strerror(errno) + "\n";
   if (::write(2, message.data(), message.size()) < 0) ::_exit(127);
@@ -224,11 +228,15 @@ class DesktopStart {
   }
 
   std::string run(const DesktopRequest& request) {
-    prepareFolder();
-    startXServer();
+    const bool wayland = !request.compositor.empty();
+    prepareFolder(wayland);
+    if (wayland)
+      startCompositor(request.compositor);
+    else
+      startXServer();
     startSessionBus();
-    auto bus = startAccessibilityBus();
-    if (request.windowManager) launch({"openbox"}, "openbox");
+    auto bus = startAccessibilityBus(!wayland);
+    if (request.windowManager && !wayland) launch({"openbox"}, "openbox");
     exported_.emplace_back("GLIMMERSTRAND_DESKTOP_DIR", folder_.string());
     for (const auto& command : request.applications) startApplication(bus, command);
     const std::string text = exportLines(exported_);
@@ -237,7 +245,7 @@ class DesktopStart {
   }
 
  private:
-  void prepareFolder() {
+  void prepareFolder(bool wayland) {
     fs::create_directories(folder_);
     // A folder in /tmp that another user made first would hold our buses.
     struct stat info {};
@@ -248,8 +256,10 @@ class DesktopStart {
     fs::permissions(folder_ / "runtime", fs::perms::owner_all);
     fs::remove(folder_ / "bus");
     // A bus address left by another desktop would keep this one from coming up.
-    for (const char* stale : {"AT_SPI_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS", "WAYLAND_DISPLAY"})
+    for (const char* stale : {"AT_SPI_BUS_ADDRESS", "DBUS_SESSION_BUS_ADDRESS", "WAYLAND_DISPLAY", "SWAYSOCK"})
       variables_.erase(stale);
+    // A Wayland desktop's applications must not find an X server instead.
+    if (wayland) variables_.erase("DISPLAY");
     setVariable("XDG_RUNTIME_DIR", (folder_ / "runtime").string());
     for (const auto& [name, value] : toolkitSettings) setVariable(name, value);
   }
@@ -259,11 +269,13 @@ class DesktopStart {
     exported_.emplace_back(name, value);
   }
 
-  Recorded launch(const std::vector<std::string>& words, const std::string& name, int handOver = -1) {
+  Recorded launch(const std::vector<std::string>& words, const std::string& name, int handOver = -1,
+                  const std::map<std::string, std::string>* environment = nullptr,
+                  const std::optional<Credentials>& runAs = std::nullopt) {
     // What came to this process until now belongs to earlier launches.
     for (const auto& [child, parent] : lx::processParents())
       if (parent == ::getpid()) known_.insert(child);
-    const pid_t pid = spawn(words, variables_, logOf(name), handOver);
+    const pid_t pid = spawn(words, environment ? *environment : variables_, logOf(name), handOver, runAs);
     known_.insert(pid);
     const Recorded process = record(folder_, pid, name);
     say("started " + name + " (pid " + std::to_string(pid) + ")");
@@ -297,6 +309,21 @@ class DesktopStart {
     setVariable("DISPLAY", display);
   }
 
+  // The compositor tells it is ready by making its sockets.
+  void startCompositor(const std::string& name) {
+    const CompositorPlan plan = planCompositor(name, folder_);
+    const Recorded process = launch(plan.command, plan.name, -1, &plan.environment, plan.runAs);
+    const auto deadline = Clock::now() + serverLimit;
+    auto sockets = compositorSockets(plan);
+    for (; !sockets; sockets = compositorSockets(plan)) {
+      if (const auto end = endOf(process.pid)) fail(name + " exited" + *end + "; its log is " + logOf(name).string());
+      if (Clock::now() >= deadline) fail(name + " did not get ready within 10 s; its log is " + logOf(name).string());
+      std::this_thread::sleep_for(pollInterval);
+    }
+    for (const auto& [variable, value] : *sockets) setVariable(variable, value);
+    for (const auto& [variable, value] : waylandToolkitSettings()) setVariable(variable, value);
+  }
+
   void startSessionBus() {
     const std::string address =
         launchAndRead({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=3",
@@ -317,7 +344,7 @@ class DesktopStart {
     XCloseDisplay(display);
   }
 
-  lx::AtspiBus startAccessibilityBus() {
+  lx::AtspiBus startAccessibilityBus(bool onRootWindow) {
     // Read by GDBus in this process: set before its first use, so before any of its threads runs.
     ::setenv("DBUS_SESSION_BUS_ADDRESS", variables_["DBUS_SESSION_BUS_ADDRESS"].c_str(), 1);
     ::unsetenv("AT_SPI_BUS_ADDRESS");
@@ -328,7 +355,7 @@ class DesktopStart {
       if (auto bus = lx::AtspiBus::connect(problem)) {
         if (!bus->enable()) fail("the accessibility bus did not turn org.a11y.Status IsEnabled on");
         setVariable("AT_SPI_BUS_ADDRESS", bus->address());
-        publishOnRootWindow(bus->address());
+        if (onRootWindow) publishOnRootWindow(bus->address());
         return std::move(*bus);
       }
       std::this_thread::sleep_for(pollInterval);
@@ -395,6 +422,8 @@ int startCommand(const fs::path& folder, const std::vector<std::string>& words) 
       request.windowManager = true;
     else if (words[k] == "--no-wm")
       request.windowManager = false;
+    else if (words[k] == "--wayland" && k + 1 < words.size())
+      request.compositor = words[++k];
     else
       request.applications.push_back(words[k]);
   }
@@ -466,6 +495,7 @@ std::vector<DesktopProcess> stopDesktop(const fs::path& folder) {
   for (const auto& file :
        {platform::desktopRecordsFile(folder), platform::desktopEnvironmentFile(folder), folder / "bus"})
     fs::remove(file, error);
+  removeCompositorFolder(folder);
   return processes;
 }
 

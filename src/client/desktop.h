@@ -1,6 +1,7 @@
 // `glimmerstrand desktop`: a headless desktop of this user's for agents and
-// tests, made of an X server, a session bus, the accessibility bus, a window
-// manager and applications. Everything it starts is recorded by pid in one
+// tests, made of an X server and a window manager (or a Wayland compositor,
+// desktop_compositor.h), a session bus, the accessibility bus and
+// applications. Everything it starts is recorded by pid in one
 // folder, so that `stop` ends exactly that and nothing else. Not thread-safe:
 // the client calls it from its one thread.
 #pragma once
@@ -24,6 +25,7 @@ std::filesystem::path desktopFolder(const Environment& environment);
 /// What `desktop start` was asked for.
 struct DesktopRequest {
   bool windowManager = true;
+  std::string compositor;                 // a Wayland compositor to run instead of an X server ("sway"); empty for X11
   std::vector<std::string> applications;  // each a command with optional arguments: "python3 form.py 20"
 };
 

@@ -22,19 +22,22 @@ namespace glimmerstrand::native {
 core::JSONValue displayRecord(const platform::Display& display);
 
 /// Without the permission to capture: of `capture`, of `captureRegion`. On
-/// X11 any client of the display may read it, so there the only cause is a
-/// display that cannot be read.
+/// X11 any client of the display may read it, and on a wlroots compositor any
+/// client that has screencopy, so there the only cause is a display that
+/// cannot be read.
 inline const core::DesktopText captureDenied{
     .mac =
         "画面収録が許可されていません。システム設定のプライバシーとセキュリティで、ターミナルに画面収録を許可"
         "してください",
     .linuxDesktop =
-        "画面を読み取れません。X サーバー (DISPLAY) に接続できるか確かめてください。画面のないマシン"
-        "では glimmerstrand desktop start でデスクトップを用意できます",
+        "画面を読み取れません。X サーバー (DISPLAY) か、screencopy を持つ Wayland のコンポジター (WAYLAND_DISPLAY) "
+        "に接続できるか確かめてください。画面のないマシンでは glimmerstrand desktop start でデスクトップを用意できます",
 };
 inline const core::DesktopText regionCaptureDenied{
     .mac = "画面収録が許可されていません",
-    .linuxDesktop = "画面を読み取れません。X サーバー (DISPLAY) に接続できるか確かめてください",
+    .linuxDesktop =
+        "画面を読み取れません。X サーバー (DISPLAY) か、screencopy を持つ Wayland のコンポジター "
+        "(WAYLAND_DISPLAY) に接続できるか確かめてください",
 };
 
 /// The process's platform, asked at each use: it may come after start, and

@@ -102,6 +102,21 @@ core::CypherResult NativeBackend::runStatements(const std::string& cypher, const
   return result;
 }
 
+namespace {
+
+// The kind of session and what works in it: each facility true, or why not.
+JSONValue sessionRecord(const platform::SessionFacts& facts) {
+  JSONValue::Object works;
+  for (const auto& facility : facts.facilities)
+    works.emplace_back(facility.name, facility.works ? JSONValue(true) : JSONValue(facility.note));
+  JSONValue::Object record{{"type", facts.type}};
+  if (!facts.compositor.empty()) record.emplace_back("compositor", facts.compositor);
+  if (!works.empty()) record.emplace_back("works", std::move(works));
+  return record;
+}
+
+}  // namespace
+
 JSONValue NativeBackend::doctor() {
   auto& platform = host_.platform();
   JSONValue::Array displays;
@@ -116,7 +131,8 @@ JSONValue NativeBackend::doctor() {
       {"permissions", JSONValue::Object{{"accessibility", platform.accessibility().isTrusted()},
                                         {"screenRecording", platform.screen().hasCapturePermission()}}},
       {"displays", std::move(displays)},
-      {"frontmost", std::move(front)}};
+      {"frontmost", std::move(front)},
+      {"session", sessionRecord(platform.sessionFacts())}};
 }
 
 JSONValue NativeBackend::mirrors() {

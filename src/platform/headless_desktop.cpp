@@ -142,7 +142,7 @@ std::optional<std::map<std::string, std::string>> runningDesktopEnvironment(cons
   if (!file) return std::nullopt;
   const auto records = desktopRecords(folder);
   const bool serverLives = std::any_of(records.begin(), records.end(), [](const DesktopRecord& p) {
-    return p.name == "Xvfb" && recordedProcessRuns(p);
+    return (p.name == "Xvfb" || p.name == "sway") && recordedProcessRuns(p);
   });
   if (!serverLives) return std::nullopt;
   std::stringstream text;

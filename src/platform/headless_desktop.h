@@ -67,7 +67,7 @@ std::string exportLines(const std::vector<std::pair<std::string, std::string>>& 
 std::vector<std::pair<std::string, std::string>> parseExportLines(const std::string& text);
 
 /// The environment of a desktop that runs in `folder`: its file exists and
-/// its X server lives.
+/// its X server or Wayland compositor lives.
 std::optional<std::map<std::string, std::string>> runningDesktopEnvironment(const std::filesystem::path& folder);
 
 /// When this process has no display (neither DISPLAY nor WAYLAND_DISPLAY) and

@@ -3,7 +3,9 @@
 // everything it hands out live as long as the process.
 #pragma once
 
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/accessibility.h"
 #include "platform/clock.h"
@@ -16,6 +18,23 @@
 #include "platform/workspace.h"
 
 namespace glimmerstrand::platform {
+
+/// One facility of a session, for a person: whether it works, and if not why.
+struct Facility {
+  std::string name;
+  bool works = false;
+  std::string note;  // why it does not work, or what it lacks
+  bool operator==(const Facility&) const = default;
+};
+
+/// What kind of desktop session the platform serves ("x11", "wayland",
+/// "sim"), the compositor or window manager where it is known, and what
+/// works in it.
+struct SessionFacts {
+  std::string type;
+  std::string compositor;
+  std::vector<Facility> facilities;
+};
 
 class Platform {
  public:
@@ -32,6 +51,8 @@ class Platform {
   virtual Clock& clock() = 0;
   /// The main thread's loop: observer and activation callbacks, the overlay.
   virtual RunLoop& mainLoop() = 0;
+  /// The session, for the doctor. Asks nothing of the applications.
+  virtual SessionFacts sessionFacts() { return {std::string(name()), "", {}}; }
 };
 
 }  // namespace glimmerstrand::platform

@@ -1,6 +1,7 @@
 #include "platform/select_platform.h"
 
 #include <exception>
+#include <optional>
 #include <sstream>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "platform/sim/demo_apps.h"
 #include "platform/sim/fixture.h"
 #include "platform/sim/sim_platform.h"
+#include "platform/wayland/wayland_platform.h"
 
 namespace glimmerstrand::platform {
 
@@ -39,19 +41,41 @@ PlatformChoice simulated(const char* simApps) {
   }
 }
 
+// The desktop session a name asks for: "linux" takes the one the
+// environment shows, "wayland" or "x11" only that one.
+enum class SessionKind { any, wayland, x11 };
+
+std::optional<SessionKind> sessionKindOf(const std::string& name) {
+  if (name == "linux") return SessionKind::any;
+  if (name == "wayland") return SessionKind::wayland;
+  if (name == "x11") return SessionKind::x11;
+  return std::nullopt;
+}
+
 // Without a display nothing is asked of the buses: a session bus found then
 // (the user manager's, under systemd) would tie the process for good to a
 // session without a screen, and a launcher of its accessibility bus would be
-// started for nothing.
-PlatformChoice linuxDesktop() {
+// started for nothing. WAYLAND_DISPLAY chooses Wayland, on a compositor that
+// speaks the wlroots protocols; DISPLAY alone, or beside a compositor that
+// does not (Xwayland), X11.
+PlatformChoice linuxDesktop(SessionKind kind) {
   adoptRunningDesktop();
-  if (!processEnvironmentValue("DISPLAY") && !processEnvironmentValue("WAYLAND_DISPLAY"))
+  const bool wayland = processEnvironmentValue("WAYLAND_DISPLAY").has_value();
+  const bool x11 = processEnvironmentValue("DISPLAY").has_value();
+  if (!wayland && !x11)
     return {nullptr,
             "デスクトップが見つかりません (DISPLAY も WAYLAND_DISPLAY もありません)。画面のないマシンでは "
             "glimmerstrand desktop start でデスクトップを起動できます。起動すれば、次の呼び出しからそのデスクトップ"
             "を使います"};
   PlatformChoice choice;
+  if (kind != SessionKind::x11 && wayland) {
+    choice.platform = wayland_desktop::makeWaylandPlatform(choice.problem);
+    if (choice.platform || kind == SessionKind::wayland || !x11) return choice;
+  }
+  if (!x11) return {nullptr, "DISPLAY がありません (X サーバーが見つかりません)"};
+  std::string waylandProblem = std::move(choice.problem);
   choice.platform = linux_desktop::makeLinuxPlatform(choice.problem);
+  if (!choice.platform && !waylandProblem.empty()) choice.problem = waylandProblem + "; " + choice.problem;
   return choice;
 }
 
@@ -63,8 +87,8 @@ PlatformChoice selectPlatform(const char* platformNames, const char* simApps) {
     PlatformChoice choice;
     if (name == "sim") {
       choice = simulated(simApps);
-    } else if (name == "linux") {
-      choice = linuxDesktop();
+    } else if (auto kind = sessionKindOf(name)) {
+      choice = linuxDesktop(*kind);
     } else {
       choice.problem = "未知のプラットフォームです: " + name;
     }
@@ -88,7 +112,11 @@ PlatformSource::PlatformSource(const char* platformNames, const char* simApps) {
     return;
   }
   // Only a Linux desktop comes later: it runs on the loop waiting for it.
-  for (const auto& name : names) looksAgain_ = looksAgain_ || name == "linux";
+  for (const auto& name : names)
+    if (auto kind = sessionKindOf(name)) {
+      looksAgain_ = true;
+      kindLater_ = static_cast<int>(*kind);
+    }
   if (looksAgain_)
     waitingLoop_ = std::make_unique<linux_desktop::GlibRunLoop>();
   else
@@ -104,7 +132,7 @@ Platform* PlatformSource::find(std::string& problem) {
     if (!looksAgain_ || attempting_ || Clock::now() < nextAttempt_) return nullptr;
     attempting_ = true;
   }
-  auto choice = linuxDesktop();
+  auto choice = linuxDesktop(static_cast<SessionKind>(kindLater_));
   std::lock_guard guard(lock_);
   attempting_ = false;
   nextAttempt_ = Clock::now() + attemptInterval;

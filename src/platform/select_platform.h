@@ -1,7 +1,9 @@
 // Chooses the platform at start, from GLIMMERSTRAND_PLATFORM: "sim" (the
 // simulated desktop, with applications from GLIMMERSTRAND_SIM_APPS or the
-// built-in demo set), "linux", or a list such as "linux,sim" whose first
-// available entry wins. Unset means "linux". When nothing is available the
+// built-in demo set), "linux" (the session's desktop: Wayland on a wlroots
+// compositor where WAYLAND_DISPLAY is set, else X11), "wayland" or "x11" (only
+// that one), or a list such as "linux,sim" whose first available entry wins.
+// Unset means "linux". When nothing is available the
 // process still runs, and operations that need the platform fail with the
 // reason given here.
 //
@@ -59,6 +61,7 @@ class PlatformSource {
 
   std::string firstName_;
   bool looksAgain_ = false;
+  int kindLater_ = 0;  // the session kind of the Linux entry looked for later
   std::unique_ptr<Platform> atStart_;
   std::unique_ptr<RunLoop> waitingLoop_;  // the main loop while there is no platform
   RunLoop* mainLoop_ = nullptr;

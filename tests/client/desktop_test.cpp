@@ -228,6 +228,9 @@ TEST(DesktopArguments, UsageErrorsAreCaughtBeforeAnythingStarts) {
       {{"desktop", "stop", "now"}, "glimmerstrand: unexpected argument 'now': 'desktop stop' takes none"},
       {{"desktop", "start", "--fast"}, "glimmerstrand: unknown option '--fast' of 'desktop start'"},
       {{"--json", "desktop", "status"}, "glimmerstrand: option --json does not apply to 'desktop'"},
+      {{"desktop", "start", "--wayland"}, "glimmerstrand: 'desktop start --wayland' needs a compositor: sway"},
+      {{"desktop", "start", "--wayland", "weston"},
+       "glimmerstrand: 'desktop start --wayland' needs a compositor: sway"},
   };
   for (const auto& [args, message] : cases) {
     const Outcome outcome = client.run(args);
@@ -236,6 +239,40 @@ TEST(DesktopArguments, UsageErrorsAreCaughtBeforeAnythingStarts) {
   }
   EXPECT_FALSE(std::filesystem::exists(client.folder() / "desktop"));
   EXPECT_TRUE(client.run({"desktop", "--help"}).out.starts_with("usage: glimmerstrand desktop start"));
+}
+
+// The uid a process runs as, from /proc.
+uid_t uidOf(pid_t pid) {
+  const std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
+  const auto at = status.find("Uid:");
+  return at == std::string::npos ? static_cast<uid_t>(-1) : static_cast<uid_t>(std::stoul(status.substr(at + 4)));
+}
+
+TEST(DesktopWayland, SwayRunsUnprivilegedItsApplicationsAsItsClientsAndStopLeavesNothing) {
+  const DesktopClient client("desktop-wayland");
+  const Outcome started = client.run({"desktop", "start", "--wayland", "sway", "galculator"});
+  ASSERT_EQ(started.status, 0) << started.err;
+  std::map<std::string, std::string> variables;
+  for (const auto& [name, value] : parseExportLines(started.out)) variables[name] = value;
+  const auto pids = startedPids(started.err);
+  ASSERT_TRUE(pids.count("sway") && pids.count("galculator")) << started.err;
+  // sway refuses root; as any other user it runs as that user.
+  EXPECT_NE(uidOf(pids.at("sway")), 0u) << "sway runs as root";
+  if (::getuid() != 0) {
+    EXPECT_EQ(uidOf(pids.at("sway")), ::getuid());
+  }
+  const std::filesystem::path display = variables["WAYLAND_DISPLAY"];
+  EXPECT_TRUE(display.is_absolute() && std::filesystem::is_socket(display)) << started.out;
+  EXPECT_TRUE(std::filesystem::is_socket(variables["SWAYSOCK"])) << started.out;
+  EXPECT_EQ(variables.count("DISPLAY"), 0u) << "no X server for a Wayland desktop";
+  // The application is sway's client: it reaches the display it was given.
+  const std::string environ = readFile("/proc/" + std::to_string(pids.at("galculator")) + "/environ");
+  EXPECT_NE(environ.find("WAYLAND_DISPLAY=" + display.string() + '\0'), std::string::npos);
+  EXPECT_NE(environ.find(std::string("GDK_BACKEND=wayland") + '\0'), std::string::npos);
+  const Outcome stopped = client.run({"desktop", "stop"});
+  EXPECT_EQ(stopped.status, 0) << stopped.err;
+  for (const auto& [name, pid] : pids) EXPECT_FALSE(processExists(pid)) << name;
+  EXPECT_FALSE(std::filesystem::exists(display.parent_path())) << "the compositor's folder is removed";
 }
 
 TEST(DesktopEnvironment, ValuesSurviveAShellsEvalWhateverTheirQuotes) {

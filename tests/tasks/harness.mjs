@@ -142,9 +142,11 @@ function parseExports(output) {
  * them, by pid for the desktop and by `glimmerstrand stop` for the daemon.
  */
 export class World {
-  constructor({ repo, build, apps, transport = 'stdio' }) {
+  constructor({ repo, build, apps, transport = 'stdio', wayland }) {
     this.transport = transport;
     this.repo = repo;
+    // A compositor ("sway") runs a Wayland desktop instead of X11.
+    this.wayland = wayland;
     this.client = path.join(build, 'src', 'client', 'glimmerstrand');
     this.apps = apps;
     this.folder = mkdtempSync(path.join(tmpdir(), 'glimmerstrand-tasks-'));
@@ -175,7 +177,8 @@ export class World {
     });
     this.daemonLog = path.join(home, '.local', 'state', 'glimmerstrand', 'daemon.log');
     this.baseEnvironment = base;
-    const started = spawnSync('bash', [path.join(this.repo, 'scripts', 'desktop.sh'), 'start', '--wm', ...this.apps], {
+    const kind = this.wayland ? ['--wayland', this.wayland] : ['--wm'];
+    const started = spawnSync('bash', [path.join(this.repo, 'scripts', 'desktop.sh'), 'start', ...kind, ...this.apps], {
       env: base,
       encoding: 'utf8',
       stdio: ['ignore', 'pipe', 'inherit'],
@@ -236,6 +239,32 @@ export class World {
   async closeSession(session) {
     this.sessions.delete(session);
     await session.close();
+  }
+
+  /** The titles of the desktop's windows, as its X server or its compositor lists them. */
+  windowTitles() {
+    if (!this.wayland) return this.run('xwininfo', ['-root', '-tree']).stdout;
+    const titles = [];
+    const walk = (node) => {
+      if (node.pid && node.name) titles.push(node.name);
+      for (const child of [...(node.nodes ?? []), ...(node.floating_nodes ?? [])]) walk(child);
+    };
+    const tree = this.run('swaymsg', ['-r', '-t', 'get_tree']).stdout;
+    if (tree) walk(JSON.parse(tree));
+    return titles.join('\n');
+  }
+
+  /** The size of the picture on the clipboard as another client reads it ("640x480"), or "none". */
+  clipboardImageSize() {
+    if (!this.wayland) {
+      const seen = this.run(path.join(this.repo, 'tests', 'tasks', 'clipboard_image.py'), []);
+      return seen.stdout.trim() || seen.stderr;
+    }
+    // A Wayland client without a focused window is told no selection: wl-paste reads it by data control.
+    const png = spawnSync('wl-paste', ['--no-newline', '--type', 'image/png'], { env: this.environment, timeout: 20_000 });
+    const bytes = png.stdout;
+    if (!bytes || bytes.length < 24 || bytes.toString('latin1', 12, 16) !== 'IHDR') return 'none';
+    return `${bytes.readUInt32BE(16)}x${bytes.readUInt32BE(20)}`;
   }
 
   /** Runs a program of the desktop (such as xwininfo) with the desktop's environment. */

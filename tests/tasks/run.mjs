@@ -1,6 +1,6 @@
 // Runs the agent tasks on real applications and writes what each cost.
 //
-//   node run.mjs [--build DIR] [--report FILE] [--only NAME,...] [--transport stdio|http]
+//   node run.mjs [--build DIR] [--report FILE] [--only NAME,...] [--transport stdio|http] [--wayland sway]
 //
 // Over HTTP (`glimmerstrand mcp --http` and the SDK's Streamable HTTP client)
 // the core tasks run, and those about HTTP alone.
@@ -22,6 +22,8 @@ const { values: options } = parseArgs({
     report: { type: 'string' },
     only: { type: 'string' },
     transport: { type: 'string', default: 'stdio' },
+    // A headless Wayland desktop on this compositor instead of X11.
+    wayland: { type: 'string' },
   },
 });
 const overHttp = options.transport === 'http';
@@ -115,7 +117,7 @@ const shareNote =
   'JSON-RPC, the SDK, and waits for another session\'s lease';
 
 async function main() {
-  const world = new World({ repo, build: options.build, apps, transport: options.transport });
+  const world = new World({ repo, build: options.build, apps, transport: options.transport, wayland: options.wayland });
   const stop = () => world.close().finally(() => process.exit(2));
   process.once('SIGINT', stop);
   process.once('SIGTERM', stop);

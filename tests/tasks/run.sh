@@ -2,7 +2,7 @@
 # The agent task suite: installs the MCP client SDK from the npm registry into
 # tests/tasks/node_modules (as pinned by package-lock.json), then runs every
 # task on a headless desktop of its own. Arguments go to run.mjs
-# (--build DIR, --report FILE, --only NAME,...). Exits non-zero when a task fails.
+# (--build DIR, --report FILE, --only NAME,..., --wayland sway). Exits non-zero when a task fails.
 set -euo pipefail
 cd "$(dirname "$0")"
 if ! command -v node >/dev/null || ! command -v npm >/dev/null; then

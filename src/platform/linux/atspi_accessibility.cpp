@@ -16,6 +16,7 @@
 #include "platform/linux/atspi_element.h"
 #include "platform/linux/atspi_windows.h"
 #include "platform/linux/window_geometry_watch.h"
+#include "platform/linux/window_placement.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
@@ -39,6 +40,10 @@ constexpr std::size_t longList = 500;
 constexpr std::size_t readAheadLevels = 64;
 // How many state values an observer remembers to tell repeats.
 constexpr std::size_t maxToldStates = 4096;
+// How many elements the table of their windows holds before it starts afresh.
+constexpr std::size_t maxPlacedElements = 200000;
+// How long a window's title read for its place stands.
+constexpr auto titleLife = std::chrono::milliseconds(500);
 
 std::string keyOf(const ObjectRef& ref) { return ref.bus + '\n' + ref.path; }
 
@@ -130,6 +135,13 @@ struct AtspiAccessibility::State {
   std::unordered_map<std::string, std::string> lastActiveWindow;  // bus name → path of its window last made active
   std::unordered_map<std::string, std::unordered_map<std::string, std::string>> sheetOwners;  // bus → sheet → window
   guint windowActivationSubscription = 0;
+  // Where frames are window-relative: the places of windows, and which top
+  // level each element read lies in (its window's path on the same bus, by
+  // element), learned as children are read, under `lock`.
+  WindowPlacement* placement = nullptr;  // set once, before use
+  bool watchingPlaces = false;           // the placement tells moves and resizes
+  std::unordered_map<std::string, std::string> windowOf;
+  std::unordered_map<std::string, std::pair<std::string, std::chrono::steady_clock::time_point>> windowTitles;
 
   State(AtspiBus& b, RunLoop& loop, RootWindowEvents* root)
       : bus(b),
@@ -154,7 +166,63 @@ struct AtspiAccessibility::State {
     for (const auto& name : departed) {
       toolkits.erase(name);
       lastFocused.erase(name);
+      const std::string prefix = name + '\n';
+      std::erase_if(windowOf, [&](const auto& entry) { return entry.first.starts_with(prefix); });
+      std::erase_if(windowTitles, [&](const auto& entry) { return entry.first.starts_with(prefix); });
     }
+  }
+
+  // Notes the window of each child read under `parent`: the parent itself
+  // when it is a top level, else the parent's own window.
+  // An application's children are top levels themselves.
+  void learnWindows(const ObjectRef& parent, const ElementRecord& record, bool sheet, const AxValue& children) {
+    const auto* list = children.get<AxList>();
+    if (!placement || !list) return;
+    const bool application = isApplicationRole(record.role);
+    std::lock_guard guard(lock);
+    std::string window = parent.path;
+    if (!application && !sheet && !isWindowRole(record.role)) {
+      auto known = windowOf.find(keyOf(parent));
+      if (known == windowOf.end()) return;
+      window = known->second;
+    }
+    if (windowOf.size() + list->size() > maxPlacedElements) windowOf.clear();
+    for (const auto& child : *list)
+      if (const auto* element = child.get<Element>())
+        if (const auto* e = element->as<AtspiElement>(); e && e->bus() == parent.bus)
+          windowOf[keyOf(ObjectRef{e->bus(), e->path()})] = application ? e->path() : window;
+  }
+
+  // The title of a top level, as last read within a moment.
+  std::string windowTitle(const ObjectRef& window, int timeoutMs) {
+    const auto now = std::chrono::steady_clock::now();
+    {
+      std::lock_guard guard(lock);
+      auto known = windowTitles.find(keyOf(window));
+      if (known != windowTitles.end() && now - known->second.second < titleLife) return known->second.first;
+    }
+    std::string title = readRecords(to(window.bus).get(), {window}, basicPart, timeoutMs).front().name;
+    std::lock_guard guard(lock);
+    windowTitles[keyOf(window)] = {title, now};
+    return title;
+  }
+
+  // Where the window of an element stands, for frames told relative to it.
+  std::optional<AxPoint> windowOrigin(const ObjectRef& ref, const ElementRecord& record, int timeoutMs) {
+    auto pid = pidOfBus(ref.bus);
+    if (!placement || !pid) return std::nullopt;
+    std::string title;
+    if ((record.parts & basicPart) && isWindowRole(record.role)) {
+      title = record.name;
+    } else {
+      std::optional<std::string> window;
+      {
+        std::lock_guard guard(lock);
+        if (auto known = windowOf.find(keyOf(ref)); known != windowOf.end()) window = known->second;
+      }
+      if (window) title = windowTitle(ObjectRef{ref.bus, *window}, timeoutMs);
+    }
+    return placement->origin(*pid, title);
   }
 
   int timeoutOf(const Element& element) {
@@ -650,21 +718,24 @@ AxResult<std::vector<AxValue>> AtspiAccessibility::copyMultiple(const Element& e
   if (record.error != AxError::success) return {record.error, {}};
   const std::string toolkit = s_->toolkitOf(ref.bus);
   const auto owner = s_->sheetOwner(ref);
+  if (record.extents) placeFrame(ref, record);
   std::vector<AxValue> values;
   values.reserve(names.size());
   for (const auto& name : names) {
-    if (isWindowLevel(name))
+    if (isWindowLevel(name)) {
       values.push_back(copy(element, name));
-    else if (name == "AXChildren")
+    } else if (name == "AXChildren") {
       values.push_back(s_->shownChildren(ref, record, toolkit, timeoutMs));
-    else if (owner && name == "AXRole")
+      s_->learnWindows(ref, record, owner.has_value(), values.back());
+    } else if (owner && name == "AXRole") {
       values.emplace_back("AXSheet");
-    else if (owner && name == "AXSubrole")
+    } else if (owner && name == "AXSubrole") {
       values.emplace_back(AxError::attributeUnsupported);
-    else if (owner && name == "AXParent")
+    } else if (owner && name == "AXParent") {
       values.emplace_back(atspiElement(owner->bus, owner->path));
-    else
+    } else {
       values.push_back(attributeValue(record, name, toolkit));
+    }
   }
   for (auto& value : values) shareTimeout(value, element);
   return {AxError::success, std::move(values)};
@@ -899,6 +970,7 @@ AxResult<Element> AtspiAccessibility::elementAt(double x, double y) {
   const gint32 px = static_cast<gint32>(std::floor(x)), py = static_cast<gint32>(std::floor(y));
   std::optional<ObjectRef> best;
   bool bestActive = false;
+  AxPoint bestOrigin;  // where the window stands, where frames are told relative to it
   for (const auto& app : s_->desktopApplications()) {
     ElementRecord a = s_->record(app, childrenPart, s_->defaultTimeout.load());
     if (a.error != AxError::success || !a.children) continue;
@@ -906,20 +978,23 @@ AxResult<Element> AtspiAccessibility::elementAt(double x, double y) {
     for (std::size_t k = 0; k < windows.size(); ++k) {
       const auto& w = windows[k];
       if (w.error != AxError::success || !w.extents || !w.states.showing()) continue;
-      const auto& e = *w.extents;
+      const AxPoint origin = s_->windowOrigin((*a.children)[k], w, s_->defaultTimeout.load()).value_or(AxPoint{});
+      const AxRect e{w.extents->x + origin.x, w.extents->y + origin.y, w.extents->width, w.extents->height};
       if (px < e.x || py < e.y || px >= e.x + e.width || py >= e.y + e.height) continue;
       if (!best || (w.states.active() && !bestActive)) {
         best = (*a.children)[k];
         bestActive = w.states.active();
+        bestOrigin = origin;
       }
     }
   }
   if (!best) return {AxError::noValue, Element()};
   ObjectRef current = *best;
+  const auto wx = static_cast<gint32>(px - bestOrigin.x), wy = static_cast<gint32>(py - bestOrigin.y);
   for (int depth = 0; depth < 64; ++depth) {
     Reply reply = callSync(s_->to(current.bus).get(),
                            Call{current.bus, current.path, "org.a11y.atspi.Component", "GetAccessibleAtPoint",
-                                own(g_variant_new("(iiu)", px, py, 0u))},
+                                own(g_variant_new("(iiu)", wx, wy, 0u))},
                            s_->defaultTimeout.load());
     auto next = objectRef(replyChild(reply));
     if (!next || next->isNull() || *next == current) break;
@@ -1023,20 +1098,47 @@ AxResult<std::shared_ptr<Observer>> AtspiAccessibility::createObserver(std::int3
   return {AxError::success, observer};
 }
 
+void AtspiAccessibility::placeWindowsWith(WindowPlacement* placement) { s_->placement = placement; }
+
+void AtspiAccessibility::placeFrame(const ObjectRef& ref, ElementRecord& record) {
+  if (!s_->placement) return;
+  if (auto origin = s_->windowOrigin(ref, record, s_->defaultTimeout.load())) {
+    record.extents->x += origin->x;
+    record.extents->y += origin->y;
+  }
+}
+
 void AtspiAccessibility::watchWindowGeometry() {
-  std::lock_guard guard(s_->lock);
-  if (s_->geometry || !s_->rootEvents) return;
-  s_->geometry = std::make_unique<WindowGeometryWatch>(
-      *s_->rootEvents, s_->mainLoop, [s = s_.get()](std::int32_t pid, WindowGeometryWatch::Change change) {
-        const std::string name = change == WindowGeometryWatch::Change::moved ? "AXMoved" : "AXResized";
-        std::vector<std::shared_ptr<AtspiObserver>> targets;
-        {
-          std::lock_guard guard(s->lock);
-          for (const auto& weak : s->observers)
-            if (auto observer = weak.lock(); observer && observer->pid() == pid) targets.push_back(std::move(observer));
-        }
-        for (auto& observer : targets) observer->deliver(atspiElement(observer->bus(), rootPath), name);
-      });
+  // Told to the observers of the process, on the main run loop.
+  auto tell = [s = s_.get()](std::int32_t pid, bool resized) {
+    const std::string name = resized ? "AXResized" : "AXMoved";
+    std::vector<std::shared_ptr<AtspiObserver>> targets;
+    {
+      std::lock_guard guard(s->lock);
+      for (const auto& weak : s->observers)
+        if (auto observer = weak.lock(); observer && observer->pid() == pid) targets.push_back(std::move(observer));
+    }
+    for (auto& observer : targets) observer->deliver(atspiElement(observer->bus(), rootPath), name);
+  };
+  WindowPlacement* placement = nullptr;
+  {
+    std::lock_guard guard(s_->lock);
+    if (s_->geometry || s_->watchingPlaces) return;
+    if (s_->rootEvents) {
+      s_->geometry = std::make_unique<WindowGeometryWatch>(
+          *s_->rootEvents, s_->mainLoop, [tell](std::int32_t pid, WindowGeometryWatch::Change change) {
+            tell(pid, change == WindowGeometryWatch::Change::resized);
+          });
+      return;
+    }
+    placement = s_->placement;
+    s_->watchingPlaces = placement != nullptr;
+  }
+  // Where the compositor tells the windows' places, from it.
+  if (placement)
+    placement->watchGeometry([tell, loop = &s_->mainLoop](std::int32_t pid, bool resized) {
+      loop->post([tell, pid, resized] { tell(pid, resized); });
+    });
 }
 
 AxError AtspiAccessibility::addNotification(Observer& observer, const Element& element, std::string_view notification) {

@@ -15,6 +15,7 @@
 namespace glimmerstrand::platform::linux_desktop {
 
 class RootWindowEvents;
+class WindowPlacement;
 
 /// The applications on the accessibility bus, as the registry lists them.
 struct BusApplication {
@@ -61,6 +62,10 @@ class AtspiAccessibility final : public Accessibility {
   /// The application of `pid` did not answer within the messaging limit:
   /// lists leave it out until it answers again.
   void markSilent(std::int32_t pid);
+  /// From now on frames are made desktop-relative with the windows' places
+  /// from `placement`, which outlives this object: for desktops where
+  /// toolkits tell frames relative to their window. Call once, before use.
+  void placeWindowsWith(WindowPlacement* placement);
   /// Runs `callback` on the main run loop whenever a window of an
   /// application becomes active, with that application's pid.
   void observeActivation(std::function<void(std::int32_t pid)> callback);
@@ -70,6 +75,9 @@ class AtspiAccessibility final : public Accessibility {
  private:
   // copy without giving the elements read the handle's timeout.
   AxValue copyValue(const Element& element, std::string_view name);
+  // The element's frame as it reads, with its window's place added where
+  // frames are window-relative.
+  void placeFrame(const ObjectRef& ref, ElementRecord& record);
   // Starts delivering AXMoved and AXResized from the X server, once.
   void watchWindowGeometry();
   std::unique_ptr<State> s_;

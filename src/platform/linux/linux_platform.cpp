@@ -13,6 +13,7 @@
 #include "platform/linux/x11_pasteboard.h"
 #include "platform/linux/x11_root_events.h"
 #include "platform/linux/x11_screen.h"
+#include "platform/linux/x11_windows.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
@@ -24,7 +25,8 @@ class LinuxPlatform final : public Platform {
       : bus_(std::move(bus)),
         rootEvents_(RootWindowEvents::open()),
         accessibility_(bus_, loop_, rootEvents_.get()),
-        workspace_(accessibility_, loop_, rootEvents_.get()),
+        windows_(loop_, rootEvents_.get()),
+        workspace_(accessibility_, windows_),
         overlay_(loop_) {
     // Toolkits that build their trees only on request (Qt) are asked to.
     if (!bus_.isEnabled()) bus_.enable();
@@ -40,12 +42,16 @@ class LinuxPlatform final : public Platform {
   OverlayPainter& overlay() override { return overlay_; }
   Clock& clock() override { return systemClock(); }
   RunLoop& mainLoop() override { return loop_; }
+  SessionFacts sessionFacts() override {
+    return {"x11", "", {{"accessibility", accessibility_.isTrusted(), "the accessibility bus is off"}}};
+  }
 
  private:
   GlibRunLoop loop_;
   AtspiBus bus_;
   std::unique_ptr<RootWindowEvents> rootEvents_;  // null without an X server
   AtspiAccessibility accessibility_;
+  X11Windows windows_;
   LinuxWorkspace workspace_;
   X11Input input_;
   X11Pasteboard pasteboard_;

@@ -1,8 +1,5 @@
 #include "platform/linux/linux_workspace.h"
 
-#include <X11/Xatom.h>
-#include <X11/Xlib.h>
-#include <X11/Xutil.h>
 #include <fcntl.h>
 #include <gio/gdesktopappinfo.h>
 #include <gio/gio.h>
@@ -10,7 +7,6 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include "platform/linux/process_family.h"
 
 #include <algorithm>
 #include <array>
@@ -25,6 +21,8 @@
 #include <set>
 #include <sstream>
 #include <thread>
+
+#include "platform/linux/process_family.h"
 
 extern char** environ;
 
@@ -187,24 +185,10 @@ std::optional<pid_t> spawn(const std::vector<std::string>& command) {
   return pid;
 }
 
-void sendMessage(::Display* d, ::Window to, ::Window about, const char* type, std::array<long, 5> data, long mask) {
-  XEvent event{};
-  event.xclient.type = ClientMessage;
-  event.xclient.window = about;
-  event.xclient.message_type = XInternAtom(d, type, False);
-  event.xclient.format = 32;
-  for (int n = 0; n < 5; ++n) event.xclient.data.l[n] = data[static_cast<std::size_t>(n)];
-  XSendEvent(d, to, False, mask, &event);
-}
-
 }  // namespace
 
-/// The root window's _NET_ACTIVE_WINDOW, watched on a connection of its
-/// own whose events are read on the main run loop.
-LinuxWorkspace::LinuxWorkspace(AtspiAccessibility& accessibility, RunLoop& mainLoop, RootWindowEvents* rootEvents)
-    : ax_(accessibility), mainLoop_(mainLoop), x_(openX11()), rootEvents_(rootEvents) {}
-
-LinuxWorkspace::~LinuxWorkspace() { closeX11(x_); }
+LinuxWorkspace::LinuxWorkspace(AtspiAccessibility& accessibility, WindowSystem& windows)
+    : ax_(accessibility), windows_(windows) {}
 
 RunningApplication LinuxWorkspace::recordOf(const BusApplication& app) {
   RunningApplication r;
@@ -212,8 +196,7 @@ RunningApplication LinuxWorkspace::recordOf(const BusApplication& app) {
   r.name = app.name;
   r.bundlePath = executableOf(app.pid);
   r.terminated = !alive(app.pid);
-  std::lock_guard guard(lock_);
-  r.hidden = hidden_.count(app.pid) > 0;
+  r.hidden = windows_.isHidden(app.pid);
   return r;
 }
 
@@ -228,18 +211,9 @@ std::optional<RunningApplication> LinuxWorkspace::application(std::int32_t pid) 
   return std::nullopt;
 }
 
-// The window manager's active window, else the window with the focus.
-std::optional<std::int32_t> LinuxWorkspace::frontPid() {
-  std::lock_guard guard(lock_);
-  if (!x_) return std::nullopt;
-  if (auto active = activeWindow(x_)) return pidOfWindow(x_, *active);
-  if (auto focused = focusedClient(x_)) return focused->pid;
-  return std::nullopt;
-}
-
 std::optional<RunningApplication> LinuxWorkspace::frontmost() {
-  if (auto pid = frontPid()) return application(*pid);
-  // Without X, the application whose window holds the active state: all
+  if (auto pid = windows_.frontPid()) return application(*pid);
+  // Where the window system cannot tell, the application whose window holds the active state: all
   // asked at once, each within the messaging limit, so that one that does
   // not answer holds up no other answer; one that did not answer before is
   // left out until it answers again.
@@ -262,142 +236,17 @@ std::optional<RunningApplication> LinuxWorkspace::frontmost() {
 }
 
 void LinuxWorkspace::observeActivation(std::function<void(const RunningApplication&)> callback) {
-  if (watchActiveWindow()) {
-    std::lock_guard guard(lock_);
-    activationCallbacks_.push_back(std::move(callback));
-    return;
-  }
-  ax_.observeActivation([this, callback = std::move(callback)](std::int32_t pid) {
+  auto told = [this, callback = std::move(callback)](std::int32_t pid) {
     if (auto app = application(pid)) callback(*app);
-  });
+  };
+  if (windows_.watchActivation(told)) return;
+  ax_.observeActivation(std::move(told));
 }
 
-// True when a window manager keeps _NET_ACTIVE_WINDOW and it is watched: the
-// manager knows every activation, also of applications without a tree, and
-// tells each once.
-bool LinuxWorkspace::watchActiveWindow() {
-  std::lock_guard guard(lock_);
-  if (watching_) return true;
-  if (!x_ || !rootEvents_ || !hasWindowManager(x_)) return false;
-  activeWindowAtom_ = XInternAtom(x_, "_NET_ACTIVE_WINDOW", False);
-  rootEvents_->listen([this](const RootEvent& event) {
-    if (event.kind == RootEvent::Kind::property && event.atom == activeWindowAtom_) activeWindowChanged();
-  });
-  // The process in front now is no news.
-  mainLoop_.post([this] {
-    auto active = activeWindow(rootEvents_->connection());
-    if (active) lastActivePid_ = pidOfWindow(rootEvents_->connection(), *active);
-  });
-  watching_ = true;
-  return true;
-}
-
-// On the main run loop: tells the callbacks when another process has come
-// to the front.
-void LinuxWorkspace::activeWindowChanged() {
-  auto active = activeWindow(rootEvents_->connection());
-  auto pid = active ? pidOfWindow(rootEvents_->connection(), *active) : std::nullopt;
-  if (!pid || pid == lastActivePid_) return;
-  lastActivePid_ = pid;
-  auto app = application(*pid);
-  if (!app) return;
-  std::vector<ActivationCallback> callbacks;
-  {
-    std::lock_guard guard(lock_);
-    callbacks = activationCallbacks_;
-  }
-  for (const auto& callback : callbacks) callback(*app);
-}
-
-bool LinuxWorkspace::activate(std::int32_t pid) {
-  std::lock_guard guard(lock_);
-  if (!x_) return false;
-  std::optional<ClientWindow> target;
-  for (const auto& w : clientWindows(x_))
-    if (w.pid == pid && (w.viewable || !target)) target = w;
-  if (!target) return false;
-  ::Window root = DefaultRootWindow(x_);
-  if (hasWindowManager(x_)) {
-    // Source 2: asked for by the user, so the manager does not refuse it.
-    sendMessage(x_, root, target->window, "_NET_ACTIVE_WINDOW", {2, CurrentTime, 0, 0, 0},
-                SubstructureRedirectMask | SubstructureNotifyMask);
-  } else {
-    XMapRaised(x_, target->window);
-    XSetInputFocus(x_, target->window, RevertToParent, CurrentTime);
-  }
-  hidden_.erase(pid);
-  XFlush(x_);
-  return true;
-}
-
-bool LinuxWorkspace::hide(std::int32_t pid) {
-  std::lock_guard guard(lock_);
-  if (!x_) return false;
-  bool any = false;
-  const bool managed = hasWindowManager(x_);
-  for (const auto& w : clientWindows(x_)) {
-    if (w.pid != pid || !w.viewable) continue;
-    // A manager iconifies; without one, unmapping is all there is.
-    if (managed)
-      XIconifyWindow(x_, w.window, DefaultScreen(x_));
-    else
-      XUnmapWindow(x_, w.window);
-    hidden_[pid].insert(w.window);
-    any = true;
-  }
-  XFlush(x_);
-  return any;
-}
-
-bool LinuxWorkspace::unhide(std::int32_t pid) {
-  std::lock_guard guard(lock_);
-  if (!x_) return false;
-  auto it = hidden_.find(pid);
-  if (it == hidden_.end()) return true;
-  // Mapping an iconic window makes it normal again, with or without a manager.
-  for (auto window : it->second) XMapWindow(x_, window);
-  hidden_.erase(it);
-  XFlush(x_);
-  return true;
-}
-
-bool LinuxWorkspace::terminate(std::int32_t pid) {
-  std::lock_guard guard(lock_);
-  if (!x_) return false;
-  bool delivered = false;
-  const Atom protocols = XInternAtom(x_, "WM_PROTOCOLS", False);
-  const Atom deleteWindow = XInternAtom(x_, "WM_DELETE_WINDOW", False);
-  const bool managed = hasWindowManager(x_);
-  for (const auto& w : clientWindows(x_)) {
-    if (w.pid != pid || !w.viewable) continue;
-    // Closing every window is how a person quits; nothing is killed.
-    if (managed) {
-      sendMessage(x_, DefaultRootWindow(x_), w.window, "_NET_CLOSE_WINDOW", {CurrentTime, 2, 0, 0, 0},
-                  SubstructureRedirectMask | SubstructureNotifyMask);
-      delivered = true;
-      continue;
-    }
-    Atom* list = nullptr;
-    int count = 0;
-    bool polite = false;
-    if (XGetWMProtocols(x_, w.window, &list, &count)) {
-      for (int n = 0; n < count; ++n) polite = polite || list[n] == deleteWindow;
-      XFree(list);
-    }
-    if (!polite) continue;
-    XEvent event{};
-    event.xclient.type = ClientMessage;
-    event.xclient.window = w.window;
-    event.xclient.message_type = protocols;
-    event.xclient.format = 32;
-    event.xclient.data.l[0] = static_cast<long>(deleteWindow);
-    event.xclient.data.l[1] = CurrentTime;
-    XSendEvent(x_, w.window, False, NoEventMask, &event);
-    delivered = true;
-  }
-  XFlush(x_);
-  return delivered;
-}
+bool LinuxWorkspace::activate(std::int32_t pid) { return windows_.activate(pid); }
+bool LinuxWorkspace::hide(std::int32_t pid) { return windows_.hide(pid); }
+bool LinuxWorkspace::unhide(std::int32_t pid) { return windows_.unhide(pid); }
+bool LinuxWorkspace::terminate(std::int32_t pid) { return windows_.close(pid); }
 
 void LinuxWorkspace::launch(const LaunchRequest& request, OpenCompletion done) {
   std::vector<std::string> command;
@@ -441,23 +290,20 @@ std::optional<std::int32_t> LinuxWorkspace::windowOwner(const std::string& text)
     return s;
   };
   const std::string wanted = lower(text);
-  std::lock_guard guard(lock_);
-  if (!x_ || wanted.empty()) return std::nullopt;
-  for (const auto& w : clientWindows(x_))
-    if (w.pid > 0 && w.viewable && lower(w.title).find(wanted) != std::string::npos) return w.pid;
+  if (wanted.empty()) return std::nullopt;
+  for (const auto& w : windows_.shownWindows())
+    if (w.pid > 0 && lower(w.title).find(wanted) != std::string::npos) return w.pid;
   return std::nullopt;
 }
 
-std::set<XWindowId> LinuxWorkspace::windowIds() {
-  std::lock_guard guard(lock_);
-  std::set<XWindowId> ids;
-  if (x_)
-    for (const auto& w : clientWindows(x_)) ids.insert(w.window);
+std::set<std::uint64_t> LinuxWorkspace::windowIds() {
+  std::set<std::uint64_t> ids;
+  for (const auto& w : windows_.shownWindows()) ids.insert(w.id);
   return ids;
 }
 
 std::optional<RunningApplication> LinuxWorkspace::launchedApplication(std::int32_t launcher,
-                                                                      const std::set<XWindowId>& before) {
+                                                                      const std::set<std::uint64_t>& before) {
   // Shown once it has a window: LibreOffice's first process on a new profile
   // registers, then ends to be started again under another pid.
   auto shown = [this](std::int32_t pid) -> std::optional<RunningApplication> {
@@ -471,15 +317,9 @@ std::optional<RunningApplication> LinuxWorkspace::launchedApplication(std::int32
   for (std::int32_t pid : family)
     if (auto app = shown(pid)) return app;
   if (alive(launcher) || family.size() > 1) return std::nullopt;
-  std::vector<std::int32_t> owners;
-  {
-    std::lock_guard guard(lock_);
-    if (!x_) return std::nullopt;
-    for (const auto& w : clientWindows(x_))
-      if (!before.count(w.window) && w.pid > 0) owners.push_back(w.pid);
-  }
-  for (std::int32_t pid : owners)
-    if (auto app = shown(pid)) return app;
+  for (const auto& w : windows_.shownWindows())
+    if (!before.count(w.id) && w.pid > 0)
+      if (auto app = shown(w.pid)) return app;
   return std::nullopt;
 }
 

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/cursor_picture.h"
 #include "platform/linux/x11_connection.h"
 
 namespace glimmerstrand::platform::linux_desktop {
@@ -27,132 +28,9 @@ using SteadyClock = std::chrono::steady_clock;
 
 // About sixty frames a second while anything moves.
 constexpr auto frameInterval = std::chrono::milliseconds(16);
-// Where the tip stands in a panel, as a share of its side: 20 points of 56.
-constexpr double tipShare = 20.0 / 56.0;
 // Without a compositor a pixel is either drawn or cut away: this much
 // coverage draws it. The ripple's faint fill is cut away; its ring stays.
 constexpr double shapedCoverage = 0.35;
-
-struct Point {
-  double x, y;
-};
-
-// The outlines of the cursor shapes, from the tip, in points of a 56-point
-// panel, y downwards.
-const std::vector<Point>& outlineOf(CursorShape shape) {
-  static const std::vector<Point> arrow{{0, 0},       {0, 18},     {4.6, 13.6}, {7.8, 20.6},
-                                        {10.8, 19.3}, {7.7, 12.4}, {13.6, 12.4}};
-  static const std::vector<Point> hand{{0, 0},   {3, 0},   {3, 7},  {6, 7},   {6, 8},   {9, 8},   {9, 9}, {12, 9},
-                                       {12, 17}, {10, 21}, {1, 21}, {-4, 13}, {-4, 10}, {-2, 10}, {0, 12}};
-  static const std::vector<Point> iBeam{{-6, 0}, {6, 0},   {6, 4},   {2, 4},   {2, 16}, {6, 16},
-                                        {6, 20}, {-6, 20}, {-6, 16}, {-2, 16}, {-2, 4}, {-6, 4}};
-  switch (shape) {
-    case CursorShape::pointingHand:
-      return hand;
-    case CursorShape::iBeam:
-      return iBeam;
-    case CursorShape::arrow:
-      break;
-  }
-  return arrow;
-}
-
-bool inside(const std::vector<Point>& polygon, Point p) {
-  bool in = false;
-  for (std::size_t i = 0, j = polygon.size() - 1; i < polygon.size(); j = i++) {
-    const Point a = polygon[i], b = polygon[j];
-    if ((a.y > p.y) != (b.y > p.y) && p.x < (b.x - a.x) * (p.y - a.y) / (b.y - a.y) + a.x) in = !in;
-  }
-  return in;
-}
-
-double distanceToEdge(const std::vector<Point>& polygon, Point p) {
-  double best = 1e9;
-  for (std::size_t i = 0, j = polygon.size() - 1; i < polygon.size(); j = i++) {
-    const Point a = polygon[j], b = polygon[i];
-    const double dx = b.x - a.x, dy = b.y - a.y;
-    const double length = dx * dx + dy * dy;
-    const double t = length > 0 ? std::clamp(((p.x - a.x) * dx + (p.y - a.y) * dy) / length, 0.0, 1.0) : 0;
-    best = std::min(best, std::hypot(p.x - (a.x + t * dx), p.y - (a.y + t * dy)));
-  }
-  return best;
-}
-
-struct Rgba {
-  double r = 0, g = 0, b = 0, a = 0;  // premultiplied
-};
-
-Rgba over(Rgba top, Rgba below) {
-  return {top.r + below.r * (1 - top.a), top.g + below.g * (1 - top.a), top.b + below.b * (1 - top.a),
-          top.a + below.a * (1 - top.a)};
-}
-
-Rgba tinted(std::uint32_t colour, double alpha) {
-  return {((colour >> 16) & 0xff) / 255.0 * alpha, ((colour >> 8) & 0xff) / 255.0 * alpha,
-          (colour & 0xff) / 255.0 * alpha, alpha};
-}
-
-/// The ripple as it stands: its radius in points and its opacity.
-struct Ripple {
-  double radius = 0;
-  double opacity = 0;
-};
-
-/// One panel's picture, `width` by `height` premultiplied pixels.
-std::vector<Rgba> draw(int width, int height, CursorShape shape, std::uint32_t colour, std::optional<Ripple> ripple) {
-  const double unit = width / 56.0;
-  const Point tip{width * tipShare, height * tipShare};
-  std::vector<Point> outline;
-  for (auto p : outlineOf(shape)) outline.push_back({tip.x + p.x * unit, tip.y + p.y * unit});
-  const double stroke = 0.75 * unit;
-  std::vector<Rgba> out(static_cast<std::size_t>(width) * height);
-  // Three by three samples a pixel, for smooth edges.
-  constexpr int samples = 3;
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) {
-      Rgba sum;
-      for (int sy = 0; sy < samples; ++sy)
-        for (int sx = 0; sx < samples; ++sx) {
-          const Point p{x + (sx + 0.5) / samples, y + (sy + 0.5) / samples};
-          Rgba here;
-          if (ripple && ripple->opacity > 0) {
-            const double d = std::hypot(p.x - tip.x, p.y - tip.y);
-            if (std::abs(d - ripple->radius) <= stroke)
-              here = tinted(colour, 0.7 * ripple->opacity);
-            else if (d < ripple->radius)
-              here = tinted(colour, 0.25 * ripple->opacity);
-          }
-          if (distanceToEdge(outline, p) <= stroke)
-            here = over(tinted(0xffffff, 1), here);
-          else if (inside(outline, p))
-            here = over(tinted(colour, 1), here);
-          sum = {sum.r + here.r, sum.g + here.g, sum.b + here.b, sum.a + here.a};
-        }
-      constexpr double n = samples * samples;
-      out[static_cast<std::size_t>(y) * width + x] = {sum.r / n, sum.g / n, sum.b / n, sum.a / n};
-    }
-  return out;
-}
-
-double easeOut(double t) { return 1 - (1 - t) * (1 - t); }
-
-/// A value that goes from one end to the other over a time.
-struct Tween {
-  double from = 0, to = 0;
-  SteadyClock::time_point start;
-  std::chrono::milliseconds duration{0};
-
-  double at(SteadyClock::time_point now) const {
-    if (duration.count() <= 0 || now >= start + duration) return to;
-    const double t = std::chrono::duration<double>(now - start) / duration;
-    return from + (to - from) * easeOut(std::clamp(t, 0.0, 1.0));
-  }
-  bool running(SteadyClock::time_point now) const { return duration.count() > 0 && now < start + duration; }
-};
-
-Tween tween(double from, double to, std::int64_t durationMs) {
-  return {from, to, SteadyClock::now(), std::chrono::milliseconds(std::max<std::int64_t>(durationMs, 0))};
-}
 
 struct Panel {
   ::Window window = 0;

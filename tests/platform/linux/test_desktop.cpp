@@ -31,7 +31,8 @@ std::string script(const std::string& folder) {
 
 }  // namespace
 
-TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool windowManager)
+TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool windowManager,
+                         const std::string& compositor)
     : folder_("/tmp/glimmerstrand-test-desktop-" + std::to_string(::getpid())) {
   for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
     const std::string settings = folder_ + "/home/" + name;
@@ -39,6 +40,11 @@ TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool wind
     ::setenv(name, settings.c_str(), 1);
   }
   std::string command = script(folder_) + " start" + (windowManager ? " --wm" : "");
+  if (!compositor.empty()) {
+    command += " --wayland " + compositor;
+    // Its applications and this process find the compositor, never an X server.
+    ::unsetenv("DISPLAY");
+  }
   for (const auto& app : applications) command += " '" + app + "'";
   std::string printed;
   try {

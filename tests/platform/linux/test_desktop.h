@@ -14,9 +14,12 @@ namespace glimmerstrand::testing {
 
 class TestDesktop {
  public:
-  /// Starts the desktop (with openbox when `windowManager`) and the
-  /// applications, each ready when its tree answers. Throws when it can't.
-  TestDesktop(const std::vector<std::string>& applications, bool windowManager = false);
+  /// Starts the desktop (with openbox when `windowManager`; a headless
+  /// Wayland compositor instead of X11 when `compositor` names one, "sway")
+  /// and the applications, each ready when its tree answers. Throws when it
+  /// can't.
+  TestDesktop(const std::vector<std::string>& applications, bool windowManager = false,
+              const std::string& compositor = "");
   ~TestDesktop();
   TestDesktop(const TestDesktop&) = delete;
   TestDesktop& operator=(const TestDesktop&) = delete;
