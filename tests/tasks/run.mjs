@@ -3,7 +3,8 @@
 //   node run.mjs [--build DIR] [--report FILE] [--only NAME,...] [--transport stdio|http] [--wayland sway]
 //
 // Over HTTP (`glimmerstrand mcp --http` and the SDK's Streamable HTTP client)
-// the core tasks run, and those about HTTP alone.
+// the core tasks run, and those about HTTP alone. On Wayland the tasks marked
+// `x11` are left out.
 // Exits 1 when any task fails.
 import { mkdirSync, writeFileSync } from 'node:fs';
 import path from 'node:path';
@@ -28,7 +29,9 @@ const { values: options } = parseArgs({
 });
 const overHttp = options.transport === 'http';
 const reportFile = options.report ?? path.join(options.build, overHttp ? 'tasks-http-report.json' : 'tasks-report.json');
-const forTransport = tasks.filter((task) => (overHttp ? task.core || task.http : !task.http));
+const forTransport = tasks.filter(
+  (task) => (overHttp ? task.core || task.http : !task.http) && !(options.wayland && task.x11),
+);
 const chosen = options.only ? forTransport.filter((task) => options.only.split(',').includes(task.name)) : forTransport;
 const taskLimitMs = 90_000;
 

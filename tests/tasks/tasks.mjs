@@ -143,6 +143,8 @@ export const tasks = [
   },
   {
     name: 'calc-sheet-saved-as-csv',
+    // LibreOffice's menus and dialogs are driven on X11 only so far.
+    x11: true,
     async run({ session, world }) {
       const file = path.join(world.files, 'sums.csv');
       const opened = await session.do(
@@ -170,8 +172,8 @@ export const tasks = [
       await session.do(
         'soffice',
         'CALL ui.key("ctrl+shift+s"); CALL ui.wait_for("MATCH (s:Sheet {name:\\"Save\\"}) RETURN s.id", 5000); ' +
-          `MATCH (s:Sheet)-[:CHILD*1..12]->(f:TextField) WHERE f.focused = true SET f.value = ${quoted(file)}; ` +
-          'CALL ui.key("return"); ' +
+          `MATCH (s:Sheet)-[:CHILD*1..12]->(f:TextField) SET f.value = ${quoted(file)}; ` +
+          'MATCH (s:Sheet)-[:CHILD*1..12]->(b:Button {name:"Save"}) SET b.pressed = true; ' +
           'CALL ui.wait_for("MATCH (b:Button {name:\\"Use Text CSV Format\\"}) RETURN b.id", 5000); ' +
           `${press('Button', 'Use Text CSV Format')}; ` +
           'CALL ui.wait_for("MATCH (s:Sheet {name:\\"Export Text File\\"}) RETURN s.id", 5000); ' +
@@ -185,6 +187,8 @@ export const tasks = [
   },
   {
     name: 'writer-bold-paragraph-saved',
+    // LibreOffice's menus and dialogs are driven on X11 only so far.
+    x11: true,
     async run({ session, world }) {
       const file = path.join(world.files, 'report.odt');
       const opened = await session.do(
@@ -215,6 +219,8 @@ export const tasks = [
   },
   {
     name: 'impress-slide-title-saved',
+    // LibreOffice's menus and dialogs are driven on X11 only so far.
+    x11: true,
     async run({ session, world }) {
       const file = path.join(world.files, 'roadmap.odp');
       const opened = await session.do(
