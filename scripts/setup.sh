@@ -17,6 +17,8 @@ packages=(
   gedit gnome-text-editor featherpad
   # LibreOffice with its GTK front end: sheets, documents and slides too large to walk whole
   libreoffice-calc libreoffice-writer libreoffice-impress libreoffice-gtk3
+  # the browsers whose pages agents read and act on
+  chromium firefox-esr
   # the Wayland desktop: a wlroots compositor run headless, our own Wayland client's libraries and
   # generator, Qt's Wayland plugin, and a second clipboard client and screenshot tool the tests check ours against
   sway libwayland-dev wayland-protocols libxkbcommon-dev qtwayland5 wl-clipboard grim

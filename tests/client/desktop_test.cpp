@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
 #include <regex>
 #include <thread>
 
@@ -273,6 +274,58 @@ TEST(DesktopWayland, SwayRunsUnprivilegedItsApplicationsAsItsClientsAndStopLeave
   EXPECT_EQ(stopped.status, 0) << stopped.err;
   for (const auto& [name, pid] : pids) EXPECT_FALSE(processExists(pid)) << name;
   EXPECT_FALSE(std::filesystem::exists(display.parent_path())) << "the compositor's folder is removed";
+}
+
+TEST(DesktopBrowsers, ChromiumAndItsKinShowTheirPagesAndRunAsRoot) {
+  using Words = std::vector<std::string>;
+  struct Case {
+    Words command;
+    bool asRoot;
+    Words expected;
+  };
+  const Case cases[] = {
+      {{"chromium", "http://127.0.0.1/"},
+       true,
+       {"chromium", "--no-sandbox", "--force-renderer-accessibility", "http://127.0.0.1/"}},
+      {{"/usr/bin/google-chrome", "--force-renderer-accessibility"},
+       false,
+       {"/usr/bin/google-chrome", "--force-renderer-accessibility"}},
+      {{"firefox-esr", "http://127.0.0.1/"}, true, {"firefox-esr", "http://127.0.0.1/"}},
+      {{"galculator"}, true, {"galculator"}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(withAccessibilityOn(c.command, c.asRoot), c.expected) << c.command.front();
+}
+
+// A page in Chromium, started as a newcomer types it, is in the mirror.
+TEST(DesktopBrowsers, APageInChromiumIsReadWithoutFlagsOfTheUsers) {
+  DesktopClient client("desktop-chromium");
+  client.environment().erase("GLIMMERSTRAND_PLATFORM");
+  struct Cleanup {
+    const DesktopClient& client;
+    ~Cleanup() {
+      client.run({"stop"});
+      client.run({"desktop", "stop"});
+      // The browser's helpers write into its profile for a moment after it ended.
+      std::error_code error;
+      for (int attempt = 0; attempt < 100 && (std::filesystem::remove_all(client.folder(), error), error); ++attempt)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  } cleanup{client};
+  const auto page = client.folder() / "page.html";
+  {
+    std::ofstream out(page);
+    out << "<!doctype html><title>Order</title><h1>Order form</h1><label>Name <input></label>";
+  }
+  const Outcome started = client.run({"desktop", "start", "chromium --no-first-run file://" + page.string()});
+  ASSERT_EQ(started.status, 0) << started.err;
+  // The page loads after the browser's window answers: ask until it has.
+  auto read = [&] { return client.run({"--app", "chromium", "query", "MATCH (h:Heading) RETURN h.name"}); };
+  Outcome heading = read();
+  for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+       heading.out.find("Order form") == std::string::npos && std::chrono::steady_clock::now() < deadline;
+       heading = read())
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_NE(heading.out.find("Order form"), std::string::npos) << heading.out << heading.err;
 }
 
 TEST(DesktopEnvironment, ValuesSurviveAShellsEvalWhateverTheirQuotes) {
