@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -147,7 +148,9 @@ void BM_PartialWalk(benchmark::State& state, const std::string& app, const std::
   }
 }
 
-void BM_QueryOverSocket(benchmark::State& state, const std::string& app, const std::string& statement) {
+// A daemon of the bench's own on the desktop, in a folder of its own, for
+// the length of `use`.
+void withDaemon(const std::function<void(testing::DaemonClient&)>& use) {
   const auto folder = std::filesystem::temp_directory_path() / ("walk-bench-" + std::to_string(::getpid()));
   std::filesystem::create_directories(folder);
   auto environment = desktop->desktop.environment();
@@ -156,38 +159,40 @@ void BM_QueryOverSocket(benchmark::State& state, const std::string& app, const s
   environment["GLIMMERSTRAND_CURSOR"] = "0";
   {
     testing::DaemonClient daemon(GLIMMERSTRAND_NATIVE_BINARY, folder.string(), environment);
-    const std::string request =
-        R"({"operation":"query","params":{"app":")" + app + R"(","cypher":")" + statement + R"("}})";
-    auto first = daemon.roundTrip(request);  // the first read makes the mirror
-    if (first.find("\"ok\":true") == std::string::npos) state.SkipWithError(first.c_str());
-    for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(request));
+    use(daemon);
   }
   std::filesystem::remove_all(folder);
+}
+
+std::string request(const char* operation, const std::string& app, const std::string& statement) {
+  return std::string(R"({"operation":")") + operation + R"(","params":{"app":")" + app + R"(","cypher":")" + statement +
+         R"("}})";
+}
+
+void BM_QueryOverSocket(benchmark::State& state, const std::string& app, const std::string& statement) {
+  withDaemon([&](testing::DaemonClient& daemon) {
+    const std::string query = request("query", app, statement);
+    auto first = daemon.roundTrip(query);  // the first read makes the mirror
+    if (first.find("\"ok\":true") == std::string::npos) state.SkipWithError(first.c_str());
+    for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(query));
+  });
 }
 
 // A write's round trip through the daemon's socket, from the request to the
 // report of what changed; `statement` holds {n}, replaced by a new number
 // each time.
 void BM_WriteOverSocket(benchmark::State& state, const std::string& app, const std::string& statement) {
-  const auto folder = std::filesystem::temp_directory_path() / ("walk-bench-w-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(folder);
-  auto environment = desktop->desktop.environment();
-  environment["GLIMMERSTRAND_PLATFORM"] = "linux";
-  environment["GLIMMERSTRAND_LOG_LEVEL"] = "silent";
-  environment["GLIMMERSTRAND_CURSOR"] = "0";
-  {
-    testing::DaemonClient daemon(GLIMMERSTRAND_NATIVE_BINARY, folder.string(), environment);
-    auto request = [&](std::int64_t n) {
+  withDaemon([&](testing::DaemonClient& daemon) {
+    auto write = [&](std::int64_t n) {
       std::string text = statement;
       text.replace(text.find("{n}"), 3, std::to_string(n));
-      return R"({"operation":"do","params":{"app":")" + app + R"(","cypher":")" + text + R"("}})";
+      return request("do", app, text);
     };
-    auto first = daemon.roundTrip(request(1));
+    auto first = daemon.roundTrip(write(1));
     if (first.find("\"ok\":true") == std::string::npos) state.SkipWithError(first.c_str());
     std::int64_t n = 1;
-    for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(request(++n)));
-  }
-  std::filesystem::remove_all(folder);
+    for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(write(++n)));
+  });
 }
 
 void registerAll() {

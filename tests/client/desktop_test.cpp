@@ -48,6 +48,24 @@ struct DesktopClient : ClientProcess {
   }
 };
 
+// Stops a test's daemon and desktop however the test ends; with
+// `waitForWriters`, also removes its folder once nothing writes there any
+// more, as a browser's helpers do for a moment after it ended.
+struct StopsAtTheEnd {
+  const DesktopClient& client;
+  bool waitForWriters = false;
+  ~StopsAtTheEnd() {
+    client.run({"stop"});
+    client.run({"desktop", "stop"});
+    std::error_code error;
+    for (int attempt = 0; waitForWriters && attempt < 100; ++attempt) {
+      std::filesystem::remove_all(client.folder(), error);
+      if (!error) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  }
+};
+
 class DesktopTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -152,13 +170,7 @@ std::string daemonPid(const ClientProcess& client) {
 TEST(DesktopLater, ADaemonStartedBeforeTheDesktopUsesItOnceItRuns) {
   DesktopClient client("desktop-later");
   client.environment().erase("GLIMMERSTRAND_PLATFORM");
-  struct Cleanup {
-    const DesktopClient& client;
-    ~Cleanup() {
-      client.run({"stop"});
-      client.run({"desktop", "stop"});
-    }
-  } cleanup{client};
+  const StopsAtTheEnd cleanup{client};
   const std::vector<std::string> query{"--app", "galculator", "query",
                                        "MATCH (c:Control {name:\"7\"}) RETURN c.name LIMIT 1"};
 
@@ -300,17 +312,7 @@ TEST(DesktopBrowsers, ChromiumAndItsKinShowTheirPagesAndRunAsRoot) {
 TEST(DesktopBrowsers, APageInChromiumIsReadWithoutFlagsOfTheUsers) {
   DesktopClient client("desktop-chromium");
   client.environment().erase("GLIMMERSTRAND_PLATFORM");
-  struct Cleanup {
-    const DesktopClient& client;
-    ~Cleanup() {
-      client.run({"stop"});
-      client.run({"desktop", "stop"});
-      // The browser's helpers write into its profile for a moment after it ended.
-      std::error_code error;
-      for (int attempt = 0; attempt < 100 && (std::filesystem::remove_all(client.folder(), error), error); ++attempt)
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-  } cleanup{client};
+  const StopsAtTheEnd cleanup{client, true};
   const auto page = client.folder() / "page.html";
   {
     std::ofstream out(page);
