@@ -245,14 +245,16 @@ bool isTableCellRole(std::uint32_t role) { return role == ATSPI_ROLE_TABLE_CELL;
 
 namespace {
 
-constexpr int shiftBit = 1, altBit = 2, noPrimaryBit = 8;
+constexpr int shiftBit = 1, altBit = 2, controlBit = 4, noPrimaryBit = 8;
 
 // Modifier names of GTK's accelerators and Qt's key sequences, in one case.
+// The primary modifier here is Control, and a shortcut says so ("ctrl+s"),
+// as the keys an agent sends name it.
 std::optional<int> modifierBit(std::string name) {
   std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-  static const std::unordered_map<std::string, int> bits{{"primary", 0},   {"control", 0},      {"ctrl", 0},
-                                                         {"ctl", 0},       {"shift", shiftBit}, {"alt", altBit},
-                                                         {"mod1", altBit}, {"meta", altBit},    {"super", 0}};
+  static const std::unordered_map<std::string, int> bits{
+      {"primary", controlBit}, {"control", controlBit}, {"ctrl", controlBit}, {"ctl", controlBit}, {"shift", shiftBit},
+      {"alt", altBit},         {"mod1", altBit},        {"meta", altBit},     {"super", 0}};
   auto it = bits.find(name);
   if (it == bits.end()) return std::nullopt;
   return it->second;

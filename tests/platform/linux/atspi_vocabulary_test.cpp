@@ -142,13 +142,14 @@ TEST(AtspiVocabulary, MenuShortcutsComeFromTheActionsKeyBinding) {
     const char* binding;
     std::optional<Shortcut> shortcut;
   } cases[] = {
-      {"q;<Alt>f:q;<Primary>q", Shortcut{"Q", 0}},
-      {"s;<Alt>f:s;<Control><Shift>s", Shortcut{"S", 1}},
+      {"q;<Alt>f:q;<Primary>q", Shortcut{"Q", 4 | 8}},
+      {"s;<Alt>f:s;<Control><Shift>s", Shortcut{"S", 4 | 1 | 8}},
+      {"<Super>l", Shortcut{"L", 0}},
       {";;<Alt>F4", Shortcut{"F4", 2 | 8}},
       {"b;<Alt>v:b;", std::nullopt},  // a mnemonic but no accelerator
       {"", std::nullopt},
-      {"Ctrl+Shift+S", Shortcut{"S", 1}},
-      {"Ctrl++", Shortcut{"+", 0}},
+      {"Ctrl+Shift+S", Shortcut{"S", 4 | 1 | 8}},
+      {"Ctrl++", Shortcut{"+", 4 | 8}},
       {"F1", Shortcut{"F1", 8}},
       {"Hyper+X", std::nullopt},
   };
