@@ -105,4 +105,46 @@ Tween tween(double from, double to, std::int64_t durationMs) {
   return {from, to, Tween::Clock::now(), std::chrono::milliseconds(std::max<std::int64_t>(durationMs, 0))};
 }
 
+// Off screen until the first move.
+PanelMotion::PanelMotion(int width, int height)
+    : width_(width), x_(tween(-width, -width, 0)), y_(tween(-height, -height, 0)) {}
+
+void PanelMotion::moveTo(AxPoint origin, std::int64_t durationMs) {
+  const auto now = Tween::Clock::now();
+  x_ = tween(x_.at(now), origin.x, durationMs);
+  y_ = tween(y_.at(now), origin.y, durationMs);
+}
+
+void PanelMotion::fadeTo(double alpha, std::int64_t durationMs) {
+  alpha_ = tween(alpha_.at(Tween::Clock::now()), std::clamp(alpha, 0.0, 1.0), durationMs);
+}
+
+void PanelMotion::pulse(double scale, std::int64_t durationMs) {
+  rippleFrom_ = scale;
+  ripple_ = tween(scale, 1, std::max<std::int64_t>(durationMs, 1));
+}
+
+PanelFrame PanelMotion::at(Tween::Clock::time_point now, bool rippleFades) const {
+  PanelFrame frame;
+  frame.left = static_cast<int>(std::lround(x_.at(now)));
+  frame.top = static_cast<int>(std::lround(y_.at(now)));
+  frame.alpha = std::clamp(alpha_.at(now), 0.0, 1.0);
+  if (ripple_) {
+    frame.rippleScale = ripple_->at(now);
+    const double progress = (frame.rippleScale - rippleFrom_) / std::max(1e-9, ripple_->to - rippleFrom_);
+    frame.ripple = Ripple{frame.rippleScale * width_ * 16 / 56, rippleFades ? 1 - progress : (progress < 1 ? 1 : 0)};
+  }
+  return frame;
+}
+
+bool PanelMotion::shown(const PanelFrame& frame, Tween::Clock::time_point now) {
+  shownX = frame.left;
+  shownY = frame.top;
+  shownAlpha = frame.alpha;
+  shownRipple = frame.rippleScale;
+  const bool rippleRunning = ripple_ && ripple_->running(now);
+  if (ripple_ && !rippleRunning) ripple_.reset();
+  return x_.running(now) || y_.running(now) || alpha_.running(now) || rippleRunning;
+}
+
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -49,5 +50,38 @@ struct Tween {
 
 /// From `from` to `to`, starting now.
 Tween tween(double from, double to, std::int64_t durationMs);
+
+/// What a panel shows at one moment.
+struct PanelFrame {
+  int left = 0, top = 0;
+  double alpha = 0;
+  double rippleScale = -1;  // -1: no ripple
+  std::optional<Ripple> ripple;
+};
+
+/// How one panel of the cursor moves, fades and pulses, and what its painter
+/// showed last, so that a tick that changes nothing draws nothing.
+struct PanelMotion {
+  explicit PanelMotion(int width = 1, int height = 1);
+  void moveTo(AxPoint origin, std::int64_t durationMs);
+  void fadeTo(double alpha, std::int64_t durationMs);
+  void pulse(double scale, std::int64_t durationMs);
+  /// The frame at `now`; a ripple that cannot fade (no translucency) stays
+  /// whole until it ends.
+  PanelFrame at(Tween::Clock::time_point now, bool rippleFades = true) const;
+  bool moved(const PanelFrame& frame) const { return frame.left != shownX || frame.top != shownY; }
+  bool faded(const PanelFrame& frame) const { return frame.alpha != shownAlpha; }
+  bool rippled(const PanelFrame& frame) const { return frame.rippleScale != shownRipple; }
+  /// Records the frame as shown; whether anything still moves after it.
+  bool shown(const PanelFrame& frame, Tween::Clock::time_point now);
+
+ private:
+  int width_;
+  Tween x_, y_, alpha_;
+  std::optional<Tween> ripple_;  // the ripple's scale, while it runs
+  double rippleFrom_ = 0;
+  int shownX = INT_MIN, shownY = INT_MIN;
+  double shownAlpha = -1, shownRipple = -1;
+};
 
 }  // namespace glimmerstrand::platform::linux_desktop

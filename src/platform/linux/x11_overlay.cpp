@@ -38,13 +38,8 @@ struct Panel {
   int width = 0, height = 0;
   CursorShape shape = CursorShape::arrow;
   std::uint32_t colour = 0;
-  Tween x, y, alpha;
-  std::optional<Tween> ripple;  // the ripple's scale, while it runs
-  double rippleFrom = 0;
+  PanelMotion motion;
   bool mapped = false;
-  // What the window shows now, so that a tick that changes nothing draws nothing.
-  int shownX = INT32_MIN, shownY = INT32_MIN;
-  double shownAlpha = -1, shownRipple = -1;
 };
 
 }  // namespace
@@ -192,22 +187,13 @@ struct X11Overlay::State {
 
   /// Brings the window to what its tweens say now; true while any still runs.
   bool show(Panel& panel, SteadyClock::time_point now) {
-    const int left = static_cast<int>(std::lround(panel.x.at(now)));
-    const int top = static_cast<int>(std::lround(panel.y.at(now)));
-    const double alpha = std::clamp(panel.alpha.at(now), 0.0, 1.0);
-    std::optional<Ripple> ripple;
-    double rippleScale = -1;
-    if (panel.ripple) {
-      rippleScale = panel.ripple->at(now);
-      const double progress = (rippleScale - panel.rippleFrom) / std::max(1e-9, panel.ripple->to - panel.rippleFrom);
-      // Without a compositor the ring cannot fade: it grows, then goes.
-      ripple = Ripple{rippleScale * panel.width * 16 / 56, argb ? 1 - progress : (progress < 1 ? 1 : 0)};
-    }
+    // Without a compositor the ring cannot fade: it grows, then goes.
+    const PanelFrame frame = panel.motion.at(now, argb);
     // Without translucency a panel is there or not.
-    const bool visible = argb ? alpha > 0 : alpha > 0.01;
-    if (left != panel.shownX || top != panel.shownY) XMoveWindow(x, panel.window, left, top);
+    const bool visible = argb ? frame.alpha > 0 : frame.alpha > 0.01;
+    if (panel.motion.moved(frame)) XMoveWindow(x, panel.window, frame.left, frame.top);
     const bool repaint =
-        rippleScale != panel.shownRipple || (argb && alpha != panel.shownAlpha) || (visible && !panel.mapped);
+        panel.motion.rippled(frame) || (argb && panel.motion.faded(frame)) || (visible && !panel.mapped);
     if (visible && !panel.mapped) {
       XMapRaised(x, panel.window);
       panel.mapped = true;
@@ -215,14 +201,8 @@ struct X11Overlay::State {
       XUnmapWindow(x, panel.window);
       panel.mapped = false;
     }
-    if (visible && repaint) paint(panel, alpha, ripple);
-    panel.shownX = left;
-    panel.shownY = top;
-    panel.shownAlpha = alpha;
-    panel.shownRipple = rippleScale;
-    const bool rippleRunning = panel.ripple && panel.ripple->running(now);
-    if (panel.ripple && !rippleRunning) panel.ripple.reset();
-    return panel.x.running(now) || panel.y.running(now) || panel.alpha.running(now) || rippleRunning;
+    if (visible && repaint) paint(panel, frame.alpha, frame.ripple);
+    return panel.motion.shown(frame, now);
   }
 };
 
@@ -245,8 +225,7 @@ OverlayPainter::PanelId X11Overlay::createPanel(AxSize size, CursorShape shape, 
   panel.colour = colour;
   panel.window = state_->makeWindow(panel.width, panel.height);
   panel.gc = XCreateGC(state_->x, panel.window, 0, nullptr);
-  panel.x = tween(-panel.width, -panel.width, 0);
-  panel.y = tween(-panel.height, -panel.height, 0);
+  panel.motion = PanelMotion(panel.width, panel.height);
   state_->panels.emplace(id, panel);
   XFlush(state_->x);
   return id;
@@ -256,9 +235,7 @@ void X11Overlay::move(PanelId id, AxPoint origin, std::int64_t durationMs) {
   auto found = state_->panels.find(id);
   if (found == state_->panels.end()) return;
   auto& panel = found->second;
-  const auto now = SteadyClock::now();
-  panel.x = tween(panel.x.at(now), origin.x, durationMs);
-  panel.y = tween(panel.y.at(now), origin.y, durationMs);
+  panel.motion.moveTo(origin, durationMs);
   // Windows raised since the last move may cover the cursor.
   if (panel.mapped) XRaiseWindow(state_->x, panel.window);
   animate();
@@ -274,16 +251,14 @@ void X11Overlay::close(PanelId id) {
 void X11Overlay::setAlpha(PanelId id, double alpha, std::int64_t durationMs) {
   auto found = state_->panels.find(id);
   if (found == state_->panels.end()) return;
-  auto& panel = found->second;
-  panel.alpha = tween(panel.alpha.at(SteadyClock::now()), std::clamp(alpha, 0.0, 1.0), durationMs);
+  found->second.motion.fadeTo(alpha, durationMs);
   animate();
 }
 
 void X11Overlay::pulse(PanelId id, double scale, std::int64_t durationMs) {
   auto found = state_->panels.find(id);
   if (found == state_->panels.end()) return;
-  found->second.rippleFrom = scale;
-  found->second.ripple = tween(scale, 1, std::max<std::int64_t>(durationMs, 1));
+  found->second.motion.pulse(scale, durationMs);
   animate();
 }
 

@@ -4,7 +4,6 @@
 #include <unistd.h>
 #include <wayland-client.h>
 
-#include <climits>
 #include <cmath>
 #include <map>
 #include <mutex>
@@ -16,9 +15,9 @@ namespace glimmerstrand::platform::wayland_desktop {
 
 namespace {
 
+using linux_desktop::PanelFrame;
+using linux_desktop::PanelMotion;
 using linux_desktop::Ripple;
-using linux_desktop::Tween;
-using linux_desktop::tween;
 using SteadyClock = std::chrono::steady_clock;
 
 // About sixty frames a second while anything moves.
@@ -38,11 +37,7 @@ struct Panel {
   int width = 0, height = 0;
   CursorShape shape = CursorShape::arrow;
   std::uint32_t colour = 0;
-  Tween x, y, alpha;
-  std::optional<Tween> ripple;
-  double rippleFrom = 0;
-  int shownX = INT_MIN, shownY = INT_MIN;
-  double shownAlpha = -1, shownRipple = -1;
+  PanelMotion motion;
 };
 
 void onConfigure(void* data, zwlr_layer_surface_v1* layer, std::uint32_t serial, std::uint32_t, std::uint32_t) {
@@ -126,36 +121,21 @@ struct WaylandOverlay::State {
       if (panel.state->closed) return false;
       if (!panel.state->configured) return true;  // shown once configured
     }
-    const int left = static_cast<int>(std::lround(panel.x.at(now)));
-    const int top = static_cast<int>(std::lround(panel.y.at(now)));
-    const double alpha = std::clamp(panel.alpha.at(now), 0.0, 1.0);
-    std::optional<Ripple> ripple;
-    double rippleScale = -1;
-    if (panel.ripple) {
-      rippleScale = panel.ripple->at(now);
-      const double progress = (rippleScale - panel.rippleFrom) / std::max(1e-9, panel.ripple->to - panel.rippleFrom);
-      ripple = Ripple{rippleScale * panel.width * 16 / 56, 1 - progress};
-    }
-    const bool moved = left != panel.shownX || top != panel.shownY;
-    const bool repaint = rippleScale != panel.shownRipple || alpha != panel.shownAlpha;
+    const PanelFrame frame = panel.motion.at(now);
+    const bool moved = panel.motion.moved(frame);
+    const bool repaint = panel.motion.rippled(frame) || panel.motion.faded(frame);
     if (moved || repaint) {
       auto wire = client.wire();
-      if (moved) zwlr_layer_surface_v1_set_margin(panel.layer, top, 0, 0, left);
+      if (moved) zwlr_layer_surface_v1_set_margin(panel.layer, frame.top, 0, 0, frame.left);
       if (repaint)
-        if (wl_buffer* buffer = paint(panel, alpha, ripple)) {
+        if (wl_buffer* buffer = paint(panel, frame.alpha, frame.ripple)) {
           wl_surface_attach(panel.surface, buffer, 0, 0);
           wl_surface_damage(panel.surface, 0, 0, panel.width, panel.height);
         }
       wl_surface_commit(panel.surface);
       client.flush();
     }
-    panel.shownX = left;
-    panel.shownY = top;
-    panel.shownAlpha = alpha;
-    panel.shownRipple = rippleScale;
-    const bool rippleRunning = panel.ripple && panel.ripple->running(now);
-    if (panel.ripple && !rippleRunning) panel.ripple.reset();
-    return panel.x.running(now) || panel.y.running(now) || panel.alpha.running(now) || rippleRunning;
+    return panel.motion.shown(frame, now);
   }
 };
 
@@ -179,8 +159,7 @@ OverlayPainter::PanelId WaylandOverlay::createPanel(AxSize size, CursorShape sha
   panel.shape = shape;
   panel.colour = colour;
   panel.state = std::make_shared<Surface>();
-  panel.x = tween(-panel.width, -panel.width, 0);
-  panel.y = tween(-panel.height, -panel.height, 0);
+  panel.motion = PanelMotion(panel.width, panel.height);
   {
     auto wire = state_->client.wire();
     panel.surface = wl_compositor_create_surface(g.compositor);
@@ -210,10 +189,7 @@ OverlayPainter::PanelId WaylandOverlay::createPanel(AxSize size, CursorShape sha
 void WaylandOverlay::move(PanelId id, AxPoint origin, std::int64_t durationMs) {
   auto found = state_->panels.find(id);
   if (found == state_->panels.end()) return;
-  auto& panel = found->second;
-  const auto now = SteadyClock::now();
-  panel.x = tween(panel.x.at(now), origin.x, durationMs);
-  panel.y = tween(panel.y.at(now), origin.y, durationMs);
+  found->second.motion.moveTo(origin, durationMs);
   animate();
 }
 
@@ -231,16 +207,14 @@ void WaylandOverlay::close(PanelId id) {
 void WaylandOverlay::setAlpha(PanelId id, double alpha, std::int64_t durationMs) {
   auto found = state_->panels.find(id);
   if (found == state_->panels.end()) return;
-  auto& panel = found->second;
-  panel.alpha = tween(panel.alpha.at(SteadyClock::now()), std::clamp(alpha, 0.0, 1.0), durationMs);
+  found->second.motion.fadeTo(alpha, durationMs);
   animate();
 }
 
 void WaylandOverlay::pulse(PanelId id, double scale, std::int64_t durationMs) {
   auto found = state_->panels.find(id);
   if (found == state_->panels.end()) return;
-  found->second.rippleFrom = scale;
-  found->second.ripple = tween(scale, 1, std::max<std::int64_t>(durationMs, 1));
+  found->second.motion.pulse(scale, durationMs);
   animate();
 }
 
