@@ -32,6 +32,19 @@ struct KeyEvent {
   std::u16string text;  // what the key types, when it types something
 };
 
+/// A key's text as code points, a surrogate pair taken as one: backends that
+/// type by keysym or keymap work with whole characters.
+inline std::u32string codePoints(const std::u16string& text) {
+  std::u32string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char32_t c = text[i];
+    if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000)
+      c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
+    out += c;
+  }
+  return out;
+}
+
 /// A modifier: its flag bit and the key that holds it down.
 struct ModifierKey {
   std::uint64_t flag = 0;

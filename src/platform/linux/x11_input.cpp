@@ -71,17 +71,6 @@ constexpr ModifierName modifierNames[] = {
     {"option", Mod1Mask, XK_Alt_L},      {"fn", 0, NoSymbol},
 };
 
-std::u32string codePoints(const std::u16string& text) {
-  std::u32string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char32_t c = text[i];
-    if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000)
-      c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
-    out += c;
-  }
-  return out;
-}
-
 KeySym keysymOf(char32_t c) {
   if ((c >= 0x20 && c < 0x7F) || (c >= 0xA0 && c <= 0xFF)) return c;
   return 0x01000000 | c;

@@ -33,17 +33,6 @@ constexpr ModifierName modifierNames[] = {
     {"shift", shiftMask}, {"alt", altMask},         {"option", altMask},   {"fn", 0},
 };
 
-std::u32string codePoints(const std::u16string& text) {
-  std::u32string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char32_t c = text[i];
-    if (c >= 0xD800 && c < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000)
-      c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00);
-    out += c;
-  }
-  return out;
-}
-
 std::uint32_t buttonOf(MouseButton button) {
   switch (button) {
     case MouseButton::left:
