@@ -141,9 +141,8 @@ std::unordered_set<std::string> openMenus(const NodeList& nodes) {
 }
 
 // The list without what the menu bar's menus hold, except those open before
-// and after: toolkits that keep the menu bar inside the window enable and
-// disable its items with every edit, which nobody sees, and a menu that opens
-// says so on its own line.
+// and after: a menu that opens or closes says so on its own line
+// ("~ MenuBarItem "Edit" selected"), not with every item it holds.
 NodeList withoutMenuContents(const NodeList& nodes, const std::unordered_set<std::string>& openBoth) {
   auto closedMenu = [&](const AxNode& n) { return n.role == "AXMenuBarItem" && !openBoth.count(idText(n)); };
   if (std::none_of(nodes.begin(), nodes.end(), closedMenu)) return nodes;
