@@ -73,6 +73,10 @@ bool typeText(ScriptRun& run, const std::string& text);
 /// seen; the whole frame when that part would be empty.
 std::optional<Rect> visibleFrame(const AxGraph& graph, const GraphNode& node);
 
+/// One slice of waiting: for notifications from `mark`, or, when none came,
+/// for a walk asked for now.
+void waitForChange(ScriptRun& run, std::int64_t mark, std::int64_t sliceMs);
+
 /// At most 40 UTF-16 code units of `text`, then "…" when it was longer.
 std::string clippedText(std::string_view text);
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/change_report.h"
 #include "core/element_resolution.h"
 #include "core/errors.h"
 #include "core/json_value.h"
@@ -18,6 +19,8 @@ constexpr double scrollPageShare = 0.8;
 constexpr double minScrollPage = 40;
 constexpr double maxScrollPages = 20;
 constexpr double scrollRefreshDelayMs = 250;
+constexpr std::int64_t menuShowsWithinMs = 1500;
+constexpr std::int64_t msNs = 1'000'000;
 
 // press, focus and set_value are writes of one property on one element.
 StatementResultRef writeOne(ScriptRun& run, const Arguments& args, const std::string& property,
@@ -28,6 +31,33 @@ StatementResultRef writeOne(ScriptRun& run, const Arguments& args, const std::st
   const auto graph = run.graph;  // the snapshot the reference is built from
   run.writeProperty(node, property, value, graph->snapshot(), result);
   return result;
+}
+
+bool showsOpenMenu(const NodeList& nodes) {
+  return std::any_of(nodes.begin(), nodes.end(), [](const AxNode& n) {
+    return n.role == "AXMenu" || (n.role == "AXMenuBarItem" && n.selected == true);
+  });
+}
+
+// A menu shows a moment after what opens it, later still on a busy machine.
+// The report waits for it, so that the agent reads the menu it asked for.
+void reportOnceAMenuShows(ScriptRun& run, const StatementResultRef& result) {
+  const Pending opening = *run.pending;
+  run.settlePending();
+  if (run.closed || showsOpenMenu(run.graph->snapshot().nodes)) return;
+  auto& clock = run.clock();
+  const std::int64_t start = clock.nowNs();
+  for (;;) {
+    const std::int64_t remainingMs = menuShowsWithinMs - (clock.nowNs() - start) / msNs;
+    if (remainingMs <= 0) break;
+    waitForChange(run, run.driver().axCounter(pidSelector(run.pid())).second, remainingMs);
+    auto snapshot = run.freshSnapshot(run.pid());
+    if (showsOpenMenu(snapshot.nodes)) {
+      changeReport(run, opening, std::move(snapshot));
+      return;
+    }
+  }
+  result->addNote("no menu showed within " + cypher::numberText(menuShowsWithinMs / 1000.0) + " s");
 }
 
 // Keys and text: a failure still shows what was tried.
@@ -222,15 +252,15 @@ StatementResultRef menu(ScriptRun& run, const Arguments& args) {
   try {
     run.driver().showMenu(run.elementRef(node));
     result->actions.push_back(succeeded(id, "menu"));
-    return result;
   } catch (const std::exception& e) {
     if (!hasCode(e, codes::noAction)) throw;
+    // No menu action: a right click on the element opens the same menu.
+    const PointArgument at = pointArgument(run, {cypher::ScalarValue(id)});
+    frontForPointer(run);
+    run.driver().click(at.x, at.y, ClickOptions{"right", 1});
+    result->actions.push_back(succeeded(id, "menu by right click"));
   }
-  // No menu action: a right click on the element opens the same menu.
-  const PointArgument at = pointArgument(run, {cypher::ScalarValue(id)});
-  frontForPointer(run);
-  run.driver().click(at.x, at.y, ClickOptions{"right", 1});
-  result->actions.push_back(succeeded(id, "menu by right click"));
+  reportOnceAMenuShows(run, result);
   return result;
 }
 

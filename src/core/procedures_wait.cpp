@@ -30,17 +30,16 @@ double waitForBudget(double timeout) {
   return std::clamp(timeout, 0.0, maxWaitForMs);
 }
 
-// One slice of waiting: for notifications from `mark`, or, when none came,
-// for a walk asked for now. A failure costs only the wait.
+}  // namespace
+
 void waitForChange(ScriptRun& run, std::int64_t mark, std::int64_t sliceMs) {
   try {
     auto settled = run.driver().waitSettle(SettleOptions{run.pid(), mark, pollQuietMs, sliceMs, sliceMs});
     if (!settled.changed) run.driver().axRefresh(pidSelector(run.pid()));
   } catch (const std::exception&) {
+    // A failed wait costs only the wait: the caller reads the copy afresh.
   }
 }
-
-}  // namespace
 
 namespace procedures {
 

@@ -102,6 +102,7 @@ bool FakeDriver::type(const std::string& text, std::optional<std::int64_t> pid) 
 
 void FakeDriver::click(double x, double y, const ClickOptions& options) {
   record("click", point(x, y) + " " + options.button + " " + std::to_string(options.count));
+  if (options.button == "right") openMenu();
 }
 void FakeDriver::move(double x, double y) { record("move", point(x, y)); }
 void FakeDriver::drag(double x1, double y1, double x2, double y2) {
@@ -164,7 +165,14 @@ InspectResult FakeDriver::inspect(const ElementRef& ref) {
   return inspection;
 }
 
-void FakeDriver::showMenu(const ElementRef& ref) { record("showMenu", jsonText(toJSON(ref))); }
+void FakeDriver::showMenu(const ElementRef& ref) {
+  record("showMenu", jsonText(toJSON(ref)));
+  openMenu();
+}
+
+void FakeDriver::openMenu() {
+  if (menuOpens) nodes.push_back(node(static_cast<std::int64_t>(nodes.size()), 0, "AXMenu", "Context"));
+}
 
 std::optional<std::string> FakeDriver::clipboard() {
   record("clipboard", "");

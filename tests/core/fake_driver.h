@@ -44,6 +44,7 @@ class FakeDriver final : public UIDriver {
   std::map<std::string, std::string> failures;  // operation -> error code
   bool valueApplied = true;
   bool typedSeen = true;
+  bool menuOpens = true;  // showMenu and a right click add a context menu to the window
   Effect onPress, onFocus;
   std::function<void(FakeDriver&)> onSnapshot;  // runs before each snapshot is served
   /// The answer of waitSettle (default: changed and settled at once).
@@ -98,6 +99,7 @@ class FakeDriver final : public UIDriver {
   AxNode& byUid(std::int64_t uid);
 
  private:
+  void openMenu();
   void record(const std::string& name, const std::string& args);
   std::mutex lock_;  // guards calls; the runner may call from several threads
 };

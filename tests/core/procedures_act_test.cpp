@@ -134,5 +134,25 @@ TEST_F(ProcedureTest, AMenuWithoutItsActionIsOpenedByARightClick) {
   EXPECT_EQ(calls(), (Lines{counterCall, "showMenu " + ref(2)}));
 }
 
+TEST_F(ProcedureTest, AMenuThatShowsLateIsWaitedForAndOneThatNeverShowsIsNoted) {
+  driver.menuOpens = false;
+  int settles = 0;
+  driver.onWaitSettle = [&](FakeDriver& d, const SettleOptions&) {
+    clock.now += 400'000'000;
+    if (++settles == 3) d.nodes.push_back(node(static_cast<std::int64_t>(d.nodes.size()), 0, "AXMenu", "Context"));
+    return SettleResult{true, true, 1, 400};
+  };
+  auto late = run(R"(CALL ui.menu("e102"))").results.at(0);
+  EXPECT_EQ(late->notes, std::nullopt);
+  ASSERT_TRUE(late->changes);
+  EXPECT_EQ(late->changes->size(), 1u);
+  EXPECT_EQ(late->changes->at(0).substr(0, 2), "+ ");
+
+  driver.nodes.pop_back();
+  auto never = run(R"(CALL ui.menu("e102"))").results.at(0);
+  EXPECT_EQ(never->notes, std::vector<std::string>{"no menu showed within 1.5 s"});
+  EXPECT_EQ(never->changes, std::vector<std::string>{});
+}
+
 }  // namespace
 }  // namespace glimmerstrand::core
