@@ -341,7 +341,8 @@ struct AtspiAccessibility::State {
     for (std::size_t k = 0, next = 0; k < children.size(); ++k) {
       const ElementRecord& child = known[k] ? *known[k] : read[next++];
       // What cannot be read is left to the walk, which counts it.
-      if (child.error != AxError::success || !isHiddenChild(child.states, child.extents, parent.states, toolkit))
+      if (child.error != AxError::success ||
+          !isHiddenChild(child.role, child.states, child.extents, parent.states, toolkit))
         shown.push_back(children[k]);
     }
     return shown;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <climits>
+#include <cstdlib>
 #include <functional>
 
 namespace glimmerstrand::platform::linux_desktop {
@@ -147,12 +148,18 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
     round.add(method(ref, "org.a11y.atspi.Hyperlink", "GetURI", g_variant_new("(i)", 0)),
               [&r](const Reply& reply) { r.uri = boundedStringOf(replyChild(reply)).value_or(""); });
   }
-  if ((parts & contentPart) && isTextEntryRole(r.role)) {
+  if ((parts & contentPart) && roleNeedsAttributes(r.role)) {
     round.add(method(ref, accessibleIface, "GetAttributes"), [&r](const Reply& reply) {
       Variant v = replyChild(reply);
       if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("a{ss}"))) return;
       const char* text = nullptr;
       if (g_variant_lookup(v.get(), "placeholder-text", "&s", &text)) r.placeholder = cutText(text);
+      if (g_variant_lookup(v.get(), "xml-roles", "&s", &text)) r.xmlRoles = cutText(text);
+      if (g_variant_lookup(v.get(), "level", "&s", &text)) {
+        char* end = nullptr;
+        const long level = std::strtol(text, &end, 10);
+        if (end != text && level > 0 && level < 100) r.level = static_cast<std::int32_t>(level);
+      }
     });
   }
   if (((parts & contentPart) && roleNeedsParent(r.role) && !r.parent)) readParent(round, ref, r);
@@ -197,6 +204,12 @@ void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32
         if (auto role = uint32Of(replyChild(reply)); role && isTextEntryRole(*role)) r.editableChild = true;
       });
     }
+    // A page's select holds its options in a menu that knows the chosen one.
+    if (!r.children->empty())
+      round.add(method(r.children->front(), "org.a11y.atspi.Selection", "GetSelectedChild", g_variant_new("(i)", 0)),
+                [&r](const Reply& reply) {
+                  if (auto chosen = objectRef(replyChild(reply)); chosen && !chosen->isNull()) r.choiceRef = *chosen;
+                });
   }
   // Some toolkits answer GetText(0, -1) with nothing: ask for the count,
   // and for no more than a text may carry (one more, to tell it was cut).
@@ -335,6 +348,14 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
   for (std::size_t k = 0; k < elements.size(); ++k)
     if (records[k].error == AxError::success) readThird(round, elements[k], records[k], parts);
   round.run(connection, timeoutMs);
+  bool chosen = false;
+  for (auto& r : records) {
+    if (!r.choiceRef) continue;
+    chosen = true;
+    round.add(propertyCall(r.choiceRef->bus, r.choiceRef->path, accessibleIface, "Name"),
+              [&r](const Reply& reply) { r.choice = boundedStringOf(replyChild(reply)).value_or(""); });
+  }
+  if (chosen) round.run(connection, timeoutMs);
   return records;
 }
 
@@ -467,6 +488,16 @@ AxValue missing() { return AxError::attributeUnsupported; }
 
 AxValue textOrMissing(const std::string& text) { return text.empty() ? missing() : AxValue(text); }
 
+// A page's select is named by its label and shows its chosen option; a
+// toolkit's pop-up is named by its choice.
+bool choiceIsValue(const ElementRecord& r, std::string_view toolkit) {
+  return isComboRole(r.role) && !r.editableChild && isWebToolkit(toolkit);
+}
+
+// A container's text holds an object replacement character where each child
+// stands; the children carry that text themselves.
+bool standsForChildren(const std::string& text) { return text.find("\uFFFC") != std::string::npos; }
+
 AxValue valueOf(const ElementRecord& r, std::string_view toolkit) {
   if (isCheckRole(r.role)) {
     if (r.role == ATSPI_ROLE_PAGE_TAB) return AxValue(r.states.selected() ? 1 : 0);
@@ -474,6 +505,9 @@ AxValue valueOf(const ElementRecord& r, std::string_view toolkit) {
     return AxValue(r.states.checked() || r.states.pressed() ? 1 : 0);
   }
   if (isRangeRole(r.role) && r.value) return AxValue(*r.value);
+  if (isHeadingRole(r.role)) return r.level ? AxValue(*r.level) : missing();
+  if (choiceIsValue(r, toolkit)) return textOrMissing(r.choice);
+  if (r.text && standsForChildren(*r.text) && !isTextEntryRole(r.role)) return missing();
   if (r.text) return AxValue(*r.text);
   if (isComboRole(r.role)) return textOrMissing(cleanedName(r.name, r.role, toolkit));
   if (isStaticTextRole(r.role)) return textOrMissing(cleanedName(r.name, r.role, toolkit));
@@ -483,7 +517,8 @@ AxValue valueOf(const ElementRecord& r, std::string_view toolkit) {
 
 AxValue titleOf(const ElementRecord& r, std::string_view toolkit) {
   // Static text shows its text as its value; a pop-up's name is its choice.
-  if (isStaticTextRole(r.role) || (isComboRole(r.role) && !r.editableChild)) return missing();
+  if (isStaticTextRole(r.role) || (isComboRole(r.role) && !r.editableChild && !choiceIsValue(r, toolkit)))
+    return missing();
   return textOrMissing(cleanedName(r.name, r.role, toolkit));
 }
 

@@ -59,6 +59,10 @@ struct ElementRecord {
   std::optional<ObjectRef> parent;
   std::optional<std::uint32_t> parentRole;
   bool editableChild = false;
+  std::optional<ObjectRef> choiceRef;  // a combo box's chosen item, as its menu tells it
+  std::string choice;                  // that item's name
+  std::string xmlRoles;                // the roles a page gave the element
+  std::optional<std::int32_t> level;   // a heading's
   std::vector<std::string> actions;
   std::string keyBinding;  // of the first action, as the toolkit writes it
   std::int32_t characterCount = -1;
@@ -66,7 +70,7 @@ struct ElementRecord {
   std::optional<std::pair<std::int32_t, std::int32_t>> selection;
   std::string toolkit;  // of the application element only, for its quirks
 
-  RoleContext roleContext() const { return {role, states, interfaces, parentRole, editableChild}; }
+  RoleContext roleContext() const { return {role, states, interfaces, parentRole, editableChild, xmlRoles}; }
 };
 
 /// An object reference of a reply ("(so)"), and a list of them ("a(so)",

@@ -56,6 +56,8 @@ std::string toolkitName(std::string_view atspiName, std::string_view version) {
   return name;
 }
 
+bool isWebToolkit(std::string_view toolkit) { return toolkit == geckoToolkit || toolkit == chromiumToolkit; }
+
 namespace {
 
 // How each toolkit marks a widget it keeps in its tree while nobody sees it.
@@ -72,9 +74,14 @@ constexpr std::array<HiddenMarks, 3> hiddenMarks{{
 
 }  // namespace
 
-bool isHiddenChild(const States& child, const std::optional<AxRect>& extents, const States& parent,
-                   std::string_view toolkit) {
+bool isHiddenChild(std::uint32_t childRole, const States& child, const std::optional<AxRect>& extents,
+                   const States& parent, std::string_view toolkit) {
   if (!child.visible()) return true;
+  // Firefox clears SHOWING for a page's content scrolled out of view too, so
+  // only the panes that hold a tab's document say the tab is behind.
+  if (toolkit == geckoToolkit && parent.showing() && !child.showing() &&
+      (childRole == ATSPI_ROLE_SCROLL_PANE || childRole == ATSPI_ROLE_INTERNAL_FRAME))
+    return true;
   for (const auto& marks : hiddenMarks) {
     if (marks.toolkit != toolkit) continue;
     if (marks.notShowing && parent.showing() && !child.showing()) return true;
@@ -155,12 +162,55 @@ const std::unordered_map<std::uint32_t, AxRole>& fixedRoles() {
       {ATSPI_ROLE_BLOCK_QUOTE, {"AXGroup", ""}},
       {ATSPI_ROLE_PARAGRAPH, {"AXGroup", ""}},
       {ATSPI_ROLE_ARTICLE, {"AXGroup", ""}},
-      {ATSPI_ROLE_LANDMARK, {"AXGroup", ""}},
       {ATSPI_ROLE_INFO_BAR, {"AXGroup", ""}},
       {ATSPI_ROLE_NOTIFICATION, {"AXGroup", ""}},
       {ATSPI_ROLE_EDITBAR, {"AXGroup", ""}},
+      {ATSPI_ROLE_DATE_EDITOR, {"AXDateField", ""}},
+      {ATSPI_ROLE_FOOTER, {"AXGroup", ""}},
+      {ATSPI_ROLE_HEADER, {"AXGroup", ""}},
+      {ATSPI_ROLE_DESCRIPTION_LIST, {"AXList", "AXDescriptionList"}},
+      {ATSPI_ROLE_DESCRIPTION_TERM, {"AXGroup", ""}},
+      {ATSPI_ROLE_DESCRIPTION_VALUE, {"AXGroup", ""}},
+      {ATSPI_ROLE_MATH, {"AXGroup", ""}},
+      {ATSPI_ROLE_MARK, {"AXGroup", ""}},
+      {ATSPI_ROLE_COMMENT, {"AXGroup", ""}},
+      {ATSPI_ROLE_SUPERSCRIPT, {"AXGroup", ""}},
+      {ATSPI_ROLE_SUBSCRIPT, {"AXGroup", ""}},
+      {ATSPI_ROLE_CONTENT_DELETION, {"AXGroup", ""}},
+      {ATSPI_ROLE_CONTENT_INSERTION, {"AXGroup", ""}},
+      {ATSPI_ROLE_FOOTNOTE, {"AXGroup", ""}},
+      {ATSPI_ROLE_LOG, {"AXGroup", "AXApplicationLog"}},
+      {ATSPI_ROLE_MARQUEE, {"AXGroup", "AXApplicationMarquee"}},
+      {ATSPI_ROLE_TIMER, {"AXGroup", "AXApplicationTimer"}},
+      {ATSPI_ROLE_DEFINITION, {"AXGroup", "AXDefinition"}},
+      {ATSPI_ROLE_IMAGE_MAP, {"AXImage", ""}},
+      {ATSPI_ROLE_AUDIO, {"AXGroup", ""}},
+      {ATSPI_ROLE_VIDEO, {"AXGroup", ""}},
   };
   return table;
+}
+
+// A page's landmarks by the role it gave them (the first of its roles that
+// names a landmark), as the subroles of the platforms' web views.
+std::string landmarkSubrole(std::string_view xmlRoles) {
+  static const std::array<std::pair<std::string_view, std::string_view>, 8> table{{
+      {"banner", "AXLandmarkBanner"},
+      {"navigation", "AXLandmarkNavigation"},
+      {"main", "AXLandmarkMain"},
+      {"contentinfo", "AXLandmarkContentInfo"},
+      {"complementary", "AXLandmarkComplementary"},
+      {"search", "AXLandmarkSearch"},
+      {"region", "AXLandmarkRegion"},
+      {"form", "AXLandmarkForm"},
+  }};
+  for (std::size_t start = 0; start < xmlRoles.size();) {
+    auto end = std::min(xmlRoles.find(' ', start), xmlRoles.size());
+    const auto word = xmlRoles.substr(start, end - start);
+    for (const auto& [role, subrole] : table)
+      if (word == role) return std::string(subrole);
+    start = end + 1;
+  }
+  return "";
 }
 
 }  // namespace
@@ -183,6 +233,8 @@ AxRole axRole(const RoleContext& c) {
     case ATSPI_ROLE_TABLE_COLUMN_HEADER:
     case ATSPI_ROLE_TABLE_ROW_HEADER:
       return c.interfaces & actionInterface ? AxRole{"AXButton", "AXSortButton"} : AxRole{"AXCell", ""};
+    case ATSPI_ROLE_LANDMARK:
+      return {"AXGroup", landmarkSubrole(c.xmlRoles)};
     case ATSPI_ROLE_SEPARATOR:
       return c.parentRole == ATSPI_ROLE_SPLIT_PANE ? AxRole{"AXSplitter", ""} : AxRole{"AXGroup", ""};
     case ATSPI_ROLE_FRAME:
@@ -240,6 +292,10 @@ bool isCheckMenuItemRole(std::uint32_t role) {
 bool isMenuItemRole(std::uint32_t role) {
   return role == ATSPI_ROLE_MENU_ITEM || role == ATSPI_ROLE_CHECK_MENU_ITEM || role == ATSPI_ROLE_RADIO_MENU_ITEM;
 }
+bool roleNeedsAttributes(std::uint32_t role) {
+  return isTextEntryRole(role) || role == ATSPI_ROLE_HEADING || role == ATSPI_ROLE_LANDMARK;
+}
+bool isHeadingRole(std::uint32_t role) { return role == ATSPI_ROLE_HEADING; }
 bool isColumnHeaderRole(std::uint32_t role) { return role == ATSPI_ROLE_COLUMN_HEADER; }
 bool isTableCellRole(std::uint32_t role) { return role == ATSPI_ROLE_TABLE_CELL; }
 

@@ -62,6 +62,11 @@ struct States {
 inline constexpr std::string_view gtk3Toolkit = "GTK";
 inline constexpr std::string_view gtk4Toolkit = "GTK4";
 inline constexpr std::string_view qtToolkit = "Qt";
+inline constexpr std::string_view geckoToolkit = "GECKO";
+inline constexpr std::string_view chromiumToolkit = "CHROMIUM";
+
+/// Whether the toolkit is a browser engine, whose pages bring web roles.
+bool isWebToolkit(std::string_view toolkit);
 
 /// The toolkit's name as this backend uses it, from the application's
 /// ToolkitName and Version: "GTK" and "GTK4" apart, "Qt", else the name in
@@ -71,10 +76,11 @@ std::string toolkitName(std::string_view atspiName, std::string_view version);
 /// Whether a child that the toolkit keeps in its tree is out of a person's
 /// sight: not VISIBLE anywhere; where the toolkit keeps SHOWING true to the
 /// screen, not SHOWING while its parent is; where it keeps hidden widgets
-/// unallocated instead (GTK4), a frame without area. `extents` is absent when
-/// the child has no frame to read.
-bool isHiddenChild(const States& child, const std::optional<AxRect>& extents, const States& parent,
-                   std::string_view toolkit);
+/// unallocated instead (GTK4), a frame without area; in Firefox, the pane of
+/// a tab in the background. `extents` is absent when the child has no frame
+/// to read.
+bool isHiddenChild(std::uint32_t childRole, const States& child, const std::optional<AxRect>& extents,
+                   const States& parent, std::string_view toolkit);
 
 /// What decides an element's AX role besides its own AT-SPI role.
 struct RoleContext {
@@ -83,6 +89,7 @@ struct RoleContext {
   std::uint32_t interfaces = 0;
   std::optional<std::uint32_t> parentRole;  // read for menus only
   bool editableChild = false;               // read for combo boxes only
+  std::string xmlRoles;                     // a page's own role for it, read for landmarks only
 };
 
 struct AxRole {
@@ -112,6 +119,10 @@ bool isStaticTextRole(std::uint32_t role);
 /// Menu items with a check mark.
 bool isCheckMenuItemRole(std::uint32_t role);
 bool isMenuItemRole(std::uint32_t role);
+/// Roles whose object attributes tell more: a placeholder, a heading's
+/// level, a landmark's kind.
+bool roleNeedsAttributes(std::uint32_t role);
+bool isHeadingRole(std::uint32_t role);
 
 /// A menu item's shortcut as the walk reads it: the key, and the modifier
 /// bits of a menu item (1 shift, 2 alt, 4 control, 8 without the primary

@@ -17,27 +17,78 @@ TEST(AtspiVocabulary, RolesDependOnTheirContext) {
     std::string role, subrole;
   };
   const Case cases[] = {
-      {{ATSPI_ROLE_MENU, {}, 0, ATSPI_ROLE_MENU_BAR, false}, "AXMenuBarItem", ""},
-      {{ATSPI_ROLE_MENU, {}, 0, ATSPI_ROLE_MENU, false}, "AXMenuItem", ""},
-      {{ATSPI_ROLE_MENU, {}, 0, std::nullopt, false}, "AXMenu", ""},
-      {{ATSPI_ROLE_COMBO_BOX, {}, 0, std::nullopt, true}, "AXComboBox", ""},
-      {{ATSPI_ROLE_COMBO_BOX, {}, 0, std::nullopt, false}, "AXPopUpButton", ""},
-      {{ATSPI_ROLE_TEXT, withState(ATSPI_STATE_MULTI_LINE), 0, std::nullopt, false}, "AXTextArea", ""},
-      {{ATSPI_ROLE_ENTRY, {}, 0, std::nullopt, false}, "AXTextField", ""},
-      {{ATSPI_ROLE_COLUMN_HEADER, {}, actionInterface, std::nullopt, false}, "AXButton", "AXSortButton"},
-      {{ATSPI_ROLE_COLUMN_HEADER, {}, 0, std::nullopt, false}, "AXCell", ""},
-      {{ATSPI_ROLE_TOGGLE_BUTTON, {}, 0, std::nullopt, false}, "AXCheckBox", "AXToggle"},
-      {{ATSPI_ROLE_DIALOG, {}, 0, std::nullopt, false}, "AXWindow", "AXDialog"},
-      {{ATSPI_ROLE_DIALOG, {}, 0, ATSPI_ROLE_APPLICATION, false}, "AXWindow", "AXDialog"},
-      {{ATSPI_ROLE_FRAME, {}, 0, ATSPI_ROLE_APPLICATION, false}, "AXWindow", "AXStandardWindow"},
-      {{ATSPI_ROLE_FILE_CHOOSER, {}, 0, ATSPI_ROLE_DIALOG, false}, "AXGroup", ""},
-      {{ATSPI_ROLE_WINDOW, {}, 0, ATSPI_ROLE_FRAME, false}, "AXGroup", ""},
-      {{ATSPI_ROLE_REDUNDANT_OBJECT, {}, 0, std::nullopt, false}, "AXUnknown", ""},
+      {{ATSPI_ROLE_MENU, {}, 0, ATSPI_ROLE_MENU_BAR, false, ""}, "AXMenuBarItem", ""},
+      {{ATSPI_ROLE_MENU, {}, 0, ATSPI_ROLE_MENU, false, ""}, "AXMenuItem", ""},
+      {{ATSPI_ROLE_MENU, {}, 0, std::nullopt, false, ""}, "AXMenu", ""},
+      {{ATSPI_ROLE_COMBO_BOX, {}, 0, std::nullopt, true, ""}, "AXComboBox", ""},
+      {{ATSPI_ROLE_COMBO_BOX, {}, 0, std::nullopt, false, ""}, "AXPopUpButton", ""},
+      {{ATSPI_ROLE_TEXT, withState(ATSPI_STATE_MULTI_LINE), 0, std::nullopt, false, ""}, "AXTextArea", ""},
+      {{ATSPI_ROLE_ENTRY, {}, 0, std::nullopt, false, ""}, "AXTextField", ""},
+      {{ATSPI_ROLE_COLUMN_HEADER, {}, actionInterface, std::nullopt, false, ""}, "AXButton", "AXSortButton"},
+      {{ATSPI_ROLE_COLUMN_HEADER, {}, 0, std::nullopt, false, ""}, "AXCell", ""},
+      {{ATSPI_ROLE_TOGGLE_BUTTON, {}, 0, std::nullopt, false, ""}, "AXCheckBox", "AXToggle"},
+      {{ATSPI_ROLE_DIALOG, {}, 0, std::nullopt, false, ""}, "AXWindow", "AXDialog"},
+      {{ATSPI_ROLE_DIALOG, {}, 0, ATSPI_ROLE_APPLICATION, false, ""}, "AXWindow", "AXDialog"},
+      {{ATSPI_ROLE_FRAME, {}, 0, ATSPI_ROLE_APPLICATION, false, ""}, "AXWindow", "AXStandardWindow"},
+      {{ATSPI_ROLE_FILE_CHOOSER, {}, 0, ATSPI_ROLE_DIALOG, false, ""}, "AXGroup", ""},
+      {{ATSPI_ROLE_WINDOW, {}, 0, ATSPI_ROLE_FRAME, false, ""}, "AXGroup", ""},
+      {{ATSPI_ROLE_REDUNDANT_OBJECT, {}, 0, std::nullopt, false, ""}, "AXUnknown", ""},
+      // A page's landmarks by the first of its roles that names one.
+      {{ATSPI_ROLE_LANDMARK, {}, 0, std::nullopt, false, "navigation"}, "AXGroup", "AXLandmarkNavigation"},
+      {{ATSPI_ROLE_LANDMARK, {}, 0, std::nullopt, false, "doc-toc main"}, "AXGroup", "AXLandmarkMain"},
+      {{ATSPI_ROLE_LANDMARK, {}, 0, std::nullopt, false, "mainly"}, "AXGroup", ""},
+      {{ATSPI_ROLE_DATE_EDITOR, {}, 0, std::nullopt, false, ""}, "AXDateField", ""},
   };
   for (const auto& c : cases) {
     auto role = axRole(c.context);
     EXPECT_EQ(role.role, c.role) << c.context.role;
     EXPECT_EQ(role.subrole, c.subrole) << c.context.role;
+  }
+}
+
+// What a page's elements read as, beside a toolkit's own widgets.
+TEST(AtspiVocabulary, PagesReadAsNativeWindowsDo) {
+  auto record = [](std::uint32_t role, std::string name) {
+    ElementRecord r;
+    r.role = role;
+    r.name = std::move(name);
+    return r;
+  };
+  auto heading = record(ATSPI_ROLE_HEADING, "Order a shirt");
+  heading.level = 2;
+  auto select = record(ATSPI_ROLE_COMBO_BOX, "Size");
+  select.choice = "Large";
+  select.text = "\uFFFC";
+  auto gtkCombo = record(ATSPI_ROLE_COMBO_BOX, "Large");
+  gtkCombo.choice = "Medium";  // a GTK menu's selection is the item under the pointer
+  auto paragraph = record(ATSPI_ROLE_PARAGRAPH, "");
+  paragraph.text = "Read \uFFFC first";
+  auto plain = record(ATSPI_ROLE_PARAGRAPH, "");
+  plain.text = "Arrived.";
+  auto editor = record(ATSPI_ROLE_ENTRY, "Note");
+  editor.text = "a picture: \uFFFC";
+  struct Case {
+    const char* what;
+    ElementRecord record;
+    std::string toolkit, title, value;  // empty: absent
+  };
+  const Case cases[] = {
+      {"a heading's value is its level", heading, "CHROMIUM", "Order a shirt", "2"},
+      {"a select: its label, then its option", select, "CHROMIUM", "Size", "Large"},
+      {"the same in Firefox", select, "GECKO", "Size", "Large"},
+      {"a GTK pop-up is named by its choice", gtkCombo, "GTK", "", "Large"},
+      {"a paragraph whose children hold its text", paragraph, "GECKO", "", ""},
+      {"a paragraph of plain text", plain, "CHROMIUM", "", "Arrived."},
+      {"a text field keeps what it holds", editor, "GECKO", "Note", "a picture: \uFFFC"},
+  };
+  auto text = [](const AxValue& value) {
+    if (auto s = value.get<std::string>()) return *s;
+    if (auto n = value.get<double>()) return std::to_string(static_cast<int>(*n));
+    return std::string();
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(text(attributeValue(c.record, "AXTitle", c.toolkit)), c.title) << c.what;
+    EXPECT_EQ(text(attributeValue(c.record, "AXValue", c.toolkit)), c.value) << c.what;
   }
 }
 
@@ -85,8 +136,11 @@ TEST(AtspiVocabulary, EachToolkitMarksWhatNobodySeesItsOwnWay) {
   const States visible = withState(ATSPI_STATE_VISIBLE);
   const States none{};
   const AxRect frame{0, 46, 690, 464}, unallocated{0, 46, 690, 0};
+  constexpr std::uint32_t panel = ATSPI_ROLE_PANEL, pane = ATSPI_ROLE_SCROLL_PANE,
+                          frameRole = ATSPI_ROLE_INTERNAL_FRAME;
   struct Case {
     const char* what;
+    std::uint32_t role;
     States child;
     std::optional<AxRect> extents;
     States parent;
@@ -94,16 +148,22 @@ TEST(AtspiVocabulary, EachToolkitMarksWhatNobodySeesItsOwnWay) {
     bool hidden;
   };
   const Case cases[] = {
-      {"not visible anywhere", none, frame, shown, "GECKO", true},
-      {"GTK3: not showing under a parent that shows", visible, frame, shown, "GTK", true},
-      {"GTK3: not showing under a parent that does not (a closed menu)", visible, frame, visible, "GTK", false},
-      {"Qt: showing", shown, frame, shown, "Qt", false},
-      {"GTK4 keeps SHOWING on windows only", visible, frame, shown, "GTK4", false},
-      {"GTK4: never allocated", visible, unallocated, shown, "GTK4", true},
-      {"GTK4: no frame to read", visible, std::nullopt, shown, "GTK4", false},
-      {"a browser: scrolled out of view still counts", visible, frame, shown, "CHROMIUM", false},
+      {"not visible anywhere", panel, none, frame, shown, "GECKO", true},
+      {"GTK3: not showing under a parent that shows", panel, visible, frame, shown, "GTK", true},
+      {"GTK3: not showing under a parent that does not (a closed menu)", panel, visible, frame, visible, "GTK", false},
+      {"Qt: showing", panel, shown, frame, shown, "Qt", false},
+      {"GTK4 keeps SHOWING on windows only", panel, visible, frame, shown, "GTK4", false},
+      {"GTK4: never allocated", panel, visible, unallocated, shown, "GTK4", true},
+      {"GTK4: no frame to read", panel, visible, std::nullopt, shown, "GTK4", false},
+      {"a browser: scrolled out of view still counts", panel, visible, frame, shown, "CHROMIUM", false},
+      {"Firefox: a page's part scrolled out of view still counts", panel, visible, frame, shown, "GECKO", false},
+      {"Firefox: a tab behind, by its pane", pane, visible, frame, shown, "GECKO", true},
+      {"Firefox: a tab behind, by its frame", frameRole, visible, frame, shown, "GECKO", true},
+      {"Firefox: the tab in front", pane, shown, frame, shown, "GECKO", false},
+      {"GTK4 has no such rule for panes", pane, visible, frame, shown, "GTK4", false},
   };
-  for (const auto& c : cases) EXPECT_EQ(isHiddenChild(c.child, c.extents, c.parent, c.toolkit), c.hidden) << c.what;
+  for (const auto& c : cases)
+    EXPECT_EQ(isHiddenChild(c.role, c.child, c.extents, c.parent, c.toolkit), c.hidden) << c.what;
 }
 
 TEST(AtspiVocabulary, BrowsersPressByWhatTheirActionsDo) {
