@@ -175,7 +175,9 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
       const char *name, *description, *keys;
       while (g_variant_iter_next(&iter, "(&s&s&s)", &name, &description, &keys)) {
         if (r.actions.empty()) r.keyBinding = keys;
-        r.actions.emplace_back(name);
+        // Firefox puts the key binding where the name belongs: asked one by
+        // one, it tells the name.
+        r.actions.emplace_back(std::string_view(name).find(';') == std::string_view::npos ? name : "");
       }
     });
   }
@@ -192,7 +194,8 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
 }
 
 void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts) {
-  // Chromium lists its actions without their names; it tells them one by one.
+  // Chromium and Firefox list their actions without their names; they tell
+  // them one by one.
   for (std::size_t k = 0; k < r.actions.size(); ++k) {
     if (!r.actions[k].empty()) continue;
     round.add(method(ref, "org.a11y.atspi.Action", "GetName", g_variant_new("(i)", static_cast<gint32>(k))),

@@ -1,0 +1,213 @@
+// Pages in Chromium and Firefox through the same mirror, on a headless
+// desktop with a window manager: a form filled and sent to a server this test
+// runs on loopback, a link followed, and a tab behind left out. What the
+// server received is read from its own log, outside our code.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/x11_desktop.h"
+#include "support/line_client.h"
+
+namespace glimmerstrand::testing {
+namespace {
+
+using core::JSONValue;
+
+const char* const formPage = R"(<!doctype html>
+<html lang="en"><head><meta charset="utf-8"><title>Order form</title></head><body>
+<header><h1>Order a shirt</h1></header>
+<nav aria-label="Site"><a href="next.html">Next page</a></nav>
+<main><form action="received.html" method="get">
+<p><label for="name">Name</label> <input id="name" name="name"></p>
+<p><label for="note">Note</label> <textarea id="note" name="note"></textarea></p>
+<p><label for="size">Size</label> <select id="size" name="size"><option>Small</option><option>Medium</option>
+<option>Large</option></select></p>
+<p><label for="qty">Quantity</label> <input id="qty" name="qty" type="number" value="1"></p>
+<p><input id="gift" name="gift" type="checkbox"><label for="gift">Gift wrap</label></p>
+<fieldset><legend>Colour</legend>
+<input id="red" type="radio" name="colour" value="red"><label for="red">Red</label>
+<input id="blue" type="radio" name="colour" value="blue"><label for="blue">Blue</label></fieldset>
+<button type="submit">Send order</button>
+</form></main></body></html>)";
+
+// A port nobody listens on now, for the server to take.
+int freePort() {
+  const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ::bind(s, reinterpret_cast<sockaddr*>(&address), length);
+  ::getsockname(s, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(s);
+  return ntohs(address.sin_port);
+}
+
+// Python's own HTTP server on loopback, serving the pages; it logs each
+// request it receives.
+class PageServer {
+ public:
+  explicit PageServer(const std::filesystem::path& folder) : log_(folder / "requests.log"), port_(freePort()) {
+    std::ofstream(folder / "form.html") << formPage;
+    std::ofstream(folder / "next.html") << "<!doctype html><title>Next</title><h1>The next page</h1><p>Arrived.</p>";
+    std::ofstream(folder / "received.html") << "<!doctype html><title>Received</title><h1>Order received</h1>";
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      const std::string port = std::to_string(port_), directory = folder.string(), log = log_.string();
+      if (!std::freopen(log.c_str(), "w", stderr)) ::_exit(127);
+      ::execlp("python3", "python3", "-m", "http.server", port.c_str(), "--bind", "127.0.0.1", "--directory",
+               directory.c_str(), static_cast<char*>(nullptr));
+      ::_exit(127);
+    }
+  }
+  ~PageServer() {
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  std::string url(const std::string& page) const { return "http://127.0.0.1:" + std::to_string(port_) + "/" + page; }
+  std::string log() const {
+    std::ifstream in(log_);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+ private:
+  std::filesystem::path log_;
+  int port_;
+  pid_t pid_ = -1;
+};
+
+class WebDesktopTest : public ::testing::TestWithParam<std::string> {
+ protected:
+  static void SetUpTestSuite() {
+    folder_ = std::filesystem::temp_directory_path() / ("glimmerstrand-web-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(folder_);
+    server_ = new PageServer(folder_);
+    desktop_ = startDesktop(
+        {"chromium --no-first-run " + server_->url("form.html"), "firefox-esr " + server_->url("form.html")}, problem_);
+  }
+  static void TearDownTestSuite() {
+    delete desktop_;
+    delete server_;
+    desktop_ = nullptr;
+    server_ = nullptr;
+    std::filesystem::remove_all(folder_);
+  }
+  void SetUp() override {
+    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
+    client_ = std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY,
+                                           std::map<std::string, std::string>{{"GLIMMERSTRAND_PLATFORM", "linux"}});
+    ASSERT_TRUE(openForm()) << "the form did not load in " << GetParam();
+  }
+
+  const std::string& browser() const { return GetParam(); }
+  std::vector<JSONValue> results(const std::string& script) { return cypherResults(*client_, browser(), script); }
+  std::vector<std::string> column(const std::string& read, const std::string& name) {
+    return cypherColumn(*client_, browser(), read, name);
+  }
+  std::string heading() {
+    auto names = column("MATCH (h:Heading) RETURN h.name", "h.name");
+    return names.empty() ? "" : names.front();
+  }
+
+  // Each test starts on a freshly loaded form, typed into the address bar as
+  // a person does.
+  bool openForm() {
+    const std::string bar = browser() == "chromium" ? "(a:TextField {name: 'Address and search bar'})" : "(a:ComboBox)";
+    results("MATCH " + bar + " SET a.value = '" + server_->url("form.html") + "'; CALL ui.key('return')");
+    return eventually([&] { return heading() == "Order a shirt"; }, std::chrono::seconds(15));
+  }
+
+  static std::filesystem::path folder_;
+  static PageServer* server_;
+  static TestDesktop* desktop_;
+  static std::string problem_;
+  std::unique_ptr<LineClient> client_;
+};
+
+std::filesystem::path WebDesktopTest::folder_;
+PageServer* WebDesktopTest::server_ = nullptr;
+TestDesktop* WebDesktopTest::desktop_ = nullptr;
+std::string WebDesktopTest::problem_;
+
+TEST_P(WebDesktopTest, EachFormControlIsSetReadBackAndSent) {
+  struct Case {
+    std::string write;   // a statement that sets one control
+    std::string read;    // a read of what it holds now
+    std::string holds;   // what the read returns
+    std::string posted;  // what the server receives for it
+  };
+  const Case cases[] = {
+      {"MATCH (f:TextField {name: 'Name'}) SET f.value = 'Ada'", "MATCH (f:TextField {name: 'Name'}) RETURN f.value",
+       "Ada", "name=Ada"},
+      {"MATCH (f:TextArea {name: 'Note'}) SET f.value = 'By Friday'",
+       "MATCH (f:TextArea {name: 'Note'}) RETURN f.value", "By Friday", "note=By+Friday"},
+      {"MATCH (s:PopUpButton {name: 'Size'}) SET s.value = 'Large'",
+       "MATCH (s:PopUpButton {name: 'Size'}) RETURN s.value", "Large", "size=Large"},
+      {"MATCH (q:Incrementor {name: 'Quantity'}) SET q.value = 3",
+       "MATCH (q:Incrementor {name: 'Quantity'}) RETURN q.value", "3", "qty=3"},
+      {"MATCH (c:CheckBox {name: 'Gift wrap'}) SET c.pressed = true",
+       "MATCH (c:CheckBox {name: 'Gift wrap'}) RETURN c.value", "1", "gift=on"},
+      {"MATCH (r:RadioButton {name: 'Blue'}) SET r.pressed = true",
+       "MATCH (r:RadioButton {name: 'Blue'}) RETURN r.value", "1", "colour=blue"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.write);
+    results(c.write);
+    const auto name = c.read.substr(c.read.rfind("RETURN ") + 7);
+    EXPECT_TRUE(eventually([&] { return column(c.read, name) == std::vector<std::string>{c.holds}; }))
+        << (column(c.read, name).empty() ? "nothing" : column(c.read, name).front());
+  }
+  // The press waits for the page it loads, and the report shows it.
+  const auto sent = results("MATCH (b:Button {name: 'Send order'}) SET b.pressed = true").back();
+  EXPECT_NE(core::jsonText(sent).find("Order received"), std::string::npos) << core::jsonText(sent);
+  const std::string log = server_->log();
+  const auto request = log.rfind("GET /received.html?");
+  ASSERT_NE(request, std::string::npos) << log;
+  const std::string query = log.substr(request, log.find(' ', request + 4) - request);
+  for (const auto& c : cases) EXPECT_NE(query.find(c.posted), std::string::npos) << c.posted << " in " << query;
+}
+
+TEST_P(WebDesktopTest, ALinkPressedReportsTheNewPage) {
+  const auto followed = results("MATCH (l:Link {name: 'Next page'}) SET l.pressed = true").back();
+  EXPECT_NE(core::jsonText(followed).find("The next page"), std::string::npos) << core::jsonText(followed);
+  EXPECT_EQ(heading(), "The next page");
+  EXPECT_EQ(column("MATCH (w:WebArea) RETURN w.name", "w.name"), std::vector<std::string>{"Next"});
+}
+
+TEST_P(WebDesktopTest, ATabBehindIsNotInTheMirror) {
+  results("CALL ui.key('ctrl+t')");
+  EXPECT_TRUE(eventually([&] { return heading().empty(); }, std::chrono::seconds(10)))
+      << "the form's page is still in the copy behind the new tab";
+  EXPECT_LE(column("MATCH (w:WebArea) RETURN w.id", "w.id").size(), 1u);
+  results("CALL ui.key('ctrl+w')");
+  EXPECT_TRUE(eventually([&] { return heading() == "Order a shirt"; }, std::chrono::seconds(10)));
+}
+
+TEST_P(WebDesktopTest, APageReadsWithItsWebRoles) {
+  EXPECT_EQ(column("MATCH (h:Heading) RETURN h.value", "h.value"), std::vector<std::string>{"1"});
+  EXPECT_EQ(column("MATCH (l:Link) RETURN l.url", "l.url"), std::vector<std::string>{server_->url("next.html")});
+  EXPECT_EQ(column("MATCH (g:Group {subrole: 'LandmarkNavigation'}) RETURN g.name", "g.name"),
+            std::vector<std::string>{"Site"});
+  EXPECT_EQ(column("MATCH (s:PopUpButton) RETURN s.name", "s.name"), std::vector<std::string>{"Size"});
+  // No container reads as the characters that stand for its children.
+  EXPECT_EQ(column("MATCH (n) WHERE n.value CONTAINS '\uFFFC' RETURN n.id", "n.id"), std::vector<std::string>{});
+}
+
+INSTANTIATE_TEST_SUITE_P(Browsers, WebDesktopTest, ::testing::Values("chromium", "firefox-esr"),
+                         [](const auto& info) { return info.param == "chromium" ? "Chromium" : "Firefox"; });
+
+}  // namespace
+}  // namespace glimmerstrand::testing
