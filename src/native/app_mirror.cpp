@@ -49,6 +49,7 @@ const std::vector<std::pair<std::string, std::optional<DirtyKind>>>& mirrorNotif
       {"AXMenuOpened", std::nullopt},
       {"AXMenuClosed", std::nullopt},
       {"AXLoadComplete", DirtyKind::subtree},
+      {"AXElementBusyChanged", DirtyKind::attributes},
       {"AXExpandedChanged", DirtyKind::subtree},
   };
   return table;
@@ -388,16 +389,20 @@ core::SettleResult AppMirror::waitSettle(std::optional<std::int64_t> since, std:
   if (!result.changed) {
     result.settled = true;
   } else {
-    const std::int64_t giveUpAt = start + timeoutMs * msNs;
     for (;;) {
       const std::int64_t now = clock_.nowNs();
-      const std::int64_t quietFor = now - lastNotificationAt_;
-      if (quietFor >= quietMs * msNs) {
+      // A page that is loading is not settled, however quiet it is, for as
+      // long as a load may take.
+      const std::int64_t loadEndsBy = loadingSince_ ? *loadingSince_ + maxLoadMs * msNs : 0;
+      const bool loading = loadEndsBy > now;
+      const std::int64_t giveUpAt = std::max(start + timeoutMs * msNs, std::min(loadEndsBy, start + maxLoadMs * msNs));
+      const std::int64_t quietAt = lastNotificationAt_ + quietMs * msNs;
+      if (!loading && now >= quietAt) {
         result.settled = true;
         break;
       }
       if (now >= giveUpAt) break;
-      clock_.waitUntil(lock, stateChanged_, std::min(now + (quietMs * msNs - quietFor), giveUpAt));
+      clock_.waitUntil(lock, stateChanged_, std::min(loading ? loadEndsBy : quietAt, giveUpAt));
     }
   }
   result.notifications = notificationCount_ - base;

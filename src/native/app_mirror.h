@@ -193,6 +193,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   /// The longest a stream of notifications without a pause holds a walk off.
   static constexpr std::int64_t maxDebounceNs = 100'000'000;
   static constexpr std::int64_t trailingDelayMs = 50;
+  /// How long a settle waits for a page that began to load.
+  static constexpr std::int64_t maxLoadMs = 5000;
   static constexpr std::int64_t keepNs = 10'000'000'000;
   static constexpr std::int64_t outsideIndex = INT64_MIN;
   static constexpr std::int64_t goneIndex = INT64_MIN + 1;
@@ -347,6 +349,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   double partialWalkMs_ = 0;
   std::int64_t notificationCount_ = 0;
   std::int64_t lastNotificationAt_ = 0;
+  std::optional<std::int64_t> loadingSince_;  // a page began to load and has not finished
   // The last walk got no answer from the application; the start of that
   // walk. Cleared by a commit.
   bool unanswered_ = false;

@@ -32,6 +32,8 @@ void AppMirror::handleNotification(const Element& element, const std::string& na
     std::lock_guard guard(stateLock_);
     ++notificationCount_;
     lastNotificationAt_ = clock_.nowNs();
+    if (name == "AXElementBusyChanged" && !loadingSince_) loadingSince_ = lastNotificationAt_;
+    if (name == "AXLoadComplete") loadingSince_.reset();
     if (kind && !(element == app_))
       markDirtyLocked({DirtyTarget{element, *kind}});
     else

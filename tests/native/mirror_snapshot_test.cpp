@@ -163,24 +163,41 @@ TEST(Mirrors, OldGenerationsStayForTenSecondsBeyondTheNewestThree) {
   EXPECT_NO_THROW(mirror->elementForIndex(newest, 0));  // among the newest three
 }
 
-TEST(MirrorSettle, WaitSettleWatchesTheNotificationCount) {
+TEST(MirrorSettle, WaitSettleWatchesTheNotificationCountAndPageLoads) {
+  using Posts = std::vector<std::pair<std::string, int>>;  // a notification, then a pause in ms
+  const Posts stream(200, {"AXValueChanged", 20});
   struct Case {
     const char* name;
-    int notifications;  // 20 ms apart
+    Posts posts;
     bool expectChanged, expectSettled;
     double expectWaitedMs;
   };
-  for (const auto& c : {Case{"nothing happens", 0, false, true, 250}, Case{"one change", 1, true, true, 40},
-                        Case{"a steady stream", 200, true, false, 1500}}) {
+  const Case cases[] = {
+      {"nothing happens", {}, false, true, 250},
+      {"one change", {{"AXValueChanged", 20}}, true, true, 40},
+      {"a steady stream", stream, true, false, 1500},
+      // Quiet while the page loads is not settled: the report waits for the page.
+      {"a page that loads for 800 ms",
+       {{"AXElementBusyChanged", 20}, {"AXValueChanged", 780}, {"AXLoadComplete", 0}},
+       true,
+       true,
+       840},
+      {"a load that never ends is waited for no longer than a load may take",
+       {{"AXElementBusyChanged", 0}},
+       true,
+       true,
+       static_cast<double>(AppMirror::maxLoadMs)},
+  };
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     MirrorSim sim(labDesktop());
     auto mirror = sim.settled(labPid);
     auto since = mirror->notificationCount();
     auto poster = sim.clock.makeSerialQueue("poster");
     poster->async([&] {
-      for (int k = 0; k < c.notifications; ++k) {
-        sim.desktop().postNotification(labPid, "status", "AXValueChanged");
-        sim.clock.sleepNs(20 * ms);
+      for (const auto& [notification, pauseMs] : c.posts) {
+        sim.desktop().postNotification(labPid, "status", notification);
+        sim.clock.sleepNs(pauseMs * ms);
       }
     });
     auto result = mirror->waitSettle(since, 40, 250, 1500);

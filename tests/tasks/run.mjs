@@ -36,6 +36,8 @@ const chosen = options.only ? forTransport.filter((task) => options.only.split('
 const taskLimitMs = 90_000;
 
 const apps = ['galculator', 'gnome-calculator', 'gtk3-widget-factory', `/usr/bin/python3 ${path.join(repo, 'tests', 'platform', 'linux', 'data', 'form_app.py')}`];
+// The browsers start only for the web tasks: each takes seconds and memory.
+if (chosen.some((task) => task.browser)) apps.push('chromium --no-first-run about:blank', 'firefox-esr about:blank');
 
 function withLimit(promise, ms) {
   let timer;

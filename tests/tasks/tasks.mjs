@@ -6,6 +6,7 @@ import path from 'node:path';
 import { performance } from 'node:perf_hooks';
 
 import { check, processEnded, rowsOf, TaskFailure } from './harness.mjs';
+import { BROWSERS, priceOf, servePages } from './web_pages.mjs';
 
 const FORM = 'form_app.py';
 
@@ -498,4 +499,83 @@ export const tasks = [
       check(sessions === 1, `the daemon still has ${sessions} MCP sessions, not the second client's alone`);
     },
   },
+  ...BROWSERS.flatMap(webTasks),
 ];
+
+/** Going to a page as a person does: its address typed into the bar, then a wait for its heading. */
+function goTo(browser, url, heading) {
+  return (
+    `MATCH ${browser.bar} SET a.value = ${quoted(url)}; CALL ui.key("return"); ` +
+    `CALL ui.wait_for("MATCH (h:Heading {name:${JSON.stringify(heading).replaceAll('"', '\\"')}}) RETURN h.id", 10000)`
+  );
+}
+
+/** A task with a server of its own for the length of the task. */
+function withPages(run) {
+  return async (context) => {
+    const pages = await servePages();
+    try {
+      return await run({ ...context, pages });
+    } finally {
+      await pages.close();
+    }
+  };
+}
+
+// Pages in each browser, started by the world with their accessibility on.
+function webTasks(browser) {
+  return [
+    {
+      name: `web-form-sent-${browser.key}`,
+      browser: true,
+      x11: true,
+      run: withPages(async ({ session, pages }) => {
+        const opened = await session.do(browser.app, goTo(browser, pages.url('form.html'), 'Order a shirt'));
+        check(rowsOf(opened, 3).length === 1, `the form did not load:\n${opened}`);
+        const sent = await session.do(
+          browser.app,
+          [
+            'MATCH (f:TextField {name:"Name"}) SET f.value = "Ada Lovelace"',
+            'MATCH (s:PopUpButton {name:"Size"}) SET s.value = "Large"',
+            'MATCH (q:Incrementor {name:"Quantity"}) SET q.value = 3',
+            press('CheckBox', 'Gift wrap'),
+            press('Button', 'Send order'),
+          ].join('; '),
+        );
+        check(sent.includes('Order received'), `the report does not show the page the form loaded:\n${sent}`);
+        const received = pages.requests.find((url) => url.startsWith('/received.html?'));
+        check(received, `the server received no order: ${pages.requests.join(', ')}`);
+        const fields = Object.fromEntries(new URL(received, 'http://127.0.0.1').searchParams);
+        const wanted = { name: 'Ada Lovelace', size: 'Large', qty: '3', gift: 'on' };
+        for (const [key, value] of Object.entries(wanted))
+          check(fields[key] === value, `the server received ${key}=${fields[key]}, not ${value}: ${received}`);
+      }),
+    },
+    {
+      name: `web-link-followed-${browser.key}`,
+      browser: true,
+      x11: true,
+      run: withPages(async ({ session, pages }) => {
+        await session.do(browser.app, goTo(browser, pages.url('form.html'), 'Order a shirt'));
+        const followed = await session.do(browser.app, `${press('Link', 'Next page')}; MATCH (h:Heading) RETURN h.name`);
+        check(pages.requests.includes('/next.html'), `the server was not asked for the next page: ${pages.requests}`);
+        const headings = rowsOf(followed, 2).map((row) => row['h.name']);
+        check(headings.join() === 'The next page', `the page reads ${headings}:\n${followed}`);
+      }),
+    },
+    {
+      name: `web-long-page-value-${browser.key}`,
+      browser: true,
+      x11: true,
+      run: withPages(async ({ session, pages }) => {
+        await session.do(browser.app, goTo(browser, pages.url('long.html'), 'Price list'));
+        // The mirror holds the rows in view; the table's text holds them all.
+        const table = await session.do(browser.app, 'MATCH (t:Table) RETURN t.id');
+        const id = rowsOf(table, 1)[0]?.['t.id'];
+        check(id, `no table on the page:\n${table}`);
+        const read = await session.do(browser.app, `CALL ui.read(${quoted(id)})`);
+        check(read.includes(`Item 900\\n${priceOf(900)}\\n`), `item 900's price is not in the table's text:\n${read.slice(0, 400)}`);
+      }),
+    },
+  ];
+}

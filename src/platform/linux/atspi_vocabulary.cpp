@@ -422,7 +422,7 @@ struct EventRow {
 
 // Never `bounds-changed`: it floods; moves and resizes come from the window
 // system instead.
-constexpr std::array<EventRow, 22> eventTable{{
+constexpr std::array<EventRow, 25> eventTable{{
     {"Object", "StateChanged", "focused", 1, "AXFocusedUIElementChanged", "object:state-changed"},
     {"Object", "StateChanged", "checked", -1, "AXValueChanged", "object:state-changed"},
     {"Object", "StateChanged", "pressed", -1, "AXValueChanged", "object:state-changed"},
@@ -433,6 +433,10 @@ constexpr std::array<EventRow, 22> eventTable{{
     {"Object", "StateChanged", "expanded", -1, "AXExpandedChanged", "object:state-changed"},
     {"Object", "StateChanged", "showing", -1, "AXLayoutChanged", "object:state-changed"},
     {"Object", "StateChanged", "defunct", 1, "AXUIElementDestroyed", "object:state-changed"},
+    // A page's document is busy while it loads, in both browsers.
+    {"Object", "StateChanged", "busy", 1, "AXElementBusyChanged", "object:state-changed"},
+    {"Object", "StateChanged", "busy", 0, "AXLoadComplete", "object:state-changed"},
+    {"Document", "LoadComplete", "", -1, "AXLoadComplete", "document:load-complete"},
     {"Object", "TextChanged", "", -1, "AXValueChanged", "object:text-changed"},
     {"Object", "PropertyChange", "accessible-value", -1, "AXValueChanged", "object:property-change"},
     {"Object", "PropertyChange", "accessible-name", -1, "AXTitleChanged", "object:property-change"},

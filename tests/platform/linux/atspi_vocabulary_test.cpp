@@ -194,7 +194,13 @@ TEST(AtspiVocabulary, EventsMapToNotificationsAndNeverToBounds) {
   EXPECT_EQ(eventTypesFor("AXValueChanged"),
             (std::vector<std::string>{"object:state-changed", "object:text-changed", "object:property-change",
                                       "object:value-changed"}));
-  EXPECT_TRUE(eventTypesFor("AXLoadComplete").empty());
+  // A page loads between its document turning busy and turning idle again.
+  EXPECT_EQ(notificationFor({"Object", "StateChanged", "busy", 1}), "AXElementBusyChanged");
+  EXPECT_EQ(notificationFor({"Object", "StateChanged", "busy", 0}), "AXLoadComplete");
+  EXPECT_EQ(notificationFor({"Document", "LoadComplete", "", 0}), "AXLoadComplete");
+  EXPECT_EQ(eventTypesFor("AXLoadComplete"),
+            (std::vector<std::string>{"object:state-changed", "document:load-complete"}));
+  EXPECT_TRUE(eventTypesFor("AXRowCountChanged") == std::vector<std::string>{""});
 }
 
 TEST(AtspiVocabulary, MenuShortcutsComeFromTheActionsKeyBinding) {
