@@ -22,7 +22,7 @@
 #include <sstream>
 #include <thread>
 
-#include "platform/linux/process_family.h"
+#include "platform/process_family.h"
 
 extern char** environ;
 
