@@ -15,16 +15,16 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <thread>
 
 #include "client/desktop_compositor.h"
 #include "core/errors.h"
+#include "platform/accessibility_bus.h"
 #include "platform/headless_desktop.h"
-#include "platform/linux/atspi_bus.h"
-#include "platform/linux/gdbus_call.h"
-#include "platform/linux/process_family.h"
+#include "platform/process_family.h"
 
 // Last: its macros (None, Bool, Status) clash with names in the headers above.
 #include <X11/Xatom.h>
@@ -37,14 +37,12 @@ namespace {
 
 using core::GlimmerstrandError;
 namespace fs = std::filesystem;
-namespace lx = platform::linux_desktop;
 using Clock = std::chrono::steady_clock;
 
 constexpr auto pollInterval = std::chrono::milliseconds(50);
 constexpr auto serverLimit = std::chrono::seconds(10);  // the X server and the buses
 constexpr auto applicationLimit = std::chrono::seconds(30);
 constexpr auto stopGrace = std::chrono::seconds(5);
-constexpr int busCallTimeoutMs = 2000;
 constexpr const char* accessibilityLauncher = "/usr/libexec/at-spi-bus-launcher";
 
 // What toolkits need to build their trees on a bare X server: the bridge on,
@@ -162,35 +160,11 @@ std::optional<std::string> endOf(pid_t pid) {
 
 // ---- The accessibility bus -----------------------------------------------------
 
-lx::Call rootCall(const std::string& bus, const char* method) {
-  return lx::Call{bus, "/org/a11y/atspi/accessible/root", "org.a11y.atspi.Accessible", method, nullptr};
-}
-
-std::optional<std::uint32_t> ownerPid(GDBusConnection* bus, const char* name) {
-  lx::Call call{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetConnectionUnixProcessID",
-                lx::own(g_variant_new("(s)", name))};
-  return lx::uint32Of(lx::replyChild(lx::callSync(bus, call, busCallTimeoutMs)));
-}
-
-bool hasChildren(GDBusConnection* bus, const std::string& name) {
-  const lx::Variant children = lx::replyChild(lx::callSync(bus, rootCall(name, "GetChildren"), busCallTimeoutMs));
-  return children && g_variant_is_container(children.get()) && g_variant_n_children(children.get()) > 0;
-}
-
 // The process among `family` whose application is registered and whose
-// tree has children.
-std::optional<pid_t> answeringProcess(GDBusConnection* bus, const std::set<pid_t>& family) {
-  const lx::Variant applications =
-      lx::replyChild(lx::callSync(bus, rootCall("org.a11y.atspi.Registry", "GetChildren"), busCallTimeoutMs));
-  if (!applications || !g_variant_is_of_type(applications.get(), G_VARIANT_TYPE("a(so)"))) return std::nullopt;
-  GVariantIter iterator;
-  g_variant_iter_init(&iterator, applications.get());
-  const gchar* name = nullptr;
-  const gchar* path = nullptr;
-  while (g_variant_iter_next(&iterator, "(&s&o)", &name, &path)) {
-    const auto pid = ownerPid(bus, name);
-    if (pid && family.contains(static_cast<pid_t>(*pid)) && hasChildren(bus, name)) return static_cast<pid_t>(*pid);
-  }
+// tree answers.
+std::optional<pid_t> answeringProcess(platform::AccessibilityBus& bus, const std::set<pid_t>& family) {
+  for (const auto& name : bus.registered())
+    if (const auto pid = bus.ownerOf(name); pid && family.contains(*pid) && bus.treeAnswers(name)) return pid;
   return std::nullopt;
 }
 
@@ -255,7 +229,7 @@ class DesktopStart {
     auto bus = startAccessibilityBus(!wayland);
     if (request.windowManager && !wayland) launch({"openbox"}, "openbox");
     exported_.emplace_back("GLIMMERSTRAND_DESKTOP_DIR", folder_.string());
-    for (const auto& command : request.applications) startApplication(bus, command);
+    for (const auto& command : request.applications) startApplication(*bus, command);
     const std::string text = exportLines(exported_);
     std::ofstream(platform::desktopEnvironmentFile(folder_)) << text;
     return text;
@@ -290,7 +264,7 @@ class DesktopStart {
                   const std::map<std::string, std::string>* environment = nullptr,
                   const std::optional<Credentials>& runAs = std::nullopt) {
     // What came to this process until now belongs to earlier launches.
-    for (const auto& [child, parent] : lx::processParents())
+    for (const auto& [child, parent] : platform::processParents())
       if (parent == ::getpid()) known_.insert(child);
     const pid_t pid = spawn(words, environment ? *environment : variables_, logOf(name), handOver, runAs);
     known_.insert(pid);
@@ -361,7 +335,7 @@ class DesktopStart {
     XCloseDisplay(display);
   }
 
-  lx::AtspiBus startAccessibilityBus(bool onRootWindow) {
+  std::unique_ptr<platform::AccessibilityBus> startAccessibilityBus(bool onRootWindow) {
     // Read by GDBus in this process: set before its first use, so before any of its threads runs.
     ::setenv("DBUS_SESSION_BUS_ADDRESS", variables_["DBUS_SESSION_BUS_ADDRESS"].c_str(), 1);
     ::unsetenv("AT_SPI_BUS_ADDRESS");
@@ -369,11 +343,11 @@ class DesktopStart {
     const auto deadline = Clock::now() + serverLimit;
     std::string problem;
     while (Clock::now() < deadline && !endOf(launcher.pid)) {
-      if (auto bus = lx::AtspiBus::connect(problem)) {
+      if (auto bus = platform::AccessibilityBus::connect(problem)) {
         if (!bus->enable()) fail("the accessibility bus did not turn org.a11y.Status IsEnabled on");
         setVariable("AT_SPI_BUS_ADDRESS", bus->address());
         if (onRootWindow) publishOnRootWindow(bus->address());
-        return std::move(*bus);
+        return bus;
       }
       std::this_thread::sleep_for(pollInterval);
     }
@@ -384,7 +358,7 @@ class DesktopStart {
   // Starts one application and waits for its tree. A launcher that hands
   // over to another process is followed to the process whose tree answers,
   // which is then recorded too, so that `stop` ends it.
-  void startApplication(const lx::AtspiBus& bus, const std::string& command) {
+  void startApplication(platform::AccessibilityBus& bus, const std::string& command) {
     std::istringstream split(command);
     std::vector<std::string> words;
     for (std::string word; split >> word;) words.push_back(word);
@@ -396,7 +370,7 @@ class DesktopStart {
     bool restarted = false;
     const auto deadline = Clock::now() + applicationLimit;
     std::optional<pid_t> owner;
-    while (!(owner = answeringProcess(bus.connection(), familyOf(launcher.pid)))) {
+    while (!(owner = answeringProcess(bus, familyOf(launcher.pid)))) {
       if (!launcherEnd) launcherEnd = endedChild(launcher.pid);
       if (launcherEnd && familyOf(launcher.pid).size() == 1) {  // ended, and nothing it started runs
         if (launcherEnd->status != restartStatus || restarted)
@@ -422,7 +396,7 @@ class DesktopStart {
   // The launched process and what it led to, without what this start
   // launched besides or had inherited before the launch.
   std::set<pid_t> familyOf(pid_t launched) const {
-    return lx::processFamily(launched, lx::processParents(), ::getpid(), known_);
+    return platform::processFamily(launched, platform::processParents(), ::getpid(), known_);
   }
 
   fs::path folder_;

@@ -11,7 +11,8 @@
 namespace glimmerstrand::core {
 
 std::string base64Text(const std::vector<std::uint8_t>& bytes);
-/// The bytes, or absent when the text is not base64.
+/// The bytes, or absent when the text is not base64. Padding may be left
+/// out; white space is not base64.
 std::optional<std::vector<std::uint8_t>> base64Bytes(std::string_view text);
 
 }  // namespace glimmerstrand::core

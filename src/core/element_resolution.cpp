@@ -9,6 +9,7 @@
 #include "core/errors.h"
 #include "core/procedures.h"
 #include "core/runner.h"
+#include "cypher/unicode_text.h"
 
 namespace glimmerstrand::core {
 namespace {
@@ -128,7 +129,8 @@ std::optional<GraphNode> recallNode(const AxGraph& current, const GraphMemory& m
 
 GraphNode resolveNode(ScriptRun& run, std::string_view text) {
   run.ensureOpen();
-  const std::string_view t = trimmedText(text);
+  // White space and line breaks, as a person may paste them around an id.
+  const std::string_view t = cypher::trimmedText(text);
   if (!isIdText(t)) {
     if (run.pending) {
       run.settlePending();

@@ -12,7 +12,7 @@
 #include "core/errors.h"
 #include "core/procedure_handlers.h"
 #include "core/runner.h"
-#include "cypher/utf16.h"
+#include "cypher/unicode_text.h"
 
 namespace glimmerstrand::core {
 namespace {
@@ -124,15 +124,6 @@ std::string unknownProcedure(const std::string& name) {
   return message + " です";
 }
 
-// White space and line breaks, ASCII and Unicode alike, as a person may paste
-// them around an id.
-bool isSpace(char32_t c) {
-  return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
-         (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
-}
-
-bool isContinuation(char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; }
-
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
 std::size_t digitsAt(std::string_view s, std::size_t at) {
@@ -221,26 +212,11 @@ double numberOf(const cypher::ScalarValue* argument) {
   if (argument->isNull()) return 0;
   if (auto b = argument->asBool()) return *b ? 1 : 0;
   if (auto d = argument->asNumber()) return *d;
-  const std::string_view s = trimmedText(*argument->asString());
+  const std::string_view s = cypher::trimmedText(*argument->asString());
   if (s.empty()) return 0;
   if (s == "Infinity" || s == "+Infinity") return infinity;
   if (s == "-Infinity") return -infinity;
   return isDecimal(s) ? decimalValue(s) : nan;
-}
-
-std::string_view trimmedText(std::string_view text) {
-  while (!text.empty()) {
-    auto c = cypher::decodeAt(text, 0);
-    if (!isSpace(c.value)) break;
-    text.remove_prefix(c.bytes);
-  }
-  while (!text.empty()) {
-    std::size_t start = text.size() - 1;
-    while (start > 0 && isContinuation(text[start])) --start;
-    if (!isSpace(cypher::decodeAt(text, start).value)) break;
-    text = text.substr(0, start);
-  }
-  return text;
 }
 
 PointArgument pointArgument(ScriptRun& run, const std::vector<cypher::ScalarValue>& args) {

@@ -43,9 +43,6 @@ std::string textOr(const cypher::ScalarValue* argument, std::string_view fallbac
 /// anything else that is not a number is NaN.
 double numberOf(const cypher::ScalarValue* argument);
 
-/// `text` without white space and newlines at both ends.
-std::string_view trimmedText(std::string_view text);
-
 /// Where a pointer procedure acts: two numbers, or the middle of an element.
 struct PointArgument {
   double x = 0;

@@ -12,7 +12,7 @@
 #include "core/procedure_handlers.h"
 #include "core/procedures.h"
 #include "core/runner.h"
-#include "cypher/utf16.h"
+#include "cypher/unicode_text.h"
 
 namespace glimmerstrand::core {
 namespace {
@@ -69,21 +69,10 @@ Capture captureOf(ScriptRun& run, const Arguments& args, CaptureOptions options)
 }  // namespace
 
 std::string clippedText(std::string_view text) {
-  std::size_t units = 0, cut = std::string_view::npos;
-  bool split = false;  // the cut falls between the two halves of a surrogate pair
-  for (std::size_t at = 0; at < text.size();) {
-    const auto c = cypher::decodeAt(text, at);
-    if (cut == std::string_view::npos && units + c.units() > clipboardActionUnits) {
-      cut = at;
-      split = units < clipboardActionUnits;
-    }
-    units += c.units();
-    at += c.bytes;
-  }
-  if (units <= clipboardActionUnits) return std::string(text);
-  std::string out(text.substr(0, cut));
-  if (split) out += cypher::encodeUtf8(0xFFFD);
-  return out + "…";
+  if (cypher::utf16Length(text) <= clipboardActionUnits) return std::string(text);
+  // A cut between the halves of a surrogate pair leaves half of it, which
+  // becomes U+FFFD.
+  return cypher::utf8(cypher::utf16(text).substr(0, clipboardActionUnits)) + "…";
 }
 
 namespace procedures {

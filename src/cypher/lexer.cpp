@@ -6,7 +6,7 @@
 
 #include <array>
 
-#include "cypher/utf16.h"
+#include "cypher/unicode_text.h"
 #include "cypher/values.h"
 
 namespace glimmerstrand::cypher {
@@ -112,8 +112,8 @@ class Lexer {
     } else if (CodePoint cp = decodeAt(text_, at_); startsWord(cp)) {
       readWord();
     } else if (!readPunct()) {
-      // A surrogate pair fails on its first unit, which alone prints as U+FFFD.
-      std::string shown = cp.units() == 2 ? encodeUtf8(0xFFFD) : std::string(text_.substr(at_, cp.bytes));
+      // It fails on its first unit: half of a surrogate pair alone prints as U+FFFD.
+      const std::string shown = utf8(utf16(text_.substr(at_, cp.bytes)).substr(0, 1));
       throw BadRequestError("Unexpected character \"" + shown + "\" at position " + std::to_string(unit_));
     }
   }
@@ -237,7 +237,7 @@ std::string_view typeName(TokenType type) {
 }
 
 std::vector<Token> tokenize(std::string_view text) {
-  if (auto repaired = repairedUtf8(text)) return Lexer(*repaired).run();
+  if (!isValidUtf8(text)) return Lexer(validUtf8(text)).run();
   return Lexer(text).run();
 }
 

@@ -1,7 +1,7 @@
 #include "cypher/where.h"
 
 #include "cypher/regex_cache.h"
-#include "cypher/utf16.h"
+#include "cypher/unicode_text.h"
 #include "cypher/values.h"
 
 namespace glimmerstrand::cypher {

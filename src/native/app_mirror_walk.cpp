@@ -1,14 +1,11 @@
 // Full walks of an application's tree, the building of a node from one
 // multi-attribute read, and the splicing of subtree walks into a copy.
-#include <unicode/brkiter.h>
-#include <unicode/unistr.h>
-#include <unicode/utext.h>
-
 #include <algorithm>
 #include <array>
 #include <memory>
 #include <unordered_set>
 
+#include "cypher/unicode_text.h"
 #include "cypher/values.h"
 #include "native/app_mirror.h"
 #include "native/text_case.h"
@@ -48,40 +45,8 @@ enum Attribute : std::size_t {
 constexpr std::size_t labelLimit = 120;
 constexpr std::size_t urlLimit = 300;
 
-// Decodes the code point at `i` of UTF-8 text and its length; malformed bytes
-// count as one code point each.
-char32_t decodeAt(std::string_view text, std::size_t i, std::size_t& length) {
-  auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[k]); };
-  unsigned char lead = byte(i);
-  std::size_t need = lead < 0x80 ? 1 : (lead >> 5) == 6 ? 2 : (lead >> 4) == 14 ? 3 : (lead >> 3) == 30 ? 4 : 1;
-  if (i + need > text.size()) need = 1;
-  char32_t c = need == 1 ? lead : need == 2 ? lead & 0x1F : need == 3 ? lead & 0x0F : lead & 0x07;
-  for (std::size_t k = 1; k < need; ++k) c = (c << 6) | (byte(i + k) & 0x3F);
-  length = need;
-  return c;
-}
-
-// The code point that ends at `end` (exclusive), and where it starts.
-char32_t decodeBefore(std::string_view text, std::size_t end, std::size_t& start) {
-  start = end - 1;
-  while (start > 0 && end - start < 4 && (static_cast<unsigned char>(text[start]) & 0xC0) == 0x80) --start;
-  std::size_t length = 0;
-  char32_t c = decodeAt(text, start, length);
-  if (start + length != end) {  // malformed tail: take the last byte alone
-    start = end - 1;
-    return static_cast<unsigned char>(text[start]);
-  }
-  return c;
-}
-
 bool isDirectionalMark(char32_t c) {
   return c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
-}
-
-// White space and line ends, as Unicode's White_Space property has them.
-bool isWhiteSpace(char32_t c) {
-  return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
-         (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
 }
 
 void removeDirectionalMarks(std::string& text) {
@@ -89,49 +54,18 @@ void removeDirectionalMarks(std::string& text) {
   std::string kept;
   kept.reserve(text.size());
   for (std::size_t i = 0; i < text.size();) {
-    std::size_t length = 0;
-    char32_t c = decodeAt(text, i, length);
-    if (!isDirectionalMark(c)) kept.append(text, i, length);
-    i += length;
+    const auto c = cypher::decodeAt(text, i);
+    if (!isDirectionalMark(c.value)) kept.append(text, i, c.bytes);
+    i += c.bytes;
   }
   text = std::move(kept);
 }
 
-void trimWhiteSpace(std::string& text) {
-  std::size_t first = 0;
-  while (first < text.size()) {
-    std::size_t length = 0;
-    if (!isWhiteSpace(decodeAt(text, first, length))) break;
-    first += length;
-  }
-  std::size_t end = text.size();
-  while (end > first) {
-    std::size_t start = 0;
-    if (!isWhiteSpace(decodeBefore(text, end, start))) break;
-    end = start;
-  }
-  text = text.substr(first, end - first);
-}
-
-// The text cut after `limit` characters (grapheme clusters), with `mark`
-// appended when something was cut.
+// The text cut after `limit` characters, with `mark` appended when something
+// was cut.
 std::string limitCharacters(const std::string& text, std::size_t limit, std::string_view mark) {
-  if (text.size() <= limit) return text;  // never more characters than bytes
-  UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::BreakIterator> breaks(
-      icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
-  UText* utext = utext_openUTF8(nullptr, text.data(), static_cast<int64_t>(text.size()), &status);
-  if (U_FAILURE(status)) {
-    utext_close(utext);
-    return text;
-  }
-  breaks->setText(utext, status);
-  std::int32_t boundary = breaks->first();
-  for (std::size_t count = 0; count < limit && boundary != icu::BreakIterator::DONE; ++count) boundary = breaks->next();
-  bool more = boundary != icu::BreakIterator::DONE && breaks->next() != icu::BreakIterator::DONE;
-  utext_close(utext);
-  if (!more) return text;
-  return text.substr(0, static_cast<std::size_t>(boundary)) + std::string(mark);
+  std::string cut = cypher::graphemePrefix(text, limit);
+  return cut.size() == text.size() ? text : cut + std::string(mark);
 }
 
 std::optional<bool> boolean(const AxValue& v) {
@@ -243,7 +177,7 @@ std::optional<std::string> cleanText(const AxValue& v, std::size_t limit) {
   else
     return std::nullopt;
   removeDirectionalMarks(text);
-  trimWhiteSpace(text);
+  text = std::string(cypher::trimmedText(text));
   if (text.empty()) return std::nullopt;
   return limitCharacters(text, limit, "…");
 }

@@ -1,4 +1,5 @@
 #include "native/applications.h"
+#include "cypher/unicode_text.h"
 
 #include <png.h>
 #include <pwd.h>
@@ -10,7 +11,6 @@
 #include <filesystem>
 #include <memory>
 
-#include "native/graphemes.h"
 #include "native/mirror_operations.h"
 #include "native/rpc_error.h"
 #include "native/text_case.h"
@@ -311,7 +311,7 @@ JSONValue setClipboard(platform::Platform& platform, MirrorHost&, const JSONValu
   auto& pasteboard = platform.pasteboard();
   pasteboard.clear();
   pasteboard.writeText(text);
-  return JSONValue::Object{{"length", static_cast<std::int64_t>(graphemeCount(text))}};
+  return JSONValue::Object{{"length", static_cast<std::int64_t>(cypher::graphemeCount(text))}};
 }
 
 std::string homeFolder(const std::string& user) {

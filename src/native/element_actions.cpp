@@ -1,11 +1,11 @@
 #include "native/element_actions.h"
+#include "cypher/unicode_text.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <unordered_set>
 
-#include "native/graphemes.h"
 #include "native/menu_cache.h"
 #include "native/menu_closing.h"
 #include "native/mirror_operations.h"
@@ -217,7 +217,7 @@ JSONValue selectAll(MirrorHost& host, const JSONValue& params) {
     if (!counted) throw RPCError("native", "選択範囲を作れませんでした");
     length = *counted;
   } else if (auto value = ax.copy(element, "AXValue").as<std::string>()) {
-    length = static_cast<std::int64_t>(utf16Length(*value));
+    length = static_cast<std::int64_t>(cypher::utf16Length(*value));
   }
   if (auto error = ax.set(element, "AXSelectedTextRange", platform::AxRange{0, length}); error != AxError::success)
     throw RPCError("no_action", "文字を選べませんでした: " + number(error));
@@ -320,9 +320,9 @@ core::ReadTextResult readElementText(platform::Accessibility& ax, const Element&
     for (const auto& value : values.ok() ? values.value : std::vector<AxValue>{}) {
       auto text = value.get<std::string>();
       if (!text) continue;
-      std::string part = trimmedText(*text);
+      std::string part(cypher::trimmedText(*text));
       if (part.empty() || (!parts.empty() && parts.back() == part)) continue;
-      count += static_cast<std::int64_t>(graphemeCount(part));
+      count += static_cast<std::int64_t>(cypher::graphemeCount(part));
       parts.push_back(std::move(part));
       break;
     }
@@ -337,8 +337,8 @@ core::ReadTextResult readElementText(platform::Accessibility& ax, const Element&
     joined += part;
   }
   const auto limit = static_cast<std::size_t>(std::max<std::int64_t>(maxChars, 0));
-  const bool longer = graphemeCount(joined) > limit;
-  return core::ReadTextResult{longer ? graphemePrefix(joined, limit) : joined, longer || count >= maxChars};
+  const bool longer = cypher::graphemeCount(joined) > limit;
+  return core::ReadTextResult{longer ? cypher::graphemePrefix(joined, limit) : joined, longer || count >= maxChars};
 }
 
 std::string inspectValueText(platform::Accessibility& ax, const AxValue& value) {
@@ -349,7 +349,7 @@ std::string inspectValueText(platform::Accessibility& ax, const AxValue& value) 
     std::string operator()(bool b) const { return b ? "1" : "0"; }
     std::string operator()(double d) const { return cypher::numberText(d); }
     std::string operator()(const std::string& s) const {
-      return graphemeCount(s) > 200 ? graphemePrefix(s, 200) + "…" : s;
+      return cypher::graphemeCount(s) > 200 ? cypher::graphemePrefix(s, 200) + "…" : s;
     }
     std::string operator()(const platform::AxUrl& url) const { return url.text; }
     std::string operator()(const platform::AxPoint& p) const {
@@ -372,7 +372,7 @@ std::string inspectValueText(platform::Accessibility& ax, const AxValue& value) 
     std::string operator()(const platform::AxList& list) const { return "[" + std::to_string(list.size()) + " items]"; }
     std::string operator()(const platform::AxOpaque& opaque) const {
       if (opaque.description.find("TextMarker") != std::string::npos) return "";
-      return graphemePrefix(opaque.description, 120);
+      return cypher::graphemePrefix(opaque.description, 120);
     }
   };
   return std::visit(Text{ax}, value.value);

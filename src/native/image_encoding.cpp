@@ -64,28 +64,7 @@ Region clipRegion(const Region& r, double smallestSide, double displayWidth, dou
 }
 
 RgbaImage resized(const RgbaImage& image, PixelSize size) {
-  if (image.width == size.width && image.height == size.height) return image;
-  RgbaImage out{size.width, size.height,
-                std::vector<std::uint8_t>(static_cast<std::size_t>(size.width * size.height * 4))};
-  const double sx = static_cast<double>(image.width) / static_cast<double>(size.width);
-  const double sy = static_cast<double>(image.height) / static_cast<double>(size.height);
-  for (std::int64_t y = 0; y < size.height; ++y) {
-    const auto y0 = static_cast<std::int64_t>(std::floor(y * sy));
-    const auto y1 = std::clamp(static_cast<std::int64_t>(std::ceil((y + 1) * sy)), y0 + 1, image.height);
-    for (std::int64_t x = 0; x < size.width; ++x) {
-      const auto x0 = static_cast<std::int64_t>(std::floor(x * sx));
-      const auto x1 = std::clamp(static_cast<std::int64_t>(std::ceil((x + 1) * sx)), x0 + 1, image.width);
-      // Average the source block this pixel covers; a block of one when enlarging.
-      unsigned sum[4] = {0, 0, 0, 0};
-      for (auto v = y0; v < y1; ++v)
-        for (auto u = x0; u < x1; ++u)
-          for (int c = 0; c < 4; ++c) sum[c] += image.rgba[static_cast<std::size_t>((v * image.width + u) * 4 + c)];
-      const auto count = static_cast<unsigned>((y1 - y0) * (x1 - x0));
-      for (int c = 0; c < 4; ++c)
-        out.rgba[static_cast<std::size_t>((y * size.width + x) * 4 + c)] = static_cast<std::uint8_t>(sum[c] / count);
-    }
-  }
-  return out;
+  return platform::scaledPixels(image, size.width, size.height);
 }
 
 std::vector<std::uint8_t> encodeImage(const RgbaImage& image, std::string_view format, double quality) {

@@ -1,5 +1,5 @@
 // Encoding of captured pixels, and the geometry that decides how many pixels
-// a capture has. Platform-free: every backend hands over RGBA pixels.
+// a capture has. Backend-free: every backend hands over RGBA pixels.
 #pragma once
 
 #include <cstdint>
@@ -7,14 +7,13 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/screen.h"
+
 namespace glimmerstrand::native {
 
-/// Top row first, four bytes a pixel: red, green, blue, alpha.
-struct RgbaImage {
-  std::int64_t width = 0;
-  std::int64_t height = 0;
-  std::vector<std::uint8_t> rgba;
-};
+/// Top row first, four bytes a pixel: red, green, blue, alpha; as a
+/// backend captures them.
+using RgbaImage = platform::Pixels;
 
 struct PixelSize {
   std::int64_t width = 0;
@@ -35,7 +34,7 @@ PixelSize pixelSize(double width, double height, std::int64_t maxSide);
 /// centre, so a region near an edge shifts inwards instead of shrinking.
 Region clipRegion(const Region& region, double smallestSide, double displayWidth, double displayHeight);
 
-/// Resamples to the given size (area averaging down, nearest up).
+/// Resamples to the given size (platform::scaledPixels).
 RgbaImage resized(const RgbaImage& image, PixelSize size);
 
 /// "png" gives PNG; anything else JPEG at `quality` (0 to 1). Throws RPCError

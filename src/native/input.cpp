@@ -1,11 +1,11 @@
 #include "native/input.h"
+#include "cypher/unicode_text.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <unordered_map>
 
-#include "native/graphemes.h"
 #include "native/mirror_operations.h"
 #include "native/rpc_error.h"
 #include "native/text_case.h"
@@ -179,7 +179,7 @@ JSONValue type(platform::Platform& platform, const JSONValue& params) {
     if (n % 2 == 1 && intervalNs > 0) platform.clock().sleepNs(intervalNs);
   }
   const bool seen = pid ? textSeen({ax, platform.clock()}, text, before) : true;
-  return JSONValue::Object{{"length", static_cast<std::int64_t>(graphemeCount(text))}, {"seen", seen}};
+  return JSONValue::Object{{"length", static_cast<std::int64_t>(cypher::graphemeCount(text))}, {"seen", seen}};
 }
 
 bool hasFilePanel(platform::Accessibility& ax, std::int32_t pid) {
@@ -231,14 +231,14 @@ std::vector<platform::KeyEvent> keyComboEvents(platform::Input& input, std::stri
 std::vector<platform::KeyEvent> typingEvents(platform::Input& input, std::string_view text) {
   const auto& codes = input.keyCodes();
   std::vector<platform::KeyEvent> events;
-  for (const auto& grapheme : splitGraphemes(text)) {
+  for (const auto& grapheme : cypher::splitGraphemes(text)) {
     auto named = typingKeyNames().find(grapheme);
     const std::string name = named != typingKeyNames().end() ? named->second : lowerText(grapheme);
     auto code = codes.find(name);
     // The text carries the character whatever the layout; a key outside the
     // table goes out with code 0.
     const std::uint16_t keyCode = code != codes.end() ? code->second : 0;
-    const std::u16string units = utf16(grapheme);
+    const std::u16string units = cypher::utf16(grapheme);
     events.push_back({keyCode, true, 0, units});
     events.push_back({keyCode, false, 0, units});
   }
@@ -261,8 +261,8 @@ TypingWatch watchFocusedText(platform::Accessibility& ax, std::int32_t pid) {
 
 bool textSeen(MirrorEnvironment environment, std::string_view text, const TypingWatch& before) {
   auto& clock = environment.clock;
-  const auto n = static_cast<std::int64_t>(graphemeCount(text));
-  const std::string needle = trimmedText(text);
+  const auto n = static_cast<std::int64_t>(cypher::graphemeCount(text));
+  const std::string needle(cypher::trimmedText(text));
   if (!before.element || !before.value) {
     // Keys sent to a window in the background give its field the focus only
     // while they are sent: look for that field now.

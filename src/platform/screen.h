@@ -25,6 +25,11 @@ struct Pixels {
   std::vector<std::uint8_t> rgba;
 };
 
+/// `in` resampled to `width` by `height` pixels (both above 0): each pixel
+/// the average of the source pixels it covers, a block of one when enlarging.
+/// The one scaler of captures, for backends and encoders alike.
+Pixels scaledPixels(const Pixels& in, std::int64_t width, std::int64_t height);
+
 class Screen {
  public:
   virtual ~Screen() = default;

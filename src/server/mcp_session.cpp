@@ -1,6 +1,5 @@
 #include "server/mcp_session.h"
 
-#include <unicode/brkiter.h>
 #include <unicode/regex.h>
 #include <unicode/unistr.h>
 
@@ -8,6 +7,7 @@
 
 #include "core/desktop.h"
 #include "core/errors.h"
+#include "cypher/unicode_text.h"
 #include "server/app_coordinator.h"
 #include "server/request_handler.h"
 #include "server/result_text.h"
@@ -99,25 +99,6 @@ bool namesItsOwnApp(const std::string& cypher) {
   return U_SUCCESS(status) && found;
 }
 
-// The first `count` user-perceived characters of a line, for the log.
-std::string firstCharacters(std::string_view line, int count) {
-  icu::UnicodeString text =
-      icu::UnicodeString::fromUTF8(icu::StringPiece(line.data(), static_cast<int32_t>(line.size())));
-  UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::BreakIterator> characters(
-      icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
-  int32_t end = text.length();
-  if (U_SUCCESS(status)) {
-    characters->setText(text);
-    int32_t boundary = characters->first();
-    for (int i = 0; i < count && boundary != icu::BreakIterator::DONE; ++i) boundary = characters->next();
-    if (boundary != icu::BreakIterator::DONE) end = boundary;
-  }
-  std::string out;
-  text.tempSubString(0, end).toUTF8String(out);
-  return out;
-}
-
 std::string trimmedBlanks(const std::string& text) {
   std::size_t start = text.find_first_not_of(" \t");
   if (start == std::string::npos) return "";
@@ -171,13 +152,13 @@ void McpSession::handleLine(std::string_view line) {
     auto id = core::keyOfRefusedText(line, "id");
     if (id && (id->asString() || id->asNumber())) {
       log_.warn("MCP のメッセージを読めませんでした",
-                {{"line", firstCharacters(line, 200)}, {"error", error.message()}});
+                {{"line", cypher::graphemePrefix(line, 200)}, {"error", error.message()}});
       send_(core::jsonText(errorResponse(*id, -32700, "Parse error: " + error.message())));
       return;
     }
   }
   if (!message.asObject()) {
-    log_.warn("MCP のメッセージを読めませんでした", {{"line", firstCharacters(line, 200)}});
+    log_.warn("MCP のメッセージを読めませんでした", {{"line", cypher::graphemePrefix(line, 200)}});
     return;
   }
   const JSONValue* id = message.find("id");

@@ -5,10 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <system_error>
 
+#include "core/base64.h"
 #include "core/errors.h"
 #include "server/request_handler.h"
 #include "server/result_text.h"
@@ -17,33 +17,6 @@ namespace glimmerstrand::server {
 namespace {
 
 using core::JSONValue;
-
-std::optional<std::string> decodeBase64(std::string_view text) {
-  static const std::array<int, 256> table = [] {
-    std::array<int, 256> t{};
-    t.fill(-1);
-    const char* alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (int i = 0; i < 64; ++i) t[static_cast<unsigned char>(alphabet[i])] = i;
-    return t;
-  }();
-  while (!text.empty() && text.back() == '=') text.remove_suffix(1);
-  std::string out;
-  out.reserve(text.size() * 3 / 4);
-  std::uint32_t bits = 0;
-  int count = 0;
-  for (unsigned char c : text) {
-    int value = table[c];
-    if (value < 0) return std::nullopt;
-    bits = (bits << 6) | static_cast<std::uint32_t>(value);
-    count += 6;
-    if (count >= 8) {
-      count -= 8;
-      out.push_back(static_cast<char>((bits >> count) & 0xFF));
-    }
-  }
-  if (count >= 6) return std::nullopt;  // one stray character cannot end a byte
-  return out;
-}
 
 // Creates `folder` and any missing parents with mode 0700; an existing
 // folder keeps its mode.
@@ -93,8 +66,8 @@ JSONValue renderTextReply(const core::CypherResult& result, const std::filesyste
     for (const auto& image : *statement->images) {
       makePrivateFolder(folder);
       std::filesystem::path path = folder / imageFileName(++ordinal, image.format);
-      auto bytes = decodeBase64(image.base64);
-      if (!bytes || !writePrivateFile(path, *bytes))
+      const auto bytes = core::base64Bytes(image.base64);
+      if (!bytes || !writePrivateFile(path, {reinterpret_cast<const char*>(bytes->data()), bytes->size()}))
         throw core::GlimmerstrandError(core::codes::internal, "画像を書けませんでした: " + path.string());
       text += "\nimage: " + path.string();
     }

@@ -8,14 +8,12 @@
 
 namespace glimmerstrand::server {
 
-/// The bytes as UTF-8, each maximal invalid sequence replaced by U+FFFD.
-std::string decodeUTF8Lossy(std::string_view bytes);
-
 class LineBuffer {
  public:
   void append(std::string_view bytes) { buffer_.append(bytes); }
   /// The next complete line, without its line feed (a carriage return
-  /// before it stays), decoded; nothing until a line feed has arrived.
+  /// before it stays), each maximal ill-formed sequence replaced by U+FFFD;
+  /// nothing until a line feed has arrived.
   std::optional<std::string> nextLine();
 
  private:

@@ -83,7 +83,10 @@ TEST(Base64, StandardAlphabetAndPadding) {
     EXPECT_EQ(base64Text({bytes.begin(), bytes.end()}), text);
     EXPECT_EQ(base64Bytes(text), (std::vector<std::uint8_t>{bytes.begin(), bytes.end()}));
   }
-  EXPECT_EQ(base64Bytes("Zm$v"), std::nullopt);
+  // Padding may be left out; what is not base64 is refused, not skipped.
+  EXPECT_EQ(base64Bytes("Zg"), (std::vector<std::uint8_t>{'f'}));
+  for (const char* broken : {"Zm$v", "Zm9v\n", " Zm9v", "Z", "Zm9vZ", "Z=g="})
+    EXPECT_EQ(base64Bytes(broken), std::nullopt) << broken;
 }
 
 TEST_F(ProcedureTest, Clipboard) {

@@ -11,6 +11,7 @@
 #include "cypher/fixtures.h"
 #include "cypher/parser.h"
 #include "cypher/projection.h"
+#include "cypher/unicode_text.h"
 #include "server/mcp_session.h"
 #include "server/request_handler.h"
 #include "server/support/fake_backend.h"
@@ -95,7 +96,7 @@ int mcpMessages(const std::uint8_t* data, std::size_t size) {
 
 int statements(const std::uint8_t* data, std::size_t size) {
   static const auto graph = cypher::testing::uiGraph();
-  const std::string text = server::decodeUTF8Lossy(std::string_view(reinterpret_cast<const char*>(data), size));
+  const std::string text = cypher::validUtf8(std::string_view(reinterpret_cast<const char*>(data), size));
   try {
     for (const auto& statement : cypher::parseStatements(text))
       if (auto read = statement.asRead()) cypher::executeQuery(*read, graph);

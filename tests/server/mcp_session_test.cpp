@@ -15,7 +15,8 @@ using testing::readResult;
 
 std::string initializeReply(std::string_view id, std::string_view version) {
   return R"({"jsonrpc":"2.0","id":)" + std::string(id) + R"(,"result":{"protocolVersion":")" + std::string(version) +
-         R"(","capabilities":{"tools":{"listChanged":true}},"serverInfo":{"name":"glimmerstrand","version":"0.3.5"},"instructions":)" +
+         R"(","capabilities":{"tools":{"listChanged":true}},"serverInfo":{"name":"glimmerstrand","version":")" GLIMMERSTRAND_VERSION
+         R"("},"instructions":)" +
          core::jsonString(serverInstructions()) + "}}";
 }
 

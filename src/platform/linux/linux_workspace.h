@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 
 #include "platform/linux/atspi_accessibility.h"
@@ -42,9 +43,11 @@ class LinuxWorkspace final : public Workspace {
   RunningApplication recordOf(const BusApplication& app);
   std::set<std::uint64_t> windowIds();
   /// The application a launch led to: the launched process or one it
-  /// started, else, once the launcher has ended, the owner of a window that
+  /// started, else, once the launcher has ended (or with none, when the
+  /// application was asked over D-Bus to start), the owner of a window that
   /// was not there before it (a running copy that took the launch over).
-  std::optional<RunningApplication> launchedApplication(std::int32_t launcher, const std::set<std::uint64_t>& before);
+  std::optional<RunningApplication> launchedApplication(std::optional<std::int32_t> launcher,
+                                                        const std::set<std::uint64_t>& before);
 
   AtspiAccessibility& ax_;
   WindowSystem& windows_;

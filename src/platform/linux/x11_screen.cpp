@@ -107,19 +107,6 @@ void paint(const XImage& image, Visual* visual, Area at, Area origin, Pixels& ou
   }
 }
 
-// Nearest-pixel scaling for a capture at other than one pixel a point.
-Pixels scaled(const Pixels& in, std::int64_t width, std::int64_t height) {
-  Pixels out{width, height, std::vector<std::uint8_t>(static_cast<std::size_t>(width * height * 4))};
-  for (std::int64_t y = 0; y < height; ++y)
-    for (std::int64_t x = 0; x < width; ++x) {
-      std::int64_t sx = std::min(in.width - 1, x * in.width / width),
-                   sy = std::min(in.height - 1, y * in.height / height);
-      std::copy_n(&in.rgba[static_cast<std::size_t>((sy * in.width + sx) * 4)], 4,
-                  &out.rgba[static_cast<std::size_t>((y * width + x) * 4)]);
-    }
-  return out;
-}
-
 }  // namespace
 
 X11Screen::X11Screen() : x_(openX11()) {
@@ -228,7 +215,7 @@ std::optional<Pixels> X11Screen::capture(const AxRect& region, double scale, std
   const auto width = static_cast<std::int64_t>(std::lround(want.width * scale));
   const auto height = static_cast<std::int64_t>(std::lround(want.height * scale));
   if (width != out.width || height != out.height)
-    return scaled(out, std::max<std::int64_t>(width, 1), std::max<std::int64_t>(height, 1));
+    return scaledPixels(out, std::max<std::int64_t>(width, 1), std::max<std::int64_t>(height, 1));
   return out;
 }
 

@@ -64,18 +64,6 @@ Area areaOf(const AxRect& r) {
           static_cast<std::int64_t>(std::ceil(r.width)), static_cast<std::int64_t>(std::ceil(r.height))};
 }
 
-Pixels resized(const Pixels& in, std::int64_t width, std::int64_t height) {
-  Pixels out{width, height, std::vector<std::uint8_t>(static_cast<std::size_t>(width * height * 4))};
-  for (std::int64_t y = 0; y < height; ++y)
-    for (std::int64_t x = 0; x < width; ++x) {
-      const auto sx = std::min(in.width - 1, x * in.width / width),
-                 sy = std::min(in.height - 1, y * in.height / height);
-      std::copy_n(&in.rgba[static_cast<std::size_t>((sy * in.width + sx) * 4)], 4,
-                  &out.rgba[static_cast<std::size_t>((y * width + x) * 4)]);
-    }
-  return out;
-}
-
 }  // namespace
 
 std::optional<Pixels> rgbaOf(const std::uint8_t* data, std::uint32_t format, std::int64_t width, std::int64_t height,
@@ -250,7 +238,7 @@ std::optional<Pixels> WaylandScreen::capture(const AxRect& region, double scale,
   }
   const auto width = std::max<std::int64_t>(std::lround(want.width * scale), 1);
   const auto height = std::max<std::int64_t>(std::lround(want.height * scale), 1);
-  if (width != out.width || height != out.height) return resized(out, width, height);
+  if (width != out.width || height != out.height) return scaledPixels(out, width, height);
   return out;
 }
 

@@ -1,9 +1,9 @@
 // Which processes a launch led to, from a table of parents.
-#include "platform/linux/process_family.h"
+#include "platform/process_family.h"
 
 #include <gtest/gtest.h>
 
-namespace glimmerstrand::platform::linux_desktop {
+namespace glimmerstrand::platform {
 namespace {
 
 TEST(ProcessFamily, ALaunchLeadsToItsDescendantsAndToTheOrphansItLeft) {
@@ -34,4 +34,4 @@ TEST(ProcessFamily, ThisProcessIsAmongTheRunningOnes) {
 }
 
 }  // namespace
-}  // namespace glimmerstrand::platform::linux_desktop
+}  // namespace glimmerstrand::platform

@@ -1,4 +1,4 @@
-#include "platform/linux/process_family.h"
+#include "platform/process_family.h"
 
 #include <cctype>
 #include <cstdio>
@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace glimmerstrand::platform::linux_desktop {
+namespace glimmerstrand::platform {
 
 std::map<pid_t, pid_t> processParents() {
   std::map<pid_t, pid_t> parents;
@@ -47,4 +47,4 @@ std::set<pid_t> processFamily(pid_t root, const std::map<pid_t, pid_t>& parents,
   return family;
 }
 
-}  // namespace glimmerstrand::platform::linux_desktop
+}  // namespace glimmerstrand::platform
