@@ -23,6 +23,7 @@
 #include "client/desktop_compositor.h"
 #include "core/errors.h"
 #include "platform/accessibility_bus.h"
+#include "platform/browser_accessibility.h"
 #include "platform/headless_desktop.h"
 #include "platform/process_family.h"
 
@@ -176,23 +177,6 @@ std::string processName(const std::string& command) {
   words >> first;
   return fs::path(first).filename().string();
 }
-
-}  // namespace
-
-std::vector<std::string> withAccessibilityOn(std::vector<std::string> words, bool asRoot) {
-  static const std::set<std::string> chromiumFamily{
-      "chromium",      "chromium-browser", "google-chrome", "google-chrome-stable", "chrome", "microsoft-edge",
-      "brave-browser", "vivaldi",          "opera"};
-  if (words.empty() || !chromiumFamily.contains(fs::path(words.front()).filename().string())) return words;
-  auto add = [&](const std::string& flag) {
-    if (std::find(words.begin(), words.end(), flag) == words.end()) words.insert(words.begin() + 1, flag);
-  };
-  add("--force-renderer-accessibility");
-  if (asRoot) add("--no-sandbox");
-  return words;
-}
-
-namespace {
 
 std::string pidVariable(const std::string& name) {
   std::string variable = "GLIMMERSTRAND_PID_" + name;
@@ -363,7 +347,7 @@ class DesktopStart {
     std::vector<std::string> words;
     for (std::string word; split >> word;) words.push_back(word);
     if (words.empty()) return;
-    words = withAccessibilityOn(std::move(words), ::geteuid() == 0);
+    words = platform::withAccessibilityOn(std::move(words), ::geteuid() == 0);
     const std::string name = processName(command);
     Recorded launcher = launch(words, name);
     std::optional<Ended> launcherEnd;

@@ -29,10 +29,6 @@ struct DesktopRequest {
   std::vector<std::string> applications;  // each a command with optional arguments: "python3 form.py 20"
 };
 
-/// An application's command as the desktop starts it: Chromium and the
-/// browsers built on it show their pages to accessibility only when told
-/// to, and refuse to run as root inside their own sandbox.
-std::vector<std::string> withAccessibilityOn(std::vector<std::string> words, bool asRoot);
 
 /// One recorded process of a desktop.
 struct DesktopProcess {

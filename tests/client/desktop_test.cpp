@@ -288,26 +288,6 @@ TEST(DesktopWayland, SwayRunsUnprivilegedItsApplicationsAsItsClientsAndStopLeave
   EXPECT_FALSE(std::filesystem::exists(display.parent_path())) << "the compositor's folder is removed";
 }
 
-TEST(DesktopBrowsers, ChromiumAndItsKinShowTheirPagesAndRunAsRoot) {
-  using Words = std::vector<std::string>;
-  struct Case {
-    Words command;
-    bool asRoot;
-    Words expected;
-  };
-  const Case cases[] = {
-      {{"chromium", "http://127.0.0.1/"},
-       true,
-       {"chromium", "--no-sandbox", "--force-renderer-accessibility", "http://127.0.0.1/"}},
-      {{"/usr/bin/google-chrome", "--force-renderer-accessibility"},
-       false,
-       {"/usr/bin/google-chrome", "--force-renderer-accessibility"}},
-      {{"firefox-esr", "http://127.0.0.1/"}, true, {"firefox-esr", "http://127.0.0.1/"}},
-      {{"galculator"}, true, {"galculator"}},
-  };
-  for (const auto& c : cases) EXPECT_EQ(withAccessibilityOn(c.command, c.asRoot), c.expected) << c.command.front();
-}
-
 // A page in Chromium, started as a newcomer types it, is in the mirror.
 TEST(DesktopBrowsers, APageInChromiumIsReadWithoutFlagsOfTheUsers) {
   DesktopClient client("desktop-chromium");

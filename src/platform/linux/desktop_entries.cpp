@@ -125,6 +125,29 @@ Started startCommand(const std::vector<std::string>& command) {
   return Started{pid, std::nullopt};
 }
 
+namespace {
+
+// The default application for a content type; without one, as on a desktop
+// nobody has set defaults on, the first that says it handles the type.
+GAppInfo* handlerForType(const std::string& type) {
+  if (GAppInfo* chosen = g_app_info_get_default_for_type(type.c_str(), FALSE)) return chosen;
+  GList* all = g_app_info_get_all_for_type(type.c_str());
+  GAppInfo* first = all ? G_APP_INFO(g_object_ref(all->data)) : nullptr;
+  g_list_free_full(all, g_object_unref);
+  if (first) return first;
+  // Without the MIME cache of the desktop's database, the entries' own lists.
+  GList* entries = g_app_info_get_all();
+  for (GList* at = entries; at && !first; at = at->next) {
+    const char* const* types = g_app_info_get_supported_types(G_APP_INFO(at->data));
+    for (; types && *types && !first; ++types)
+      if (type == *types) first = G_APP_INFO(g_object_ref(at->data));
+  }
+  g_list_free_full(entries, g_object_unref);
+  return first;
+}
+
+}  // namespace
+
 std::optional<std::string> handlerEntry(const std::string& url) {
   GAppInfo* info = nullptr;
   if (url.starts_with("file:")) {
@@ -132,10 +155,9 @@ std::optional<std::string> handlerEntry(const std::string& url) {
     Owned<GFileInfo> about(g_file_query_info(file.get(), G_FILE_ATTRIBUTE_STANDARD_CONTENT_TYPE, G_FILE_QUERY_INFO_NONE,
                                              nullptr, nullptr));
     if (about)
-      if (const char* type = g_file_info_get_content_type(about.get()))
-        info = g_app_info_get_default_for_type(type, FALSE);
+      if (const char* type = g_file_info_get_content_type(about.get())) info = handlerForType(type);
   } else if (char* scheme = g_uri_parse_scheme(url.c_str())) {
-    info = g_app_info_get_default_for_uri_scheme(scheme);
+    info = handlerForType(std::string("x-scheme-handler/") + scheme);
     g_free(scheme);
   }
   if (!info) return std::nullopt;

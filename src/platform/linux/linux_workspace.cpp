@@ -13,12 +13,21 @@
 #include <set>
 #include <thread>
 
+#include "platform/browser_accessibility.h"
 #include "platform/linux/desktop_entries.h"
 #include "platform/process_family.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 
 namespace {
+
+// An entry, or a program given by its path; a Chromium browser with the words
+// that show its pages to accessibility.
+Started startApplication(const std::optional<std::string>& entry, const std::string& path) {
+  const std::string program = entry ? entryProgram(*entry).value_or("") : path;
+  if (isChromiumFamily(program)) return startCommand(withAccessibilityOn({program}, ::geteuid() == 0));
+  return entry ? startEntry(*entry) : startCommand({path});
+}
 
 // How long an application may take to say whether it is in front.
 constexpr double frontLimitSeconds = 0.3;
@@ -113,7 +122,7 @@ void LinuxWorkspace::launch(const LaunchRequest& request, OpenCompletion done) {
     return;
   }
   const auto before = windowIds();
-  const Started started = entry ? startEntry(*entry) : startCommand({request.path});
+  const Started started = startApplication(entry, request.path);
   if (started.error) {
     done(OpenOutcome{std::nullopt, "起動できませんでした: " + *started.error});
     return;
@@ -182,10 +191,14 @@ void LinuxWorkspace::openURL(const std::string& url, bool activates, OpenComplet
   std::set<std::int32_t> before;
   for (const auto& app : runningApplications())
     if (!program.empty() && std::filesystem::path(app.bundlePath).filename() == program) before.insert(app.pid);
-  // The desktop's own opener, which knows more openers than the MIME
-  // defaults (a browser by $BROWSER, the desktop's settings).
-  if (startCommand({"xdg-open", url}).error) {
-    done(OpenOutcome{std::nullopt, std::string("xdg-open を起動できませんでした")});
+  // A Chromium browser is started with its pages shown to accessibility (a
+  // running one takes the URL over); anything else by the desktop's own
+  // opener, which knows more openers than the MIME defaults (a browser by
+  // $BROWSER, the desktop's settings).
+  const auto opener = isChromiumFamily(program) ? withAccessibilityOn({program, url}, ::geteuid() == 0)
+                                                : std::vector<std::string>{"xdg-open", url};
+  if (auto error = startCommand(opener).error) {
+    done(OpenOutcome{std::nullopt, opener.front() + " を起動できませんでした: " + *error});
     return;
   }
   if (program.empty()) {
