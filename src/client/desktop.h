@@ -29,7 +29,6 @@ struct DesktopRequest {
   std::vector<std::string> applications;  // each a command with optional arguments: "python3 form.py 20"
 };
 
-
 /// One recorded process of a desktop.
 struct DesktopProcess {
   pid_t pid = 0;
