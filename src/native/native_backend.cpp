@@ -5,6 +5,8 @@
 #include <cmath>
 
 #include "core/errors.h"
+#include "platform/browser_accessibility.h"
+#include "native/app_mirror.h"
 #include "native/rpc_error.h"
 #include "native/run_timings.h"
 #include "native/session_context.h"
@@ -22,6 +24,9 @@ std::string lowerAscii(std::string text) {
 }
 
 bool sameIgnoringCase(const std::string& a, const std::string& b) { return lowerAscii(a) == lowerAscii(b); }
+
+// Enough of a browser's window to find its page, not a whole page.
+constexpr std::int64_t browserLookNodes = 2000;
 
 std::string withLockMessage(const std::string& message) { return message + " (" + screenLockedNote() + ")"; }
 
@@ -115,6 +120,29 @@ JSONValue sessionRecord(const platform::SessionFacts& facts) {
   return record;
 }
 
+// A Chromium browser started without its flag shows its own window and no
+// page: named, with the fix, as nothing else tells the user why pages are
+// missing.
+JSONValue browsersWithoutPages(MirrorHost& host) {
+  auto& ax = host.platform().accessibility();
+  JSONValue::Array out;
+  for (const auto& app : host.platform().workspace().runningApplications()) {
+    if (!platform::isChromiumFamily(app.bundlePath) && !platform::isChromiumFamily(lowerAscii(app.name))) continue;
+    const platform::Element element = ax.applicationElement(app.pid);
+    ax.setMessagingTimeout(element, 0.3);
+    const auto walk = walkTree(ax, element, "window", AppMirror::maxDepth, browserLookNodes);
+    auto has = [&](std::string_view role) {
+      return std::any_of(walk.nodes.begin(), walk.nodes.end(), [&](const auto& n) { return n.role == role; });
+    };
+    if (!has("AXWindow") || has("AXWebArea")) continue;
+    out.push_back(JSONValue::Object{
+        {"app", app.name},
+        {"pid", std::int64_t{app.pid}},
+        {"problem", "shows no page to accessibility: start it again with --force-renderer-accessibility"}});
+  }
+  return out;
+}
+
 }  // namespace
 
 JSONValue NativeBackend::doctor() {
@@ -127,12 +155,15 @@ JSONValue NativeBackend::doctor() {
   } catch (const std::exception&) {
     // No application in front is an answer, not a failure of the doctor.
   }
-  return JSONValue::Object{
+  JSONValue::Object report{
       {"permissions", JSONValue::Object{{"accessibility", platform.accessibility().isTrusted()},
                                         {"screenRecording", platform.screen().hasCapturePermission()}}},
       {"displays", std::move(displays)},
       {"frontmost", std::move(front)},
       {"session", sessionRecord(platform.sessionFacts())}};
+  if (auto browsers = browsersWithoutPages(host_); !browsers.asArray()->empty())
+    report.emplace_back("browsersWithoutPages", std::move(browsers));
+  return report;
 }
 
 JSONValue NativeBackend::mirrors() {
