@@ -5,8 +5,8 @@
 #include <cmath>
 #include <unordered_set>
 
+#include "mirror/menu_cache.h"
 #include "native/graphemes.h"
-#include "native/menu_cache.h"
 #include "native/menu_closing.h"
 #include "native/mirror_operations.h"
 #include "native/rpc_error.h"

@@ -14,7 +14,7 @@
 #include <string>
 
 #include "core/records.h"
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 #include "native/operations.h"
 
 namespace glimmerstrand::native {

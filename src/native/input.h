@@ -20,7 +20,7 @@
 #include <string_view>
 #include <vector>
 
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 #include "native/operations.h"
 #include "platform/input.h"
 #include "platform/workspace.h"

@@ -9,8 +9,9 @@
 
 #include "core/desktop.h"
 #include "core/runner.h"
+#include "mirror/allocator.h"
+#include "mirror/menu_cache.h"
 #include "native/agent_cursor.h"
-#include "native/allocator.h"
 #include "native/applications.h"
 #include "native/capture_operations.h"
 #include "native/cypher_operation.h"
@@ -20,7 +21,6 @@
 #include "native/in_process_driver.h"
 #include "native/input.h"
 #include "native/line_protocol.h"
-#include "native/menu_cache.h"
 #include "native/mirror_operations.h"
 #include "native/operations.h"
 #include "native/run_timings.h"

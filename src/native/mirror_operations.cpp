@@ -241,4 +241,26 @@ void addMirrorOperations(OperationTable& table, MirrorHost& host) {
   table.add("frontmost", [&host](const JSONValue&) -> HandlerResult { return frontmost(host); });
 }
 
+void addMenuOperations(OperationTable& table, MirrorHost& host) {
+  table.add("axMenus", [&host](const JSONValue& params) -> HandlerResult {
+    auto& platform = host.platform();
+    auto& clock = platform.clock();
+    const std::int64_t start = clock.nowNs();
+    requireTrust(platform.accessibility());
+    auto app = host.apps().selectApp(params);
+    auto entry = host.menus().entry(app.pid, core::optionalInt(params, "maxAgeMs").value_or(3000));
+    JSONValue::Array nodes;
+    nodes.reserve(entry->nodes.size());
+    for (const auto& node : entry->nodes) nodes.push_back(core::toJSON(node));
+    const std::int64_t now = clock.nowNs();
+    return JSONValue::Object{{"pid", std::int64_t{app.pid}},
+                             {"app", core::toJSON(appRecord(app))},
+                             {"nodes", std::move(nodes)},
+                             {"truncated", entry->truncated},
+                             {"walkMs", entry->walkMs},
+                             {"ageMs", static_cast<double>(now - entry->at) / 1e6},
+                             {"elapsedMs", static_cast<double>(now - start) / 1e6}};
+  });
+}
+
 }  // namespace glimmerstrand::native

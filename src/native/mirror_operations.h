@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "mirror/menu_cache.h"
+#include "mirror/mirrors.h"
 #include "native/app_lookup.h"
-#include "native/menu_cache.h"
-#include "native/mirrors.h"
 #include "native/operations.h"
 #include "platform/platform.h"
 
@@ -94,5 +94,7 @@ class MirrorHost {
 };
 
 void addMirrorOperations(OperationTable& table, MirrorHost& host);
+/// axMenus.
+void addMenuOperations(OperationTable& table, MirrorHost& host);
 
 }  // namespace glimmerstrand::native

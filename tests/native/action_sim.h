@@ -7,11 +7,11 @@
 #include <vector>
 
 #include "core/json_value.h"
-#include "mirror_sim.h"
+#include "mirror/menu_cache.h"
+#include "mirror/mirror_sim.h"
 #include "native/applications.h"
 #include "native/element_actions.h"
 #include "native/input.h"
-#include "native/menu_cache.h"
 #include "native/mirror_operations.h"
 #include "native/rpc_error.h"
 

@@ -1,7 +1,7 @@
 // AppMirror: construction, the commit of a walk, registration of
 // notifications, and the reads that callers make (snapshot, waitSettle,
 // element references).
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 
 #include <algorithm>
 #include <iterator>

@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "mirror_sim.h"
+#include "mirror/mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "native/app_mirror.h"
-#include "native/mirrors.h"
+#include "mirror/app_mirror.h"
+#include "mirror/mirrors.h"
 #include "platform/sim/driven_clock.h"
 #include "platform/sim/sim_platform.h"
 

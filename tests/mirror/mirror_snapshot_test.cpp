@@ -1,7 +1,7 @@
 // Snapshots, settling and element references, on a driven clock.
 #include <gtest/gtest.h>
 
-#include "mirror_sim.h"
+#include "mirror/mirror_sim.h"
 #include "native/rpc_error.h"
 
 namespace glimmerstrand::native {

@@ -6,7 +6,7 @@
 #include <condition_variable>
 #include <thread>
 
-#include "mirror_sim.h"
+#include "mirror/mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {

@@ -10,7 +10,7 @@
 #include <unordered_set>
 
 #include "cypher/values.h"
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 #include "native/text_case.h"
 
 namespace glimmerstrand::native {

@@ -15,12 +15,9 @@
 #include <vector>
 
 #include "core/records.h"
-#include "native/app_mirror.h"
-#include "native/operations.h"
+#include "mirror/app_mirror.h"
 
 namespace glimmerstrand::native {
-
-class MirrorHost;
 
 class MenuCache {
  public:
@@ -56,8 +53,5 @@ class MenuCache {
   std::vector<std::pair<std::int32_t, std::shared_ptr<const Entry>>> entries_;  // in the order stored
   std::int64_t nextUid_ = 1;
 };
-
-/// axMenus.
-void addMenuOperations(OperationTable& table, MirrorHost& host);
 
 }  // namespace glimmerstrand::native

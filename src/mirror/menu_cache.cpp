@@ -1,15 +1,12 @@
-#include "native/menu_cache.h"
+#include "mirror/menu_cache.h"
 
 #include <algorithm>
 
-#include "native/mirror_operations.h"
 #include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
 
 namespace {
-
-using core::JSONValue;
 
 double millisecondsBetween(std::int64_t from, std::int64_t to) { return static_cast<double>(to - from) / 1e6; }
 
@@ -85,28 +82,6 @@ Element MenuCache::elementForMenuUid(std::int32_t pid, std::int64_t uid) {
     if (auto it = entry->elements.find(uid); it != entry->elements.end()) return it->second;
   }
   throw RPCError("stale", "メニューの項目 m" + std::to_string(uid) + " は、最新のメニューの写しにありません");
-}
-
-void addMenuOperations(OperationTable& table, MirrorHost& host) {
-  table.add("axMenus", [&host](const JSONValue& params) -> HandlerResult {
-    auto& platform = host.platform();
-    auto& clock = platform.clock();
-    const std::int64_t start = clock.nowNs();
-    requireTrust(platform.accessibility());
-    auto app = host.apps().selectApp(params);
-    auto entry = host.menus().entry(app.pid, core::optionalInt(params, "maxAgeMs").value_or(3000));
-    JSONValue::Array nodes;
-    nodes.reserve(entry->nodes.size());
-    for (const auto& node : entry->nodes) nodes.push_back(core::toJSON(node));
-    const std::int64_t now = clock.nowNs();
-    return JSONValue::Object{{"pid", std::int64_t{app.pid}},
-                             {"app", core::toJSON(appRecord(app))},
-                             {"nodes", std::move(nodes)},
-                             {"truncated", entry->truncated},
-                             {"walkMs", entry->walkMs},
-                             {"ageMs", millisecondsBetween(entry->at, now)},
-                             {"elapsedMs", millisecondsBetween(start, now)}};
-  });
 }
 
 }  // namespace glimmerstrand::native

@@ -22,7 +22,7 @@
 
 #include "core/desktop.h"
 #include "core/json_value.h"
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 #include "platform/workspace.h"
 
 namespace glimmerstrand::native {

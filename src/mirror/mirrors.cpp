@@ -1,9 +1,9 @@
-#include "native/mirrors.h"
+#include "mirror/mirrors.h"
 
 #include <algorithm>
 #include <limits>
 
-#include "native/allocator.h"
+#include "mirror/allocator.h"
 #include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
