@@ -8,6 +8,7 @@
 #include <string>
 
 #include "mirror/app_mirror.h"
+#include "native/line_operations.h"
 #include "native/line_protocol.h"
 #include "native/mirror_operations.h"
 #include "platform/sim/driven_clock.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "native/rpc_error.h"
+#include "core/errors.h"
 
 namespace glimmerstrand::native {
 
@@ -46,7 +46,6 @@ std::shared_ptr<const MenuCache::Entry> MenuCache::walkMenus(std::int32_t pid,
   entry->at = end;
   entry->walkMs = millisecondsBetween(start, end);
   entry->truncated = walk.truncated;
-  entry->nodes = std::move(walk.nodes);
   std::lock_guard guard(lock_);
   for (std::size_t n = 0; n < walk.elements.size(); ++n) {
     const Element& element = walk.elements[n];
@@ -59,8 +58,9 @@ std::shared_ptr<const MenuCache::Entry> MenuCache::walkMenus(std::int32_t pid,
       uid = nextUid_++;
     entry->uids[element] = uid;
     entry->elements[uid] = element;
-    entry->nodes[n].uid = uid;
+    walk.nodes[n].uid = uid;
   }
+  entry->nodes = core::NodeList(std::move(walk.nodes));
   auto existing = std::find_if(entries_.begin(), entries_.end(), [&](const auto& e) { return e.first == pid; });
   if (existing != entries_.end()) {
     existing->second = entry;
@@ -81,7 +81,8 @@ Element MenuCache::elementForMenuUid(std::int32_t pid, std::int64_t uid) {
     if (known != pid) continue;
     if (auto it = entry->elements.find(uid); it != entry->elements.end()) return it->second;
   }
-  throw RPCError("stale", "メニューの項目 m" + std::to_string(uid) + " は、最新のメニューの写しにありません");
+  throw core::GlimmerstrandError("stale",
+                                 "メニューの項目 m" + std::to_string(uid) + " は、最新のメニューの写しにありません");
 }
 
 }  // namespace glimmerstrand::native
