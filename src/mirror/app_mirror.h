@@ -240,7 +240,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   std::int64_t notificationCount();
   /// False while the last walk got no answer from the application.
   bool answering();
-  /// The live element of a uid of the last commit; a failure "stale" otherwise.
+  /// The live element of a uid of the last commit; fails "stale" otherwise.
   Element elementForUid(std::int64_t uid);
   /// The element at index `i` of a generation still kept.
   Element elementForIndex(std::int64_t generation, std::int64_t i);

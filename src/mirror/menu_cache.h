@@ -43,7 +43,7 @@ class MenuCache {
   std::shared_ptr<const Entry> entry(std::int32_t pid, std::int64_t maxAgeMs);
   /// Walks, stores and returns a new entry; items of `previous` keep their uids.
   std::shared_ptr<const Entry> walkMenus(std::int32_t pid, const std::shared_ptr<const Entry>& previous);
-  /// The element of a menu item of the stored entry; a failure "stale" when the
+  /// The element of a menu item of the stored entry; fails "stale" when the
   /// entry or the uid is gone.
   Element elementForMenuUid(std::int32_t pid, std::int64_t uid);
 

@@ -38,7 +38,7 @@ inline const core::DesktopText permissionMessage{
         "toolkit-accessibility true で有効にしてから、アプリを起動し直してください",
 };
 
-/// a failure "permission" with `permissionMessage` unless the process may read
+/// Fails "permission" with `permissionMessage` unless the process may read
 /// and drive other applications.
 void requireTrust(platform::Accessibility& ax);
 

@@ -33,7 +33,7 @@ struct ImageSize {
   std::int64_t width = 0;
   std::int64_t height = 0;
 };
-/// Puts PNG data on the clipboard as an image. a failure "invalid_argument"
+/// Puts PNG data on the clipboard as an image. Fails "invalid_argument"
 /// "画像を読めません" when the data is no image.
 ImageSize copyImage(platform::Platform& platform, const std::vector<std::uint8_t>& data);
 

@@ -1,7 +1,6 @@
 #include "native/in_process_driver.h"
 
 #include <limits>
-
 #include <type_traits>
 
 #include "core/errors.h"
@@ -20,9 +19,9 @@ std::string cacheKey(const core::SnapshotOptions& options) {
          "|" + (options.all ? "all" : "labeled");
 }
 
-std::optional<std::int32_t> processId(std::optional<std::int64_t> pid) {
+std::optional<std::int32_t> targetPid(std::optional<std::int64_t> pid) {
   if (!pid) return std::nullopt;
-  return processId(static_cast<double>(*pid));
+  return native::processId(static_cast<double>(*pid));
 }
 
 }  // namespace
@@ -161,14 +160,14 @@ core::SettleResult InProcessDriver::waitSettle(const core::SettleOptions& option
 void InProcessDriver::key(const std::string& keys, std::optional<std::int64_t> pid) {
   onInput([&] {
     auto& platform = host_.platform();
-    native::key(platform, keys, processId(pid));
+    native::key(platform, keys, targetPid(pid));
   });
 }
 
 bool InProcessDriver::type(const std::string& text, std::optional<std::int64_t> pid) {
   return onInput([&] {
            auto& platform = host_.platform();
-           return native::type(platform, text, processId(pid));
+           return native::type(platform, text, targetPid(pid));
          })
       .seen;
 }

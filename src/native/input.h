@@ -28,7 +28,7 @@
 namespace glimmerstrand::native {
 
 /// The key events of a combination such as "cmd+shift+4", in posting order.
-/// a failure "invalid_argument" for an unknown key or modifier, before any
+/// Fails "invalid_argument" for an unknown key or modifier, before any
 /// event is made.
 std::vector<platform::KeyEvent> keyComboEvents(platform::Input& input, std::string_view keys);
 

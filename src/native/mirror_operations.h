@@ -34,14 +34,14 @@ class MirrorHost {
   /// often it really looks.
   using FindPlatform = std::function<platform::Platform*(std::string& problem)>;
 
-  /// Without a platform, every operation fails with a failure "no_desktop"
+  /// Without a platform, every operation fails "no_desktop"
   /// and `problem` as its message.
   MirrorHost(platform::Platform* platform, std::string problem);
   explicit MirrorHost(FindPlatform find);
   MirrorHost(const MirrorHost&) = delete;
   MirrorHost& operator=(const MirrorHost&) = delete;
 
-  /// a failure "no_desktop" without a platform.
+  /// Fails "no_desktop" without a platform.
   platform::Platform& platform();
   Mirrors& mirrors();
   AppLookup& apps();

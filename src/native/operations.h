@@ -44,7 +44,7 @@ class OperationTable {
 /// ping.
 void addProcessOperations(OperationTable& table);
 
-/// The string under `key`; a failure "invalid_argument" "<key> が必要です" when it
+/// The string under `key`; fails "invalid_argument" "<key> が必要です" when it
 /// is missing or not a string.
 std::string requiredString(std::string_view key, const core::JSONValue& params);
 /// The number under `key` as a double; the same failure.

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <thread>
 
 #include "action_sim.h"
 #include "native/applications.h"
@@ -277,6 +278,50 @@ TEST(TypedOperations, TheDriverReadsWhatTheLineReports) {
   EXPECT_EQ(typed.text, "OK");
   EXPECT_EQ(typed.text, line.text);
   EXPECT_EQ(typed.inspected, line.inspected);
+}
+
+// The driver's actions run on the serial input queue, whose worker is a real
+// thread: on the system clock, as in the daemon.
+TEST(TypedOperations, TheDriversActionsReachTheApplicationThroughTheInputQueue) {
+  // Made for the life of the process, as in the daemon: walks and timers of
+  // the mirror may still run after the test.
+  auto* platform = new platform::sim::SimPlatform(desktop());
+  std::thread([platform] { platform->mainLoop().run(); }).detach();
+  auto* host = new MirrorHost(platform, "");
+  auto* capturer = new Capturer([host]() -> platform::Platform& { return host->platform(); });
+  auto* queues = new Queues;
+  InProcessDriver driver(*queues, *host, *capturer, nullptr);
+  core::SnapshotOptions options;
+  options.app.pid = pid;
+  options.fresh = true;
+  options.all = true;
+  const auto snapshot = driver.axSnapshot(options);
+  const auto uidOf = [&](const std::string& identifier) {
+    for (const auto& node : snapshot.nodes)
+      if (node.identifier == identifier) return node.uid;
+    return std::optional<std::int64_t>();
+  };
+  const core::ElementRef ok{pid, 0, 0, uidOf("ok"), std::nullopt}, field{pid, 0, 0, uidOf("field"), std::nullopt};
+  ASSERT_TRUE(ok.uid && field.uid);
+  EXPECT_EQ(driver.press(ok).method, "press");
+  EXPECT_TRUE(driver.setValue(field, "set").applied);
+  EXPECT_NO_THROW(driver.focus(field));
+  EXPECT_NO_THROW(driver.key("cmd+a", pid));
+  EXPECT_NO_THROW(driver.type("x", pid));
+  EXPECT_NO_THROW(driver.click(20, 50, core::ClickOptions{}));
+  EXPECT_EQ(driver.activate(core::AppSelector{pid, {}, {}}).pid, pid);
+  try {
+    driver.key("cmd+a", std::int64_t{1} << 40);
+    ADD_FAILURE() << "a pid beyond 32 bits was taken";
+  } catch (const core::GlimmerstrandError& e) {
+    EXPECT_EQ(e.code() + ": " + e.message(), "invalid_argument: pid が範囲外です: 1099511627776");
+  }
+  auto text = [&](const char* key) {
+    auto value = platform->desktop().attribute(pid, key, "AXValue");
+    return value ? value->as<std::string>().value_or("") : "";
+  };
+  EXPECT_EQ(text("status"), "okok") << "the press, then the click on the button";
+  EXPECT_NE(text("field").find("set"), std::string::npos);
 }
 
 }  // namespace
