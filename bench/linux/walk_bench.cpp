@@ -22,7 +22,7 @@
 #include <string>
 #include <thread>
 
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 #include "platform/linux/atspi_bus.h"
 #include "platform/linux/atspi_element.h"
 #include "platform/linux/atspi_reader.h"

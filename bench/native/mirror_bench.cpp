@@ -7,7 +7,8 @@
 #include <mutex>
 #include <string>
 
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
+#include "native/line_operations.h"
 #include "native/line_protocol.h"
 #include "native/mirror_operations.h"
 #include "platform/sim/driven_clock.h"

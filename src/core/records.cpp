@@ -45,21 +45,6 @@ std::size_t hashAll(const Fields&... fields) {
   return feed.state;
 }
 
-JSONValue::Array nodesJSON(const NodeList& nodes) {
-  JSONValue::Array out;
-  out.reserve(nodes.size());
-  for (const auto& n : nodes) out.push_back(toJSON(n));
-  return out;
-}
-
-std::vector<AxNode> nodesFromJSON(const JSONValue* v) {
-  std::vector<AxNode> out;
-  if (!v || !v->asArray()) return out;
-  out.reserve(v->asArray()->size());
-  for (const auto& n : *v->asArray()) out.push_back(axNodeFromJSON(n));
-  return out;
-}
-
 }  // namespace
 
 std::size_t hashValue(const Rect& v) { return hashAll(v.x, v.y, v.width, v.height); }
@@ -101,8 +86,6 @@ JSONValue toJSON(const Rect& v) {
   return JSONValue::Object{{"x", v.x}, {"y", v.y}, {"width", v.width}, {"height", v.height}};
 }
 
-JSONValue toJSON(const Point& v) { return JSONValue::Object{{"x", v.x}, {"y", v.y}}; }
-
 JSONValue toJSON(const AppInfo& v) {
   return JSONValue::Object{{"pid", v.pid}, {"bundleId", v.bundleId}, {"name", v.name}};
 }
@@ -110,14 +93,6 @@ JSONValue toJSON(const AppInfo& v) {
 JSONValue toJSON(const RunningApp& v) {
   return JSONValue::Object{
       {"pid", v.pid}, {"bundleId", v.bundleId}, {"name", v.name}, {"active", v.active}, {"hidden", v.hidden}};
-}
-
-JSONValue toJSON(const AppSelector& v) {
-  JSONValue::Object o;
-  putIf(o, "pid", v.pid);
-  putIf(o, "bundleId", v.bundleId);
-  putIf(o, "name", v.name);
-  return o;
 }
 
 JSONValue toJSON(const AxNode& v) {
@@ -149,35 +124,6 @@ JSONValue toJSON(const AxNode& v) {
   return o;
 }
 
-JSONValue toJSON(const AxSnapshot& v) {
-  return JSONValue::Object{{"app", toJSON(v.app)},        {"pid", v.pid},
-                           {"generation", v.generation},  {"ageMs", v.ageMs},
-                           {"walkMs", v.walkMs},          {"dirty", v.dirty},
-                           {"truncated", v.truncated},    {"notifications", v.notifications},
-                           {"nodes", nodesJSON(v.nodes)}, {"elapsedMs", v.elapsedMs}};
-}
-
-JSONValue toJSON(const AxMenus& v) {
-  return JSONValue::Object{{"app", toJSON(v.app)}, {"pid", v.pid}, {"nodes", nodesJSON(v.nodes)}};
-}
-
-JSONValue toJSON(const SnapshotOptions& v) {
-  JSONValue out = toJSON(v.app);
-  auto& o = *out.asObject();
-  put(o, "fresh", v.fresh);
-  put(o, "all", v.all);
-  putIf(o, "timeoutMs", v.timeoutMs);
-  putIf(o, "maxAgeMs", v.maxAgeMs);
-  return out;
-}
-
-JSONValue toJSON(const ElementRef& v) {
-  JSONValue::Object o{{"pid", v.pid}, {"generation", v.generation}, {"i", v.i}};
-  putIf(o, "uid", v.uid);
-  putIf(o, "menu", v.menu);
-  return o;
-}
-
 JSONValue toJSON(const PressResult& v) {
   return JSONValue::Object{{"method", v.method},
                            {"completed", v.completed},
@@ -188,15 +134,6 @@ JSONValue toJSON(const PressResult& v) {
 JSONValue toJSON(const SettleResult& v) {
   return JSONValue::Object{
       {"changed", v.changed}, {"settled", v.settled}, {"notifications", v.notifications}, {"waitedMs", v.waitedMs}};
-}
-
-JSONValue toJSON(const SettleOptions& v) {
-  JSONValue::Object o{{"pid", v.pid}};
-  putIf(o, "since", v.since);
-  putIf(o, "quietMs", v.quietMs);
-  putIf(o, "firstMs", v.firstMs);
-  putIf(o, "timeoutMs", v.timeoutMs);
-  return o;
 }
 
 JSONValue toJSON(const QuitResult& v) {
@@ -219,81 +156,8 @@ JSONValue toJSON(const InspectResult& v) {
   return JSONValue::Object{{"actions", std::move(actions)}, {"attributes", std::move(attributes)}};
 }
 
-std::optional<Rect> rectFromJSON(const JSONValue& v) {
-  auto x = optionalNumber(v, "x"), y = optionalNumber(v, "y");
-  auto w = optionalNumber(v, "width"), h = optionalNumber(v, "height");
-  if (!x || !y || !w || !h) return std::nullopt;
-  return Rect{*x, *y, *w, *h};
-}
-
-AppInfo appInfoFromJSON(const JSONValue& v) {
-  return AppInfo{optionalInt(v, "pid").value_or(0), optionalString(v, "bundleId").value_or(""),
-                 optionalString(v, "name").value_or("")};
-}
-
 AppSelector appSelectorFromJSON(const JSONValue& v) {
   return AppSelector{optionalInt(v, "pid"), optionalString(v, "bundleId"), optionalString(v, "name")};
-}
-
-AxNode axNodeFromJSON(const JSONValue& v) {
-  AxNode n;
-  n.i = optionalInt(v, "i").value_or(0);
-  n.uid = optionalInt(v, "uid");
-  n.parent = optionalInt(v, "parent").value_or(-1);
-  n.depth = optionalInt(v, "depth").value_or(0);
-  n.role = optionalString(v, "role");
-  n.subrole = optionalString(v, "subrole");
-  n.title = optionalString(v, "title");
-  n.description = optionalString(v, "description");
-  n.value = optionalString(v, "value");
-  n.identifier = optionalString(v, "identifier");
-  n.placeholder = optionalString(v, "placeholder");
-  if (auto f = v.find("frame")) n.frame = rectFromJSON(*f);
-  n.enabled = optionalBool(v, "enabled");
-  n.focused = optionalBool(v, "focused");
-  n.help = optionalString(v, "help");
-  n.selected = optionalBool(v, "selected");
-  n.expanded = optionalBool(v, "expanded");
-  n.shortcut = optionalString(v, "shortcut");
-  n.checked = optionalBool(v, "checked");
-  n.menu = optionalBool(v, "menu");
-  n.url = optionalString(v, "url");
-  n.details = optionalString(v, "details");
-  n.offscreen = optionalInt(v, "offscreen");
-  return n;
-}
-
-AxSnapshot axSnapshotFromJSON(const JSONValue& v) {
-  AxSnapshot s;
-  if (auto app = v.find("app")) s.app = appInfoFromJSON(*app);
-  s.pid = optionalInt(v, "pid").value_or(s.app.pid);
-  s.generation = optionalInt(v, "generation").value_or(0);
-  s.ageMs = optionalNumber(v, "ageMs").value_or(0);
-  s.walkMs = optionalNumber(v, "walkMs").value_or(0);
-  s.dirty = optionalBool(v, "dirty").value_or(false);
-  s.truncated = optionalBool(v, "truncated").value_or(false);
-  s.notifications = optionalInt(v, "notifications").value_or(0);
-  s.nodes = nodesFromJSON(v.find("nodes"));
-  s.elapsedMs = optionalNumber(v, "elapsedMs").value_or(0);
-  return s;
-}
-
-AxMenus axMenusFromJSON(const JSONValue& v) {
-  AxMenus m;
-  if (auto app = v.find("app")) m.app = appInfoFromJSON(*app);
-  m.pid = optionalInt(v, "pid").value_or(m.app.pid);
-  m.nodes = nodesFromJSON(v.find("nodes"));
-  return m;
-}
-
-ElementRef elementRefFromJSON(const JSONValue& v) {
-  ElementRef r;
-  r.pid = optionalInt(v, "pid").value_or(0);
-  r.generation = optionalInt(v, "generation").value_or(0);
-  r.i = optionalInt(v, "i").value_or(0);
-  r.uid = optionalInt(v, "uid");
-  if (optionalBool(v, "menu") == true) r.menu = true;
-  return r;
 }
 
 }  // namespace glimmerstrand::core

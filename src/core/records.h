@@ -288,34 +288,21 @@ struct RecordHash {
   }
 };
 
-// JSON forms: keys are the field names; an absent optional leaves no key.
+// JSON forms of the records the line protocol and the server write: keys are
+// the field names; an absent optional leaves no key.
 JSONValue toJSON(const Rect& v);
-JSONValue toJSON(const Point& v);
 JSONValue toJSON(const AppInfo& v);
 JSONValue toJSON(const RunningApp& v);
-JSONValue toJSON(const AppSelector& v);
 JSONValue toJSON(const AxNode& v);
-JSONValue toJSON(const AxSnapshot& v);
-JSONValue toJSON(const AxMenus& v);
-JSONValue toJSON(const SnapshotOptions& v);
-JSONValue toJSON(const ElementRef& v);
 JSONValue toJSON(const PressResult& v);
 JSONValue toJSON(const SettleResult& v);
-JSONValue toJSON(const SettleOptions& v);
 JSONValue toJSON(const QuitResult& v);
 JSONValue toJSON(const WindowInfo& v);
 JSONValue toJSON(const ReadTextResult& v);
 JSONValue toJSON(const InspectResult& v);
 
-// Read-back. Missing keys leave optionals absent; a value of the wrong type
-// counts as absent. For AxNode a missing `i` or `depth` reads as 0 and a
-// missing `parent` as -1.
-std::optional<Rect> rectFromJSON(const JSONValue& v);
-AppInfo appInfoFromJSON(const JSONValue& v);
+/// A selector from the line protocol's `app` object. Missing keys leave
+/// fields absent; a value of the wrong type counts as absent.
 AppSelector appSelectorFromJSON(const JSONValue& v);
-AxNode axNodeFromJSON(const JSONValue& v);
-AxSnapshot axSnapshotFromJSON(const JSONValue& v);
-AxMenus axMenusFromJSON(const JSONValue& v);
-ElementRef elementRefFromJSON(const JSONValue& v);
 
 }  // namespace glimmerstrand::core

@@ -1,22 +1,13 @@
 #include "native/app_lookup.h"
 
-#include <cmath>
 #include <limits>
 
-#include "native/rpc_error.h"
+#include "core/errors.h"
 #include "native/text_case.h"
 
 namespace glimmerstrand::native {
 
 namespace {
-
-// A pid that is not a whole number within 32 bits names no process.
-std::optional<std::int32_t> pidOf(double value) {
-  if (std::floor(value) != value || value < std::numeric_limits<std::int32_t>::min() ||
-      value > std::numeric_limits<std::int32_t>::max())
-    return std::nullopt;
-  return static_cast<std::int32_t>(value);
-}
 
 std::string fileStem(const std::string& path) {
   auto slash = path.find_last_of('/');
@@ -37,18 +28,19 @@ bool matchesName(const platform::RunningApplication& app, const std::string& key
          (!app.bundlePath.empty() && lowerText(fileStem(app.bundlePath)) == key);
 }
 
-platform::RunningApplication AppLookup::findApp(const core::JSONValue& params) {
-  if (auto pid = params.find("pid"); pid && pid->asNumber())
-    if (auto valid = pidOf(*pid->asNumber()))
-      if (auto app = workspace_.application(*valid)) return *app;
+platform::RunningApplication AppLookup::findApp(const core::AppSelector& selector) {
+  // A pid beyond 32 bits names no process.
+  if (selector.pid && *selector.pid >= std::numeric_limits<std::int32_t>::min() &&
+      *selector.pid <= std::numeric_limits<std::int32_t>::max())
+    if (auto app = workspace_.application(static_cast<std::int32_t>(*selector.pid))) return *app;
   // An application without a bundle id has none to match, not an empty one.
-  if (auto bundleId = core::optionalString(params, "bundleId"); bundleId && !bundleId->empty()) {
+  if (selector.bundleId && !selector.bundleId->empty()) {
     for (const auto& app : workspace_.runningApplications())
-      if (app.bundleId == *bundleId) return app;
+      if (app.bundleId == *selector.bundleId) return app;
   }
-  if (auto name = core::optionalString(params, "name"))
-    if (auto app = byName(lowerText(*name))) return *app;
-  throw RPCError("not_found", "アプリが見つかりません");
+  if (selector.name)
+    if (auto app = byName(lowerText(*selector.name))) return *app;
+  throw core::GlimmerstrandError(core::codes::notFound, "アプリが見つかりません");
 }
 
 std::optional<platform::RunningApplication> AppLookup::byName(const std::string& key) {
@@ -72,14 +64,14 @@ std::optional<platform::RunningApplication> AppLookup::byName(const std::string&
   return std::nullopt;
 }
 
-platform::RunningApplication AppLookup::selectApp(const core::JSONValue& params) {
-  if (params.find("pid") || params.find("bundleId") || params.find("name")) return findApp(params);
+platform::RunningApplication AppLookup::selectApp(const AppQuery& query) {
+  if (query.named) return findApp(query.keys);
   return frontmost();
 }
 
 platform::RunningApplication AppLookup::frontmost() {
   auto app = workspace_.frontmost();
-  if (!app) throw RPCError("native", "最前面のアプリがわかりません");
+  if (!app) throw core::GlimmerstrandError("native", "最前面のアプリがわかりません");
   return *app;
 }
 

@@ -1,5 +1,4 @@
 #include "native/applications.h"
-#include "cypher/unicode_text.h"
 
 #include <png.h>
 #include <pwd.h>
@@ -11,15 +10,15 @@
 #include <filesystem>
 #include <memory>
 
+#include "core/errors.h"
+#include "cypher/unicode_text.h"
 #include "native/mirror_operations.h"
-#include "native/rpc_error.h"
 #include "native/text_case.h"
 
 namespace glimmerstrand::native {
 
 namespace {
 
-using core::JSONValue;
 using platform::AxValue;
 using platform::OpenOutcome;
 using platform::RunningApplication;
@@ -88,8 +87,6 @@ std::string titleOf(platform::Accessibility& ax, const Element& window) {
   return ax.copy(window, "AXTitle").as<std::string>().value_or("");
 }
 
-JSONValue record(const RunningApplication& app) { return core::toJSON(appRecord(app)); }
-
 std::string parentFolder(const std::string& path) {
   auto slash = path.find_last_of('/');
   return slash == std::string::npos ? std::string() : path.substr(0, slash);
@@ -131,52 +128,50 @@ platform::LaunchRequest bundleAt(const platform::InstalledApplication& app, bool
   return {"", app.path, activates};
 }
 
-JSONValue activate(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
-  auto app = host.apps().findApp(params);
+}  // namespace
+
+core::AppInfo activate(platform::Platform& platform, MirrorHost& host, const core::AppSelector& selector) {
+  auto app = host.apps().findApp(selector);
   activateApp(platform, app);
-  return record(app);
+  return appRecord(app);
 }
 
-JSONValue apps(platform::Platform& platform, MirrorHost&, const JSONValue&) {
+std::vector<core::RunningApp> apps(platform::Platform& platform) {
   auto& workspace = platform.workspace();
   const auto front = workspace.frontmost();
-  JSONValue::Array list;
-  for (const auto& app : workspace.runningApplications()) {
-    if (!app.regular) continue;
-    JSONValue entry = record(app);
-    core::put(*entry.asObject(), "active", front && front->pid == app.pid);
-    core::put(*entry.asObject(), "hidden", app.hidden);
-    list.push_back(std::move(entry));
-  }
+  std::vector<core::RunningApp> list;
+  for (const auto& app : workspace.runningApplications())
+    if (app.regular) list.push_back({app.pid, app.bundleId, app.name, front && front->pid == app.pid, app.hidden});
   return list;
 }
 
-JSONValue launch(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
-  const std::string name = requiredString("name", params);
+core::AppInfo launch(platform::Platform& platform, MirrorHost& host, const std::string& name) {
   auto& workspace = platform.workspace();
   auto& ax = platform.accessibility();
   auto& clock = platform.clock();
   std::optional<RunningApplication> running;
   try {
-    running = host.apps().findApp(JSONValue::Object{{"name", name}});
-  } catch (const RPCError& error) {
+    core::AppSelector byName;
+    byName.name = name;
+    running = host.apps().findApp(byName);
+  } catch (const core::GlimmerstrandError& error) {
     if (error.code() != "not_found") throw;
   }
   if (running) {
     if (running->hidden || windowsOf(ax, running->pid).empty()) activateApp(platform, *running);
-    return record(*running);
+    return appRecord(*running);
   }
 
   auto installed = installedApplication(workspace, name);
-  if (!installed) throw RPCError("not_found", "アプリが見つかりません: " + name);
+  if (!installed) throw core::GlimmerstrandError("not_found", "アプリが見つかりません: " + name);
   // Started in the background: the application does not take the front by itself.
   platform::LaunchRequest request = bundleAt(*installed, false);
   auto box = std::make_shared<OpenBox>();
   workspace.launch(request, completionInto(clock, box));
   auto [finished, outcome] = waitForOpen(clock, *box, 15000);
-  if (!finished) throw RPCError("timeout", name + " の起動が終わりませんでした");
+  if (!finished) throw core::GlimmerstrandError("timeout", name + " の起動が終わりませんでした");
   if (outcome.error || !outcome.app)
-    throw RPCError("native", name + " を起動できませんでした: " + outcome.error.value_or(""));
+    throw core::GlimmerstrandError("native", name + " を起動できませんでした: " + outcome.error.value_or(""));
 
   RunningApplication app = *outcome.app;
   pollFor(clock, 5000, 50, [&] {
@@ -186,8 +181,10 @@ JSONValue launch(platform::Platform& platform, MirrorHost& host, const JSONValue
   });
   const bool hasWindows = pollFor(clock, 2000, 100, [&] { return !windowsOf(ax, app.pid).empty(); });
   if (!hasWindows) activateApp(platform, app);
-  return record(app);
+  return appRecord(app);
 }
+
+namespace {
 
 // The windows of an application that may be busy ending: each look waits
 // for its answer no longer than a mirror does.
@@ -216,13 +213,15 @@ bool anyNew(const std::vector<Element>& now, const std::vector<Element>& before)
                      [&](const Element& w) { return std::find(before.begin(), before.end(), w) == before.end(); });
 }
 
-JSONValue quit(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
-  auto app = host.apps().findApp(params);
+}  // namespace
+
+QuitReport quit(platform::Platform& platform, MirrorHost& host, const core::AppSelector& selector,
+                std::int64_t timeoutAskedMs) {
+  auto app = host.apps().findApp(selector);
   auto& workspace = platform.workspace();
   auto& ax = platform.accessibility();
   // Cut where no clock overflows.
-  const std::int64_t timeoutMs =
-      std::clamp<std::int64_t>(core::optionalInt(params, "timeoutMs").value_or(5000), 0, 1'000'000'000'000);
+  const std::int64_t timeoutMs = std::clamp<std::int64_t>(timeoutAskedMs, 0, 1'000'000'000'000);
   // A window that comes up after the request is the application asking its
   // user ("save changes?"): that is its answer, and nobody will give one
   // before the limit.
@@ -236,48 +235,54 @@ JSONValue quit(platform::Platform& platform, MirrorHost& host, const JSONValue& 
     asked = !terminated && anyNew(windowsWhileQuitting(ax, app.pid), before);
     return terminated || asked;
   });
-  JSONValue::Object out{{"name", app.name}, {"pid", std::int64_t{app.pid}}, {"terminated", terminated}};
-  if (asked) core::put(out, "asked", true);
-  return out;
+  QuitReport report;
+  report.name = app.name;
+  report.pid = app.pid;
+  report.terminated = terminated;
+  report.asked = asked;
+  return report;
 }
 
-JSONValue windowRecord(platform::Accessibility& ax, const Element& window, std::size_t index) {
+namespace {
+
+WindowReport windowRecord(platform::Accessibility& ax, const Element& window, std::size_t index) {
   static const std::vector<std::string> names{"AXTitle", "AXMain", "AXFocused", "AXMinimized", "AXPosition", "AXSize"};
   auto read = ax.copyMultiple(window, names);
   std::vector<AxValue> values = read.ok() ? read.value : std::vector<AxValue>(names.size());
-  JSONValue::Object out{{"index", static_cast<std::int64_t>(index)},
-                        {"title", values[0].as<std::string>().value_or("")},
-                        {"main", truthy(values[1])},
-                        {"focused", truthy(values[2])},
-                        {"minimized", truthy(values[3])}};
+  WindowReport out;
+  out.index = static_cast<std::int64_t>(index);
+  out.title = values[0].as<std::string>().value_or("");
+  out.main = truthy(values[1]);
+  out.focused = truthy(values[2]);
+  out.minimized = truthy(values[3]);
   auto position = values[4].as<platform::AxPoint>();
   auto size = values[5].as<platform::AxSize>();
-  if (position && size)
-    core::put(
-        out, "frame",
-        JSONValue::Object{{"x", position->x}, {"y", position->y}, {"width", size->width}, {"height", size->height}});
+  if (position && size) out.frame = core::Rect{position->x, position->y, size->width, size->height};
   return out;
 }
 
-JSONValue windows(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
+}  // namespace
+
+std::vector<WindowReport> windows(platform::Platform& platform, MirrorHost& host, const AppQuery& query) {
   requireTrust(platform.accessibility());
-  auto app = host.apps().selectApp(params);
+  auto app = host.apps().selectApp(query);
   auto& ax = platform.accessibility();
-  JSONValue::Array list;
+  std::vector<WindowReport> list;
   auto elements = windowsOf(ax, app.pid);
   for (std::size_t n = 0; n < elements.size(); ++n) list.push_back(windowRecord(ax, elements[n], n));
   return list;
 }
 
+namespace {
+
 std::optional<Element> chooseWindow(platform::Accessibility& ax, const std::vector<Element>& windows,
-                                    const JSONValue& params) {
-  // A numeric index wins; a title is then not looked at.
-  if (auto index = core::optionalNumber(params, "index")) {
+                                    const core::WindowSelector& choice) {
+  if (auto index = std::get_if<double>(&choice.by)) {
     const double at = std::trunc(*index);
     if (at >= 0 && at < static_cast<double>(windows.size())) return windows[static_cast<std::size_t>(at)];
     return std::nullopt;
   }
-  const std::string needle = lowerText(core::optionalString(params, "title").value_or(""));
+  const std::string needle = lowerText(std::get<std::string>(choice.by));
   std::vector<std::string> titles;
   for (const auto& window : windows) titles.push_back(lowerText(titleOf(ax, window)));
   for (std::size_t n = 0; n < windows.size(); ++n)
@@ -287,32 +292,33 @@ std::optional<Element> chooseWindow(platform::Accessibility& ax, const std::vect
   return std::nullopt;
 }
 
-JSONValue raiseWindow(platform::Platform& platform, MirrorHost& host, const JSONValue& params) {
+}  // namespace
+
+std::string raiseWindow(platform::Platform& platform, MirrorHost& host, const AppQuery& query,
+                        const core::WindowSelector& choice) {
   requireTrust(platform.accessibility());
-  auto app = host.apps().selectApp(params);
+  auto app = host.apps().selectApp(query);
   auto& ax = platform.accessibility();
-  auto window = chooseWindow(ax, windowsOf(ax, app.pid), params);
-  if (!window) throw RPCError("not_found", "ウィンドウが見つかりません");
+  auto window = chooseWindow(ax, windowsOf(ax, app.pid), choice);
+  if (!window) throw core::GlimmerstrandError("not_found", "ウィンドウが見つかりません");
   // None of these is checked: the caller sees the state afterwards.
   ax.set(*window, "AXMinimized", false);
   ax.perform(*window, "AXRaise");
   ax.set(*window, "AXMain", true);
   activateApp(platform, app);
-  return JSONValue::Object{{"title", titleOf(ax, *window)}};
+  return titleOf(ax, *window);
 }
 
-JSONValue clipboard(platform::Platform& platform, MirrorHost&, const JSONValue&) {
-  auto text = platform.pasteboard().readText();
-  return JSONValue::Object{{"text", text ? JSONValue(*text) : JSONValue()}};
-}
+std::optional<std::string> clipboard(platform::Platform& platform) { return platform.pasteboard().readText(); }
 
-JSONValue setClipboard(platform::Platform& platform, MirrorHost&, const JSONValue& params) {
-  const std::string text = requiredString("text", params);
+std::int64_t setClipboard(platform::Platform& platform, const std::string& text) {
   auto& pasteboard = platform.pasteboard();
   pasteboard.clear();
   pasteboard.writeText(text);
-  return JSONValue::Object{{"length", static_cast<std::int64_t>(cypher::graphemeCount(text))}};
+  return static_cast<std::int64_t>(cypher::graphemeCount(text));
 }
+
+namespace {
 
 std::string homeFolder(const std::string& user) {
   if (user.empty())
@@ -384,31 +390,30 @@ std::optional<RunningApplication> runningHandler(platform::Workspace& workspace,
   return std::nullopt;
 }
 
-JSONValue openURL(platform::Platform& platform, MirrorHost&, const JSONValue& params) {
-  const std::string text = requiredString("url", params);
+}  // namespace
+
+OpenReport openURL(platform::Platform& platform, const std::string& text) {
   std::string url;
   if (!text.empty() && (text[0] == '/' || text[0] == '~'))
     url = fileURL(expandTilde(text));
   else if (isURL(text))
     url = text;
   else
-    throw RPCError("invalid_argument", "URL かファイルのパスを渡してください: " + text);
+    throw core::GlimmerstrandError("invalid_argument", "URL かファイルのパスを渡してください: " + text);
   auto& workspace = platform.workspace();
   auto box = std::make_shared<OpenBox>();
   workspace.openURL(url, true, completionInto(platform.clock(), box));
   // No answer in time is no failure: the box is read as it stands.
   auto [finished, outcome] = waitForOpen(platform.clock(), *box, 3000);
-  if (outcome.error) throw RPCError("no_action", "開けませんでした: " + text + ": " + *outcome.error);
+  if (outcome.error) throw core::GlimmerstrandError("no_action", "開けませんでした: " + text + ": " + *outcome.error);
   auto app = outcome.app ? outcome.app : runningHandler(workspace, url);
-  JSONValue appRecord;
+  OpenReport report{url, std::nullopt};
   if (app) {
     activateApp(platform, *app);
-    appRecord = record(*app);
+    report.app = appRecord(*app);
   }
-  return JSONValue::Object{{"url", url}, {"app", std::move(appRecord)}};
+  return report;
 }
-
-}  // namespace
 
 bool isFrontmost(platform::Workspace& workspace, std::int32_t pid) {
   auto front = workspace.frontmost();
@@ -435,28 +440,13 @@ ImageSize copyImage(platform::Platform& platform, const std::vector<std::uint8_t
   png_image image{};
   image.version = PNG_IMAGE_VERSION;
   if (data.empty() || !png_image_begin_read_from_memory(&image, data.data(), data.size()))
-    throw RPCError("invalid_argument", "画像を読めません");
+    throw core::GlimmerstrandError("invalid_argument", "画像を読めません");
   const ImageSize size{image.width, image.height};
   png_image_free(&image);
   auto& pasteboard = platform.pasteboard();
   pasteboard.clear();
   pasteboard.writeImage(platform::ImageFormat::png, data);
   return size;
-}
-
-void addApplicationOperations(OperationTable& table, MirrorHost& host) {
-  using Operation = JSONValue (*)(platform::Platform&, MirrorHost&, const JSONValue&);
-  const std::pair<const char*, Operation> operations[] = {
-      {"activate", activate},   {"apps", apps},
-      {"launch", launch},       {"quit", quit},
-      {"windows", windows},     {"raiseWindow", raiseWindow},
-      {"clipboard", clipboard}, {"setClipboard", setClipboard},
-      {"openURL", openURL},
-  };
-  for (const auto& [name, operation] : operations)
-    table.add(name, [&host, operation](const JSONValue& params) -> HandlerResult {
-      return operation(host.platform(), host, params);
-    });
 }
 
 }  // namespace glimmerstrand::native

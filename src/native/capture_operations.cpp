@@ -2,72 +2,63 @@
 
 #include <cmath>
 
-#include "core/base64.h"
-#include "native/rpc_error.h"
+#include "core/errors.h"
 
 namespace glimmerstrand::native {
-
-using core::JSONValue;
 
 namespace {
 
 constexpr std::int64_t defaultMaxSide = 1568;
 constexpr double smallestCaptureSide = 280;
 
-std::int64_t maxSideOf(const JSONValue& params) {
-  auto side = core::optionalInt(params, "maxSide");
-  return side && *side > 0 ? *side : defaultMaxSide;  // a side of 0 or less has no sensible meaning
+std::int64_t maxSideOf(std::int64_t side) {
+  return side > 0 ? side : defaultMaxSide;  // a side of 0 or less has no sensible meaning
 }
 
-JSONValue imageRecord(const std::string& format, const RgbaImage& image, double quality, const JSONValue& display,
-                      const Region& region, double frameAgeMs, double elapsedMs) {
-  return JSONValue::Object{
-      {"format", format},
-      {"data", core::base64Text(encodeImage(image, format, quality))},
-      {"width", image.width},
-      {"height", image.height},
-      {"display", display},
-      {"region",
-       JSONValue::Object{{"x", region.x}, {"y", region.y}, {"width", region.width}, {"height", region.height}}},
-      {"frameAgeMs", frameAgeMs},
-      {"elapsedMs", elapsedMs}};
+CaptureReport imageRecord(const std::string& format, const RgbaImage& image, double quality,
+                          const platform::Display& display, const Region& region, double frameAgeMs, double elapsedMs) {
+  CaptureReport report;
+  report.format = format;
+  report.bytes = encodeImage(image, format, quality);
+  report.width = image.width;
+  report.height = image.height;
+  report.region = core::Rect{region.x, region.y, region.width, region.height};
+  report.display = display;
+  report.frameAgeMs = frameAgeMs;
+  report.elapsedMs = elapsedMs;
+  return report;
 }
 
 RgbaImage fromPixels(platform::Pixels pixels) { return RgbaImage{pixels.width, pixels.height, std::move(pixels.rgba)}; }
 
 }  // namespace
 
-JSONValue displayRecord(const platform::Display& d) {
-  return JSONValue::Object{{"id", d.id},
-                           {"x", d.bounds.x},
-                           {"y", d.bounds.y},
-                           {"width", d.bounds.width},
-                           {"height", d.bounds.height},
-                           {"scale", d.scale > 0 && std::isfinite(d.scale) ? d.scale : 1.0},
-                           {"main", d.main}};
+double displayScale(const platform::Display& display) {
+  return display.scale > 0 && std::isfinite(display.scale) ? display.scale : 1.0;
 }
 
 platform::Display Capturer::displayFor(std::optional<std::int64_t> id) {
-  if (id && (*id < 0 || *id > 0xFFFFFFFFLL)) throw RPCError("invalid_argument", "display は 32 ビットの正の整数です");
+  if (id && (*id < 0 || *id > 0xFFFFFFFFLL))
+    throw core::GlimmerstrandError("invalid_argument", "display は 32 ビットの正の整数です");
   auto displays = platform_().screen().displays();
   for (const auto& d : displays)
     if (id ? d.id == *id : d.main) return d;
   if (!id && !displays.empty()) return displays.front();
-  throw RPCError("not_found", "ディスプレイ " + std::to_string(id.value_or(0)) + " が見つかりません");
+  throw core::GlimmerstrandError("not_found", "ディスプレイ " + std::to_string(id.value_or(0)) + " が見つかりません");
 }
 
 double Capturer::millisecondsSince(std::int64_t startNs) {
   return static_cast<double>(platform_().clock().nowNs() - startNs) / 1e6;
 }
 
-JSONValue Capturer::capture(const JSONValue& params) {
+CaptureReport Capturer::capture(const ScreenRequest& request) {
   const auto start = platform_().clock().nowNs();
-  auto display = displayFor(core::optionalInt(params, "display"));
-  const auto size = pixelSize(display.bounds.width, display.bounds.height, maxSideOf(params));
-  const auto format = core::optionalString(params, "format").value_or("jpeg");
-  const auto quality = core::optionalNumber(params, "quality").value_or(0.6);
-  const bool fresh = core::optionalBool(params, "fresh").value_or(false);
-  if (!platform_().screen().hasCapturePermission()) throw RPCError("permission", captureDenied());
+  auto display = displayFor(request.display);
+  const auto size = pixelSize(display.bounds.width, display.bounds.height, maxSideOf(request.maxSide));
+  const auto& format = request.format;
+  const auto quality = request.quality;
+  const bool fresh = request.fresh;
+  if (!platform_().screen().hasCapturePermission()) throw core::GlimmerstrandError("permission", captureDenied());
 
   std::optional<Frame> frame;
   {
@@ -78,62 +69,47 @@ JSONValue Capturer::capture(const JSONValue& params) {
     // Without a frame stream of our own, a fresh frame is a new grab of the display.
     const double scale = static_cast<double>(size.width) / display.bounds.width;
     auto pixels = platform_().screen().capture(display.bounds, scale, std::nullopt);
-    if (!pixels) throw RPCError("timeout", "画面のフレームが届きません");
+    if (!pixels) throw core::GlimmerstrandError("timeout", "画面のフレームが届きません");
     frame = Frame{display.id, size, resized(fromPixels(std::move(*pixels)), size), platform_().clock().nowNs()};
     std::lock_guard guard(frameLock_);
     latest_ = frame;
   }
   const Region region{0, 0, display.bounds.width, display.bounds.height};
-  return imageRecord(format, frame->image, quality, displayRecord(display), region,
+  return imageRecord(format, frame->image, quality, display, region,
                      static_cast<double>(platform_().clock().nowNs() - frame->atNs) / 1e6, millisecondsSince(start));
 }
 
-JSONValue Capturer::captureRegion(const JSONValue& params) {
+CaptureReport Capturer::captureRegion(const RegionRequest& request) {
   const auto start = platform_().clock().nowNs();
-  const auto displayId = core::optionalInt(params, "display");
-  const Region asked{requiredNumber("x", params), requiredNumber("y", params), requiredNumber("width", params),
-                     requiredNumber("height", params)};
-  const auto format = core::optionalString(params, "format").value_or("jpeg");
-  const auto quality = core::optionalNumber(params, "quality").value_or(0.8);
-  const auto pid = core::optionalInt(params, "pid");
-  if (!platform_().screen().hasCapturePermission()) throw RPCError("permission", regionCaptureDenied());
+  const auto displayId = request.display;
+  const Region asked{request.area.x, request.area.y, request.area.width, request.area.height};
+  const auto& format = request.format;
+  const auto quality = request.quality;
+  const auto pid = request.pid;
+  if (!platform_().screen().hasCapturePermission()) throw core::GlimmerstrandError("permission", regionCaptureDenied());
   auto display = displayFor(displayId);
-  const double scale = display.scale > 0 && std::isfinite(display.scale) ? display.scale : 1.0;
+  const double scale = displayScale(display);
   const auto region = clipRegion(asked, smallestCaptureSide / scale, display.bounds.width, display.bounds.height);
-  const auto size = pixelSize(region.width * scale, region.height * scale, maxSideOf(params));
+  const auto size = pixelSize(region.width * scale, region.height * scale, maxSideOf(request.maxSide));
   auto pixels = platform_().screen().capture(
       platform::AxRect{display.bounds.x + region.x, display.bounds.y + region.y, region.width, region.height},
-      static_cast<double>(size.width) / region.width,
-      pid ? std::optional<std::int32_t>(static_cast<std::int32_t>(*pid)) : std::nullopt);
+      static_cast<double>(size.width) / region.width, pid);
   if (!pixels) {
-    if (pid) throw RPCError("not_found", "撮るアプリのウインドウが見つかりません");
-    throw RPCError("native", "画面を撮れませんでした");
+    if (pid) throw core::GlimmerstrandError("not_found", "撮るアプリのウインドウが見つかりません");
+    throw core::GlimmerstrandError("native", "画面を撮れませんでした");
   }
-  return imageRecord(format, resized(fromPixels(std::move(*pixels)), size), quality, displayRecord(display), region, 0,
+  return imageRecord(format, resized(fromPixels(std::move(*pixels)), size), quality, display, region, 0,
                      millisecondsSince(start));
 }
 
-void addCaptureOperations(OperationTable& table, PlatformOf platformOf, Capturer& capturer) {
-  auto permissions = [platformOf] {
-    auto& platform = platformOf();
-    return JSONValue::Object{{"accessibility", platform.accessibility().isTrusted()},
-                             {"screenRecording", platform.screen().hasCapturePermission()}};
-  };
-  table.add("permissions", [permissions](const JSONValue&) -> HandlerResult { return permissions(); });
-  table.add("requestPermissions", [platformOf](const JSONValue&) -> HandlerResult {
-    auto& platform = platformOf();
-    bool accessibility = platform.accessibility().requestTrust();
-    bool screen = platform.screen().hasCapturePermission() || platform.screen().requestCapturePermission();
-    return JSONValue::Object{{"accessibility", accessibility}, {"screenRecording", screen}};
-  });
-  table.add("displays", [platformOf](const JSONValue&) -> HandlerResult {
-    JSONValue::Array list;
-    for (const auto& d : platformOf().screen().displays()) list.push_back(displayRecord(d));
-    return JSONValue::Object{{"displays", std::move(list)}};
-  });
-  table.add("capture", [&capturer](const JSONValue& params) -> HandlerResult { return capturer.capture(params); });
-  table.add("captureRegion",
-            [&capturer](const JSONValue& params) -> HandlerResult { return capturer.captureRegion(params); });
+Permissions permissions(platform::Platform& platform) {
+  return Permissions{platform.accessibility().isTrusted(), platform.screen().hasCapturePermission()};
+}
+
+Permissions requestPermissions(platform::Platform& platform) {
+  const bool accessibility = platform.accessibility().requestTrust();
+  const bool screen = platform.screen().hasCapturePermission() || platform.screen().requestCapturePermission();
+  return Permissions{accessibility, screen};
 }
 
 }  // namespace glimmerstrand::native

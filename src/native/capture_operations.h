@@ -1,25 +1,21 @@
-// Screen capture as line operations: `capture` of a whole display (the latest
-// frame, or a fresh one) and `captureRegion` of a region, optionally of one
-// application's windows only; with `displays` and the permission operations
-// that go with them. Pixels come from the platform; encoding is ours.
+// Screen capture: `capture` of a whole display (the latest frame, or a fresh
+// one) and `captureRegion` of a region, optionally of one application's
+// windows only; with `displays` and the permission operations that go with
+// them. Pixels come from the platform; encoding is ours.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <string>
 
 #include "core/desktop.h"
-#include "core/json_value.h"
+#include "core/records.h"
 #include "native/image_encoding.h"
-#include "native/operations.h"
 #include "platform/platform.h"
 
 namespace glimmerstrand::native {
-
-/// The display record of the line protocol: id, x, y, width, height, scale,
-/// main.
-core::JSONValue displayRecord(const platform::Display& display);
 
 /// Without the permission to capture: of `capture`, of `captureRegion`. On
 /// X11 any client of the display may read it, and on a wlroots compositor any
@@ -47,12 +43,36 @@ using PlatformOf = std::function<platform::Platform&()>;
 /// Keeps the latest frame of the display last captured whole, so that a
 /// `capture` that does not ask for a fresh frame costs only an encode.
 /// `frameLock_` guards the frame; capturing happens outside it.
+/// An encoded image, with the display it shows and how old its frame is.
+struct CaptureReport : core::Capture {
+  platform::Display display;
+  double frameAgeMs = 0;
+  double elapsedMs = 0;
+};
+
+struct ScreenRequest {
+  std::optional<std::int64_t> display;  // the main display when absent
+  std::int64_t maxSide = 0;             // the longer side's pixels; 0 or less means 1568
+  std::string format = "jpeg";
+  double quality = 0.6;
+  bool fresh = false;  // a new frame even when the latest would do
+};
+
+struct RegionRequest {
+  core::Rect area;  // in the display's points
+  std::optional<std::int64_t> display;
+  std::int64_t maxSide = 0;
+  std::string format = "jpeg";
+  double quality = 0.8;
+  std::optional<std::int32_t> pid;  // only this application's windows
+};
+
 class Capturer {
  public:
   explicit Capturer(PlatformOf platform) : platform_(std::move(platform)) {}
 
-  core::JSONValue capture(const core::JSONValue& params);
-  core::JSONValue captureRegion(const core::JSONValue& params);
+  CaptureReport capture(const ScreenRequest& request);
+  CaptureReport captureRegion(const RegionRequest& request);
 
  private:
   struct Frame {
@@ -69,7 +89,14 @@ class Capturer {
   std::optional<Frame> latest_;
 };
 
-/// permissions, requestPermissions, displays, capture and captureRegion.
-void addCaptureOperations(OperationTable& table, PlatformOf platform, Capturer& capturer);
+struct Permissions {
+  bool accessibility = false;
+  bool screenRecording = false;
+};
+Permissions permissions(platform::Platform& platform);
+/// Asks for what is missing; what the process has afterwards.
+Permissions requestPermissions(platform::Platform& platform);
+/// The display's scale, 1 when the platform gives none that makes sense.
+double displayScale(const platform::Display& display);
 
 }  // namespace glimmerstrand::native

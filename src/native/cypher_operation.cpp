@@ -1,7 +1,6 @@
 #include "native/cypher_operation.h"
 
 #include "core/errors.h"
-#include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
 
@@ -14,10 +13,11 @@ void addCypherOperation(OperationTable& table, core::CypherRunner& runner) {
     try {
       // Encoded once: a large result goes out as it is, without a second pass.
       return RawJSON{core::jsonText(core::resultJSON(runner.run(script, app, readOnly)))};
-    } catch (const RPCError&) {
+    } catch (const core::GlimmerstrandError&) {
       throw;
     } catch (const std::exception& e) {
-      throw RPCError(core::errorCode(e).value_or("native"), core::errorMessage(e));
+      // The language's errors and any other leave with their code and message.
+      throw core::GlimmerstrandError(core::errorCode(e).value_or("native"), core::errorMessage(e));
     }
   });
 }

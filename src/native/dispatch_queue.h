@@ -38,4 +38,11 @@ class DispatchQueue {
   std::shared_ptr<State> state_;
 };
 
+/// The queues every operation runs on; made before the mode is chosen,
+/// because the driver runs its input through `input` in both modes.
+struct Queues {
+  DispatchQueue input{"glimmerstrand.input", DispatchQueue::Kind::serial};
+  DispatchQueue work{"glimmerstrand.work", DispatchQueue::Kind::concurrent};
+};
+
 }  // namespace glimmerstrand::native

@@ -1,21 +1,19 @@
 #include "native/element_actions.h"
-#include "cypher/unicode_text.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <unordered_set>
 
-#include "native/menu_cache.h"
+#include "core/errors.h"
+#include "cypher/unicode_text.h"
+#include "mirror/menu_cache.h"
 #include "native/menu_closing.h"
-#include "native/mirror_operations.h"
-#include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
 
 namespace {
 
-using core::JSONValue;
 using platform::AxError;
 using platform::AxValue;
 
@@ -51,12 +49,6 @@ std::optional<Element> parentOf(platform::Accessibility& ax, const Element& elem
   auto parent = ax.copy(element, "AXParent").as<Element>();
   if (!parent || parent->isNull()) return std::nullopt;
   return parent;
-}
-
-ResolvedElement resolve(MirrorHost& host, const JSONValue& params) {
-  return resolveElement(host.mirrors(), params, [&host](AppMirror& mirror, std::int64_t uid) {
-    return host.menus().elementForMenuUid(mirror.pid(), uid);
-  });
 }
 
 // What a press worker and its waiter share. The worker may go on after the
@@ -97,82 +89,12 @@ bool pressOnWorker(MirrorEnvironment environment, AppMirror& mirror, const Eleme
     }
     if (result) {
       if (*result == AxError::success) return true;
-      throw RPCError(*result == AxError::invalidElement ? "stale" : "native", "押せませんでした: " + number(*result));
+      throw core::GlimmerstrandError(*result == AxError::invalidElement ? "stale" : "native",
+                                     "押せませんでした: " + number(*result));
     }
     // The application is reacting: its effect shows through the mirror.
     if (!waitComplete && mirror.notificationCount() > before) return false;
   }
-}
-
-JSONValue press(MirrorHost& host, const JSONValue& params) {
-  auto& platform = host.platform();
-  auto& clock = platform.clock();
-  auto& ax = platform.accessibility();
-  const std::int64_t start = clock.nowNs();
-  auto [mirror, element] = resolve(host, params);
-  const bool waitComplete = core::optionalBool(params, "waitComplete").value_or(false);
-  const std::int64_t timeoutMs = core::optionalInt(params, "timeoutMs").value_or(1000);
-  const Element target = pressTarget(ax, element);
-  const std::int64_t before = mirror->notificationCount();
-  auto names = ax.actionNames(target);
-  // The element went between the copy and now.
-  if (names.error == AxError::invalidElement) throw RPCError("stale", "押せませんでした: " + number(names.error));
-  const auto actions = names.ok() ? names.value : std::vector<std::string>{};
-
-  std::string method;
-  bool completed = true;
-  int menusClosed = 0;
-  if (contains(actions, "AXPress")) {
-    method = "press";
-    // The menus open when an item of theirs is picked close with the pick.
-    const auto menus = isLeafMenuItem(ax, target) ? openMenus(ax, mirror->pid()) : std::vector<Element>{};
-    completed = pressOnWorker({ax, clock}, *mirror, target, before, waitComplete, timeoutMs);
-    menusClosed = closeMenusLeftOpen(platform, mirror->pid(), menus);
-  } else if (isSettable(ax, target, "AXSelected")) {
-    method = "select";
-    if (auto error = ax.set(target, "AXSelected", true); error != AxError::success)
-      throw RPCError("no_action", "選べませんでした: " + number(error));
-  } else if (isSettable(ax, target, "AXFocused") && isSettable(ax, target, "AXValue")) {
-    // Pressing a field puts the focus in it; focusing anything else would
-    // report a press that never happened, as for a check box whose toolkit
-    // names its action in words no table knows.
-    method = "focus";
-    if (auto error = ax.set(target, "AXFocused", true); error != AxError::success)
-      throw RPCError("native", "フォーカスを当てられませんでした: " + number(error));
-  } else {
-    JSONValue::Array listed(actions.begin(), actions.end());
-    throw RPCError("no_action", "この要素は押せません。actions=" + core::jsonText(listed));
-  }
-  JSONValue::Object out{{"method", method},
-                        {"completed", completed},
-                        {"notificationsBefore", before},
-                        {"elapsedMs", millisecondsSince(clock, start)}};
-  if (menusClosed > 0) core::put(out, "menusClosed", std::int64_t{menusClosed});
-  return out;
-}
-
-JSONValue focus(MirrorHost& host, const JSONValue& params) {
-  auto& platform = host.platform();
-  auto& ax = platform.accessibility();
-  auto [mirror, element] = resolve(host, params);
-  const std::int64_t before = mirror->notificationCount();
-  if (auto error = ax.set(element, "AXFocused", true); error != AxError::success)
-    throw RPCError("no_action", "フォーカスを当てられませんでした: " + number(error));
-  // The same bound on the application's answers as the mirror's own element.
-  Element app = ax.applicationElement(mirror->pid());
-  ax.setMessagingTimeout(app, 0.3);
-  const MirrorEnvironment environment{ax, platform.clock()};
-  std::string method = "focus";
-  // A focus that was there before any focus event was heard never moves: the
-  // element's own state tells.
-  bool moved =
-      ax.copy(element, "AXFocused").as<bool>().value_or(false) || waitFocusInside(environment, app, element, 150);
-  // Some controls take the focus only when pressed.
-  if (!moved && contains(actionsOf(ax, element), "AXPress") && ax.perform(element, "AXPress") == AxError::success) {
-    method = "press";
-    moved = waitFocusInside(environment, app, element, 300);
-  }
-  return JSONValue::Object{{"notificationsBefore", before}, {"method", method}, {"moved", moved}};
 }
 
 // Whether an element's value now reads as `text`: the same text, or for a
@@ -184,88 +106,6 @@ bool valueReads(const AxValue& value, const std::string& text) {
   double written = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), written);
   return error == std::errc() && end == text.data() + text.size() && std::abs(*n - written) < 1e-9;
-}
-
-JSONValue setValue(MirrorHost& host, const JSONValue& params) {
-  auto& platform = host.platform();
-  auto& clock = platform.clock();
-  auto& ax = platform.accessibility();
-  const std::int64_t start = clock.nowNs();
-  auto [mirror, element] = resolve(host, params);
-  const std::string text = requiredString("text", params);
-  const std::int64_t before = mirror->notificationCount();
-  if (!isSettable(ax, element, "AXValue")) throw RPCError("no_action", "この要素の値は書き換えられません");
-  if (auto error = ax.set(element, "AXValue", text); error != AxError::success)
-    throw RPCError("no_action", "値を書き換えられませんでした: " + number(error));
-  // An application may take the write and show something else: not a failure.
-  bool applied = false;
-  for (int read = 0; read < 10 && !applied; ++read) {
-    if (read > 0) clock.sleepNs(20 * msNs);
-    applied = valueReads(ax.copy(element, "AXValue"), text);
-  }
-  return JSONValue::Object{
-      {"applied", applied}, {"notificationsBefore", before}, {"elapsedMs", millisecondsSince(clock, start)}};
-}
-
-JSONValue selectAll(MirrorHost& host, const JSONValue& params) {
-  auto& ax = host.platform().accessibility();
-  auto [mirror, element] = resolve(host, params);
-  std::int64_t length = 0;
-  if (auto count = ax.copy(element, "AXNumberOfCharacters").as<double>()) {
-    // A count that no range can hold (not finite, beyond 64 bits) makes none.
-    auto counted = core::integerOf(*count);
-    if (!counted) throw RPCError("native", "選択範囲を作れませんでした");
-    length = *counted;
-  } else if (auto value = ax.copy(element, "AXValue").as<std::string>()) {
-    length = static_cast<std::int64_t>(cypher::utf16Length(*value));
-  }
-  if (auto error = ax.set(element, "AXSelectedTextRange", platform::AxRange{0, length}); error != AxError::success)
-    throw RPCError("no_action", "文字を選べませんでした: " + number(error));
-  return JSONValue::Object{{"length", length}};
-}
-
-JSONValue readText(MirrorHost& host, const JSONValue& params) {
-  auto& ax = host.platform().accessibility();
-  auto [mirror, element] = resolve(host, params);
-  auto result = readElementText(ax, element, core::optionalBool(params, "deep").value_or(true),
-                                core::optionalInt(params, "maxChars").value_or(100000));
-  return core::toJSON(result);
-}
-
-JSONValue inspect(MirrorHost& host, const JSONValue& params) {
-  auto& ax = host.platform().accessibility();
-  auto [mirror, element] = resolve(host, params);
-  JSONValue::Array actions;
-  for (const auto& name : actionsOf(ax, element)) {
-    auto description = ax.actionDescription(element, name);
-    actions.push_back(JSONValue::Object{{"name", name}, {"description", description.ok() ? description.value : ""}});
-  }
-  JSONValue::Array attributes;
-  auto names = ax.attributeNames(element);
-  for (const auto& name : names.ok() ? names.value : std::vector<std::string>{}) {
-    attributes.push_back(JSONValue::Object{{"name", name},
-                                           {"value", inspectValueText(ax, ax.copy(element, name))},
-                                           {"settable", isSettable(ax, element, name)}});
-  }
-  return JSONValue::Object{{"actions", std::move(actions)}, {"attributes", std::move(attributes)}};
-}
-
-JSONValue elementFrame(MirrorHost& host, const JSONValue& params) {
-  auto& ax = host.platform().accessibility();
-  auto [mirror, element] = resolve(host, params);
-  auto position = ax.copy(element, "AXPosition").as<platform::AxPoint>();
-  auto size = ax.copy(element, "AXSize").as<platform::AxSize>();
-  if (!position || !size) throw RPCError("stale", "要素の位置を読めませんでした");
-  return JSONValue::Object{{"x", position->x}, {"y", position->y}, {"width", size->width}, {"height", size->height}};
-}
-
-JSONValue showMenu(MirrorHost& host, const JSONValue& params) {
-  auto& ax = host.platform().accessibility();
-  auto [mirror, element] = resolve(host, params);
-  const std::int64_t before = mirror->notificationCount();
-  if (auto error = ax.perform(element, "AXShowMenu"); error != AxError::success)
-    throw RPCError("no_action", "メニューを開けませんでした: " + number(error));
-  return JSONValue::Object{{"notificationsBefore", before}};
 }
 
 // Rounded toward zero.
@@ -378,14 +218,143 @@ std::string inspectValueText(platform::Accessibility& ax, const AxValue& value) 
   return std::visit(Text{ax}, value.value);
 }
 
-void addElementOperations(OperationTable& table, MirrorHost& host) {
-  using Operation = JSONValue (*)(MirrorHost&, const JSONValue&);
-  const std::pair<const char*, Operation> operations[] = {
-      {"press", press},       {"focus", focus},     {"setValue", setValue},         {"selectAll", selectAll},
-      {"readText", readText}, {"inspect", inspect}, {"elementFrame", elementFrame}, {"showMenu", showMenu},
-  };
-  for (const auto& [name, operation] : operations)
-    table.add(name, [&host, operation](const JSONValue& params) -> HandlerResult { return operation(host, params); });
+PressReport press(platform::Platform& platform, const ResolvedElement& target, const PressOptions& options) {
+  auto& clock = platform.clock();
+  auto& ax = platform.accessibility();
+  const std::int64_t start = clock.nowNs();
+  const auto& mirror = target.mirror;
+  const Element pressed = pressTarget(ax, target.element);
+  const std::int64_t before = mirror->notificationCount();
+  auto names = ax.actionNames(pressed);
+  // The element went between the copy and now.
+  if (names.error == AxError::invalidElement)
+    throw core::GlimmerstrandError(core::codes::stale, "押せませんでした: " + number(names.error));
+  const auto actions = names.ok() ? names.value : std::vector<std::string>{};
+
+  PressReport report;
+  report.completed = true;
+  if (contains(actions, "AXPress")) {
+    report.method = "press";
+    // The menus open when an item of theirs is picked close with the pick.
+    const auto menus = isLeafMenuItem(ax, pressed) ? openMenus(ax, mirror->pid()) : std::vector<Element>{};
+    report.completed = pressOnWorker({ax, clock}, *mirror, pressed, before, options.waitComplete, options.timeoutMs);
+    report.menusClosed = closeMenusLeftOpen(platform, mirror->pid(), menus);
+  } else if (isSettable(ax, pressed, "AXSelected")) {
+    report.method = "select";
+    if (auto error = ax.set(pressed, "AXSelected", true); error != AxError::success)
+      throw core::GlimmerstrandError(core::codes::noAction, "選べませんでした: " + number(error));
+  } else if (isSettable(ax, pressed, "AXFocused") && isSettable(ax, pressed, "AXValue")) {
+    // Pressing a field puts the focus in it; focusing anything else would
+    // report a press that never happened, as for a check box whose toolkit
+    // names its action in words no table knows.
+    report.method = "focus";
+    if (auto error = ax.set(pressed, "AXFocused", true); error != AxError::success)
+      throw core::GlimmerstrandError(core::codes::native, "フォーカスを当てられませんでした: " + number(error));
+  } else {
+    core::JSONValue::Array listed(actions.begin(), actions.end());
+    throw core::GlimmerstrandError(core::codes::noAction, "この要素は押せません。actions=" + core::jsonText(listed));
+  }
+  report.notificationsBefore = before;
+  report.elapsedMs = millisecondsSince(clock, start);
+  return report;
+}
+
+FocusReport focus(platform::Platform& platform, const ResolvedElement& target) {
+  auto& ax = platform.accessibility();
+  const auto& [mirror, element] = target;
+  const std::int64_t before = mirror->notificationCount();
+  if (auto error = ax.set(element, "AXFocused", true); error != AxError::success)
+    throw core::GlimmerstrandError(core::codes::noAction, "フォーカスを当てられませんでした: " + number(error));
+  // The same bound on the application's answers as the mirror's own element.
+  Element app = ax.applicationElement(mirror->pid());
+  ax.setMessagingTimeout(app, 0.3);
+  const MirrorEnvironment environment{ax, platform.clock()};
+  std::string method = "focus";
+  // A focus that was there before any focus event was heard never moves: the
+  // element's own state tells.
+  bool moved =
+      ax.copy(element, "AXFocused").as<bool>().value_or(false) || waitFocusInside(environment, app, element, 150);
+  // Some controls take the focus only when pressed.
+  if (!moved && contains(actionsOf(ax, element), "AXPress") && ax.perform(element, "AXPress") == AxError::success) {
+    method = "press";
+    moved = waitFocusInside(environment, app, element, 300);
+  }
+  return FocusReport{before, method, moved};
+}
+
+SetValueReport setValue(platform::Platform& platform, const ResolvedElement& target, const std::string& text) {
+  auto& clock = platform.clock();
+  auto& ax = platform.accessibility();
+  const std::int64_t start = clock.nowNs();
+  const auto& [mirror, element] = target;
+  const std::int64_t before = mirror->notificationCount();
+  if (!isSettable(ax, element, "AXValue"))
+    throw core::GlimmerstrandError(core::codes::noAction, "この要素の値は書き換えられません");
+  if (auto error = ax.set(element, "AXValue", text); error != AxError::success)
+    throw core::GlimmerstrandError(core::codes::noAction, "値を書き換えられませんでした: " + number(error));
+  // An application may take the write and show something else: not a failure.
+  bool applied = false;
+  for (int read = 0; read < 10 && !applied; ++read) {
+    if (read > 0) clock.sleepNs(20 * msNs);
+    applied = valueReads(ax.copy(element, "AXValue"), text);
+  }
+  SetValueReport report;
+  report.applied = applied;
+  report.notificationsBefore = before;
+  report.elapsedMs = millisecondsSince(clock, start);
+  return report;
+}
+
+std::int64_t selectAll(platform::Platform& platform, const ResolvedElement& target) {
+  auto& ax = platform.accessibility();
+  const auto& element = target.element;
+  std::int64_t length = 0;
+  if (auto count = ax.copy(element, "AXNumberOfCharacters").as<double>()) {
+    // A count that no range can hold (not finite, beyond 64 bits) makes none.
+    auto counted = core::integerOf(*count);
+    if (!counted) throw core::GlimmerstrandError(core::codes::native, "選択範囲を作れませんでした");
+    length = *counted;
+  } else if (auto value = ax.copy(element, "AXValue").as<std::string>()) {
+    length = static_cast<std::int64_t>(cypher::utf16Length(*value));
+  }
+  if (auto error = ax.set(element, "AXSelectedTextRange", platform::AxRange{0, length}); error != AxError::success)
+    throw core::GlimmerstrandError(core::codes::noAction, "文字を選べませんでした: " + number(error));
+  return length;
+}
+
+core::ReadTextResult readText(platform::Platform& platform, const ResolvedElement& target, bool deep,
+                              std::int64_t maxChars) {
+  return readElementText(platform.accessibility(), target.element, deep, maxChars);
+}
+
+core::InspectResult inspect(platform::Platform& platform, const ResolvedElement& target) {
+  auto& ax = platform.accessibility();
+  const auto& element = target.element;
+  core::InspectResult result;
+  for (const auto& name : actionsOf(ax, element)) {
+    auto description = ax.actionDescription(element, name);
+    result.actions.push_back({name, description.ok() ? description.value : ""});
+  }
+  auto names = ax.attributeNames(element);
+  for (const auto& name : names.ok() ? names.value : std::vector<std::string>{})
+    result.attributes.push_back({name, inspectValueText(ax, ax.copy(element, name)), isSettable(ax, element, name)});
+  return result;
+}
+
+core::Rect elementFrame(platform::Platform& platform, const ResolvedElement& target) {
+  auto& ax = platform.accessibility();
+  auto position = ax.copy(target.element, "AXPosition").as<platform::AxPoint>();
+  auto size = ax.copy(target.element, "AXSize").as<platform::AxSize>();
+  if (!position || !size) throw core::GlimmerstrandError(core::codes::stale, "要素の位置を読めませんでした");
+  return core::Rect{position->x, position->y, size->width, size->height};
+}
+
+std::int64_t showMenu(platform::Platform& platform, const ResolvedElement& target) {
+  auto& ax = platform.accessibility();
+  const std::int64_t before = target.mirror->notificationCount();
+  if (auto error = ax.perform(target.element, "AXShowMenu"); error != AxError::success)
+    throw core::GlimmerstrandError(core::codes::noAction, "メニューを開けませんでした: " + number(error));
+  return before;
 }
 
 }  // namespace glimmerstrand::native

@@ -14,12 +14,11 @@
 #include <string>
 
 #include "core/records.h"
-#include "native/app_mirror.h"
-#include "native/operations.h"
+#include "mirror/app_mirror.h"
+#include "mirror/mirrors.h"
+#include "platform/platform.h"
 
 namespace glimmerstrand::native {
-
-class MirrorHost;
 
 /// What a press should act on: the element or its nearest ancestor within 5
 /// levels that has AXPress or a settable AXSelected; the element itself when
@@ -39,8 +38,39 @@ core::ReadTextResult readElementText(platform::Accessibility& ax, const Element&
 /// 200 characters, "(x, y)", "WxH", "[3 items]", "element AXButton", ...
 std::string inspectValueText(platform::Accessibility& ax, const platform::AxValue& value);
 
-/// press, focus, setValue, selectAll, readText, inspect, elementFrame and
-/// showMenu; menu items resolve through the host's menu cache.
-void addElementOperations(OperationTable& table, MirrorHost& host);
+struct PressOptions {
+  /// Wait for the call itself, not only for the application's first reaction.
+  bool waitComplete = false;
+  std::int64_t timeoutMs = 1000;
+};
+/// How the element was pressed ("press", "select" or "focus"), whether the
+/// call completed in time, and how many menus its pick left open were closed.
+struct PressReport : core::PressResult {
+  std::int64_t menusClosed = 0;
+};
+PressReport press(platform::Platform& platform, const ResolvedElement& target, const PressOptions& options = {});
+
+struct FocusReport {
+  std::int64_t notificationsBefore = 0;
+  std::string method;  // "focus", or "press" for a control that takes the focus only so
+  bool moved = false;
+};
+FocusReport focus(platform::Platform& platform, const ResolvedElement& target);
+
+struct SetValueReport : core::SetValueResult {
+  std::int64_t notificationsBefore = 0;
+  double elapsedMs = 0;
+};
+SetValueReport setValue(platform::Platform& platform, const ResolvedElement& target, const std::string& text);
+
+/// Selects the element's whole text; its length in UTF-16 units.
+std::int64_t selectAll(platform::Platform& platform, const ResolvedElement& target);
+core::ReadTextResult readText(platform::Platform& platform, const ResolvedElement& target, bool deep = true,
+                              std::int64_t maxChars = 100000);
+core::InspectResult inspect(platform::Platform& platform, const ResolvedElement& target);
+/// Fails "stale" when the element no longer tells where it is.
+core::Rect elementFrame(platform::Platform& platform, const ResolvedElement& target);
+/// Opens the element's context menu; the notification count from before.
+std::int64_t showMenu(platform::Platform& platform, const ResolvedElement& target);
 
 }  // namespace glimmerstrand::native

@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "core/errors.h"
-#include "native/rpc_error.h"
 #include "server/gateway.h"
 
 namespace glimmerstrand::native {
@@ -38,16 +37,6 @@ void writeRejection(const std::string& reason) {
   [[maybe_unused]] auto written = ::write(2, line.data(), line.size());
 }
 
-// Runs a gateway call, passing its failure on as the line protocol's error.
-template <typename Call>
-auto passingErrors(Call&& call) -> decltype(call()) {
-  try {
-    return call();
-  } catch (const core::GlimmerstrandError& error) {
-    throw RPCError(error.code(), error.message());
-  }
-}
-
 std::int64_t connectionParam(const JSONValue& params) {
   return static_cast<std::int64_t>(std::llround(requiredNumber("conn", params)));
 }
@@ -63,13 +52,13 @@ void addGatewayOperations(OperationTable& table, Output& output) {
   table.add("gatewayListen", [gateway](const JSONValue& params) -> HandlerResult {
     std::string path = requiredString("path", params);
     auto requirement = core::optionalString(params, "requirement");
-    bool verifies = passingErrors([&] { return gateway->listen(path, requirement); });
+    bool verifies = gateway->listen(path, requirement);
     return JSONValue::Object{{"listening", true}, {"verifiesSignature", verifies}};
   });
   table.add("gatewaySend", [gateway](const JSONValue& params) -> HandlerResult {
     std::int64_t connection = connectionParam(params);
     std::string line = requiredString("line", params);
-    passingErrors([&] { gateway->send(connection, line); });
+    gateway->send(connection, line);
     return JSONValue::Object{{"sent", true}};
   });
   table.add("gatewayClose", [gateway](const JSONValue& params) -> HandlerResult {

@@ -1,14 +1,15 @@
-// The platform's UIDriver: every operation calls the handler of the line
-// operation of the same name, in this process, so a statement and a line
-// client see the same behaviour by construction. Snapshots are the exception:
-// they come straight from the mirror as shared node lists, cached per
-// selector, so an unchanged application costs one lock and no copy.
+// The platform's UIDriver: every operation calls the typed native function
+// that the line operation of the same name adapts, so a statement and a line
+// client see the same behaviour by construction, and a statement's road to
+// the platform carries typed values only. Snapshots come straight from the
+// mirror as shared node lists, cached per selector, so an unchanged
+// application costs one lock and no copy.
 //
 // Callable from several threads. `lock_` guards `snapshots_` only and is
-// never held across a handler call. Operations that act on the user's screen
-// run synchronously on the serial input queue, among line clients' input;
-// element actions on an application whose mirror gets no answer are refused
-// before they reach that queue.
+// never held across a call into the native layer. Operations that act on the
+// user's screen run synchronously on the serial input queue, among line
+// clients' input; element actions on an application whose mirror gets no
+// answer are refused before they reach that queue.
 #pragma once
 
 #include <memory>
@@ -17,8 +18,10 @@
 #include <unordered_map>
 
 #include "core/ui_driver.h"
-#include "native/line_protocol.h"
+#include "native/capture_operations.h"
+#include "native/dispatch_queue.h"
 #include "native/mirror_operations.h"
+#include "native/run_timings.h"
 
 namespace glimmerstrand::native {
 
@@ -27,7 +30,7 @@ class AgentCursor;
 class InProcessDriver final : public core::UIDriver {
  public:
   /// `cursor` may be null: no pulses then.
-  InProcessDriver(const OperationTable& operations, Queues& queues, MirrorHost& host, AgentCursor* cursor);
+  InProcessDriver(Queues& queues, MirrorHost& host, Capturer& capturer, AgentCursor* cursor);
 
   core::AxSnapshot axSnapshot(const core::SnapshotOptions& options) override;
   std::pair<std::int64_t, std::int64_t> axCounter(const core::AppSelector& app) override;
@@ -64,10 +67,13 @@ class InProcessDriver final : public core::UIDriver {
   bool screenLocked() override;
 
  private:
-  enum class On { caller, input };
-  /// Runs a handler and gives its result as JSON; RPCError becomes
-  /// GlimmerstrandError with the same code and message.
-  core::JSONValue call(const std::string& operation, const core::JSONValue& params, On queue = On::caller);
+  /// Runs `work` on the caller's thread, its time counted as the
+  /// application's (or the settling's) in the run's timings.
+  template <typename Work>
+  auto here(Work&& work, double RunTimings::*figure = &RunTimings::applicationMs) -> decltype(work());
+  /// Runs `work` on the serial input queue and waits for it, the same.
+  template <typename Work>
+  auto onInput(Work&& work) -> decltype(work());
   /// The middle of the element's frame in a cached snapshot, for the pulse.
   std::optional<core::Point> elementPoint(const core::ElementRef& ref);
   void pulseAt(std::optional<core::Point> point, bool click);
@@ -77,9 +83,9 @@ class InProcessDriver final : public core::UIDriver {
   void requireAnswering(const core::ElementRef& ref);
   void pulseAtElement(const core::ElementRef& ref, bool click) { pulseAt(elementPoint(ref), click); }
 
-  const OperationTable& operations_;
   Queues& queues_;
   MirrorHost& host_;
+  Capturer& capturer_;
   AgentCursor* cursor_;
 
   // The last copy handed out for a selector, and the mirror it came from.

@@ -1,20 +1,18 @@
 #include "native/input.h"
-#include "cypher/unicode_text.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
 #include <unordered_map>
 
-#include "native/mirror_operations.h"
-#include "native/rpc_error.h"
+#include "core/errors.h"
+#include "cypher/unicode_text.h"
 #include "native/text_case.h"
 
 namespace glimmerstrand::native {
 
 namespace {
 
-using core::JSONValue;
 using platform::AxPoint;
 using platform::MouseButton;
 using platform::PointerAction;
@@ -33,14 +31,6 @@ std::int32_t whole32(double value) {
   if (std::isnan(value)) return 0;
   return static_cast<std::int32_t>(std::clamp(std::trunc(value), double{std::numeric_limits<std::int32_t>::min()},
                                               double{std::numeric_limits<std::int32_t>::max()}));
-}
-
-std::optional<std::int32_t> optionalPid(const JSONValue& params) {
-  auto pid = core::optionalNumber(params, "pid");
-  if (!pid) return std::nullopt;
-  if (!(*pid >= std::numeric_limits<std::int32_t>::min() && *pid <= std::numeric_limits<std::int32_t>::max()))
-    throw RPCError("invalid_argument", "pid が範囲外です: " + cypher::numberText(*pid));
-  return static_cast<std::int32_t>(*pid);
 }
 
 const std::unordered_map<std::string, std::string>& typingKeyNames() {
@@ -64,123 +54,18 @@ PointerEvent pointer(PointerAction action, AxPoint at, MouseButton button = Mous
 constexpr const char* noEventMessage = "入力イベントを作れませんでした";
 
 void post(platform::Input& input, const PointerEvent& event) {
-  if (!input.postPointer(event, std::nullopt)) throw RPCError("native", noEventMessage);
+  if (!input.postPointer(event, std::nullopt)) throw core::GlimmerstrandError("native", noEventMessage);
 }
 
 void post(platform::Input& input, const platform::KeyEvent& event, std::optional<std::int32_t> pid) {
-  if (!input.postKey(event, pid)) throw RPCError("native", noEventMessage);
+  if (!input.postKey(event, pid)) throw core::GlimmerstrandError("native", noEventMessage);
 }
 
 void post(platform::Input& input, const platform::ScrollEvent& event) {
-  if (!input.postScroll(event, std::nullopt)) throw RPCError("native", noEventMessage);
-}
-
-JSONValue move(platform::Platform& platform, const JSONValue& params) {
-  const double x = requiredNumber("x", params);
-  const double y = requiredNumber("y", params);
-  post(platform.input(), pointer(PointerAction::moved, {x, y}));
-  return JSONValue::Object{{"x", x}, {"y", y}};
-}
-
-JSONValue click(platform::Platform& platform, const JSONValue& params) {
-  const double x = requiredNumber("x", params);
-  const double y = requiredNumber("y", params);
-  const MouseButton button = core::optionalString(params, "button") == "right" ? MouseButton::right : MouseButton::left;
-  const std::int64_t count = std::max<std::int64_t>(core::optionalInt(params, "count").value_or(1), 1);
-  const std::int64_t holdNs = pauseNs(core::optionalNumber(params, "holdMs").value_or(0));
-  auto& input = platform.input();
-  post(input, pointer(PointerAction::moved, {x, y}));
-  for (std::int64_t n = 1; n <= count; ++n) {
-    post(input, pointer(PointerAction::down, {x, y}, button, n));
-    if (holdNs > 0) platform.clock().sleepNs(holdNs);
-    post(input, pointer(PointerAction::up, {x, y}, button, n));
-  }
-  return JSONValue::Object{{"x", x}, {"y", y}, {"count", count}};
-}
-
-JSONValue drag(platform::Platform& platform, const JSONValue& params) {
-  const AxPoint from{requiredNumber("x1", params), requiredNumber("y1", params)};
-  const AxPoint to{requiredNumber("x2", params), requiredNumber("y2", params)};
-  const std::int64_t steps = std::max<std::int64_t>(core::optionalInt(params, "steps").value_or(12), 2);
-  auto& input = platform.input();
-  auto& clock = platform.clock();
-  post(input, pointer(PointerAction::moved, from));
-  post(input, pointer(PointerAction::down, from));
-  clock.sleepNs(60 * msNs);
-  for (std::int64_t n = 1; n <= steps; ++n) {
-    const double share = static_cast<double>(n) / static_cast<double>(steps);
-    // The last step lies on the end itself, which the sum need not hit exactly.
-    const AxPoint at = n == steps ? to : AxPoint{from.x + (to.x - from.x) * share, from.y + (to.y - from.y) * share};
-    post(input, pointer(PointerAction::dragged, at));
-    clock.sleepNs(16 * msNs);
-  }
-  clock.sleepNs(60 * msNs);
-  post(input, pointer(PointerAction::up, to));
-  return JSONValue::Object{{"from", JSONValue::Array{from.x, from.y}}, {"to", JSONValue::Array{to.x, to.y}}};
+  if (!input.postScroll(event, std::nullopt)) throw core::GlimmerstrandError("native", noEventMessage);
 }
 
 int sign(std::int64_t n) { return (n > 0) - (n < 0); }
-
-JSONValue scroll(platform::Platform& platform, const JSONValue& params) {
-  const std::int32_t dx = whole32(core::optionalNumber(params, "dx").value_or(0));
-  const std::int32_t dy = whole32(core::optionalNumber(params, "dy").value_or(0));
-  const auto x = core::optionalNumber(params, "x");
-  const std::optional<double> y = x ? std::optional(requiredNumber("y", params)) : std::nullopt;
-  auto& input = platform.input();
-  auto& clock = platform.clock();
-  const AxPoint home = input.pointerLocation();
-  if (x) {
-    input.warpPointer({*x, *y});
-    clock.sleepNs(15 * msNs);
-  }
-  auto yLines = static_cast<std::int64_t>(std::round(dy / pointsPerLine));
-  auto xLines = static_cast<std::int64_t>(std::round(dx / pointsPerLine));
-  // One event goes out even with nothing to scroll, and at most 400 lines.
-  for (int n = 0; n < maxScrollEvents; ++n) {
-    const int sy = sign(yLines), sx = sign(xLines);
-    post(input, platform::ScrollEvent{sy, sx, 0});
-    yLines -= sy;
-    xLines -= sx;
-    clock.sleepNs(6 * msNs);
-    if (yLines == 0 && xLines == 0) break;
-  }
-  if (x) {
-    clock.sleepNs(30 * msNs);
-    input.warpPointer(home);
-  }
-  return JSONValue::Object{{"dx", std::int64_t{dx}}, {"dy", std::int64_t{dy}}};
-}
-
-JSONValue key(platform::Platform& platform, const JSONValue& params) {
-  const std::string keys = requiredString("key", params);
-  const auto pid = optionalPid(params);
-  auto events = keyComboEvents(platform.input(), keys);
-  std::optional<std::int32_t> target;
-  if (pid) target = redirectedPid(platform.accessibility(), platform.workspace(), *pid);
-  for (const auto& event : events) post(platform.input(), event, target);
-  return JSONValue::Object{{"key", lowerText(keys)}};
-}
-
-JSONValue type(platform::Platform& platform, const JSONValue& params) {
-  const std::string text = requiredString("text", params);
-  const std::int64_t intervalNs = pauseNs(core::optionalNumber(params, "intervalMs").value_or(4.0));
-  const auto pid = optionalPid(params);
-  auto& ax = platform.accessibility();
-  std::optional<std::int32_t> target;
-  TypingWatch before;
-  if (pid) {
-    target = redirectedPid(ax, platform.workspace(), *pid);
-    // What the application itself shows, even when its keys go to a panel.
-    before = watchFocusedText(ax, *pid);
-  }
-  auto events = typingEvents(platform.input(), text);
-  for (std::size_t n = 0; n < events.size(); ++n) {
-    post(platform.input(), events[n], target);
-    if (n % 2 == 1 && intervalNs > 0) platform.clock().sleepNs(intervalNs);
-  }
-  const bool seen = pid ? textSeen({ax, platform.clock()}, text, before) : true;
-  return JSONValue::Object{{"length", static_cast<std::int64_t>(cypher::graphemeCount(text))}, {"seen", seen}};
-}
 
 bool hasFilePanel(platform::Accessibility& ax, std::int32_t pid) {
   Element app = ax.applicationElement(pid);
@@ -202,13 +87,15 @@ std::vector<platform::KeyEvent> keyComboEvents(platform::Input& input, std::stri
     start = plus + 1;
   }
   const auto& codes = input.keyCodes();
-  if (pieces.empty() || !codes.count(pieces.back())) throw RPCError("invalid_argument", "未知のキーです: " + lowered);
+  if (pieces.empty() || !codes.count(pieces.back()))
+    throw core::GlimmerstrandError("invalid_argument", "未知のキーです: " + lowered);
   const auto& modifiers = input.modifierKeys();
   std::vector<platform::ModifierKey> held;
   std::uint64_t allFlags = 0;
   for (std::size_t n = 0; n + 1 < pieces.size(); ++n) {
     auto modifier = modifiers.find(pieces[n]);
-    if (modifier == modifiers.end()) throw RPCError("invalid_argument", "未知の修飾キーです: " + pieces[n]);
+    if (modifier == modifiers.end())
+      throw core::GlimmerstrandError("invalid_argument", "未知の修飾キーです: " + pieces[n]);
     held.push_back(modifier->second);
     allFlags |= modifier->second.flag;
   }
@@ -294,15 +181,100 @@ bool textSeen(MirrorEnvironment environment, std::string_view text, const Typing
   return false;
 }
 
-void addInputOperations(OperationTable& table, MirrorHost& host) {
-  using Operation = JSONValue (*)(platform::Platform&, const JSONValue&);
-  const std::pair<const char*, Operation> operations[] = {
-      {"move", move}, {"click", click}, {"drag", drag}, {"scroll", scroll}, {"key", key}, {"type", type},
-  };
-  for (const auto& [name, operation] : operations)
-    table.add(name, [&host, operation](const JSONValue& params) -> HandlerResult {
-      return operation(host.platform(), params);
-    });
+std::int32_t processId(double pid) {
+  if (!(pid >= std::numeric_limits<std::int32_t>::min() && pid <= std::numeric_limits<std::int32_t>::max()))
+    throw core::GlimmerstrandError(core::codes::invalidArgument, "pid が範囲外です: " + cypher::numberText(pid));
+  return static_cast<std::int32_t>(pid);
+}
+
+void move(platform::Platform& platform, AxPoint to) { post(platform.input(), pointer(PointerAction::moved, to)); }
+
+std::int64_t click(platform::Platform& platform, const ClickRequest& request) {
+  const AxPoint at = request.at;
+  const std::int64_t count = std::max<std::int64_t>(request.count, 1);
+  const std::int64_t holdNs = pauseNs(request.holdMs);
+  auto& input = platform.input();
+  post(input, pointer(PointerAction::moved, at));
+  for (std::int64_t n = 1; n <= count; ++n) {
+    post(input, pointer(PointerAction::down, at, request.button, n));
+    if (holdNs > 0) platform.clock().sleepNs(holdNs);
+    post(input, pointer(PointerAction::up, at, request.button, n));
+  }
+  return count;
+}
+
+void drag(platform::Platform& platform, AxPoint from, AxPoint to, std::int64_t stepsAsked) {
+  const std::int64_t steps = std::max<std::int64_t>(stepsAsked, 2);
+  auto& input = platform.input();
+  auto& clock = platform.clock();
+  post(input, pointer(PointerAction::moved, from));
+  post(input, pointer(PointerAction::down, from));
+  clock.sleepNs(60 * msNs);
+  for (std::int64_t n = 1; n <= steps; ++n) {
+    const double share = static_cast<double>(n) / static_cast<double>(steps);
+    // The last step lies on the end itself, which the sum need not hit exactly.
+    const AxPoint at = n == steps ? to : AxPoint{from.x + (to.x - from.x) * share, from.y + (to.y - from.y) * share};
+    post(input, pointer(PointerAction::dragged, at));
+    clock.sleepNs(16 * msNs);
+  }
+  clock.sleepNs(60 * msNs);
+  post(input, pointer(PointerAction::up, to));
+}
+
+ScrollReport scroll(platform::Platform& platform, const ScrollRequest& request) {
+  const std::int32_t dx = whole32(request.dx);
+  const std::int32_t dy = whole32(request.dy);
+  auto& input = platform.input();
+  auto& clock = platform.clock();
+  const AxPoint home = input.pointerLocation();
+  if (request.at) {
+    input.warpPointer(*request.at);
+    clock.sleepNs(15 * msNs);
+  }
+  auto yLines = static_cast<std::int64_t>(std::round(dy / pointsPerLine));
+  auto xLines = static_cast<std::int64_t>(std::round(dx / pointsPerLine));
+  // One event goes out even with nothing to scroll, and at most 400 lines.
+  for (int n = 0; n < maxScrollEvents; ++n) {
+    const int sy = sign(yLines), sx = sign(xLines);
+    post(input, platform::ScrollEvent{sy, sx, 0});
+    yLines -= sy;
+    xLines -= sx;
+    clock.sleepNs(6 * msNs);
+    if (yLines == 0 && xLines == 0) break;
+  }
+  if (request.at) {
+    clock.sleepNs(30 * msNs);
+    input.warpPointer(home);
+  }
+  return ScrollReport{dx, dy};
+}
+
+std::string key(platform::Platform& platform, std::string_view keys, std::optional<std::int32_t> pid) {
+  auto events = keyComboEvents(platform.input(), keys);
+  std::optional<std::int32_t> target;
+  if (pid) target = redirectedPid(platform.accessibility(), platform.workspace(), *pid);
+  for (const auto& event : events) post(platform.input(), event, target);
+  return lowerText(keys);
+}
+
+TypeReport type(platform::Platform& platform, std::string_view text, std::optional<std::int32_t> pid,
+                double intervalMs) {
+  const std::int64_t intervalNs = pauseNs(intervalMs);
+  auto& ax = platform.accessibility();
+  std::optional<std::int32_t> target;
+  TypingWatch before;
+  if (pid) {
+    target = redirectedPid(ax, platform.workspace(), *pid);
+    // What the application itself shows, even when its keys go to a panel.
+    before = watchFocusedText(ax, *pid);
+  }
+  auto events = typingEvents(platform.input(), text);
+  for (std::size_t n = 0; n < events.size(); ++n) {
+    post(platform.input(), events[n], target);
+    if (n % 2 == 1 && intervalNs > 0) platform.clock().sleepNs(intervalNs);
+  }
+  const bool seen = pid ? textSeen({ax, platform.clock()}, text, before) : true;
+  return TypeReport{static_cast<std::int64_t>(cypher::graphemeCount(text)), seen};
 }
 
 }  // namespace glimmerstrand::native

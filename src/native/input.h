@@ -20,17 +20,15 @@
 #include <string_view>
 #include <vector>
 
-#include "native/app_mirror.h"
-#include "native/operations.h"
+#include "mirror/app_mirror.h"
 #include "platform/input.h"
+#include "platform/platform.h"
 #include "platform/workspace.h"
 
 namespace glimmerstrand::native {
 
-class MirrorHost;
-
 /// The key events of a combination such as "cmd+shift+4", in posting order.
-/// RPCError "invalid_argument" for an unknown key or modifier, before any
+/// Fails "invalid_argument" for an unknown key or modifier, before any
 /// event is made.
 std::vector<platform::KeyEvent> keyComboEvents(platform::Input& input, std::string_view keys);
 
@@ -55,7 +53,45 @@ TypingWatch watchFocusedText(platform::Accessibility& ax, std::int32_t pid);
 /// 0.3 s + 20 ms a grapheme (3 s at most).
 bool textSeen(MirrorEnvironment environment, std::string_view text, const TypingWatch& before);
 
-/// move, click, drag, scroll, key and type.
-void addInputOperations(OperationTable& table, MirrorHost& host);
+/// A pid as 32 bits, any fraction dropped; fails "invalid_argument" beyond them.
+std::int32_t processId(double pid);
+
+void move(platform::Platform& platform, platform::AxPoint to);
+
+struct ClickRequest {
+  platform::AxPoint at;
+  platform::MouseButton button = platform::MouseButton::left;
+  std::int64_t count = 1;  // 1 at least
+  double holdMs = 0;       // between each press and its release
+};
+/// The number of clicks made.
+std::int64_t click(platform::Platform& platform, const ClickRequest& request);
+
+/// Presses at `from`, moves in `steps` steps (2 at least), releases at `to`.
+void drag(platform::Platform& platform, platform::AxPoint from, platform::AxPoint to, std::int64_t steps = 12);
+
+struct ScrollRequest {
+  double dx = 0;
+  double dy = 0;
+  /// Where the pointer scrolls, put back afterwards; where it is when absent.
+  std::optional<platform::AxPoint> at;
+};
+/// The whole points scrolled, as 32-bit integers.
+struct ScrollReport {
+  std::int64_t dx = 0;
+  std::int64_t dy = 0;
+};
+ScrollReport scroll(platform::Platform& platform, const ScrollRequest& request);
+
+/// Presses a combination such as "cmd+shift+4", to `pid` when given; the
+/// combination as pressed, lower-cased.
+std::string key(platform::Platform& platform, std::string_view keys, std::optional<std::int32_t> pid);
+
+struct TypeReport {
+  std::int64_t length = 0;  // graphemes
+  bool seen = true;         // the text reached the focused element; true without a pid
+};
+TypeReport type(platform::Platform& platform, std::string_view text, std::optional<std::int32_t> pid,
+                double intervalMs = 4.0);
 
 }  // namespace glimmerstrand::native

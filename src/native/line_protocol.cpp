@@ -6,7 +6,6 @@
 #include <memory>
 
 #include "core/errors.h"
-#include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
 
@@ -39,10 +38,8 @@ void LineHost::dispatch(const JSONValue& id, const std::string& method, const JS
   std::string line;
   try {
     auto handler = operations_.find(method);
-    if (!handler) throw RPCError("invalid_argument", "未知のメソッドです: " + method);
+    if (!handler) throw core::GlimmerstrandError("invalid_argument", "未知のメソッドです: " + method);
     line = successLine(id, (*handler)(params));
-  } catch (const RPCError& e) {
-    line = failureLine(id, e.code(), e.message());
   } catch (const core::GlimmerstrandError& e) {
     line = failureLine(id, e.code(), e.message());
   } catch (const std::exception& e) {

@@ -18,13 +18,6 @@
 
 namespace glimmerstrand::native {
 
-/// The queues every operation runs on; made before the mode is chosen,
-/// because the driver runs its input through `input` in both modes.
-struct Queues {
-  DispatchQueue input{"glimmerstrand.input", DispatchQueue::Kind::serial};
-  DispatchQueue work{"glimmerstrand.work", DispatchQueue::Kind::concurrent};
-};
-
 class LineHost {
  public:
   LineHost(const OperationTable& operations, Queues& queues, Output& output)

@@ -9,18 +9,15 @@
 
 #include "core/desktop.h"
 #include "core/runner.h"
+#include "mirror/allocator.h"
 #include "native/agent_cursor.h"
-#include "native/allocator.h"
-#include "native/applications.h"
 #include "native/capture_operations.h"
 #include "native/cypher_operation.h"
 #include "native/daemon.h"
-#include "native/element_actions.h"
 #include "native/gateway_operations.h"
 #include "native/in_process_driver.h"
-#include "native/input.h"
+#include "native/line_operations.h"
 #include "native/line_protocol.h"
-#include "native/menu_cache.h"
 #include "native/mirror_operations.h"
 #include "native/operations.h"
 #include "native/run_timings.h"
@@ -44,13 +41,15 @@ int main(int argc, char** argv) {
   static native::MirrorHost mirrorHost([](std::string& problem) { return source.find(problem); });
   platform::RunLoop& mainLoop = source.mainLoop();
 
-  // The table and the queues come first: the driver runs its input through the
-  // same handlers and the same serial queue in both modes.
-  static native::OperationTable operations;
+  // The queues come first: the driver runs its input through the same typed
+  // operations and the same serial queue as the line protocol, in both modes.
   static native::Queues queues;
   static native::AgentCursor cursor(mirrorHost.overlay(), mainLoop, native::cursorEnabledFromEnvironment());
-  static native::InProcessDriver driver(operations, queues, mirrorHost, &cursor);
+  const native::PlatformOf platformOf = []() -> platform::Platform& { return mirrorHost.platform(); };
+  static native::Capturer capturer(platformOf);
+  static native::InProcessDriver driver(queues, mirrorHost, capturer, &cursor);
   static core::CypherRunner runner(driver, core::GraphMemory::shared(), native::waitingClock());
+  static native::OperationTable operations;
   native::addProcessOperations(operations);
   native::addMirrorOperations(operations, mirrorHost);
   native::addMenuOperations(operations, mirrorHost);
@@ -59,8 +58,6 @@ int main(int argc, char** argv) {
   native::addApplicationOperations(operations, mirrorHost);
   native::addGatewayOperations(operations, native::Output::shared());
   native::addCypherOperation(operations, runner);
-  const native::PlatformOf platformOf = []() -> platform::Platform& { return mirrorHost.platform(); };
-  static native::Capturer capturer(platformOf);
   native::addCaptureOperations(operations, platformOf, capturer);
 
   if (argc > 1 && std::strcmp(argv[1], "daemon") == 0)

@@ -1,125 +1,16 @@
 #include "native/mirror_operations.h"
 
+#include <cstdint>
+
 #include "core/errors.h"
-#include "native/rpc_error.h"
 
 namespace glimmerstrand::native {
 
 namespace {
 
-using core::JSONValue;
-
-constexpr std::size_t maxEncodedLists = 16;
-
 double millisecondsSince(platform::Clock& clock, std::int64_t start) {
   return static_cast<double>(clock.nowNs() - start) / 1e6;
 }
-
-JSONValue axTree(MirrorHost& host, const JSONValue& params) {
-  auto& platform = host.platform();
-  auto& ax = platform.accessibility();
-  const std::int64_t start = platform.clock().nowNs();
-  requireTrust(platform.accessibility());
-  auto app = host.apps().selectApp(params);
-  // A one-shot walk straight to the application, apart from its mirror.
-  Element element = ax.applicationElement(app.pid);
-  ax.setMessagingTimeout(element, core::optionalNumber(params, "timeoutSeconds").value_or(0.3));
-  auto walk = walkTree(ax, element, core::optionalString(params, "scope").value_or("window"),
-                       core::optionalInt(params, "maxDepth").value_or(AppMirror::maxDepth),
-                       core::optionalInt(params, "maxNodes").value_or(4000));
-  JSONValue::Array nodes;
-  nodes.reserve(walk.nodes.size());
-  for (const auto& node : walk.nodes) nodes.push_back(core::toJSON(node));
-  return JSONValue::Object{{"app", core::toJSON(appRecord(app))},
-                           {"nodes", std::move(nodes)},
-                           {"truncated", walk.truncated},
-                           {"elapsedMs", millisecondsSince(platform.clock(), start)}};
-}
-
-RawJSON axSnapshot(MirrorHost& host, const JSONValue& params) {
-  auto& platform = host.platform();
-  const std::int64_t start = platform.clock().nowNs();
-  requireTrust(platform.accessibility());
-  auto app = host.apps().selectApp(params);
-  SnapshotRequest request;
-  request.fresh = core::optionalBool(params, "fresh").value_or(false);
-  request.ifGeneration = core::optionalInt(params, "ifGeneration");
-  request.timeoutMs = core::optionalInt(params, "timeoutMs").value_or(2000);
-  request.all = core::optionalBool(params, "all").value_or(false);
-  request.maxAgeMs = core::optionalInt(params, "maxAgeMs");
-  auto snapshot = host.mirrors().mirror(app.pid)->snapshot(request);
-
-  JSONValue::Object head{{"pid", std::int64_t{snapshot.pid}},
-                         {"generation", snapshot.generation},
-                         {"ageMs", snapshot.ageMs},
-                         {"walkMs", snapshot.walkMs},
-                         {"dirty", snapshot.dirty},
-                         {"truncated", snapshot.truncated},
-                         {"notifications", snapshot.notifications},
-                         {"fullWalks", snapshot.fullWalks},
-                         {"partialWalks", snapshot.partialWalks},
-                         {"partialNodes", snapshot.partialNodes},
-                         {"lastWalk", snapshot.lastWalk},
-                         {"unregisteredNotifications", snapshot.unregisteredNotifications}};
-  std::string text = core::jsonText(head);
-  text.pop_back();  // the closing brace: more keys follow
-  if (snapshot.nodes) {
-    text += ",\"nodes\":";
-    text += host.nodesText(snapshot.nodes);
-  }
-  text += ",\"app\":";
-  core::appendJSONText(text, core::toJSON(appRecord(app)));
-  text += ",\"elapsedMs\":";
-  core::appendJSONText(text, millisecondsSince(platform.clock(), start));
-  text += '}';
-  return RawJSON{std::move(text)};
-}
-
-JSONValue axRefresh(MirrorHost& host, const JSONValue& params) {
-  requireTrust(host.platform().accessibility());
-  auto app = host.apps().selectApp(params);
-  host.mirrors().mirror(app.pid)->requestUrgentWalk();
-  return JSONValue::Object{{"pid", std::int64_t{app.pid}}};
-}
-
-JSONValue axCounter(MirrorHost& host, const JSONValue& params) {
-  requireTrust(host.platform().accessibility());
-  auto app = host.apps().selectApp(params);
-  auto count = host.mirrors().mirror(app.pid)->notificationCount();
-  return JSONValue::Object{{"pid", std::int64_t{app.pid}}, {"notifications", count}};
-}
-
-JSONValue waitSettle(MirrorHost& host, const JSONValue& params) {
-  requireTrust(host.platform().accessibility());
-  auto pid = params.find("pid");
-  std::shared_ptr<AppMirror> mirror;
-  if (pid && pid->asNumber()) {
-    double value = *pid->asNumber();
-    if (value >= INT32_MIN && value <= INT32_MAX) mirror = host.mirrors().existing(static_cast<std::int32_t>(value));
-  }
-  if (!mirror) throw RPCError("invalid_argument", "写しのある pid が必要です");
-  auto result = mirror->waitSettle(
-      core::optionalInt(params, "since"), core::optionalInt(params, "quietMs").value_or(40),
-      core::optionalInt(params, "firstMs").value_or(250), core::optionalInt(params, "timeoutMs").value_or(1500));
-  return core::toJSON(result);
-}
-
-JSONValue elementAt(MirrorHost& host, const JSONValue& params) {
-  auto& platform = host.platform();
-  requireTrust(platform.accessibility());
-  double x = requiredNumber("x", params);
-  double y = requiredNumber("y", params);
-  auto& ax = platform.accessibility();
-  auto hit = ax.elementAt(x, y);
-  if (!hit.ok() || hit.value.isNull()) throw RPCError("not_found", "その位置に要素がありません");
-  auto pid = ax.pidOf(hit.value);
-  if (!pid.ok()) throw RPCError("not_found", "その位置に要素がありません");
-  auto role = cleanText(ax.copy(hit.value, "AXRole"), 120).value_or("");
-  host.mirrors().mirror(pid.value);
-  return JSONValue::Object{{"pid", std::int64_t{pid.value}}, {"role", role}};
-}
-
-JSONValue frontmost(MirrorHost& host) { return core::toJSON(appRecord(host.apps().frontmost())); }
 
 }  // namespace
 
@@ -156,7 +47,7 @@ platform::Platform& MirrorHost::platform() {
       return *platform_.load(std::memory_order_acquire);
     }
   }
-  throw RPCError(core::codes::noDesktop, problem);
+  throw core::GlimmerstrandError(core::codes::noDesktop, problem);
 }
 
 Mirrors& MirrorHost::mirrors() {
@@ -211,34 +102,91 @@ void MirrorHost::LatePainter::pulse(PanelId panel, double scale, std::int64_t du
   if (auto* painter = this->painter()) painter->pulse(panel, scale, durationMs);
 }
 
-std::string MirrorHost::nodesText(const NodeList& nodes) {
-  {
-    std::lock_guard guard(cacheLock_);
-    for (const auto& entry : encoded_)
-      if (entry.list.lock() == nodes) return *entry.text;
-  }
-  std::string text = "[";
-  for (std::size_t n = 0; n < nodes->size(); ++n) {
-    if (n) text += ',';
-    core::appendJSONText(text, core::toJSON((*nodes)[n]));
-  }
-  text += ']';
-  auto shared = std::make_shared<const std::string>(std::move(text));
-  std::lock_guard guard(cacheLock_);
-  std::erase_if(encoded_, [](const Encoded& entry) { return entry.list.expired(); });
-  if (encoded_.size() >= maxEncodedLists) encoded_.erase(encoded_.begin());
-  encoded_.push_back(Encoded{nodes, shared});
-  return *shared;
+TreeReport axTree(MirrorHost& host, const AppQuery& query, const TreeOptions& options) {
+  auto& platform = host.platform();
+  auto& ax = platform.accessibility();
+  const std::int64_t start = platform.clock().nowNs();
+  requireTrust(ax);
+  auto app = host.apps().selectApp(query);
+  Element element = ax.applicationElement(app.pid);
+  ax.setMessagingTimeout(element, options.timeoutSeconds);
+  auto walk = walkTree(ax, element, options.scope, options.maxDepth, options.maxNodes);
+  return TreeReport{appRecord(app), std::move(walk.nodes), walk.truncated, millisecondsSince(platform.clock(), start)};
 }
 
-void addMirrorOperations(OperationTable& table, MirrorHost& host) {
-  table.add("axTree", [&host](const JSONValue& params) -> HandlerResult { return axTree(host, params); });
-  table.add("axSnapshot", [&host](const JSONValue& params) -> HandlerResult { return axSnapshot(host, params); });
-  table.add("axRefresh", [&host](const JSONValue& params) -> HandlerResult { return axRefresh(host, params); });
-  table.add("axCounter", [&host](const JSONValue& params) -> HandlerResult { return axCounter(host, params); });
-  table.add("waitSettle", [&host](const JSONValue& params) -> HandlerResult { return waitSettle(host, params); });
-  table.add("elementAt", [&host](const JSONValue& params) -> HandlerResult { return elementAt(host, params); });
-  table.add("frontmost", [&host](const JSONValue&) -> HandlerResult { return frontmost(host); });
+MirrorSnapshot axSnapshot(MirrorHost& host, const AppQuery& query, const SnapshotRequest& request) {
+  auto& platform = host.platform();
+  const std::int64_t start = platform.clock().nowNs();
+  requireTrust(platform.accessibility());
+  auto app = host.apps().selectApp(query);
+  auto snapshot = host.mirrors().mirror(app.pid)->snapshot(request);
+  snapshot.app = appRecord(app);
+  snapshot.elapsedMs = millisecondsSince(platform.clock(), start);
+  return snapshot;
+}
+
+std::int32_t axRefresh(MirrorHost& host, const AppQuery& query) {
+  requireTrust(host.platform().accessibility());
+  auto app = host.apps().selectApp(query);
+  host.mirrors().mirror(app.pid)->requestUrgentWalk();
+  return app.pid;
+}
+
+NotificationCount axCounter(MirrorHost& host, const AppQuery& query) {
+  requireTrust(host.platform().accessibility());
+  auto app = host.apps().selectApp(query);
+  return NotificationCount{app.pid, host.mirrors().mirror(app.pid)->notificationCount()};
+}
+
+core::SettleResult waitSettle(MirrorHost& host, const core::SettleOptions& options) {
+  requireTrust(host.platform().accessibility());
+  std::shared_ptr<AppMirror> mirror;
+  if (options.pid >= INT32_MIN && options.pid <= INT32_MAX)
+    mirror = host.mirrors().existing(static_cast<std::int32_t>(options.pid));
+  if (!mirror) throw core::GlimmerstrandError(core::codes::invalidArgument, "写しのある pid が必要です");
+  return mirror->waitSettle(options.since, options.quietMs.value_or(40), options.firstMs.value_or(250),
+                            options.timeoutMs.value_or(1500));
+}
+
+ElementHit elementAt(MirrorHost& host, double x, double y) {
+  auto& platform = host.platform();
+  auto& ax = platform.accessibility();
+  requireTrust(ax);
+  auto hit = ax.elementAt(x, y);
+  if (!hit.ok() || hit.value.isNull())
+    throw core::GlimmerstrandError(core::codes::notFound, "その位置に要素がありません");
+  auto pid = ax.pidOf(hit.value);
+  if (!pid.ok()) throw core::GlimmerstrandError(core::codes::notFound, "その位置に要素がありません");
+  auto role = cleanText(ax.copy(hit.value, "AXRole"), 120).value_or("");
+  host.mirrors().mirror(pid.value);
+  return ElementHit{pid.value, role};
+}
+
+core::AppInfo frontmost(MirrorHost& host) { return appRecord(host.apps().frontmost()); }
+
+MenusReport axMenus(MirrorHost& host, const AppQuery& query, std::int64_t maxAgeMs) {
+  auto& platform = host.platform();
+  auto& clock = platform.clock();
+  const std::int64_t start = clock.nowNs();
+  requireTrust(platform.accessibility());
+  auto app = host.apps().selectApp(query);
+  auto entry = host.menus().entry(app.pid, maxAgeMs);
+  const std::int64_t now = clock.nowNs();
+  MenusReport report;
+  report.app = appRecord(app);
+  report.pid = app.pid;
+  report.nodes = entry->nodes;
+  report.truncated = entry->truncated;
+  report.walkMs = entry->walkMs;
+  report.ageMs = static_cast<double>(now - entry->at) / 1e6;
+  report.elapsedMs = static_cast<double>(now - start) / 1e6;
+  return report;
+}
+
+ResolvedElement resolveElement(MirrorHost& host, const core::ElementRef& ref) {
+  return resolveElement(host.mirrors(), ref, [&host](AppMirror& mirror, std::int64_t uid) {
+    return host.menus().elementForMenuUid(mirror.pid(), uid);
+  });
 }
 
 }  // namespace glimmerstrand::native

@@ -1,5 +1,7 @@
-// The mirror family of line operations: axTree, axSnapshot, axRefresh,
-// axCounter, waitSettle, elementAt and frontmost, over one MirrorHost.
+// The mirror family of operations over one MirrorHost: axTree, axSnapshot,
+// axRefresh, axCounter, waitSettle, elementAt, frontmost and axMenus, each a
+// typed function that the driver calls and the line protocol adapts; and the
+// turning of an element reference into a live element.
 #pragma once
 
 #include <atomic>
@@ -9,24 +11,22 @@
 #include <string>
 #include <vector>
 
+#include "mirror/menu_cache.h"
+#include "mirror/mirrors.h"
 #include "native/app_lookup.h"
-#include "native/menu_cache.h"
-#include "native/mirrors.h"
-#include "native/operations.h"
 #include "platform/platform.h"
 
 namespace glimmerstrand::native {
 
 /// What the mirror operations hold: the platform (or why there is none), the
-/// process's Mirrors, the application lookup, and the JSON of recent node
-/// lists, encoded once per list. Made once at start; lives for the process.
+/// process's Mirrors, the application lookup and the menu cache. Made once at
+/// start; lives for the process.
 ///
 /// The platform may come later than the host: then the first operation that
 /// finds it makes the mirrors, the lookup and the menu cache, and starts the
 /// watch of activation if it was asked for. `adoptLock_` guards that making
 /// and `observing_`; the platform pointer, published last, tells readers the
-/// rest is there. `cacheLock_` guards the encoded lists and is held only
-/// around the cache. Neither is held across a call into the platform.
+/// rest is there. It is not held across a call into the platform.
 class MirrorHost {
  public:
   /// Gives the platform, or null with why not in `problem`. Asked whenever an
@@ -34,14 +34,14 @@ class MirrorHost {
   /// often it really looks.
   using FindPlatform = std::function<platform::Platform*(std::string& problem)>;
 
-  /// Without a platform, every operation fails with RPCError "no_desktop"
+  /// Without a platform, every operation fails "no_desktop"
   /// and `problem` as its message.
   MirrorHost(platform::Platform* platform, std::string problem);
   explicit MirrorHost(FindPlatform find);
   MirrorHost(const MirrorHost&) = delete;
   MirrorHost& operator=(const MirrorHost&) = delete;
 
-  /// RPCError "no_desktop" without a platform.
+  /// Fails "no_desktop" without a platform.
   platform::Platform& platform();
   Mirrors& mirrors();
   AppLookup& apps();
@@ -52,10 +52,6 @@ class MirrorHost {
   /// The platform's painter once there is a platform; until then one that
   /// draws nothing. Main loop only, as every painter.
   platform::OverlayPainter& overlay() { return overlay_; }
-
-  /// `[...]`: the nodes as JSON, from the cache when this list was encoded
-  /// before.
-  std::string nodesText(const NodeList& nodes);
 
  private:
   // Draws with the platform's painter when there is one.
@@ -84,15 +80,56 @@ class MirrorHost {
   std::unique_ptr<AppLookup> apps_;
   std::unique_ptr<MenuCache> menus_;
   LatePainter overlay_{*this};
-
-  struct Encoded {
-    std::weak_ptr<const std::vector<core::AxNode>> list;
-    std::shared_ptr<const std::string> text;
-  };
-  std::mutex cacheLock_;  // guards encoded_
-  std::vector<Encoded> encoded_;
 };
 
-void addMirrorOperations(OperationTable& table, MirrorHost& host);
+/// A one-shot walk straight to the application, apart from its mirror.
+struct TreeOptions {
+  std::string scope = "window";
+  std::int64_t maxDepth = AppMirror::maxDepth;
+  std::int64_t maxNodes = 4000;
+  double timeoutSeconds = 0.3;
+};
+struct TreeReport {
+  core::AppInfo app;
+  std::vector<core::AxNode> nodes;
+  bool truncated = false;
+  double elapsedMs = 0;
+};
+TreeReport axTree(MirrorHost& host, const AppQuery& app, const TreeOptions& options);
+
+/// The application's copy, with `app` and `elapsedMs` filled in.
+MirrorSnapshot axSnapshot(MirrorHost& host, const AppQuery& app, const SnapshotRequest& request);
+/// Asks for an urgent walk and returns at once; the application's pid.
+std::int32_t axRefresh(MirrorHost& host, const AppQuery& app);
+
+struct NotificationCount {
+  std::int32_t pid = 0;
+  std::int64_t notifications = 0;
+};
+NotificationCount axCounter(MirrorHost& host, const AppQuery& app);
+
+/// Fails "invalid_argument" when the pid has no mirror.
+core::SettleResult waitSettle(MirrorHost& host, const core::SettleOptions& options);
+
+struct ElementHit {
+  std::int32_t pid = 0;
+  std::string role;
+};
+/// The element on screen at a point; its application gets a mirror.
+ElementHit elementAt(MirrorHost& host, double x, double y);
+core::AppInfo frontmost(MirrorHost& host);
+
+/// The menu bar's copy, and how old it is.
+struct MenusReport : core::AxMenus {
+  bool truncated = false;
+  double walkMs = 0;
+  double ageMs = 0;
+  double elapsedMs = 0;
+};
+/// The stored copy when at most `maxAgeMs` old, else a new walk.
+MenusReport axMenus(MirrorHost& host, const AppQuery& app, std::int64_t maxAgeMs = 3000);
+
+/// The live element of a reference; menu items through the menu cache.
+ResolvedElement resolveElement(MirrorHost& host, const core::ElementRef& ref);
 
 }  // namespace glimmerstrand::native

@@ -5,11 +5,11 @@
 #include <cmath>
 
 #include "core/errors.h"
-#include "platform/browser_accessibility.h"
-#include "native/app_mirror.h"
-#include "native/rpc_error.h"
+#include "mirror/app_mirror.h"
+#include "native/line_operations.h"
 #include "native/run_timings.h"
 #include "native/session_context.h"
+#include "platform/browser_accessibility.h"
 
 namespace glimmerstrand::native {
 
@@ -90,8 +90,6 @@ core::CypherResult NativeBackend::runStatements(const std::string& cypher, const
   try {
     SessionScope scope(session);
     result = runner_.run(cypher, app, readOnly);
-  } catch (const RPCError& e) {
-    throw core::GlimmerstrandError(e.code(), screenLocked() ? withLockMessage(e.message()) : e.message());
   } catch (const core::GlimmerstrandError& e) {
     if (!screenLocked()) throw;
     throw core::GlimmerstrandError(e.code(), withLockMessage(e.message()));
@@ -151,7 +149,7 @@ JSONValue NativeBackend::doctor() {
   for (const auto& d : platform.screen().displays()) displays.push_back(displayRecord(d));
   JSONValue front = nullptr;
   try {
-    front = core::toJSON(appRecord(host_.apps().frontmost()));
+    front = core::toJSON(frontmost(host_));
   } catch (const std::exception&) {
     // No application in front is an answer, not a failure of the doctor.
   }

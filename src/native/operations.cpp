@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "native/rpc_error.h"
+#include "core/errors.h"
 
 namespace glimmerstrand::native {
 
@@ -28,13 +28,15 @@ void addProcessOperations(OperationTable& table) {
 
 std::string requiredString(std::string_view key, const core::JSONValue& params) {
   auto value = params.find(key);
-  if (!value || !value->asString()) throw RPCError("invalid_argument", std::string(key) + " が必要です");
+  if (!value || !value->asString())
+    throw core::GlimmerstrandError("invalid_argument", std::string(key) + " が必要です");
   return *value->asString();
 }
 
 double requiredNumber(std::string_view key, const core::JSONValue& params) {
   auto value = params.find(key);
-  if (!value || !value->asNumber()) throw RPCError("invalid_argument", std::string(key) + " が必要です");
+  if (!value || !value->asNumber())
+    throw core::GlimmerstrandError("invalid_argument", std::string(key) + " が必要です");
   return *value->asNumber();
 }
 

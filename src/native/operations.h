@@ -23,7 +23,7 @@ struct RawJSON {
 
 using HandlerResult = std::variant<core::JSONValue, RawJSON>;
 /// Takes the request's params (always an object) and gives its result, or
-/// throws RPCError, GlimmerstrandError or any other exception.
+/// throws GlimmerstrandError or any other exception.
 using Handler = std::function<HandlerResult(const core::JSONValue& params)>;
 
 /// The 12 operations that run on the serial input queue, in arrival order.
@@ -44,7 +44,7 @@ class OperationTable {
 /// ping.
 void addProcessOperations(OperationTable& table);
 
-/// The string under `key`; RPCError "invalid_argument" "<key> が必要です" when it
+/// The string under `key`; fails "invalid_argument" "<key> が必要です" when it
 /// is missing or not a string.
 std::string requiredString(std::string_view key, const core::JSONValue& params);
 /// The number under `key` as a double; the same failure.

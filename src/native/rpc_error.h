@@ -1,25 +1,11 @@
-// The failure of a line operation: a code for the client and a message for a
-// person.
+// The native layer fails with the system's one error type, as every layer
+// does; this older name of it stays for code that still says it.
 #pragma once
 
-#include <exception>
-#include <string>
+#include "core/errors.h"
 
 namespace glimmerstrand::native {
 
-class RPCError : public std::exception {
- public:
-  RPCError(std::string code, std::string message)
-      : code_(std::move(code)), message_(std::move(message)), printed_("RPCError(" + code_ + "): " + message_) {}
-
-  const std::string& code() const { return code_; }
-  const std::string& message() const { return message_; }
-  const char* what() const noexcept override { return printed_.c_str(); }
-
- private:
-  std::string code_;
-  std::string message_;
-  std::string printed_;
-};
+using RPCError = core::GlimmerstrandError;
 
 }  // namespace glimmerstrand::native

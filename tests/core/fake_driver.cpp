@@ -9,6 +9,42 @@ std::string num(double v) { return cypher::numberText(v); }
 std::string point(double x, double y) { return num(x) + "," + num(y); }
 std::string optionalNum(const std::optional<double>& v) { return v ? num(*v) : "-"; }
 
+// A call's arguments as the tests read them back: keys are the field names;
+// an absent optional leaves no key.
+JSONValue toJSON(const AppSelector& v) {
+  JSONValue::Object o;
+  putIf(o, "pid", v.pid);
+  putIf(o, "bundleId", v.bundleId);
+  putIf(o, "name", v.name);
+  return o;
+}
+
+JSONValue toJSON(const SnapshotOptions& v) {
+  JSONValue out = toJSON(v.app);
+  auto& o = *out.asObject();
+  put(o, "fresh", v.fresh);
+  put(o, "all", v.all);
+  putIf(o, "timeoutMs", v.timeoutMs);
+  putIf(o, "maxAgeMs", v.maxAgeMs);
+  return out;
+}
+
+JSONValue toJSON(const ElementRef& v) {
+  JSONValue::Object o{{"pid", v.pid}, {"generation", v.generation}, {"i", v.i}};
+  putIf(o, "uid", v.uid);
+  putIf(o, "menu", v.menu);
+  return o;
+}
+
+JSONValue toJSON(const SettleOptions& v) {
+  JSONValue::Object o{{"pid", v.pid}};
+  putIf(o, "since", v.since);
+  putIf(o, "quietMs", v.quietMs);
+  putIf(o, "firstMs", v.firstMs);
+  putIf(o, "timeoutMs", v.timeoutMs);
+  return o;
+}
+
 }  // namespace
 
 AxNode node(std::int64_t i, std::int64_t parent, std::string role, std::optional<std::string> title,

@@ -19,42 +19,21 @@ AxNode fullNode() {
                 "det",  12};
 }
 
-TEST(AxNodeJson, RoundTripsAndAbsentOptionalsLeaveNoKey) {
-  EXPECT_EQ(axNodeFromJSON(parseJSON(jsonText(toJSON(fullNode())))), fullNode());
+TEST(AxNodeJson, KeysInOrderAndAbsentOptionalsLeaveNoKey) {
+  EXPECT_EQ(jsonText(toJSON(fullNode())),
+            R"({"i":4,"uid":77,"parent":1,"depth":2,"role":"AXButton","subrole":"AXCloseButton","title":"Play",)"
+            R"("description":"d","value":"v","identifier":"id","placeholder":"p",)"
+            R"("frame":{"x":1,"y":2.5,"width":3,"height":4},"enabled":false,"focused":true,"help":"h",)"
+            R"("selected":true,"expanded":false,"shortcut":"⌘C","checked":true,"menu":true,)"
+            R"("url":"https://example.com/","details":"det","offscreen":12})");
   AxNode bare;
   bare.i = 3;
   EXPECT_EQ(jsonText(toJSON(bare)), R"({"i":3,"parent":-1,"depth":0})");
-  EXPECT_EQ(axNodeFromJSON(toJSON(bare)), bare);
 }
 
-TEST(AxNodeJson, ReadBackDefaultsAndLenientTypes) {
-  AxNode n = axNodeFromJSON(parseJSON(R"({"uid":5.0,"role":7,"enabled":0,"frame":{"x":1}})"));
-  AxNode expected;
-  expected.uid = 5;
-  expected.enabled = false;  // a number reads as a bool; a number is no role, an incomplete frame no frame
-  EXPECT_EQ(n, expected);
-}
-
-TEST(SnapshotJson, RoundTripsWithAppAndNodes) {
-  AxSnapshot s{AppInfo{501, "com.example.calculator", "Calculator"},
-               501,
-               7,
-               1.5,
-               20.25,
-               true,
-               false,
-               33,
-               {fullNode(), AxNode{}},
-               0.5};
-  EXPECT_EQ(axSnapshotFromJSON(parseJSON(jsonText(toJSON(s)))), s);
-  AxMenus m{AppInfo{1, "b", "n"}, 1, {fullNode()}};
-  EXPECT_EQ(axMenusFromJSON(toJSON(m)), m);
-}
-
-TEST(SelectorAndRefJson, KeyOrderAndAbsentKeys) {
-  EXPECT_EQ(jsonText(toJSON(AppSelector{std::nullopt, "b", "n"})), R"({"bundleId":"b","name":"n"})");
-  EXPECT_EQ(jsonText(toJSON(ElementRef{9, 2, 3, 44, true})), R"({"pid":9,"generation":2,"i":3,"uid":44,"menu":true})");
-  EXPECT_EQ(elementRefFromJSON(parseJSON(R"({"pid":9,"i":1,"menu":false})")).menu, std::nullopt);
+TEST(SelectorJson, WrongTypesCountAsAbsent) {
+  EXPECT_EQ(appSelectorFromJSON(parseJSON(R"({"pid":9,"bundleId":7,"name":"n"})")),
+            (AppSelector{9, std::nullopt, "n"}));
 }
 
 TEST(RecordHash, EqualRecordsHashAlikeAndFieldsMatter) {

@@ -6,14 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "core/errors.h"
 #include "core/json_value.h"
-#include "mirror_sim.h"
+#include "mirror/mirror_sim.h"
 #include "native/applications.h"
+#include "native/capture_operations.h"
 #include "native/element_actions.h"
 #include "native/input.h"
-#include "native/menu_cache.h"
+#include "native/line_operations.h"
 #include "native/mirror_operations.h"
-#include "native/rpc_error.h"
 
 namespace glimmerstrand::native::testing {
 
@@ -39,10 +40,10 @@ struct ActionSim {
     if (auto raw = std::get_if<RawJSON>(&result)) return core::parseJSON(raw->text);
     return std::get<JSONValue>(result);
   }
-  RPCError failure(const std::string& name, JSONValue::Object params = {}) {
+  core::GlimmerstrandError failure(const std::string& name, JSONValue::Object params = {}) {
     try {
       call(name, std::move(params));
-    } catch (const RPCError& e) {
+    } catch (const core::GlimmerstrandError& e) {
       return e;
     }
     throw std::logic_error(name + " did not fail");
@@ -77,6 +78,7 @@ struct ActionSim {
   platform::sim::DrivenClock clock;
   platform::sim::SimPlatform platform;
   MirrorHost host{&platform, ""};
+  Capturer capturer{[this]() -> platform::Platform& { return host.platform(); }};
   OperationTable table;
 };
 

@@ -2,7 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "native/rpc_error.h"
+#include "core/errors.h"
+#include "native/line_operations.h"
 #include "platform/sim/driven_clock.h"
 #include "platform/sim/sim_desktop.h"
 
@@ -32,12 +33,14 @@ platform::sim::DesktopSpec threeApps() {
 struct Lookup {
   explicit Lookup(const platform::sim::DesktopSpec& spec = threeApps()) : desktop(spec, clock, clock.mainLoop()) {}
   ~Lookup() { clock.runUntilIdle(); }
-  std::int32_t find(JSONValue::Object params) { return lookup.findApp(JSONValue(std::move(params))).pid; }
+  std::int32_t find(JSONValue::Object params) {
+    return lookup.findApp(appQueryOf(JSONValue(std::move(params))).keys).pid;
+  }
   /// "code: message" of a selection that must fail.
   std::string failed(JSONValue::Object params) {
     try {
-      lookup.selectApp(JSONValue(std::move(params)));
-    } catch (const RPCError& e) {
+      lookup.selectApp(appQueryOf(JSONValue(std::move(params))));
+    } catch (const core::GlimmerstrandError& e) {
       return e.code() + ": " + e.message();
     }
     return "selected";
@@ -72,7 +75,11 @@ TEST(AppLookup, NamesMatchWholeAndNothingFallsBackToTheFront) {
   Lookup l;
   EXPECT_EQ(l.failed({{"name", "Note"}}), "not_found: アプリが見つかりません");
   EXPECT_EQ(l.failed({{"pid", 99}}), "not_found: アプリが見つかりません");
-  EXPECT_EQ(l.lookup.selectApp(JSONValue::Object{}).pid, 11);
+  // A key given with a value that names nothing is still a key.
+  EXPECT_EQ(l.failed({{"pid", "eleven"}}), "not_found: アプリが見つかりません");
+  EXPECT_EQ(l.failed({{"pid", 11.5}}), "not_found: アプリが見つかりません");
+  EXPECT_EQ(l.lookup.selectApp(AppQuery{}).pid, 11);
+  EXPECT_EQ(l.lookup.selectApp(core::AppSelector{}).pid, 11);
 }
 
 TEST(AppLookup, ARememberedNameIsCheckedBeforeItIsBelieved) {

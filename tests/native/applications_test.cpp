@@ -222,7 +222,7 @@ TEST(Clipboard, HoldsTextOrAnImage) {
   // A statement's copy of a screenshot goes through the same routine, and
   // bytes that are no image leave the clipboard as it was.
   Queues queues;
-  InProcessDriver driver(sim.table, queues, sim.host, nullptr);
+  InProcessDriver driver(queues, sim.host, sim.capturer, nullptr);
   sim.call("setClipboard", {{"text", "kept"}});
   try {
     driver.copyImage({1, 2, 3});

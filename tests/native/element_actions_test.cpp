@@ -63,6 +63,28 @@ platform::sim::DesktopSpec desktop() {
   return spec;
 }
 
+// A reference's parameters are read leniently, and in the order the checks
+// come: permission, the pid's copy, then what is missing.
+TEST(ReferenceParameters, FailInTheOrderTheirChecksCome) {
+  ActionSim sim(desktop());
+  const auto field = sim.ref(pid, "field");
+  EXPECT_EQ(sim.failed("readText", {}), "invalid_argument: pid が必要です");
+  EXPECT_EQ(sim.failed("readText", {{"pid", "501"}, {"uid", 1}}), "invalid_argument: pid が必要です");
+  EXPECT_EQ(sim.failed("readText", {{"pid", 999}, {"uid", 1}}), "stale: pid 999 の写しがありません");
+  EXPECT_EQ(sim.failed("readText", {{"pid", 4294967296.0}, {"uid", 1}}), "stale: pid 4294967296 の写しがありません");
+  EXPECT_EQ(sim.failed("readText", {{"pid", 999}}), "stale: pid 999 の写しがありません");
+  EXPECT_EQ(sim.failed("readText", {{"pid", pid}}), "invalid_argument: generation が必要です");
+  EXPECT_EQ(sim.failed("readText", {{"pid", pid}, {"menu", true}}),
+            "invalid_argument: メニューの項目には uid が必要です");
+  EXPECT_EQ(sim.failed("setValue", {{"pid", 999}, {"uid", 1}}), "stale: pid 999 の写しがありません");
+  EXPECT_EQ(sim.failed("setValue", field), "invalid_argument: text が必要です");
+  EXPECT_EQ(core::optionalString(sim.call("readText", {{"pid", pid}, {"generation", 1}, {"i", 0}}), "text")
+                ->rfind("Form\nOK", 0),
+            0u);
+  sim.desktop().setTrusted(false);
+  EXPECT_EQ(sim.failed("readText", {}).rfind("permission: ", 0), 0u);
+}
+
 TEST(Press, ThatHangsAnswersAtTheFirstNotificationAndHoldsUpNoCaller) {
   ActionSim sim(desktop());
   auto slow = sim.ref(pid, "slow", {{"timeoutMs", 1000}});

@@ -21,7 +21,7 @@ TEST(InProcessDriver, TheFrontApplicationsCopyIsReadAgainWhenTheFrontChanges) {
   auto second = appWith(601, "Second", {keyed("AXWindow", "two").title("Two").withFrame(0, 0, 300, 200)});
   ActionSim sim(platform::sim::DesktopSpec{{}, {first, second}});
   Queues queues;
-  InProcessDriver driver(sim.table, queues, sim.host, nullptr);
+  InProcessDriver driver(queues, sim.host, sim.capturer, nullptr);
   sim.host.mirrors().mirror(600);
   sim.host.mirrors().mirror(601);
   sim.clock.runUntilIdle();
@@ -55,7 +55,7 @@ TEST(InProcessDriver, ActionsOnAnApplicationThatDoesNotAnswerAreRefusedAtOnce) {
                       });
   ActionSim sim(platform::sim::DesktopSpec{{}, {spec}});
   Queues queues;
-  InProcessDriver driver(sim.table, queues, sim.host, nullptr);
+  InProcessDriver driver(queues, sim.host, sim.capturer, nullptr);
   core::SnapshotOptions fresh;
   fresh.app.pid = 600;
   fresh.fresh = true;

@@ -244,7 +244,7 @@ TEST(InputOperations, AnEventThatCannotBeMadeEndsTheOperationWhereItStands) {
     try {
       (*table.find(operation))(JSONValue(params));
       ADD_FAILURE() << "no failure";
-    } catch (const RPCError& e) {
+    } catch (const core::GlimmerstrandError& e) {
       EXPECT_EQ(e.code(), "native");
       EXPECT_EQ(e.message(), "入力イベントを作れませんでした");
     }

@@ -1,6 +1,6 @@
 // The menu cache: walks, ages, identities that survive, eviction, and menu
 // items pressed by their m-ids.
-#include "native/menu_cache.h"
+#include "mirror/menu_cache.h"
 
 #include <gtest/gtest.h>
 

@@ -78,7 +78,7 @@ TEST(MirrorOperations, WithoutAPlatformEveryOperationSaysWhy) {
     try {
       (*table.find(name))(JSONValue::Object{{"pid", 1}, {"x", 1}, {"y", 1}});
       ADD_FAILURE() << name;
-    } catch (const RPCError& e) {
+    } catch (const core::GlimmerstrandError& e) {
       EXPECT_EQ(e.code(), "no_desktop") << name;
       EXPECT_EQ(e.message(), "no platform here");
     }
@@ -102,7 +102,7 @@ TEST(MirrorOperations, ADesktopThatComesLaterServesTheNextOperation) {
   try {
     frontmost();
     ADD_FAILURE() << "no failure without a desktop";
-  } catch (const RPCError& e) {
+  } catch (const core::GlimmerstrandError& e) {
     EXPECT_EQ(e.code() + ": " + e.message(), "no_desktop: no desktop yet");
   }
 

@@ -2,8 +2,8 @@
 // Mac's on the simulated desktop, word for word; on Linux, none names a Mac.
 #include <gtest/gtest.h>
 
+#include "mirror/mirrors.h"
 #include "native/capture_operations.h"
-#include "native/mirrors.h"
 #include "native/native_backend.h"
 #include "support/desktop_texts.h"
 

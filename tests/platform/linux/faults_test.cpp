@@ -15,7 +15,7 @@
 #include <set>
 #include <thread>
 
-#include "native/mirrors.h"
+#include "mirror/mirrors.h"
 #include "platform/linux/atspi_bus.h"
 #include "platform/linux/atspi_element.h"
 #include "platform/linux/linux_platform.h"

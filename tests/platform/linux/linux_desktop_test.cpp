@@ -11,7 +11,7 @@
 #include <mutex>
 #include <thread>
 
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 #include "platform/linux/linux_platform.h"
 #include "platform/linux/test_desktop.h"
 #include "platform/linux/x11_connection.h"

@@ -21,8 +21,8 @@
 #include <vector>
 
 #include "core/desktop.h"
-#include "core/json_value.h"
-#include "native/app_mirror.h"
+#include "core/records.h"
+#include "mirror/app_mirror.h"
 #include "platform/workspace.h"
 
 namespace glimmerstrand::native {
@@ -38,7 +38,7 @@ inline const core::DesktopText permissionMessage{
         "toolkit-accessibility true で有効にしてから、アプリを起動し直してください",
 };
 
-/// RPCError "permission" with `permissionMessage` unless the process may read
+/// Fails "permission" with `permissionMessage` unless the process may read
 /// and drive other applications.
 void requireTrust(platform::Accessibility& ax);
 
@@ -96,9 +96,10 @@ struct ResolvedElement {
 /// The live element of a menu item's uid, from the menu cache.
 using MenuElementLookup = std::function<Element(AppMirror& mirror, std::int64_t uid)>;
 
-/// The mirror and live element an element reference names: `pid` with `uid`,
-/// or with `generation` and `i`; menu items with `menu` true and `uid`.
-/// RPCError "permission", "invalid_argument" or "stale" when it names none.
-ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, const MenuElementLookup& menus);
+/// The mirror and live element a reference names: by `uid`, or by
+/// `generation` and `i`; a menu item by `uid` through `menus`. Failures
+/// "permission", "invalid_argument" (a menu item without uid, an index out of
+/// range) or "stale" (no copy of the pid, an element or generation gone).
+ResolvedElement resolveElement(Mirrors& mirrors, const core::ElementRef& ref, const MenuElementLookup& menus);
 
 }  // namespace glimmerstrand::native

@@ -6,7 +6,7 @@
 
 #include <set>
 
-#include "mirror_sim.h"
+#include "mirror/mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {
@@ -104,13 +104,13 @@ struct FaultSim {
 };
 
 std::size_t countIdentifier(const MirrorSnapshot& snapshot, const std::string& identifier) {
-  return static_cast<std::size_t>(std::count_if(snapshot.nodes->begin(), snapshot.nodes->end(),
+  return static_cast<std::size_t>(std::count_if(snapshot.nodes.begin(), snapshot.nodes.end(),
                                                 [&](const auto& node) { return node.identifier == identifier; }));
 }
 
 bool uidsUnique(const MirrorSnapshot& snapshot) {
   std::set<std::int64_t> uids;
-  for (const auto& node : *snapshot.nodes)
+  for (const auto& node : snapshot.nodes.vector())
     if (!node.uid || !uids.insert(*node.uid).second) return false;
   return true;
 }
@@ -153,7 +153,7 @@ TEST(MirrorFaults, ASubtreeThatNeverAnswersIsLeftOutAndTheRestIsCommitted) {
   EXPECT_EQ(countIdentifier(copy, "row1"), 0u);
   EXPECT_EQ(countIdentifier(copy, "status"), 1u);
   EXPECT_EQ(countIdentifier(copy, "b149"), 1u);
-  EXPECT_TRUE(consistent(*copy.nodes));
+  EXPECT_TRUE(consistent(copy.nodes.vector()));
 }
 
 TEST(MirrorFaults, AWalkPassesByAFewSilentSubtreesAndNoMore) {
@@ -178,7 +178,7 @@ TEST(MirrorFaults, AnApplicationThatHangsHalfWayKeepsItsLastWholeCopy) {
   sim.clock.runUntilIdle();
   auto after = sim.snapshot(*mirror);
   EXPECT_EQ(after.generation, before.generation);
-  EXPECT_EQ(after.nodes->size(), before.nodes->size());
+  EXPECT_EQ(after.nodes.size(), before.nodes.size());
   EXPECT_TRUE(after.dirty);
   EXPECT_FALSE(mirror->answering());
 }
@@ -197,7 +197,7 @@ TEST(MirrorFaults, AnElementThatMovedWithoutWordIsNeverInTheCopyTwice) {
   EXPECT_GE(after.generation, 2);
   EXPECT_EQ(countIdentifier(after, "go"), 1u);
   EXPECT_TRUE(uidsUnique(after));
-  EXPECT_TRUE(consistent(*after.nodes));
+  EXPECT_TRUE(consistent(after.nodes.vector()));
 }
 
 TEST(MirrorFaults, ContextMenusAlsoInsideTheWindowAreInTheCopyOnce) {

@@ -7,7 +7,7 @@
 
 #include "cypher/unicode_text.h"
 #include "cypher/values.h"
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 #include "native/text_case.h"
 
 namespace glimmerstrand::native {

@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "mirror_sim.h"
+#include "mirror/mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {
@@ -73,13 +73,13 @@ TEST(MirrorSchedule, ACreatedSubtreeIsWalkedAlone) {
   auto after = sim.fresh(*mirror);
   EXPECT_EQ(after.lastWalk, "partial");
   EXPECT_EQ(after.partialNodes, 1 + 11 * 2);  // the list's subtree, nothing else
-  ASSERT_EQ(after.nodes->size(), before.nodes->size() + 2);
+  ASSERT_EQ(after.nodes.size(), before.nodes.size() + 2);
   ASSERT_TRUE(findNode(after, "new"));
   EXPECT_TRUE(findNode(after, "new")->uid);
   auto oldUids = uidsByIdentifier(before);
   auto newUids = uidsByIdentifier(after);
   for (const auto& [identifier, uid] : oldUids) EXPECT_EQ(newUids[identifier], uid) << identifier;
-  EXPECT_TRUE(consistent(*after.nodes));
+  EXPECT_TRUE(consistent(after.nodes.vector()));
 }
 
 TEST(MirrorSchedule, MoreThan128PendingTargetsGiveAFullWalk) {
@@ -132,7 +132,7 @@ TEST(MirrorSchedule, WhatANotificationMarksDecidesTheWalk) {
     auto after = sim.fresh(*mirror);
     EXPECT_EQ(after.lastWalk, std::string(c.expectWalk));
     EXPECT_FALSE(after.dirty);
-    EXPECT_TRUE(consistent(*after.nodes));
+    EXPECT_TRUE(consistent(after.nodes.vector()));
   }
 }
 

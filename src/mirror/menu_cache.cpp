@@ -1,15 +1,12 @@
-#include "native/menu_cache.h"
+#include "mirror/menu_cache.h"
 
 #include <algorithm>
 
-#include "native/mirror_operations.h"
-#include "native/rpc_error.h"
+#include "core/errors.h"
 
 namespace glimmerstrand::native {
 
 namespace {
-
-using core::JSONValue;
 
 double millisecondsBetween(std::int64_t from, std::int64_t to) { return static_cast<double>(to - from) / 1e6; }
 
@@ -49,7 +46,6 @@ std::shared_ptr<const MenuCache::Entry> MenuCache::walkMenus(std::int32_t pid,
   entry->at = end;
   entry->walkMs = millisecondsBetween(start, end);
   entry->truncated = walk.truncated;
-  entry->nodes = std::move(walk.nodes);
   std::lock_guard guard(lock_);
   for (std::size_t n = 0; n < walk.elements.size(); ++n) {
     const Element& element = walk.elements[n];
@@ -62,8 +58,9 @@ std::shared_ptr<const MenuCache::Entry> MenuCache::walkMenus(std::int32_t pid,
       uid = nextUid_++;
     entry->uids[element] = uid;
     entry->elements[uid] = element;
-    entry->nodes[n].uid = uid;
+    walk.nodes[n].uid = uid;
   }
+  entry->nodes = core::NodeList(std::move(walk.nodes));
   auto existing = std::find_if(entries_.begin(), entries_.end(), [&](const auto& e) { return e.first == pid; });
   if (existing != entries_.end()) {
     existing->second = entry;
@@ -84,29 +81,8 @@ Element MenuCache::elementForMenuUid(std::int32_t pid, std::int64_t uid) {
     if (known != pid) continue;
     if (auto it = entry->elements.find(uid); it != entry->elements.end()) return it->second;
   }
-  throw RPCError("stale", "メニューの項目 m" + std::to_string(uid) + " は、最新のメニューの写しにありません");
-}
-
-void addMenuOperations(OperationTable& table, MirrorHost& host) {
-  table.add("axMenus", [&host](const JSONValue& params) -> HandlerResult {
-    auto& platform = host.platform();
-    auto& clock = platform.clock();
-    const std::int64_t start = clock.nowNs();
-    requireTrust(platform.accessibility());
-    auto app = host.apps().selectApp(params);
-    auto entry = host.menus().entry(app.pid, core::optionalInt(params, "maxAgeMs").value_or(3000));
-    JSONValue::Array nodes;
-    nodes.reserve(entry->nodes.size());
-    for (const auto& node : entry->nodes) nodes.push_back(core::toJSON(node));
-    const std::int64_t now = clock.nowNs();
-    return JSONValue::Object{{"pid", std::int64_t{app.pid}},
-                             {"app", core::toJSON(appRecord(app))},
-                             {"nodes", std::move(nodes)},
-                             {"truncated", entry->truncated},
-                             {"walkMs", entry->walkMs},
-                             {"ageMs", millisecondsBetween(entry->at, now)},
-                             {"elapsedMs", millisecondsBetween(start, now)}};
-  });
+  throw core::GlimmerstrandError("stale",
+                                 "メニューの項目 m" + std::to_string(uid) + " は、最新のメニューの写しにありません");
 }
 
 }  // namespace glimmerstrand::native

@@ -8,7 +8,7 @@
 #include <map>
 #include <set>
 
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 
 namespace glimmerstrand::native {
 

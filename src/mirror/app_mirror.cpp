@@ -1,13 +1,13 @@
 // AppMirror: construction, the commit of a walk, registration of
 // notifications, and the reads that callers make (snapshot, waitSettle,
 // element references).
-#include "native/app_mirror.h"
+#include "mirror/app_mirror.h"
 
 #include <algorithm>
 #include <iterator>
 #include <utility>
 
-#include "native/rpc_error.h"
+#include "core/errors.h"
 
 namespace glimmerstrand::native {
 
@@ -372,7 +372,10 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
   out.partialNodes = partialNodes_;
   out.lastWalk = lastTargets_ ? "partial" : "full";
   out.unregisteredNotifications = unregisteredCount();
-  if (request.ifGeneration != generation_) out.nodes = request.all ? nodes_ : labeledLocked();
+  if (request.ifGeneration != generation_)
+    out.nodes = core::NodeList(request.all ? nodes_ : labeledLocked());
+  else
+    out.unchanged = true;
   return out;
 }
 
@@ -424,18 +427,19 @@ Element AppMirror::elementForUid(std::int64_t uid) {
   std::lock_guard guard(stateLock_);
   auto it = uidElements_.find(uid);
   if (it == uidElements_.end())
-    throw RPCError("stale",
-                   "要素 e" + integerText(uid) + " は、最新の写しにありません。画面から消えたか、作り直されました");
+    throw core::GlimmerstrandError(
+        "stale", "要素 e" + integerText(uid) + " は、最新の写しにありません。画面から消えたか、作り直されました");
   return it->second;
 }
 
 Element AppMirror::elementForIndex(std::int64_t generation, std::int64_t i) {
   std::lock_guard guard(stateLock_);
   auto it = elements_.find(generation);
-  if (it == elements_.end()) throw RPCError("stale", "世代 " + integerText(generation) + " の写しはもう残っていません");
+  if (it == elements_.end())
+    throw core::GlimmerstrandError("stale", "世代 " + integerText(generation) + " の写しはもう残っていません");
   const auto& list = *it->second.list;
   if (i < 0 || i >= static_cast<std::int64_t>(list.size()))
-    throw RPCError("invalid_argument", "要素の番号が範囲外です: " + integerText(i));
+    throw core::GlimmerstrandError("invalid_argument", "要素の番号が範囲外です: " + integerText(i));
   return list[static_cast<std::size_t>(i)];
 }
 

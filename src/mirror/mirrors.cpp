@@ -1,10 +1,10 @@
-#include "native/mirrors.h"
+#include "mirror/mirrors.h"
 
 #include <algorithm>
 #include <limits>
 
-#include "native/allocator.h"
-#include "native/rpc_error.h"
+#include "core/errors.h"
+#include "mirror/allocator.h"
 
 namespace glimmerstrand::native {
 
@@ -112,47 +112,30 @@ void Mirrors::startObserving() {
 }
 
 void requireTrust(platform::Accessibility& ax) {
-  if (!ax.isTrusted()) throw RPCError("permission", permissionMessage());
+  if (!ax.isTrusted()) throw core::GlimmerstrandError("permission", permissionMessage());
 }
 
-namespace {
-
-// A uid or generation as the integer it names; one beyond 64 bits names
-// nothing that exists, and saturates.
-std::int64_t referenceNumber(double value) {
-  return core::integerOf(value).value_or(value > 0 ? std::numeric_limits<std::int64_t>::max()
-                                                   : std::numeric_limits<std::int64_t>::min());
-}
-
-}  // namespace
-
-ResolvedElement resolveElement(Mirrors& mirrors, const core::JSONValue& params, const MenuElementLookup& menus) {
+ResolvedElement resolveElement(Mirrors& mirrors, const core::ElementRef& ref, const MenuElementLookup& menus) {
   requireTrust(mirrors.environment().accessibility);
-  auto pid = core::optionalNumber(params, "pid");
-  auto pidValue = params.find("pid");
-  if (!pidValue || !pidValue->asNumber()) throw RPCError("invalid_argument", "pid が必要です");
   // A pid beyond 32 bits names no process, and so no copy.
   const bool fits =
-      *pid >= std::numeric_limits<std::int32_t>::min() && *pid <= std::numeric_limits<std::int32_t>::max();
-  const auto pid32 = fits ? static_cast<std::int32_t>(*pid) : 0;
-  const auto noCopy = [&] { return RPCError("stale", "pid " + cypher::numberText(*pid) + " の写しがありません"); };
-  auto uidValue = params.find("uid");
-  const bool hasUid = uidValue && uidValue->asNumber();
-  if (core::optionalBool(params, "menu") == true) {
-    if (!hasUid) throw RPCError("invalid_argument", "メニューの項目には uid が必要です");
-    if (!menus) throw RPCError("native", "メニューの写しがありません");
+      ref.pid >= std::numeric_limits<std::int32_t>::min() && ref.pid <= std::numeric_limits<std::int32_t>::max();
+  const auto pid = fits ? static_cast<std::int32_t>(ref.pid) : 0;
+  const auto noCopy = [&] {
+    return core::GlimmerstrandError(core::codes::stale, "pid " + std::to_string(ref.pid) + " の写しがありません");
+  };
+  if (ref.menu == true) {
+    if (!ref.uid) throw core::GlimmerstrandError(core::codes::invalidArgument, "メニューの項目には uid が必要です");
+    if (!menus) throw core::GlimmerstrandError(core::codes::native, "メニューの写しがありません");
     // Such a pid must not make a copy of its own, which could evict a real one.
     if (!fits) throw noCopy();
-    auto mirror = mirrors.mirror(pid32);
-    return {mirror, menus(*mirror, referenceNumber(*uidValue->asNumber()))};
+    auto mirror = mirrors.mirror(pid);
+    return {mirror, menus(*mirror, *ref.uid)};
   }
-  auto mirror = fits ? mirrors.existing(pid32) : nullptr;
+  auto mirror = fits ? mirrors.existing(pid) : nullptr;
   if (!mirror) throw noCopy();
-  if (hasUid) return {mirror, mirror->elementForUid(referenceNumber(*uidValue->asNumber()))};
-  auto generation = params.find("generation");
-  if (!generation || !generation->asNumber()) throw RPCError("invalid_argument", "generation が必要です");
-  const auto i = core::optionalInt(params, "i").value_or(-1);
-  return {mirror, mirror->elementForIndex(referenceNumber(*generation->asNumber()), i)};
+  if (ref.uid) return {mirror, mirror->elementForUid(*ref.uid)};
+  return {mirror, mirror->elementForIndex(ref.generation, ref.i)};
 }
 
 std::vector<std::shared_ptr<AppMirror>> Mirrors::all() {

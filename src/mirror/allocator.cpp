@@ -1,4 +1,4 @@
-#include "native/allocator.h"
+#include "mirror/allocator.h"
 
 #include <cstdlib>  // says which C library this is
 

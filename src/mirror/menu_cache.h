@@ -15,12 +15,9 @@
 #include <vector>
 
 #include "core/records.h"
-#include "native/app_mirror.h"
-#include "native/operations.h"
+#include "mirror/app_mirror.h"
 
 namespace glimmerstrand::native {
-
-class MirrorHost;
 
 class MenuCache {
  public:
@@ -32,7 +29,7 @@ class MenuCache {
   struct Entry {
     std::int64_t at = 0;  // end of the walk, clock nanoseconds
     double walkMs = 0;
-    std::vector<core::AxNode> nodes;  // each with its uid
+    core::NodeList nodes;  // each with its uid
     bool truncated = false;
     std::unordered_map<Element, std::int64_t, platform::ElementHash> uids;
     std::unordered_map<std::int64_t, Element> elements;
@@ -46,7 +43,7 @@ class MenuCache {
   std::shared_ptr<const Entry> entry(std::int32_t pid, std::int64_t maxAgeMs);
   /// Walks, stores and returns a new entry; items of `previous` keep their uids.
   std::shared_ptr<const Entry> walkMenus(std::int32_t pid, const std::shared_ptr<const Entry>& previous);
-  /// The element of a menu item of the stored entry; RPCError "stale" when the
+  /// The element of a menu item of the stored entry; fails "stale" when the
   /// entry or the uid is gone.
   Element elementForMenuUid(std::int32_t pid, std::int64_t uid);
 
@@ -56,8 +53,5 @@ class MenuCache {
   std::vector<std::pair<std::int32_t, std::shared_ptr<const Entry>>> entries_;  // in the order stored
   std::int64_t nextUid_ = 1;
 };
-
-/// axMenus.
-void addMenuOperations(OperationTable& table, MirrorHost& host);
 
 }  // namespace glimmerstrand::native

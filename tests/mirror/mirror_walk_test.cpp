@@ -2,7 +2,7 @@
 // splicing of subtrees.
 #include <gtest/gtest.h>
 
-#include "mirror_sim.h"
+#include "mirror/mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {

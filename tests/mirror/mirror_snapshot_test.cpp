@@ -1,8 +1,8 @@
 // Snapshots, settling and element references, on a driven clock.
 #include <gtest/gtest.h>
 
-#include "mirror_sim.h"
-#include "native/rpc_error.h"
+#include "core/errors.h"
+#include "mirror/mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {
@@ -73,21 +73,21 @@ TEST(MirrorSnapshot, TheFirstReadOfAnApplicationThatNeverAnswersTimesOutEmpty) {
   auto snapshot = mirror->snapshot(request);
   EXPECT_EQ(snapshot.generation, 0);
   EXPECT_TRUE(snapshot.dirty);
-  ASSERT_TRUE(snapshot.nodes);
-  EXPECT_TRUE(snapshot.nodes->empty());
+  ASSERT_FALSE(snapshot.unchanged);
+  EXPECT_TRUE(snapshot.nodes.empty());
 }
 
 TEST(MirrorSnapshot, CopiesShareOneListAndTheLabeledOneFollowsTheWalks) {
   MirrorSim sim(labDesktop());
   auto mirror = sim.settled(labPid);
   auto labeled = mirror->snapshot(SnapshotRequest{});
-  ASSERT_TRUE(labeled.nodes);
+  ASSERT_FALSE(labeled.nodes.empty());
   // Without `all`, the labeled nodes only; their indices still count all.
   auto all = sim.plain(*mirror);
-  EXPECT_LT(labeled.nodes->size(), all.nodes->size());
-  for (const auto& node : *labeled.nodes) EXPECT_EQ((*all.nodes)[static_cast<std::size_t>(node.i)], node);
-  EXPECT_EQ(all.nodes.get(), sim.plain(*mirror).nodes.get());
-  EXPECT_EQ(labeled.nodes.get(), mirror->snapshot(SnapshotRequest{}).nodes.get());
+  EXPECT_LT(labeled.nodes.size(), all.nodes.size());
+  for (const auto& node : labeled.nodes.vector()) EXPECT_EQ(all.nodes[static_cast<std::size_t>(node.i)], node);
+  EXPECT_EQ(all.nodes.shared().get(), sim.plain(*mirror).nodes.shared().get());
+  EXPECT_EQ(labeled.nodes.shared().get(), mirror->snapshot(SnapshotRequest{}).nodes.shared().get());
   EXPECT_EQ(findNode(labeled, "status")->value, "idle");
 
   sim.desktop().setAttribute(labPid, "status", "AXValue", "busy");
@@ -109,7 +109,7 @@ TEST(Mirrors, TheSeventhApplicationEvictsTheLeastRecentlyUsed) {
   sim.settled(7);
   EXPECT_FALSE(sim.mirrors.existing(2));
   EXPECT_TRUE(sim.mirrors.existing(1));
-  EXPECT_THROW(resolveElement(sim.mirrors, core::JSONValue::Object{{"pid", 2}, {"uid", 1}}, {}), RPCError);
+  EXPECT_THROW(resolveElement(sim.mirrors, core::ElementRef{2, 0, 0, 1, std::nullopt}, {}), core::GlimmerstrandError);
   SnapshotRequest noWait;
   noWait.timeoutMs = 0;
   EXPECT_EQ(sim.mirrors.mirror(2)->snapshot(noWait).generation, 0);  // starts again
@@ -125,25 +125,29 @@ TEST(Mirrors, ElementReferencesResolveOrSayWhyNot) {
   sim.fresh(*mirror);
   const auto goneUid = *findNode(snapshot, "row1")->uid;
 
-  using core::JSONValue;
-  auto resolve = [&](JSONValue::Object params) { return resolveElement(sim.mirrors, JSONValue(params), {}).element; };
-  auto failed = [&](JSONValue::Object params) -> std::string {
+  auto resolve = [&](const core::ElementRef& ref) { return resolveElement(sim.mirrors, ref, {}).element; };
+  auto failed = [&](const core::ElementRef& ref) -> std::string {
     try {
-      resolve(std::move(params));
-    } catch (const RPCError& e) {
+      resolve(ref);
+    } catch (const core::GlimmerstrandError& e) {
       return e.code() + ": " + e.message();
     }
     return "resolved";
   };
-  EXPECT_EQ(resolve({{"pid", labPid}, {"uid", *go.uid}}), sim.desktop().element(labPid, "go"));
-  EXPECT_EQ(resolve({{"pid", labPid}, {"generation", 1}, {"i", go.i}}), sim.desktop().element(labPid, "go"));
-  EXPECT_EQ(failed({}), "invalid_argument: pid が必要です");
-  EXPECT_EQ(failed({{"pid", 999}, {"uid", 1}}), "stale: pid 999 の写しがありません");
-  EXPECT_EQ(failed({{"pid", labPid}, {"uid", goneUid}}).rfind("stale: ", 0), 0u);
-  EXPECT_EQ(failed({{"pid", labPid}, {"generation", 1}, {"i", 9999}}),
-            "invalid_argument: 要素の番号が範囲外です: 9999");
-  EXPECT_EQ(failed({{"pid", labPid}, {"generation", 77}, {"i", 0}}), "stale: 世代 77 の写しはもう残っていません");
-  EXPECT_EQ(failed({{"pid", labPid}, {"menu", true}}), "invalid_argument: メニューの項目には uid が必要です");
+  const auto byUid = [](std::int64_t pid, std::int64_t uid) { return core::ElementRef{pid, 0, 0, uid, std::nullopt}; };
+  const auto byIndex = [](std::int64_t pid, std::int64_t generation, std::int64_t i) {
+    return core::ElementRef{pid, generation, i, std::nullopt, std::nullopt};
+  };
+  EXPECT_EQ(resolve(byUid(labPid, *go.uid)), sim.desktop().element(labPid, "go"));
+  EXPECT_EQ(resolve(byIndex(labPid, 1, go.i)), sim.desktop().element(labPid, "go"));
+  EXPECT_EQ(failed(byUid(999, 1)), "stale: pid 999 の写しがありません");
+  EXPECT_EQ(failed(byUid(std::int64_t{1} << 40, 1)), "stale: pid 1099511627776 の写しがありません");
+  EXPECT_EQ(failed(byUid(labPid, goneUid)).rfind("stale: ", 0), 0u);
+  EXPECT_EQ(failed(byIndex(labPid, 1, 9999)), "invalid_argument: 要素の番号が範囲外です: 9999");
+  EXPECT_EQ(failed(byIndex(labPid, 77, 0)), "stale: 世代 77 の写しはもう残っていません");
+  EXPECT_EQ(failed(core::ElementRef{labPid, 0, 0, std::nullopt, true}),
+            "invalid_argument: メニューの項目には uid が必要です");
+  EXPECT_EQ(failed(core::ElementRef{labPid, 0, 0, 1, true}), "native: メニューの写しがありません");
 }
 
 TEST(Mirrors, OldGenerationsStayForTenSecondsBeyondTheNewestThree) {
@@ -159,7 +163,7 @@ TEST(Mirrors, OldGenerationsStayForTenSecondsBeyondTheNewestThree) {
   sim.clock.advance(11'000 * ms);
   mirror->requestUrgentWalk();
   sim.clock.runUntilIdle();
-  EXPECT_THROW(mirror->elementForIndex(1, 0), RPCError);
+  EXPECT_THROW(mirror->elementForIndex(1, 0), core::GlimmerstrandError);
   EXPECT_NO_THROW(mirror->elementForIndex(newest, 0));  // among the newest three
 }
 

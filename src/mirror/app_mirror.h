@@ -167,20 +167,19 @@ struct SnapshotRequest {
   std::optional<std::int64_t> maxAgeMs;
 };
 
-struct MirrorSnapshot {
-  std::int32_t pid = 0;
-  std::int64_t generation = 0;
-  double ageMs = 0;
-  double walkMs = 0;
-  bool dirty = true;
-  bool truncated = false;
-  std::int64_t notifications = 0;
+/// A copy out of a mirror: the snapshot core reads, as it is (the caller
+/// fills in `app` and `elapsedMs`, which the mirror does not know), and the
+/// walk counts that only the line protocol reports.
+struct MirrorSnapshot : core::AxSnapshot {
   std::int64_t fullWalks = 0;
   std::int64_t partialWalks = 0;
   std::int64_t partialNodes = 0;
   std::string lastWalk = "full";
   std::int64_t unregisteredNotifications = 0;
-  NodeList nodes;  // null when the caller's ifGeneration matched
+  /// The caller's ifGeneration matched: `nodes` is left empty, the caller's
+  /// own copy of that generation stands.
+  bool unchanged = false;
+  bool operator==(const MirrorSnapshot&) const = default;
 };
 
 class AppMirror : public std::enable_shared_from_this<AppMirror> {
@@ -243,7 +242,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   std::int64_t notificationCount();
   /// False while the last walk got no answer from the application.
   bool answering();
-  /// The live element of a uid of the last commit; RPCError "stale" otherwise.
+  /// The live element of a uid of the last commit; fails "stale" otherwise.
   Element elementForUid(std::int64_t uid);
   /// The element at index `i` of a generation still kept.
   Element elementForIndex(std::int64_t generation, std::int64_t i);

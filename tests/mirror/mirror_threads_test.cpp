@@ -6,7 +6,7 @@
 #include <condition_variable>
 #include <thread>
 
-#include "mirror_sim.h"
+#include "mirror/mirror_sim.h"
 
 namespace glimmerstrand::native {
 namespace {
@@ -31,7 +31,7 @@ TEST(MirrorThreads, ReadersOnManyThreadsSeeWholeCopiesAndTheLastChange) {
       request.fresh = r % 2 == 0;
       while (!done) {
         auto snapshot = mirror->snapshot(request);
-        if (!consistent(*snapshot.nodes)) ++inconsistent;
+        if (!consistent(snapshot.nodes.vector())) ++inconsistent;
       }
     });
   for (int k = 1; k <= 50; ++k) {
@@ -52,7 +52,7 @@ TEST(MirrorThreads, ReadersOnManyThreadsSeeWholeCopiesAndTheLastChange) {
   auto last = mirror->snapshot(fresh);
   EXPECT_FALSE(last.dirty);
   EXPECT_EQ(findNode(last, "status")->value, "step 50");
-  EXPECT_EQ(std::count_if(last.nodes->begin(), last.nodes->end(), [](auto& n) { return n.title == "added"; }), 50);
+  EXPECT_EQ(std::count_if(last.nodes.begin(), last.nodes.end(), [](auto& n) { return n.title == "added"; }), 50);
 }
 
 // An application that stops answering until released: every call into it

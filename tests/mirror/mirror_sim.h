@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "native/app_mirror.h"
-#include "native/mirrors.h"
+#include "mirror/app_mirror.h"
+#include "mirror/mirrors.h"
 #include "platform/sim/driven_clock.h"
 #include "platform/sim/sim_platform.h"
 
@@ -112,8 +112,8 @@ struct MirrorSim {
 
 /// The node with this identifier; nullptr when the copy has none.
 inline const core::AxNode* findNode(const MirrorSnapshot& snapshot, const std::string& identifier) {
-  if (!snapshot.nodes) return nullptr;
-  for (const auto& node : *snapshot.nodes)
+  if (snapshot.unchanged) return nullptr;
+  for (const auto& node : snapshot.nodes.vector())
     if (node.identifier == identifier) return &node;
   return nullptr;
 }
@@ -121,7 +121,7 @@ inline const core::AxNode* findNode(const MirrorSnapshot& snapshot, const std::s
 /// Identifier to uid over a whole copy.
 inline std::map<std::string, std::int64_t> uidsByIdentifier(const MirrorSnapshot& snapshot) {
   std::map<std::string, std::int64_t> out;
-  for (const auto& node : *snapshot.nodes)
+  for (const auto& node : snapshot.nodes.vector())
     if (node.identifier && node.uid) out[*node.identifier] = *node.uid;
   return out;
 }
