@@ -2,11 +2,13 @@
 
 #include <gio/gdesktopappinfo.h>
 #include <gio/gio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <thread>
 
 namespace glimmerstrand::platform::linux_desktop {
 namespace {
@@ -17,8 +19,15 @@ struct Unref {
 template <typename T>
 using Owned = std::unique_ptr<T, Unref>;
 
-constexpr auto spawnFlags =
-    static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL);
+// Reaped by a thread of ours: GLib reaps only where a main context of its own
+// runs, and a launcher left a zombie would read as still running, as if its
+// application had not yet handed over (LibreOffice's does).
+constexpr auto spawnFlags = static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL |
+                                                     G_SPAWN_STDERR_TO_DEV_NULL | G_SPAWN_DO_NOT_REAP_CHILD);
+
+void reapWhenItEnds(pid_t pid) {
+  std::thread([pid] { ::waitpid(pid, nullptr, 0); }).detach();
+}
 
 // Runs in the child before the program does.
 void newSession(gpointer) { ::setsid(); }
@@ -110,6 +119,7 @@ Started startEntry(const std::string& path, const std::vector<std::string>& uris
       [](GDesktopAppInfo*, GPid pid, gpointer data) { static_cast<Started*>(data)->pid = pid; }, &started, &error);
   g_list_free(list);
   if (!ok) started.error = messageOf(error);
+  if (started.pid) reapWhenItEnds(*started.pid);
   return started;
 }
 
@@ -122,6 +132,7 @@ Started startCommand(const std::vector<std::string>& command) {
   GError* error = nullptr;
   if (!g_spawn_async(nullptr, argv.data(), nullptr, spawnFlags, newSession, nullptr, &pid, &error))
     return Started{std::nullopt, messageOf(error)};
+  reapWhenItEnds(pid);
   return Started{pid, std::nullopt};
 }
 
