@@ -286,7 +286,9 @@ export class World {
         stdio: ['ignore', 'ignore', 'inherit'],
         timeout: 30_000,
       });
-    rmSync(this.folder, { recursive: true, force: true });
+    // A browser's helper processes end a moment after the browser, and may
+    // still write their caches while the folder goes.
+    rmSync(this.folder, { recursive: true, force: true, maxRetries: 10, retryDelay: 200 });
   }
 }
 
