@@ -75,7 +75,7 @@ struct Desktop {
     loop.join();
     desktop.reset();
     server.reset();
-    std::filesystem::remove_all(folder);
+    testing::removeBrowserFolder(folder);
   }
   Accessibility& ax() { return platform->accessibility(); }
   Element app(const std::string& name) { return ax().applicationElement(desktop->pid(name)); }

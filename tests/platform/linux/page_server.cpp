@@ -6,9 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace glimmerstrand::testing {
 namespace {
@@ -55,6 +57,16 @@ std::string PageServer::log() const {
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+void removeBrowserFolder(const std::filesystem::path& folder) {
+  std::error_code error;
+  for (int attempt = 0; attempt < 10; ++attempt) {
+    std::filesystem::remove_all(folder, error);
+    if (!error) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  throw std::filesystem::filesystem_error("the folder stays", folder, error);
 }
 
 std::string priceListPage(int rows) {

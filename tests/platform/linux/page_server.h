@@ -30,6 +30,11 @@ class PageServer {
   pid_t pid_ = -1;
 };
 
+/// Removes a folder a browser wrote into: its helper processes end a moment
+/// after it and may still write there, so the removal is tried again a few
+/// times. Throws when the folder stays.
+void removeBrowserFolder(const std::filesystem::path& folder);
+
 /// A page of `rows` table rows of two cells ("Item n", n × 7) under the
 /// heading "Price list": about four accessible objects per row.
 std::string priceListPage(int rows);

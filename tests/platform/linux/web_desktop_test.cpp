@@ -58,7 +58,7 @@ class WebDesktopTest : public ::testing::TestWithParam<std::string> {
     delete server_;
     desktop_ = nullptr;
     server_ = nullptr;
-    std::filesystem::remove_all(folder_);
+    removeBrowserFolder(folder_);
   }
   void SetUp() override {
     ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
