@@ -286,9 +286,14 @@ export class World {
         stdio: ['ignore', 'ignore', 'inherit'],
         timeout: 30_000,
       });
-    // A browser's helper processes end a moment after the browser, and may
-    // still write their caches while the folder goes.
-    rmSync(this.folder, { recursive: true, force: true, maxRetries: 10, retryDelay: 200 });
+    // An application's helper processes end a moment after it, and may still
+    // write their caches and settings while the folder goes; one still
+    // writing after that is named, and its folder left for a look.
+    try {
+      rmSync(this.folder, { recursive: true, force: true, maxRetries: 10, retryDelay: 200 });
+    } catch (error) {
+      console.error(`tasks: ${this.folder} stays: ${error.message}`);
+    }
   }
 }
 
