@@ -20,13 +20,10 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "mirror/app_mirror.h"
-#include "platform/linux/atspi_bus.h"
+#include "desktop_reads.h"
 #include "platform/linux/atspi_element.h"
 #include "platform/linux/atspi_reader.h"
-#include "platform/linux/linux_platform.h"
 #include "platform/linux/test_desktop.h"
 #include "support/daemon_client.h"
 
@@ -35,7 +32,6 @@ namespace {
 using namespace glimmerstrand;
 using platform::Accessibility;
 using platform::Element;
-using platform::linux_desktop::AtspiBus;
 using platform::linux_desktop::AtspiElement;
 using platform::linux_desktop::ObjectRef;
 
@@ -51,54 +47,20 @@ class NoPrefetch final : public platform::AccessibilityWrapper {
 
 struct Desktop {
   testing::TestDesktop desktop{{"mousepad", "speedcrunch", formApp + " 2000", treeApp + " 2000", "soffice --calc"}};
-  std::unique_ptr<platform::Platform> platform;
-  std::thread loop;
-  std::optional<AtspiBus> bus;
+  bench::LinuxReads reads;
 
-  Desktop() {
-    std::string problem;
-    platform = platform::linux_desktop::makeLinuxPlatform(problem);
-    if (!platform) throw std::runtime_error(problem);
-    bus = AtspiBus::connect(problem);
-    if (!bus) throw std::runtime_error(problem);
-    loop = std::thread([this] { platform->mainLoop().run(); });
-  }
-  ~Desktop() {
-    platform->mainLoop().stop();
-    loop.join();
-  }
-  Accessibility& ax() { return platform->accessibility(); }
+  Accessibility& ax() { return reads.ax(); }
   Element app(const std::string& name) { return ax().applicationElement(desktop.pid(name)); }
 };
 
 Desktop* desktop = nullptr;
 
-native::WalkResult walk(Accessibility& ax, const Element& app) {
-  return native::walkTree(ax, app, "window", native::AppMirror::maxDepth, native::AppMirror::maxNodes);
-}
-
-// One element's record, then each of its children, one call after another.
-std::size_t naiveWalk(GDBusConnection* connection, const ObjectRef& ref, int depth) {
-  namespace lx = platform::linux_desktop;
-  const auto parts = lx::basicPart | lx::extentsPart | lx::contentPart;
-  auto record = lx::readRecords(connection, {ref}, parts, 5000).front();
-  if (record.error != platform::AxError::success || depth > 60) return 1;
-  auto counted =
-      lx::callSync(connection, lx::propertyCall(ref.bus, ref.path, "org.a11y.atspi.Accessible", "ChildCount"), 5000);
-  const auto childCount = lx::int32Of(lx::replyChild(counted)).value_or(0);
-  if (childCount <= 0 || childCount > 10000) return 1;
-  auto reply =
-      lx::callSync(connection, lx::Call{ref.bus, ref.path, "org.a11y.atspi.Accessible", "GetChildren", nullptr}, 5000);
-  std::size_t count = 1;
-  for (const auto& child : lx::objectRefs(lx::replyChild(reply))) count += naiveWalk(connection, child, depth + 1);
-  return count;
-}
+native::WalkResult walk(Accessibility& ax, const Element& app) { return bench::walkWindow(ax, app); }
 
 void BM_NaiveWalk(benchmark::State& state, const std::string& app) {
   const Element root = desktop->app(app);
-  const auto* e = root.as<AtspiElement>();
   std::size_t nodes = 0;
-  for (auto _ : state) nodes = naiveWalk(desktop->bus->connection(), ObjectRef{e->bus(), e->path()}, 0);
+  for (auto _ : state) nodes = bench::perCallWalk(desktop->reads.connection(), root);
   state.counters["nodes"] = static_cast<double>(nodes);
 }
 
@@ -119,7 +81,7 @@ void BM_BulkRead(benchmark::State& state, const std::string& app) {
   }
   const auto parts = platform::linux_desktop::partsFor(native::walkAttributes());
   for (auto _ : state)
-    benchmark::DoNotOptimize(platform::linux_desktop::readRecords(desktop->bus->connection(), refs, parts, 5000));
+    benchmark::DoNotOptimize(platform::linux_desktop::readRecords(desktop->reads.connection(), refs, parts, 5000));
   state.counters["nodes"] = static_cast<double>(refs.size());
 }
 
@@ -148,30 +110,13 @@ void BM_PartialWalk(benchmark::State& state, const std::string& app, const std::
   }
 }
 
-// A daemon of the bench's own on the desktop, in a folder of its own, for
-// the length of `use`.
 void withDaemon(const std::function<void(testing::DaemonClient&)>& use) {
-  const auto folder = std::filesystem::temp_directory_path() / ("walk-bench-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(folder);
-  auto environment = desktop->desktop.environment();
-  environment["GLIMMERSTRAND_PLATFORM"] = "linux";
-  environment["GLIMMERSTRAND_LOG_LEVEL"] = "silent";
-  environment["GLIMMERSTRAND_CURSOR"] = "0";
-  {
-    testing::DaemonClient daemon(GLIMMERSTRAND_NATIVE_BINARY, folder.string(), environment);
-    use(daemon);
-  }
-  std::filesystem::remove_all(folder);
-}
-
-std::string request(const char* operation, const std::string& app, const std::string& statement) {
-  return std::string(R"({"operation":")") + operation + R"(","params":{"app":")" + app + R"(","cypher":")" + statement +
-         R"("}})";
+  bench::withDaemon(desktop->desktop.environment(), use);
 }
 
 void BM_QueryOverSocket(benchmark::State& state, const std::string& app, const std::string& statement) {
   withDaemon([&](testing::DaemonClient& daemon) {
-    const std::string query = request("query", app, statement);
+    const std::string query = bench::request("query", app, statement);
     auto first = daemon.roundTrip(query);  // the first read makes the mirror
     if (first.find("\"ok\":true") == std::string::npos) state.SkipWithError(first.c_str());
     for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(query));
@@ -186,7 +131,7 @@ void BM_WriteOverSocket(benchmark::State& state, const std::string& app, const s
     auto write = [&](std::int64_t n) {
       std::string text = statement;
       text.replace(text.find("{n}"), 3, std::to_string(n));
-      return request("do", app, text);
+      return bench::request("do", app, text);
     };
     auto first = daemon.roundTrip(write(1));
     if (first.find("\"ok\":true") == std::string::npos) state.SkipWithError(first.c_str());

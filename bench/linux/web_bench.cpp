@@ -15,16 +15,10 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "mirror/app_mirror.h"
-#include "platform/linux/atspi_bus.h"
-#include "platform/linux/atspi_element.h"
-#include "platform/linux/atspi_reader.h"
-#include "platform/linux/linux_platform.h"
+#include "desktop_reads.h"
 #include "platform/linux/page_server.h"
 #include "platform/linux/test_desktop.h"
 #include "support/daemon_client.h"
@@ -34,9 +28,6 @@ namespace {
 using namespace glimmerstrand;
 using platform::Accessibility;
 using platform::Element;
-using platform::linux_desktop::AtspiBus;
-using platform::linux_desktop::AtspiElement;
-using platform::linux_desktop::ObjectRef;
 
 const std::string formPage =
     "<!doctype html><title>Order</title><h1>Order</h1><form action=\"form.html\">"
@@ -53,9 +44,7 @@ struct Desktop {
       std::filesystem::temp_directory_path() / ("glimmerstrand-web-bench-" + std::to_string(::getpid()));
   std::unique_ptr<testing::PageServer> server;
   std::unique_ptr<testing::TestDesktop> desktop;
-  std::unique_ptr<platform::Platform> platform;
-  std::thread loop;
-  std::optional<AtspiBus> bus;
+  std::unique_ptr<bench::LinuxReads> reads;
 
   Desktop() {
     std::filesystem::create_directories(folder);
@@ -63,29 +52,21 @@ struct Desktop {
         folder, std::map<std::string, std::string>{{"long.html", longPage()}, {"form.html", formPage}});
     desktop = std::make_unique<testing::TestDesktop>(std::vector<std::string>{
         "chromium --no-first-run " + server->url("long.html"), "firefox-esr " + server->url("long.html")});
-    std::string problem;
-    platform = platform::linux_desktop::makeLinuxPlatform(problem);
-    if (!platform) throw std::runtime_error(problem);
-    bus = AtspiBus::connect(problem);
-    if (!bus) throw std::runtime_error(problem);
-    loop = std::thread([this] { platform->mainLoop().run(); });
+    reads = std::make_unique<bench::LinuxReads>();
   }
   ~Desktop() {
-    platform->mainLoop().stop();
-    loop.join();
+    reads.reset();
     desktop.reset();
     server.reset();
     testing::removeBrowserFolder(folder);
   }
-  Accessibility& ax() { return platform->accessibility(); }
+  Accessibility& ax() { return reads->ax(); }
   Element app(const std::string& name) { return ax().applicationElement(desktop->pid(name)); }
 };
 
 Desktop* desktop = nullptr;
 
-native::WalkResult walk(Accessibility& ax, const Element& app) {
-  return native::walkTree(ax, app, "window", native::AppMirror::maxDepth, native::AppMirror::maxNodes);
-}
+native::WalkResult walk(Accessibility& ax, const Element& app) { return bench::walkWindow(ax, app); }
 
 // The page's document: the first web area of the window's walk.
 std::optional<Element> pageOf(const std::string& browser) {
@@ -95,25 +76,11 @@ std::optional<Element> pageOf(const std::string& browser) {
   return std::nullopt;
 }
 
-// One element's record, then each of its children, one call after another.
-std::size_t perCallWalk(GDBusConnection* connection, const ObjectRef& ref, int depth) {
-  namespace lx = platform::linux_desktop;
-  const auto parts = lx::basicPart | lx::extentsPart | lx::contentPart;
-  auto record = lx::readRecords(connection, {ref}, parts, 5000).front();
-  if (record.error != platform::AxError::success || depth > 60) return 1;
-  auto reply =
-      lx::callSync(connection, lx::Call{ref.bus, ref.path, "org.a11y.atspi.Accessible", "GetChildren", nullptr}, 5000);
-  std::size_t count = 1;
-  for (const auto& child : lx::objectRefs(lx::replyChild(reply))) count += perCallWalk(connection, child, depth + 1);
-  return count;
-}
-
 void BM_PerCallWalk(benchmark::State& state, const std::string& browser) {
   auto page = pageOf(browser);
   if (!page) return state.SkipWithError("no page");
-  const auto* e = page->as<AtspiElement>();
   std::size_t nodes = 0;
-  for (auto _ : state) nodes = perCallWalk(desktop->bus->connection(), ObjectRef{e->bus(), e->path()}, 0);
+  for (auto _ : state) nodes = bench::perCallWalk(desktop->reads->connection(), *page);
   state.counters["nodes"] = static_cast<double>(nodes);
 }
 
@@ -140,26 +107,13 @@ void BM_PartialWalk(benchmark::State& state, const std::string& browser) {
   }
 }
 
-// A daemon of the bench's own on the desktop, for the length of `use`.
 void withDaemon(const std::function<void(testing::DaemonClient&)>& use) {
-  const auto folder = desktop->folder / "daemon";
-  std::filesystem::create_directories(folder);
-  auto environment = desktop->desktop->environment();
-  environment["GLIMMERSTRAND_PLATFORM"] = "linux";
-  environment["GLIMMERSTRAND_LOG_LEVEL"] = "silent";
-  environment["GLIMMERSTRAND_CURSOR"] = "0";
-  testing::DaemonClient daemon(GLIMMERSTRAND_NATIVE_BINARY, folder.string(), environment);
-  use(daemon);
-}
-
-std::string request(const char* operation, const std::string& app, const std::string& statement) {
-  return std::string(R"({"operation":")") + operation + R"(","params":{"app":")" + app + R"(","cypher":")" + statement +
-         R"("}})";
+  bench::withDaemon(desktop->desktop->environment(), use);
 }
 
 void BM_QueryOverSocket(benchmark::State& state, const std::string& browser) {
   withDaemon([&](testing::DaemonClient& daemon) {
-    const std::string query = request("query", browser, "MATCH (c:Cell {name:'Item 5'}) RETURN c.id");
+    const std::string query = bench::request("query", browser, "MATCH (c:Cell {name:'Item 5'}) RETURN c.id");
     auto first = daemon.roundTrip(query);  // the first read makes the mirror
     if (first.find("\"ok\":true") == std::string::npos) state.SkipWithError(first.c_str());
     for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(query));
@@ -173,9 +127,10 @@ void BM_SubmitOverSocket(benchmark::State& state, const std::string& browser, co
     const std::string open = "MATCH " + bar + " SET a.value = '" + desktop->server->url("form.html") +
                              "'; CALL ui.key('return'); "
                              "CALL ui.wait_for('MATCH (w:WebArea) WHERE w.name = \\\"Order\\\" RETURN w.id', 10000)";
-    auto opened = daemon.roundTrip(request("do", browser, open));
+    auto opened = daemon.roundTrip(bench::request("do", browser, open));
     if (opened.find("\"ok\":true") == std::string::npos) return state.SkipWithError(opened.c_str());
-    const std::string press = request("do", browser, "MATCH (b:Button {name:'Send order'}) SET b.pressed = true");
+    const std::string press =
+        bench::request("do", browser, "MATCH (b:Button {name:'Send order'}) SET b.pressed = true");
     for (auto _ : state) benchmark::DoNotOptimize(daemon.roundTrip(press));
   });
 }

@@ -63,28 +63,30 @@ namespace {
 // How each toolkit marks a widget it keeps in its tree while nobody sees it.
 struct HiddenMarks {
   std::string_view toolkit;
-  bool notShowing;  // SHOWING follows the screen: unset under a parent that shows
-  bool noArea;      // hidden widgets are never allocated: a frame without area
+  bool notShowing;      // SHOWING follows the screen: unset under a parent that shows
+  bool noArea;          // hidden widgets are never allocated: a frame without area
+  bool paneNotShowing;  // only a pane that holds a tab's document tells by SHOWING
 };
-constexpr std::array<HiddenMarks, 3> hiddenMarks{{
-    {gtk3Toolkit, true, false},
-    {gtk4Toolkit, false, true},  // 4.8 sets SHOWING on windows only
-    {qtToolkit, true, false},
+// Firefox clears SHOWING for a page's content scrolled out of view too, so
+// only the panes that hold a tab's document say the tab is behind.
+constexpr std::array<HiddenMarks, 4> hiddenMarks{{
+    {gtk3Toolkit, true, false, false},
+    {gtk4Toolkit, false, true, false},  // 4.8 sets SHOWING on windows only
+    {qtToolkit, true, false, false},
+    {geckoToolkit, false, false, true},
 }};
+
+bool isPaneRole(std::uint32_t role) { return role == ATSPI_ROLE_SCROLL_PANE || role == ATSPI_ROLE_INTERNAL_FRAME; }
 
 }  // namespace
 
 bool isHiddenChild(std::uint32_t childRole, const States& child, const std::optional<AxRect>& extents,
                    const States& parent, std::string_view toolkit) {
   if (!child.visible()) return true;
-  // Firefox clears SHOWING for a page's content scrolled out of view too, so
-  // only the panes that hold a tab's document say the tab is behind.
-  if (toolkit == geckoToolkit && parent.showing() && !child.showing() &&
-      (childRole == ATSPI_ROLE_SCROLL_PANE || childRole == ATSPI_ROLE_INTERNAL_FRAME))
-    return true;
   for (const auto& marks : hiddenMarks) {
     if (marks.toolkit != toolkit) continue;
-    if (marks.notShowing && parent.showing() && !child.showing()) return true;
+    const bool notShowing = marks.notShowing || (marks.paneNotShowing && isPaneRole(childRole));
+    if (notShowing && parent.showing() && !child.showing()) return true;
     if (marks.noArea && extents && (extents->width <= 0 || extents->height <= 0)) return true;
   }
   return false;

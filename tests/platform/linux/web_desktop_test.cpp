@@ -77,13 +77,15 @@ class WebDesktopTest : public ::testing::TestWithParam<std::string> {
     return names.empty() ? "" : names.front();
   }
 
-  // Each test starts on a freshly loaded form, typed into the address bar as
-  // a person does.
-  bool openForm() {
+  // A page's address typed into the address bar as a person does; true once
+  // the page's heading reads `heading`.
+  bool goTo(const std::string& page, const std::string& heading) {
     const std::string bar = browser() == "chromium" ? "(a:TextField {name: 'Address and search bar'})" : "(a:ComboBox)";
-    results("MATCH " + bar + " SET a.value = '" + server_->url("form.html") + "'; CALL ui.key('return')");
-    return eventually([&] { return heading() == "Order a shirt"; }, std::chrono::seconds(15));
+    results("MATCH " + bar + " SET a.value = '" + server_->url(page) + "'; CALL ui.key('return')");
+    return eventually([&] { return this->heading() == heading; }, std::chrono::seconds(15));
   }
+  // Each test starts on a freshly loaded form.
+  bool openForm() { return goTo("form.html", "Order a shirt"); }
 
   static std::filesystem::path folder_;
   static PageServer* server_;
@@ -172,9 +174,7 @@ TEST_P(WebDesktopTest, APageReadsWithItsWebRoles) {
 // A long page narrows to the rows in view, and the mirror, kept by events
 // since the page loaded, holds what a walk made now finds.
 TEST_P(WebDesktopTest, ALongPagesMirrorIsADirectWalkOfWhatIsInView) {
-  const std::string bar = browser() == "chromium" ? "(a:TextField {name: 'Address and search bar'})" : "(a:ComboBox)";
-  results("MATCH " + bar + " SET a.value = '" + server_->url("long.html") + "'; CALL ui.key('return')");
-  ASSERT_TRUE(eventually([&] { return heading() == "Price list"; }, std::chrono::seconds(15)));
+  ASSERT_TRUE(goTo("long.html", "Price list"));
   auto page = [](const JSONValue& nodes) {
     std::vector<std::string> lines;
     bool inside = false;
