@@ -41,7 +41,10 @@ bool wellFormed(const Call& call) {
 
 // GDBus owns its arguments' floating references only; a Call keeps its own
 // reference, so hand over a fresh one each time.
-GVariant* argsOf(const Call& call) { return call.args ? g_variant_ref(call.args.get()) : nullptr; }
+// The call's arguments are held (not floating), so GDBus takes a reference of
+// its own for the message and leaves ours to the Call; an extra one here was
+// never given back and kept every request's arguments alive.
+GVariant* argsOf(const Call& call) { return call.args.get(); }
 
 }  // namespace
 
