@@ -69,6 +69,9 @@ struct ElementRecord {
   std::int32_t caret = -1;
   std::optional<std::pair<std::int32_t, std::int32_t>> selection;
   std::string toolkit;  // of the application element only, for its quirks
+  // Not read but learned by the backend: the window a dialog hangs from,
+  // where it shows as that window's sheet.
+  std::optional<ObjectRef> sheetOwner;
 
   RoleContext roleContext() const { return {role, states, interfaces, parentRole, editableChild, xmlRoles}; }
 };
@@ -107,14 +110,6 @@ bool withholdsChildren(const States& states, std::int32_t childCount);
 /// from it, and leaves skip the call for their children.
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
                                        std::uint32_t parts, int timeoutMs, const CachedItems* cached = nullptr);
-
-/// The AX value of one attribute from a record; an AxError value when the
-/// element does not have it. `toolkit` names the application's toolkit
-/// ("GTK", "Qt"), whose naming quirks are undone here.
-AxValue attributeValue(const ElementRecord& record, std::string_view name, std::string_view toolkit);
-
-/// The parts a read of these AX attribute names needs.
-std::uint32_t partsFor(const std::vector<std::string>& names);
 
 /// A toolkit's name for an element, cleaned of what the toolkit adds: a
 /// repeated label and a mnemonic underscore (GTK4), a class name for no name
