@@ -99,8 +99,6 @@ bool isAttributeSettable(std::string_view name, const ElementRecord& record);
 /// is not, without a call.
 AxError writeAttribute(std::string_view name, const ElementRecord& record, const AxValue& value, ElementCalls& calls);
 
-/// The parts a read of these names needs.
-std::uint32_t partsFor(const std::vector<std::string>& names);
 /// Every name of the table, for an element's list of those it has.
 std::vector<std::string> attributeTableNames();
 

@@ -111,6 +111,10 @@ bool withholdsChildren(const States& states, std::int32_t childCount);
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
                                        std::uint32_t parts, int timeoutMs, const CachedItems* cached = nullptr);
 
+/// The parts a read of these AX attribute names needs, as the attribute
+/// table (atspi_attributes.h) tells them.
+std::uint32_t partsFor(const std::vector<std::string>& names);
+
 /// A toolkit's name for an element, cleaned of what the toolkit adds: a
 /// repeated label and a mnemonic underscore (GTK4), a class name for no name
 /// (GTK), the markup of a rich-text label (Qt).
