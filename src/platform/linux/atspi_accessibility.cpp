@@ -686,6 +686,16 @@ std::optional<ObjectRef> findInWindows(GDBusConnection* connection, const Object
   return std::nullopt;
 }
 
+// An element's record for the attribute table: the parts asked for, read
+// only where there are any, and what object it is.
+ElementRecord attributeRecord(AtspiAccessibility::State& s, const Element& element, std::uint32_t parts) {
+  if (isSystemWide(element)) return desktopRecord();
+  const ObjectRef ref = refOf(element);
+  ElementRecord record = parts ? s.record(ref, parts, s.timeoutOf(element)) : ElementRecord{};
+  if (ref.path == rootPath) record.kind = ObjectKind::application;
+  return record;
+}
+
 // The calls of the attribute table on one element over the bus. Lives for
 // one read or write, on the caller's thread.
 class BusCalls final : public ElementCalls {
@@ -834,15 +844,14 @@ class BusCalls final : public ElementCalls {
 AxResult<std::vector<AxValue>> AtspiAccessibility::copyMultiple(const Element& element,
                                                                 const std::vector<std::string>& names) {
   if (!isOurs(element)) return {AxError::illegalArgument, {}};
-  ElementRecord record;
+  const std::uint32_t parts = partsFor(names);
+  ElementRecord record = attributeRecord(*s_, element, parts);
+  if (record.error != AxError::success) return {record.error, {}};
   std::string toolkit;
-  if (isSystemWide(element)) {
-    record = desktopRecord();
-  } else {
+  if (parts && record.kind != ObjectKind::desktop) {
     const ObjectRef ref = refOf(element);
-    record = s_->record(ref, partsFor(names), s_->timeoutOf(element));
-    if (record.error != AxError::success) return {record.error, {}};
-    toolkit = s_->toolkitOf(ref.bus);
+    // The toolkit's quirks are those of what the element itself tells.
+    if (record.parts & basicPart) toolkit = s_->toolkitOf(ref.bus);
     record.sheetOwner = s_->sheetOwner(ref);
     if (record.extents) placeFrame(ref, record);
   }
@@ -864,14 +873,14 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
   if (!isOurs(element) || isSystemWide(element)) return AxError::illegalArgument;
   const ObjectRef ref = refOf(element);
   prefetched.erase(keyOf(ref));
-  ElementRecord r = s_->record(ref, settableParts, s_->timeoutOf(element));
+  ElementRecord r = attributeRecord(*s_, element, partsToSet(name));
   BusCalls calls(*this, *s_, element, r, "");
   return writeAttribute(name, r, value, calls);
 }
 
 AxResult<bool> AtspiAccessibility::isSettable(const Element& element, std::string_view name) {
   if (!isOurs(element) || isSystemWide(element)) return {AxError::illegalArgument, false};
-  ElementRecord r = s_->record(refOf(element), settableParts, s_->timeoutOf(element));
+  ElementRecord r = attributeRecord(*s_, element, partsToSet(name));
   if (r.error != AxError::success) return {r.error, false};
   return {AxError::success, isAttributeSettable(name, r)};
 }

@@ -220,31 +220,30 @@ const std::array rows{
                  [](In in) { return windowState(in, in.record.states.iconified()); }},
     AttributeRow{"AXMain", Scope::element, recordParts,
                  [](In in) { return windowState(in, in.record.states.active()); }},
-    AttributeRow{"AXWindows", Scope::application, basicPart, viaCalls<&ElementCalls::windows>},
-    AttributeRow{"AXFocusedWindow", Scope::application, basicPart, viaCalls<&ElementCalls::frontWindow>},
-    AttributeRow{"AXMainWindow", Scope::application, basicPart, viaCalls<&ElementCalls::frontWindow>},
-    AttributeRow{"AXFrontmost", Scope::application, basicPart, viaCalls<&ElementCalls::frontmost>},
-    AttributeRow{"AXMenuBar", Scope::application, basicPart, viaCalls<&ElementCalls::menuBar>},
-    AttributeRow{"AXFocusedUIElement", Scope::focus, basicPart, viaCalls<&ElementCalls::focusedElement>},
-    AttributeRow{"AXFocusedApplication", Scope::desktop, basicPart, viaCalls<&ElementCalls::frontApplication>},
+    AttributeRow{"AXWindows", Scope::application, childrenPart, viaCalls<&ElementCalls::windows>},
+    AttributeRow{"AXFocusedWindow", Scope::application, childrenPart, viaCalls<&ElementCalls::frontWindow>},
+    AttributeRow{"AXMainWindow", Scope::application, childrenPart, viaCalls<&ElementCalls::frontWindow>},
+    AttributeRow{"AXFrontmost", Scope::application, childrenPart, viaCalls<&ElementCalls::frontmost>},
+    AttributeRow{"AXMenuBar", Scope::application, 0, viaCalls<&ElementCalls::menuBar>},
+    AttributeRow{"AXFocusedUIElement", Scope::focus, 0, viaCalls<&ElementCalls::focusedElement>},
+    AttributeRow{"AXFocusedApplication", Scope::desktop, 0, viaCalls<&ElementCalls::frontApplication>},
     // Toolkits build their trees whenever a client listens: nothing to
-    // switch, and nothing to read.
-    AttributeRow{"AXManualAccessibility", Scope::application, basicPart, [](In) { return missing(); },
-                 [](Record) { return true; }, [](Record, const AxValue&, ElementCalls&) { return AxError::success; }},
+    // switch, to read or to ask the application.
+    AttributeRow{"AXManualAccessibility", Scope::application, 0, [](In) { return missing(); },
+                 [](Record) { return true; }, [](Record, const AxValue&, ElementCalls&) { return AxError::success; },
+                 0},
 };
-
-bool isDesktop(const ElementRecord& r) { return r.role == ATSPI_ROLE_DESKTOP_FRAME; }
 
 bool inScope(Scope scope, const ElementRecord& r) {
   switch (scope) {
     case Scope::element:
-      return !isDesktop(r);
+      return r.kind != ObjectKind::desktop;
     case Scope::application:
-      return isApplicationRole(r.role);
+      return r.kind == ObjectKind::application;
     case Scope::focus:
-      return isApplicationRole(r.role) || isDesktop(r);
+      return r.kind != ObjectKind::element;
     case Scope::desktop:
-      return isDesktop(r);
+      return r.kind == ObjectKind::desktop;
   }
   return false;
 }
@@ -260,8 +259,7 @@ const AttributeRow* attributeRow(std::string_view name) {
 
 ElementRecord desktopRecord() {
   ElementRecord r;
-  r.parts = basicPart;
-  r.role = ATSPI_ROLE_DESKTOP_FRAME;
+  r.kind = ObjectKind::desktop;
   return r;
 }
 
@@ -280,6 +278,11 @@ bool isAttributeSettable(std::string_view name, const ElementRecord& record) {
   const AttributeRow* row = attributeRow(name);
   return row && row->settable && record.error == AxError::success && inScope(row->scope, record) &&
          row->settable(record);
+}
+
+std::uint32_t partsToSet(std::string_view name) {
+  const AttributeRow* row = attributeRow(name);
+  return row && row->settable ? row->settableParts : basicPart;
 }
 
 AxError writeAttribute(std::string_view name, const ElementRecord& record, const AxValue& value, ElementCalls& calls) {

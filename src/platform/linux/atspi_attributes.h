@@ -44,11 +44,10 @@ class ElementCalls {
   virtual AxError selectText(const AxRange& range) = 0;
 };
 
-/// Which elements an attribute belongs to. The system-wide object reads as
-/// the desktop (`desktopRecord`).
+/// Which objects an attribute belongs to, by their ObjectKind.
 enum class Scope {
-  element,      // every element but the desktop
-  application,  // the application element
+  element,      // every object but the desktop
+  application,  // the application's own object
   focus,        // the application and the desktop
   desktop,      // the desktop only
 };
@@ -68,12 +67,13 @@ struct AttributeRow {
   Scope scope = Scope::element;
   std::uint32_t parts = 0;  // of the record, for the reader
   AxValue (*read)(const AttributeInput&) = nullptr;
-  /// Whether the element takes a write, from the basic part of its record;
-  /// null: never.
+  /// Whether the element takes a write, from the `settableParts` of its
+  /// record; null: never.
   bool (*settable)(const ElementRecord&) = nullptr;
   /// Called only where `settable` holds; refuses values of a kind it cannot
   /// write.
   AxError (*write)(const ElementRecord&, const AxValue&, ElementCalls&) = nullptr;
+  std::uint32_t settableParts = basicPart;
 };
 
 /// Every row, in the order an element lists its names.
@@ -81,8 +81,8 @@ std::span<const AttributeRow> attributeTable();
 /// The row of `name`, or null for a name no element has here.
 const AttributeRow* attributeRow(std::string_view name);
 
-/// The record the system-wide object reads as: the desktop, which has no
-/// record of its own to read.
+/// The record of the system-wide object: the desktop, which has nothing of
+/// its own to read.
 ElementRecord desktopRecord();
 
 /// The value of one attribute: an AxError value where the element does not
@@ -91,8 +91,10 @@ AxValue readAttribute(std::string_view name, const AttributeInput& input);
 /// The AX value from the record alone, for the rows that read nothing else.
 AxValue attributeValue(const ElementRecord& record, std::string_view name, std::string_view toolkit);
 
-/// What the settable rule reads of a record; a set or isSettable reads this.
-inline constexpr std::uint32_t settableParts = basicPart;
+/// What a set or isSettable of `name` reads of the record: what its settable
+/// rule needs, and for a name without one the basic part, which tells
+/// whether the element is there at all.
+std::uint32_t partsToSet(std::string_view name);
 /// Whether the element takes a write of the attribute.
 bool isAttributeSettable(std::string_view name, const ElementRecord& record);
 /// Writes the attribute where it is settable; attributeUnsupported where it

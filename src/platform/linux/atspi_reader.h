@@ -38,6 +38,13 @@ enum Part : std::uint32_t {
   allWalkParts = basicPart | childrenPart | extentsPart | contentPart,
 };
 
+/// What object a record is of, as its path tells without a call.
+enum class ObjectKind {
+  element,
+  application,  // the application's own object
+  desktop,      // the system-wide object, which stands for the desktop
+};
+
 struct ElementRecord {
   AxError error = AxError::success;  // set when the element could not be read at all
   std::uint32_t parts = 0;           // what was read
@@ -69,8 +76,9 @@ struct ElementRecord {
   std::int32_t caret = -1;
   std::optional<std::pair<std::int32_t, std::int32_t>> selection;
   std::string toolkit;  // of the application element only, for its quirks
-  // Not read but learned by the backend: the window a dialog hangs from,
-  // where it shows as that window's sheet.
+  // Not read but learned by the backend: what object this is, and the
+  // window a dialog hangs from, where it shows as that window's sheet.
+  ObjectKind kind = ObjectKind::element;
   std::optional<ObjectRef> sheetOwner;
 
   RoleContext roleContext() const { return {role, states, interfaces, parentRole, editableChild, xmlRoles}; }

@@ -47,6 +47,7 @@ class RecordedCalls final : public ElementCalls {
 
 ElementRecord element(std::uint32_t role, std::uint32_t interfaces, std::initializer_list<int> states) {
   ElementRecord r;
+  if (role == ATSPI_ROLE_APPLICATION) r.kind = ObjectKind::application;
   r.parts = basicPart;
   r.role = role;
   r.interfaces = interfaces;
@@ -68,6 +69,8 @@ TEST(AtspiAttributes, AWriteGoesOutOnlyWhereTheElementIsSettable) {
   const auto label = element(ATSPI_ROLE_LABEL, textInterface, {});
   const auto application = element(ATSPI_ROLE_APPLICATION, applicationInterface, {});
   const auto window = element(ATSPI_ROLE_FRAME, componentInterface, {});
+  ElementRecord applicationUnread;  // known by its path alone
+  applicationUnread.kind = ObjectKind::application;
   auto gone = editableField;
   gone.error = AxError::invalidElement;
 
@@ -104,6 +107,7 @@ TEST(AtspiAttributes, AWriteGoesOutOnlyWhereTheElementIsSettable) {
       {"a range is a range", label, "AXSelectedTextRange", "2", true, AxError::attributeUnsupported, ""},
       {"no range without Text", row, "AXSelectedTextRange", AxRange{0, 1}, false, AxError::attributeUnsupported, ""},
       {"an application is asked for its tree", application, "AXManualAccessibility", true, true, AxError::success, ""},
+      {"by its path, without a call", applicationUnread, "AXManualAccessibility", true, true, AxError::success, ""},
       {"a window is not", window, "AXManualAccessibility", true, false, AxError::attributeUnsupported, ""},
       {"a title is only read", editableField, "AXTitle", "x", false, AxError::attributeUnsupported, ""},
       {"an unknown name", editableField, "AXNoSuchThing", "x", false, AxError::attributeUnsupported, ""},
@@ -167,6 +171,8 @@ TEST(AtspiAttributes, ApplicationAndDesktopAttributesBelongToThem) {
   const auto application = element(ATSPI_ROLE_APPLICATION, applicationInterface, {});
   const auto button = element(ATSPI_ROLE_PUSH_BUTTON, actionInterface | componentInterface, {});
   const auto desktop = desktopRecord();
+  ElementRecord applicationUnread;
+  applicationUnread.kind = ObjectKind::application;
   struct Case {
     const char* what;
     ElementRecord record;
@@ -182,6 +188,7 @@ TEST(AtspiAttributes, ApplicationAndDesktopAttributesBelongToThem) {
       {"an application's menu bar", application, "AXMenuBar", "menuBar"},
       {"a button's is not looked for", button, "AXMenuBar", ""},
       {"an application's windows", application, "AXWindows", "windows"},
+      {"known by its path alone", applicationUnread, "AXFrontmost", "frontmost"},
       {"the desktop has no windows here", desktop, "AXWindows", ""},
       {"the main window is the front one", application, "AXMainWindow", "frontWindow"},
       {"children as a person sees them", button, "AXChildren", "shownChildren"},
