@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <functional>
@@ -11,6 +10,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/linux/atspi_attributes.h"
 #include "platform/linux/atspi_connections.h"
 #include "platform/linux/atspi_directory.h"
 #include "platform/linux/atspi_element.h"
@@ -686,131 +686,184 @@ std::optional<ObjectRef> findInWindows(GDBusConnection* connection, const Object
   return std::nullopt;
 }
 
-// Whether an element's number is written through the Value interface. A
-// spreadsheet cell has one too, whose writes the application takes and
-// ignores: a cell is written by keys.
-bool numberWritable(const ElementRecord& r) { return (r.interfaces & valueInterface) && !isTableCellRole(r.role); }
-
-std::optional<double> wholeNumber(std::string_view text) {
-  double number = 0;
-  auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
-  return number;
+// An element's record for the attribute table: the parts asked for, read
+// only where there are any, and what object it is.
+ElementRecord attributeRecord(AtspiAccessibility::State& s, const Element& element, std::uint32_t parts) {
+  if (isSystemWide(element)) return desktopRecord();
+  const ObjectRef ref = refOf(element);
+  ElementRecord record = parts ? s.record(ref, parts, s.timeoutOf(element)) : ElementRecord{};
+  if (ref.path == rootPath) record.kind = ObjectKind::application;
+  return record;
 }
 
-bool isWindowLevel(std::string_view name) {
-  return name == "AXFocusedWindow" || name == "AXMainWindow" || name == "AXWindows" || name == "AXMenuBar" ||
-         name == "AXFocusedUIElement" || name == "AXFrontmost" || name == "AXFocusedApplication";
-}
+// The calls of the attribute table on one element over the bus. Lives for
+// one read or write, on the caller's thread.
+class BusCalls final : public ElementCalls {
+ public:
+  BusCalls(AtspiAccessibility& ax, AtspiAccessibility::State& s, const Element& element, const ElementRecord& record,
+           std::string_view toolkit)
+      : ax_(ax),
+        s_(s),
+        element_(element),
+        ref_(refOf(element)),
+        record_(record),
+        toolkit_(toolkit),
+        timeoutMs_(s.timeoutOf(element)) {}
+
+  AxValue shownChildren() override {
+    AxValue children = s_.shownChildren(ref_, record_, toolkit_, timeoutMs_);
+    s_.learnWindows(ref_, record_, record_.sheetOwner.has_value(), children);
+    return children;
+  }
+
+  AxValue focusedElement() override {
+    if (isSystemWide(element_)) {
+      auto app = frontApplicationElement();
+      return app ? ax_.copy(*app, "AXFocusedUIElement") : AxValue(AxError::noValue);
+    }
+    ObjectRef focused;
+    {
+      std::lock_guard guard(s_.lock);
+      if (auto it = s_.lastFocused.find(ref_.bus); it != s_.lastFocused.end()) focused = it->second;
+    }
+    if (!focused.bus.empty()) {
+      ElementRecord r = s_.record(focused, basicPart, timeoutMs_);
+      // An application in the background keeps the element that had its
+      // focus, though toolkits clear the state while its window is inactive.
+      if (r.error == AxError::success &&
+          (r.states.focused() || !anyActive(topLevelRecords(s_.to(ref_.bus).get(), ref_, basicPart, timeoutMs_))))
+        return AxValue(atspiElement(focused.bus, focused.path));
+    }
+    // The focus moved before we listened, or a toolkit didn't tell: look.
+    auto found =
+        findInWindows(s_.to(ref_.bus).get(), ref_, timeoutMs_, [](const auto& r) { return r.states.focused(); });
+    if (!found) return AxError::noValue;
+    {
+      std::lock_guard guard(s_.lock);
+      s_.lastFocused[found->bus] = *found;
+    }
+    return AxValue(atspiElement(found->bus, found->path));
+  }
+
+  AxValue frontApplication() override {
+    auto app = frontApplicationElement();
+    return app ? AxValue(*app) : AxValue(AxError::noValue);
+  }
+
+  AxValue menuBar() override {
+    // Toolkits here keep the menu bar inside the window.
+    auto bar =
+        findInWindows(s_.to(ref_.bus).get(), ref_, timeoutMs_, [](const auto& r) { return isMenuBarRole(r.role); });
+    if (!bar) return AxError::noValue;
+    return AxValue(atspiElement(bar->bus, bar->path));
+  }
+
+  AxValue windows() override {
+    AxList list;
+    for (const auto& top : s_.topLevels(ref_.bus, timeoutMs_))
+      if (top.kind == TopLevelKind::window) list.emplace_back(atspiElement(top.ref.bus, top.ref.path));
+    return list;
+  }
+
+  AxValue frontWindow() override {
+    // The front is the active window, or the window whose sheet is active.
+    const auto tops = s_.topLevels(ref_.bus, timeoutMs_);
+    auto front = linux_desktop::frontWindow(tops);
+    if (!front) return AxError::noValue;
+    return AxValue(atspiElement(tops[*front].ref.bus, tops[*front].ref.path));
+  }
+
+  AxValue frontmost() override {
+    const auto tops = s_.topLevels(ref_.bus, timeoutMs_);
+    return AxValue(std::any_of(tops.begin(), tops.end(), [](const TopLevel& t) { return t.active; }));
+  }
+
+  AxError setText(const std::string& text) override {
+    return outcomeOf(
+        s_.call(element_, "org.a11y.atspi.EditableText", "SetTextContents", g_variant_new("(s)", text.c_str())));
+  }
+
+  AxError setNumber(double number) override {
+    return outcomeOf(
+        s_.call(element_, "org.freedesktop.DBus.Properties", "Set",
+                g_variant_new("(ssv)", "org.a11y.atspi.Value", "CurrentValue", g_variant_new_double(number))));
+  }
+
+  AxError grabFocus() override {
+    const AxError grabbed = outcomeOf(s_.call(element_, "org.a11y.atspi.Component", "GrabFocus", nullptr));
+    // Qt moves the focus inside a window in the background without telling:
+    // the element is its window's focus until the window comes forward.
+    if (grabbed == AxError::success &&
+        !anyActive(topLevelRecords(s_.to(ref_.bus).get(), {ref_.bus, rootPath}, basicPart, timeoutMs_))) {
+      std::lock_guard guard(s_.lock);
+      s_.lastFocused[ref_.bus] = ref_;
+    }
+    return grabbed;
+  }
+
+  AxError select(bool selected) override {
+    ElementRecord withParent = s_.record(ref_, parentPart, timeoutMs_);
+    auto index = int32Of(replyChild(s_.call(element_, accessibleIface, "GetIndexInParent", nullptr)));
+    if (!withParent.parent || !index) return AxError::cannotComplete;
+    Element parent = atspiElement(withParent.parent->bus, withParent.parent->path);
+    return outcomeOf(s_.call(parent, "org.a11y.atspi.Selection", selected ? "SelectChild" : "DeselectChild",
+                             g_variant_new("(i)", *index)));
+  }
+
+  AxError selectText(const AxRange& range) override {
+    const auto start = static_cast<gint32>(range.location);
+    const auto end = static_cast<gint32>(range.location + range.length);
+    if (range.length == 0)
+      return outcomeOf(s_.call(element_, "org.a11y.atspi.Text", "SetCaretOffset", g_variant_new("(i)", start)));
+    // Setting a selection fails where there is none; adding one works.
+    s_.call(element_, "org.a11y.atspi.Text", "RemoveSelection", g_variant_new("(i)", 0));
+    return outcomeOf(s_.call(element_, "org.a11y.atspi.Text", "AddSelection", g_variant_new("(ii)", start, end)));
+  }
+
+ private:
+  // The application with an active window, as the desktop's front.
+  std::optional<Element> frontApplicationElement() {
+    for (const auto& app : s_.desktopApplications()) {
+      Element candidate = atspiElement(app.bus, rootPath);
+      if (ax_.copy(candidate, "AXFrontmost").as<bool>().value_or(false)) return candidate;
+    }
+    return std::nullopt;
+  }
+
+  AtspiAccessibility& ax_;
+  AtspiAccessibility::State& s_;
+  const Element& element_;
+  const ObjectRef ref_;
+  const ElementRecord& record_;
+  const std::string toolkit_;
+  const int timeoutMs_;
+};
 
 }  // namespace
 
 AxResult<std::vector<AxValue>> AtspiAccessibility::copyMultiple(const Element& element,
                                                                 const std::vector<std::string>& names) {
   if (!isOurs(element)) return {AxError::illegalArgument, {}};
-  if (isSystemWide(element)) {
-    std::vector<AxValue> values;
-    for (const auto& name : names) values.push_back(copy(element, name));
-    return {AxError::success, std::move(values)};
-  }
-  const ObjectRef ref = refOf(element);
-  const int timeoutMs = s_->timeoutOf(element);
-  ElementRecord record = s_->record(ref, partsFor(names), timeoutMs);
+  const std::uint32_t parts = partsFor(names);
+  ElementRecord record = attributeRecord(*s_, element, parts);
   if (record.error != AxError::success) return {record.error, {}};
-  const std::string toolkit = s_->toolkitOf(ref.bus);
-  const auto owner = s_->sheetOwner(ref);
-  if (record.extents) placeFrame(ref, record);
+  std::string toolkit;
+  if (parts && record.kind != ObjectKind::desktop) {
+    const ObjectRef ref = refOf(element);
+    // The toolkit's quirks are those of what the element itself tells.
+    if (record.parts & basicPart) toolkit = s_->toolkitOf(ref.bus);
+    record.sheetOwner = s_->sheetOwner(ref);
+    if (record.extents) placeFrame(ref, record);
+  }
+  BusCalls calls(*this, *s_, element, record, toolkit);
   std::vector<AxValue> values;
   values.reserve(names.size());
-  for (const auto& name : names) {
-    if (isWindowLevel(name)) {
-      values.push_back(copy(element, name));
-    } else if (name == "AXChildren") {
-      values.push_back(s_->shownChildren(ref, record, toolkit, timeoutMs));
-      s_->learnWindows(ref, record, owner.has_value(), values.back());
-    } else if (owner && name == "AXRole") {
-      values.emplace_back("AXSheet");
-    } else if (owner && name == "AXSubrole") {
-      values.emplace_back(AxError::attributeUnsupported);
-    } else if (owner && name == "AXParent") {
-      values.emplace_back(atspiElement(owner->bus, owner->path));
-    } else {
-      values.push_back(attributeValue(record, name, toolkit));
-    }
-  }
+  for (const auto& name : names) values.push_back(readAttribute(name, AttributeInput{record, toolkit, &calls}));
   for (auto& value : values) shareTimeout(value, element);
   return {AxError::success, std::move(values)};
 }
 
 AxValue AtspiAccessibility::copy(const Element& element, std::string_view name) {
-  AxValue value = copyValue(element, name);
-  shareTimeout(value, element);
-  return value;
-}
-
-AxValue AtspiAccessibility::copyValue(const Element& element, std::string_view name) {
-  if (!isOurs(element)) return AxError::illegalArgument;
-  const int timeoutMs = s_->timeoutOf(element);
-  if (isSystemWide(element)) {
-    if (name == "AXFocusedUIElement" || name == "AXFocusedApplication") {
-      for (const auto& app : s_->desktopApplications()) {
-        Element focusedApp = atspiElement(app.bus, rootPath);
-        AxValue frontmost = copy(focusedApp, "AXFrontmost");
-        if (frontmost.as<bool>().value_or(false))
-          return name == "AXFocusedApplication" ? AxValue(focusedApp) : copy(focusedApp, "AXFocusedUIElement");
-      }
-      return AxError::noValue;
-    }
-    return AxError::attributeUnsupported;
-  }
-  const ObjectRef ref = refOf(element);
-  if (name == "AXFocusedWindow" || name == "AXMainWindow" || name == "AXWindows" || name == "AXFrontmost") {
-    ElementRecord app = s_->record(ref, childrenPart, timeoutMs);
-    if (app.error != AxError::success) return app.error;
-    const auto tops = s_->topLevels(ref.bus, timeoutMs);
-    if (name == "AXFrontmost")
-      return AxValue(std::any_of(tops.begin(), tops.end(), [](const TopLevel& t) { return t.active; }));
-    if (name == "AXWindows") {
-      AxList list;
-      for (const auto& top : tops)
-        if (top.kind == TopLevelKind::window) list.emplace_back(atspiElement(top.ref.bus, top.ref.path));
-      return list;
-    }
-    // The front is the active window, or the window whose sheet is active.
-    auto front = frontWindow(tops);
-    if (!front) return AxError::noValue;
-    return AxValue(atspiElement(tops[*front].ref.bus, tops[*front].ref.path));
-  }
-  if (name == "AXFocusedUIElement") {
-    ObjectRef focused;
-    {
-      std::lock_guard guard(s_->lock);
-      if (auto it = s_->lastFocused.find(ref.bus); it != s_->lastFocused.end()) focused = it->second;
-    }
-    if (!focused.bus.empty()) {
-      ElementRecord r = s_->record(focused, basicPart, timeoutMs);
-      // An application in the background keeps the element that had its
-      // focus, though toolkits clear the state while its window is inactive.
-      if (r.error == AxError::success &&
-          (r.states.focused() || !anyActive(topLevelRecords(s_->to(ref.bus).get(), ref, basicPart, timeoutMs))))
-        return AxValue(atspiElement(focused.bus, focused.path));
-    }
-    // The focus moved before we listened, or a toolkit didn't tell: look.
-    auto found = findInWindows(s_->to(ref.bus).get(), ref, timeoutMs, [](const auto& r) { return r.states.focused(); });
-    if (!found) return AxError::noValue;
-    {
-      std::lock_guard guard(s_->lock);
-      s_->lastFocused[found->bus] = *found;
-    }
-    return AxValue(atspiElement(found->bus, found->path));
-  }
-  if (name == "AXMenuBar") {
-    // Toolkits here keep the menu bar inside the window.
-    auto bar =
-        findInWindows(s_->to(ref.bus).get(), ref, timeoutMs, [](const auto& r) { return isMenuBarRole(r.role); });
-    if (!bar) return AxError::noValue;
-    return AxValue(atspiElement(bar->bus, bar->path));
-  }
   auto values = copyMultiple(element, {std::string(name)});
   if (!values.ok()) return values.error;
   return std::move(values.value.front());
@@ -818,107 +871,22 @@ AxValue AtspiAccessibility::copyValue(const Element& element, std::string_view n
 
 AxError AtspiAccessibility::set(const Element& element, std::string_view name, const AxValue& value) {
   if (!isOurs(element) || isSystemWide(element)) return AxError::illegalArgument;
-  // Toolkits build their trees whenever a client listens: nothing to switch.
-  if (name == "AXManualAccessibility") return AxError::success;
-  const int timeoutMs = s_->timeoutOf(element);
   const ObjectRef ref = refOf(element);
   prefetched.erase(keyOf(ref));
-  ElementRecord r = s_->record(ref, basicPart, timeoutMs);
-  if (r.error != AxError::success) return r.error;
-  if (name == "AXValue") {
-    if (auto text = value.get<std::string>(); text && (r.interfaces & editableTextInterface))
-      return outcomeOf(
-          s_->call(element, "org.a11y.atspi.EditableText", "SetTextContents", g_variant_new("(s)", text->c_str())));
-    // Agents write numbers as text too: "75" moves a slider.
-    std::optional<double> number;
-    if (auto given = value.get<double>())
-      number = *given;
-    else if (auto text = value.get<std::string>())
-      number = wholeNumber(*text);
-    if (number && numberWritable(r))
-      return outcomeOf(
-          s_->call(element, "org.freedesktop.DBus.Properties", "Set",
-                   g_variant_new("(ssv)", "org.a11y.atspi.Value", "CurrentValue", g_variant_new_double(*number))));
-    return AxError::attributeUnsupported;
-  }
-  if (name == "AXFocused") {
-    if (!value.as<bool>().value_or(false)) return AxError::attributeUnsupported;
-    // GTK4 has no GrabFocus, and keeps the state of its window's focus.
-    if (r.states.focused()) return AxError::success;
-    if (!(r.interfaces & componentInterface)) return AxError::attributeUnsupported;
-    const AxError grabbed = outcomeOf(s_->call(element, "org.a11y.atspi.Component", "GrabFocus", nullptr));
-    // Qt moves the focus inside a window in the background without telling:
-    // the element is its window's focus until the window comes forward.
-    if (grabbed == AxError::success &&
-        !anyActive(topLevelRecords(s_->to(ref.bus).get(), {ref.bus, rootPath}, basicPart, timeoutMs))) {
-      std::lock_guard guard(s_->lock);
-      s_->lastFocused[ref.bus] = ref;
-    }
-    return grabbed;
-  }
-  if (name == "AXSelected") {
-    if (!r.states.selectable()) return AxError::attributeUnsupported;
-    ElementRecord withParent = s_->record(ref, parentPart, timeoutMs);
-    auto index = int32Of(replyChild(s_->call(element, accessibleIface, "GetIndexInParent", nullptr)));
-    if (!withParent.parent || !index) return AxError::cannotComplete;
-    Element parent = atspiElement(withParent.parent->bus, withParent.parent->path);
-    const bool select = value.as<bool>().value_or(false);
-    return outcomeOf(s_->call(parent, "org.a11y.atspi.Selection", select ? "SelectChild" : "DeselectChild",
-                              g_variant_new("(i)", *index)));
-  }
-  if (name == "AXSelectedTextRange") {
-    auto range = value.get<AxRange>();
-    if (!range || !(r.interfaces & textInterface)) return AxError::attributeUnsupported;
-    const auto start = static_cast<gint32>(range->location);
-    const auto end = static_cast<gint32>(range->location + range->length);
-    if (range->length == 0)
-      return outcomeOf(s_->call(element, "org.a11y.atspi.Text", "SetCaretOffset", g_variant_new("(i)", start)));
-    // Setting a selection fails where there is none; adding one works.
-    s_->call(element, "org.a11y.atspi.Text", "RemoveSelection", g_variant_new("(i)", 0));
-    return outcomeOf(s_->call(element, "org.a11y.atspi.Text", "AddSelection", g_variant_new("(ii)", start, end)));
-  }
-  return AxError::attributeUnsupported;
+  ElementRecord r = attributeRecord(*s_, element, partsToSet(name));
+  BusCalls calls(*this, *s_, element, r, "");
+  return writeAttribute(name, r, value, calls);
 }
 
 AxResult<bool> AtspiAccessibility::isSettable(const Element& element, std::string_view name) {
   if (!isOurs(element) || isSystemWide(element)) return {AxError::illegalArgument, false};
-  ElementRecord r = s_->record(refOf(element), basicPart, s_->timeoutOf(element));
+  ElementRecord r = attributeRecord(*s_, element, partsToSet(name));
   if (r.error != AxError::success) return {r.error, false};
-  bool settable = false;
-  if (name == "AXValue")
-    settable = ((r.interfaces & editableTextInterface) && r.states.editable()) || numberWritable(r);
-  else if (name == "AXFocused")
-    settable = r.states.focusable() && (r.interfaces & componentInterface);
-  else if (name == "AXSelected")
-    settable = r.states.selectable();
-  else if (name == "AXSelectedTextRange")
-    settable = r.interfaces & textInterface;
-  else if (name == "AXManualAccessibility")
-    settable = isApplicationRole(r.role);
-  return {AxError::success, settable};
+  return {AxError::success, isAttributeSettable(name, r)};
 }
 
 AxResult<std::vector<std::string>> AtspiAccessibility::attributeNames(const Element& element) {
-  static const std::vector<std::string> candidates{"AXRole",
-                                                   "AXSubrole",
-                                                   "AXTitle",
-                                                   "AXDescription",
-                                                   "AXValue",
-                                                   "AXIdentifier",
-                                                   "AXPlaceholderValue",
-                                                   "AXPosition",
-                                                   "AXSize",
-                                                   "AXEnabled",
-                                                   "AXFocused",
-                                                   "AXSelected",
-                                                   "AXExpanded",
-                                                   "AXURL",
-                                                   "AXParent",
-                                                   "AXChildren",
-                                                   "AXMinValue",
-                                                   "AXMaxValue",
-                                                   "AXNumberOfCharacters",
-                                                   "AXSelectedTextRange"};
+  static const std::vector<std::string> candidates = attributeTableNames();
   auto values = copyMultiple(element, candidates);
   if (!values.ok()) return {values.error, {}};
   std::vector<std::string> names;
@@ -963,7 +931,10 @@ AxError AtspiAccessibility::perform(const Element& element, std::string_view act
     if (r.minimum) next = std::max(next, *r.minimum);
     return set(element, "AXValue", AxValue(next));
   }
-  if (action == "AXRaise" && (r.interfaces & componentInterface)) return set(element, "AXFocused", AxValue(true));
+  // A window comes forward by the focus's write, though it need not be
+  // focusable itself.
+  if (action == "AXRaise" && (r.interfaces & componentInterface))
+    return r.states.focused() ? AxError::success : BusCalls(*this, *s_, element, r, "").grabFocus();
   return AxError::actionUnsupported;
 }
 

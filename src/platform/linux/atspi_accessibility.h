@@ -73,8 +73,6 @@ class AtspiAccessibility final : public Accessibility {
   struct State;
 
  private:
-  // copy without giving the elements read the handle's timeout.
-  AxValue copyValue(const Element& element, std::string_view name);
   // The element's frame as it reads, with its window's place added where
   // frames are window-relative.
   void placeFrame(const ObjectRef& ref, ElementRecord& record);

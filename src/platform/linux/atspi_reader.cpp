@@ -1,7 +1,5 @@
 #include "platform/linux/atspi_reader.h"
 
-#include "platform/linux/atspi_element.h"
-
 #include <atspi/atspi-constants.h>
 
 #include <algorithm>
@@ -362,25 +360,6 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
   return records;
 }
 
-std::uint32_t partsFor(const std::vector<std::string>& names) {
-  std::uint32_t parts = 0;
-  for (const auto& name : names) {
-    if (name == "AXChildren" || name == "AXWindows" || name == "AXFocusedWindow" || name == "AXMainWindow" ||
-        name == "AXMenuBar" || name == "AXVisibleChildren")
-      parts |= childrenPart | basicPart;
-    else if (name == "AXParent")
-      parts |= parentPart;
-    else if (name == "AXPosition" || name == "AXSize" || name == "AXFrame")
-      parts |= extentsPart;
-    else if (name == "AXSelectedTextRange" || name == "AXNumberOfCharacters" || name == "AXSelectedText" ||
-             name == "AXInsertionPointLineNumber")
-      parts |= textPart | contentPart;
-    else
-      parts |= basicPart | contentPart;
-  }
-  return parts;
-}
-
 namespace {
 
 bool isUpper(char c) { return std::isupper(static_cast<unsigned char>(c)); }
@@ -483,101 +462,6 @@ std::string cleanedName(const std::string& name, std::uint32_t role, std::string
                           role == ATSPI_ROLE_CHECK_BOX || role == ATSPI_ROLE_RADIO_BUTTON ||
                           role == ATSPI_ROLE_PUSH_BUTTON_MENU;
   return buttonLike ? undoubled(name) : name;
-}
-
-namespace {
-
-AxValue missing() { return AxError::attributeUnsupported; }
-
-AxValue textOrMissing(const std::string& text) { return text.empty() ? missing() : AxValue(text); }
-
-// A page's select is named by its label and shows its chosen option; a
-// toolkit's pop-up is named by its choice.
-bool choiceIsValue(const ElementRecord& r, std::string_view toolkit) {
-  return isComboRole(r.role) && !r.editableChild && isWebToolkit(toolkit);
-}
-
-// A container's text holds an object replacement character where each child
-// stands; the children carry that text themselves.
-bool standsForChildren(const std::string& text) { return text.find("\uFFFC") != std::string::npos; }
-
-AxValue valueOf(const ElementRecord& r, std::string_view toolkit) {
-  if (isCheckRole(r.role)) {
-    if (r.role == ATSPI_ROLE_PAGE_TAB) return AxValue(r.states.selected() ? 1 : 0);
-    if (r.states.indeterminate()) return AxValue(2);
-    return AxValue(r.states.checked() || r.states.pressed() ? 1 : 0);
-  }
-  if (isRangeRole(r.role) && r.value) return AxValue(*r.value);
-  if (isHeadingRole(r.role)) return r.level ? AxValue(*r.level) : missing();
-  if (choiceIsValue(r, toolkit)) return textOrMissing(r.choice);
-  if (r.text && standsForChildren(*r.text) && !isTextEntryRole(r.role)) return missing();
-  if (r.text) return AxValue(*r.text);
-  if (isComboRole(r.role)) return textOrMissing(cleanedName(r.name, r.role, toolkit));
-  if (isStaticTextRole(r.role)) return textOrMissing(cleanedName(r.name, r.role, toolkit));
-  if (r.value) return AxValue(*r.value);
-  return missing();
-}
-
-AxValue titleOf(const ElementRecord& r, std::string_view toolkit) {
-  // Static text shows its text as its value; a pop-up's name is its choice.
-  if (isStaticTextRole(r.role) || (isComboRole(r.role) && !r.editableChild && !choiceIsValue(r, toolkit)))
-    return missing();
-  return textOrMissing(cleanedName(r.name, r.role, toolkit));
-}
-
-AxValue childrenOf(const ElementRecord& r) {
-  if (!r.children) return AxError::noValue;
-  AxList list;
-  list.reserve(r.children->size());
-  for (const auto& child : *r.children) list.emplace_back(atspiElement(child.bus, child.path));
-  return list;
-}
-
-}  // namespace
-
-AxValue attributeValue(const ElementRecord& r, std::string_view name, std::string_view toolkit) {
-  if (r.error != AxError::success) return r.error;
-  if (name == "AXRole") return axRole(r.roleContext()).role;
-  if (name == "AXSubrole") {
-    auto subrole = axRole(r.roleContext()).subrole;
-    return subrole.empty() ? missing() : AxValue(std::move(subrole));
-  }
-  if (name == "AXTitle") return titleOf(r, toolkit);
-  if (name == "AXDescription") return textOrMissing(toolkit == qtToolkit ? plainText(r.description) : r.description);
-  if (name == "AXValue") return valueOf(r, toolkit);
-  if (name == "AXIdentifier") return textOrMissing(r.accessibleId);
-  if (name == "AXPlaceholderValue") return textOrMissing(r.placeholder);
-  if (name == "AXPosition") return r.extents ? AxValue(AxPoint{r.extents->x, r.extents->y}) : missing();
-  if (name == "AXSize") return r.extents ? AxValue(AxSize{r.extents->width, r.extents->height}) : missing();
-  if (name == "AXFrame") return r.extents ? AxValue(*r.extents) : missing();
-  if (name == "AXEnabled") {
-    // Only controls can be disabled; a container without the state is not.
-    const bool control = r.interfaces & (actionInterface | editableTextInterface | valueInterface);
-    return AxValue(!control || r.states.enabled());
-  }
-  if (name == "AXFocused") return AxValue(r.states.focused());
-  if (name == "AXSelected") return r.states.selectable() ? AxValue(r.states.selected()) : missing();
-  if (name == "AXExpanded") return r.states.expandable() ? AxValue(r.states.expanded()) : missing();
-  if (name == "AXMenuItemCmdChar" || name == "AXMenuItemCmdModifiers") {
-    auto shortcut = shortcutOf(r.keyBinding);
-    if (!shortcut) return missing();
-    return name == "AXMenuItemCmdChar" ? AxValue(shortcut->key) : AxValue(double(shortcut->modifiers));
-  }
-  if (name == "AXMenuItemMarkChar") return isCheckMenuItemRole(r.role) && r.states.checked() ? AxValue("✓") : missing();
-  if (name == "AXURL") return r.uri.empty() ? missing() : AxValue(AxUrl{r.uri});
-  if (name == "AXChildren") return childrenOf(r);
-  if (name == "AXParent") return r.parent ? AxValue(atspiElement(r.parent->bus, r.parent->path)) : AxError::noValue;
-  if (name == "AXMinimized") return AxValue(r.states.iconified());
-  if (name == "AXMain" || name == "AXFrontmost") return AxValue(r.states.active());
-  if (name == "AXMinValue") return r.minimum ? AxValue(*r.minimum) : missing();
-  if (name == "AXMaxValue") return r.maximum ? AxValue(*r.maximum) : missing();
-  if (name == "AXNumberOfCharacters") return r.characterCount >= 0 ? AxValue(r.characterCount) : missing();
-  if (name == "AXSelectedTextRange") {
-    if (r.characterCount < 0) return missing();
-    if (r.selection) return AxValue(AxRange{r.selection->first, r.selection->second - r.selection->first});
-    return AxValue(AxRange{std::max(r.caret, 0), 0});
-  }
-  return missing();
 }
 
 }  // namespace glimmerstrand::platform::linux_desktop

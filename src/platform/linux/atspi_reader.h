@@ -38,6 +38,13 @@ enum Part : std::uint32_t {
   allWalkParts = basicPart | childrenPart | extentsPart | contentPart,
 };
 
+/// What object a record is of, as its path tells without a call.
+enum class ObjectKind {
+  element,
+  application,  // the application's own object
+  desktop,      // the system-wide object, which stands for the desktop
+};
+
 struct ElementRecord {
   AxError error = AxError::success;  // set when the element could not be read at all
   std::uint32_t parts = 0;           // what was read
@@ -69,6 +76,10 @@ struct ElementRecord {
   std::int32_t caret = -1;
   std::optional<std::pair<std::int32_t, std::int32_t>> selection;
   std::string toolkit;  // of the application element only, for its quirks
+  // Not read but learned by the backend: what object this is, and the
+  // window a dialog hangs from, where it shows as that window's sheet.
+  ObjectKind kind = ObjectKind::element;
+  std::optional<ObjectRef> sheetOwner;
 
   RoleContext roleContext() const { return {role, states, interfaces, parentRole, editableChild, xmlRoles}; }
 };
@@ -108,12 +119,8 @@ bool withholdsChildren(const States& states, std::int32_t childCount);
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
                                        std::uint32_t parts, int timeoutMs, const CachedItems* cached = nullptr);
 
-/// The AX value of one attribute from a record; an AxError value when the
-/// element does not have it. `toolkit` names the application's toolkit
-/// ("GTK", "Qt"), whose naming quirks are undone here.
-AxValue attributeValue(const ElementRecord& record, std::string_view name, std::string_view toolkit);
-
-/// The parts a read of these AX attribute names needs.
+/// The parts a read of these AX attribute names needs, as the attribute
+/// table (atspi_attributes.h) tells them.
 std::uint32_t partsFor(const std::vector<std::string>& names);
 
 /// A toolkit's name for an element, cleaned of what the toolkit adds: a

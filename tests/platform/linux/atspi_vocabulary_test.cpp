@@ -3,6 +3,7 @@
 #include <atspi/atspi-constants.h>
 #include <gtest/gtest.h>
 
+#include "platform/linux/atspi_attributes.h"
 #include "platform/linux/atspi_reader.h"
 #include "platform/linux/atspi_vocabulary.h"
 
