@@ -30,7 +30,8 @@ class Daemon {
   explicit Daemon(const TempFolder& folder, const std::string& apps = "")
       : socket_((folder.path() / "state/glimmerstrand/glimmerstrand.sock").string()) {
     pid_ = start(folder, apps);
-    for (int k = 0; k < 500 && !std::filesystem::exists(socket_); ++k) std::this_thread::sleep_for(10ms);
+    // Polled for up to 20 s: a loaded machine (browsers on a test desktop beside) can be slow to start it.
+    for (int k = 0; k < 2000 && !std::filesystem::exists(socket_); ++k) std::this_thread::sleep_for(10ms);
   }
   ~Daemon() {
     if (pid_ > 0) {

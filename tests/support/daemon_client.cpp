@@ -43,7 +43,7 @@ DaemonClient::DaemonClient(const std::string& binary, const std::string& stateFo
     ::_exit(127);
   }
   const std::string socket = stateFolder + "/glimmerstrand/glimmerstrand.sock";
-  for (int k = 0; k < 1000 && fd_ < 0; ++k) {
+  for (int k = 0; k < 2000 && fd_ < 0; ++k) {  // up to 20 s on a loaded machine
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
     fd_ = connectTo(socket);
   }

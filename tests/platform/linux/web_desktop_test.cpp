@@ -227,6 +227,15 @@ TEST_P(WebDesktopTest, TheDoctorNamesAChromiumThatShowsNoPage) {
       ::_exit(127);
     }
   }
+  // Ended however the test ends: a browser left running holds the test's output open.
+  struct EndsPlain {
+    pid_t pid;
+    ~EndsPlain() {
+      if (pid <= 0) return;
+      ::kill(pid, SIGTERM);
+      ::waitpid(pid, nullptr, 0);
+    }
+  } ends{plain};
   // The doctor is the daemon's: one of the test's own, in a folder of its own.
   const auto state = folder_ / ("daemon-" + browser());
   std::filesystem::create_directories(state);
@@ -246,10 +255,6 @@ TEST_P(WebDesktopTest, TheDoctorNamesAChromiumThatShowsNoPage) {
   std::vector<std::int64_t> pids;
   EXPECT_TRUE(eventually([&] { return (pids = named()) == expected; }, std::chrono::seconds(20)))
       << pids.size() << " named";
-  if (plain > 0) {
-    ::kill(plain, SIGTERM);
-    ::waitpid(plain, nullptr, 0);
-  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Browsers, WebDesktopTest, ::testing::Values("chromium", "firefox-esr"),
