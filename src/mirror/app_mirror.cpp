@@ -345,16 +345,14 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
     needTrailing = trailingPending_;
     if (request.fresh && required >= completedWalkStartedAt_) urgent_ = true;
   }
-  std::optional<std::int64_t> lookedFrom;  // when this read asked for a trailing look of its own
   auto goodEnough = [&] {
     if (unanswered_ && unansweredWalkStartedAt_ > required) return true;  // a walk begun for this read got no answer
     if (generation_ == 0) return false;
     if (!request.fresh) return true;
-    const bool lookedAgain = lookedFrom && completedWalkStartedAt_ >= *lookedFrom;
-    return required < completedWalkStartedAt_ && (!needTrailing || !trailingPending_ || lookedAgain);
+    return required < completedWalkStartedAt_ && (!needTrailing || !trailingPending_);
   };
   while (!goodEnough()) {
-    if (!lookedFrom && needTrailing && trailingPending_ && !walkScheduled_ && required < completedWalkStartedAt_) {
+    if (needTrailing && trailingPending_ && !walkScheduled_ && required < completedWalkStartedAt_) {
       // The walk already done began after the application had been quiet for
       // as long as a trailing walk waits: it saw what came late.
       if (completedWalkStartedAt_ >= required + trailingDelayMs * msNs) {
@@ -363,7 +361,6 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
       }
       // A fresh read comes after a settle, which waited out the quiet: look
       // again now rather than after the trailing delay and the pacing gap.
-      lookedFrom = clock_.nowNs();
       markTrailingLocked();
       urgent_ = true;
       scheduleUnlocked();
@@ -375,7 +372,6 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
     if (!clock_.waitUntil(lock, stateChanged_, deadline)) break;
   }
 
-  if (lookedFrom && completedWalkStartedAt_ >= *lookedFrom) needTrailing = false;
   MirrorSnapshot out;
   out.pid = pid_;
   out.generation = generation_;

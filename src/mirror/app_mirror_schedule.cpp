@@ -222,10 +222,7 @@ void AppMirror::walkLoop() {
     // again shortly after a walk that ended quiet, until nothing moves.
     const bool eligible = lastSeen != 0 && quiet && (!commit.partial || !commit.targets.empty());
     bool follows = false;
-    // A trailing look that a read asked for at once does not end the chain:
-    // the application may still be finishing what it began.
-    const bool lookedEarly = trailing && urgentPass;
-    if (eligible && (!trailing || ((signature_ != oldSignature || lookedEarly) && trailingCount_ < 4))) {
+    if (eligible && (!trailing || (signature_ != oldSignature && trailingCount_ < 4))) {
       follows = true;
       ++trailingCount_;
     }
