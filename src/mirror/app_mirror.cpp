@@ -351,26 +351,8 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
     if (!request.fresh) return true;
     return required < completedWalkStartedAt_ && (!needTrailing || !trailingPending_);
   };
-  while (!goodEnough()) {
-    if (needTrailing && trailingPending_ && !walkScheduled_ && required < completedWalkStartedAt_) {
-      // The walk already done began after the application had been quiet for
-      // as long as a trailing walk waits: it saw what came late.
-      if (completedWalkStartedAt_ >= required + trailingDelayMs * msNs) {
-        needTrailing = false;
-        continue;
-      }
-      // A fresh read comes after a settle, which waited out the quiet: look
-      // again now rather than after the trailing delay and the pacing gap.
-      markTrailingLocked();
-      urgent_ = true;
-      scheduleUnlocked();
-    } else if (request.fresh && walkScheduled_ && !walking_ && !urgent_) {
-      // A walk that waits out its pacing would keep this read waiting too.
-      urgent_ = true;
-      clock_.notifyAll(stateChanged_);
-    }
+  while (!goodEnough())
     if (!clock_.waitUntil(lock, stateChanged_, deadline)) break;
-  }
 
   MirrorSnapshot out;
   out.pid = pid_;

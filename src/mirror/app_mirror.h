@@ -299,8 +299,6 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   void markDirtyLocked(const std::vector<DirtyTarget>& targets);
   void markFullLocked();
   void trailingWalkDue();
-  /// Marks again what the last walk looked at, for a trailing walk.
-  void markTrailingLocked();
   /// Whether the application element itself is gone; calls the application.
   bool applicationGone();
   void retryRegistrationOnQueue();

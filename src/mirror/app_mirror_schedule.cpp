@@ -86,38 +86,35 @@ void AppMirror::trailingWalkDue() {
   {
     std::lock_guard guard(stateLock_);
     if (!trailingPending_) return;
-    markTrailingLocked();
+    nextWalkIsTrailing_ = true;
+    lastNotificationAt_ = clock_.nowNs();
+    // Look again at what the last walk looked at.
+    if (lastTargets_ && !lastTargets_->empty())
+      markDirtyLocked(*lastTargets_);
+    else
+      markFullLocked();
   }
   scheduleWalk();
 }
 
-void AppMirror::markTrailingLocked() {
-  nextWalkIsTrailing_ = true;
-  lastNotificationAt_ = clock_.nowNs();
-  // Look again at what the last walk looked at.
-  if (lastTargets_ && !lastTargets_->empty())
-    markDirtyLocked(*lastTargets_);
-  else
-    markFullLocked();
-}
-
 void AppMirror::walkLoop() {
   std::unique_lock lock(stateLock_);
-  // A pause for the debounce or the pacing ends early when a read that needs
-  // the walk now marks it urgent.
-  auto pause = [&](std::int64_t ns) { clock_.waitUntil(lock, stateChanged_, clock_.nowNs() + ns); };
+  auto sleepUnlocked = [&](std::int64_t ns) {
+    lock.unlock();
+    clock_.sleepNs(ns);
+    lock.lock();
+  };
   std::int64_t debouncingSince = 0;
   for (;;) {
     const std::int64_t now = clock_.nowNs();
     const std::int64_t lastSeen = lastNotificationAt_;
     // Debounce: a burst of notifications costs one walk. The first walk waits
     // for nothing, and a storm that never pauses holds walks off no longer
-    // than maxDebounceNs. A read that waits for this walk has waited out the
-    // application's quiet already.
-    if (generation_ >= 1 && !urgent_ && now - lastNotificationAt_ < debounceNs) {
+    // than maxDebounceNs.
+    if (generation_ >= 1 && now - lastNotificationAt_ < debounceNs) {
       if (debouncingSince == 0) debouncingSince = now;
       if (now - debouncingSince < maxDebounceNs) {
-        pause(std::min(debounceNs - (now - lastNotificationAt_), maxDebounceNs - (now - debouncingSince)));
+        sleepUnlocked(std::min(debounceNs - (now - lastNotificationAt_), maxDebounceNs - (now - debouncingSince)));
         continue;
       }
     }
@@ -126,7 +123,7 @@ void AppMirror::walkLoop() {
     const std::int64_t gap = gapAfter(full ? fullWalkMs_ : partialWalkMs_);
     const bool urgentPass = urgent_;
     if (generation_ >= 1 && now - walkedAt_ < gap && !urgent_) {
-      pause(std::min(gap - (now - walkedAt_), pacingSleepNs));
+      sleepUnlocked(std::min(gap - (now - walkedAt_), pacingSleepNs));
       continue;
     }
 

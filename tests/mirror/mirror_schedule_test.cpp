@@ -213,25 +213,4 @@ TEST(MirrorSchedule, AnUnreadableElementIsRetriedThreeTimesThenLeftAlone) {
 }
 
 }  // namespace
-// A write's road: the settle waits out the application's quiet, then a fresh
-// read waits for one trailing look at what changed, taken at once rather than
-// after the trailing delay and the pacing gap between walks.
-TEST(MirrorSchedule, AFreshReadAfterASettleEndsWithTheQuietAndOneTrailingLook) {
-  MirrorSim sim(labDesktop());
-  auto mirror = sim.settled(labPid);
-  const auto before = sim.plain(*mirror);
-  sim.clock.advance(500 * ms);  // past the pacing gap: the notified walk comes early, inside the quiet
-  const std::int64_t changedAt = sim.clock.nowNs();
-  const std::int64_t since = mirror->notificationCount();
-  sim.desktop().setAttribute(labPid, "status", "AXValue", "busy");
-  sim.deliver();
-  const auto settle = mirror->waitSettle(since, 60, 150, 2000);
-  EXPECT_TRUE(settle.settled);
-  auto after = sim.fresh(*mirror);
-  EXPECT_EQ(findNode(after, "status")->value, "busy");
-  EXPECT_FALSE(after.dirty);
-  EXPECT_EQ(after.partialWalks - before.partialWalks, 2);  // the notified walk and the trailing look
-  EXPECT_LE((sim.clock.nowNs() - changedAt) / ms, 60 + 5);
-}
-
 }  // namespace glimmerstrand::native
