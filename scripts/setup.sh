@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs everything the build, the tests and the demo need on Debian 12.
 set -euo pipefail
+source "$(dirname "$0")/lib/packages.sh"
 packages=(
   build-essential cmake ninja-build ccache clang-format git pkg-config
   libicu-dev nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev uuid-dev
@@ -24,13 +25,4 @@ packages=(
   sway libwayland-dev wayland-protocols libxkbcommon-dev qtwayland5 wl-clipboard grim
 )
 command -v npm >/dev/null || packages+=(npm)  # the agent task suite's MCP client comes from the npm registry
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  sudo=""
-  [ "$(id -u)" -ne 0 ] && sudo="sudo"
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+install_missing "${packages[@]}"
