@@ -351,8 +351,21 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
     if (!request.fresh) return true;
     return required < completedWalkStartedAt_ && (!needTrailing || !trailingPending_);
   };
-  while (!goodEnough())
+  while (!goodEnough()) {
+    if (request.fresh && needTrailing && trailingPending_ && required < completedWalkStartedAt_) {
+      // The walk of what was notified is in, and trailing walks follow at
+      // their pace. A fresh read comes after a settle waited out the
+      // application's quiet: it takes its own look now, and the trailing
+      // walks go on after it.
+      markTrailingLocked();
+      urgent_ = true;
+      required = lastNotificationAt_;
+      needTrailing = false;
+      scheduleUnlocked();
+      clock_.notifyAll(stateChanged_);  // ends a pause of the walk loop
+    }
     if (!clock_.waitUntil(lock, stateChanged_, deadline)) break;
+  }
 
   MirrorSnapshot out;
   out.pid = pid_;
@@ -399,7 +412,7 @@ core::SettleResult AppMirror::waitSettle(std::optional<std::int64_t> since, std:
       const std::int64_t loadEndsBy = loadingSince_ ? *loadingSince_ + maxLoadMs * msNs : 0;
       const bool loading = loadEndsBy > now;
       const std::int64_t giveUpAt = std::max(start + timeoutMs * msNs, std::min(loadEndsBy, start + maxLoadMs * msNs));
-      const std::int64_t quietAt = lastNotificationAt_ + quietMs * msNs;
+      const std::int64_t quietAt = lastEventAt_ + quietMs * msNs;
       if (!loading && now >= quietAt) {
         result.settled = true;
         break;

@@ -32,6 +32,7 @@ void AppMirror::handleNotification(const Element& element, const std::string& na
     std::lock_guard guard(stateLock_);
     ++notificationCount_;
     lastNotificationAt_ = clock_.nowNs();
+    lastEventAt_ = lastNotificationAt_;
     if (name == "AXElementBusyChanged" && !loadingSince_) loadingSince_ = lastNotificationAt_;
     if (name == "AXLoadComplete") loadingSince_.reset();
     if (kind && !(element == app_))
@@ -86,35 +87,38 @@ void AppMirror::trailingWalkDue() {
   {
     std::lock_guard guard(stateLock_);
     if (!trailingPending_) return;
-    nextWalkIsTrailing_ = true;
-    lastNotificationAt_ = clock_.nowNs();
-    // Look again at what the last walk looked at.
-    if (lastTargets_ && !lastTargets_->empty())
-      markDirtyLocked(*lastTargets_);
-    else
-      markFullLocked();
+    markTrailingLocked();
   }
   scheduleWalk();
 }
 
+void AppMirror::markTrailingLocked() {
+  nextWalkIsTrailing_ = true;
+  lastNotificationAt_ = clock_.nowNs();
+  // Look again at what the last walk looked at.
+  if (lastTargets_ && !lastTargets_->empty())
+    markDirtyLocked(*lastTargets_);
+  else
+    markFullLocked();
+}
+
 void AppMirror::walkLoop() {
   std::unique_lock lock(stateLock_);
-  auto sleepUnlocked = [&](std::int64_t ns) {
-    lock.unlock();
-    clock_.sleepNs(ns);
-    lock.lock();
-  };
+  // A pause for the debounce or the pacing ends early when a read that waits
+  // for this walk marks it urgent.
+  auto pause = [&](std::int64_t ns) { clock_.waitUntil(lock, stateChanged_, clock_.nowNs() + ns); };
   std::int64_t debouncingSince = 0;
   for (;;) {
     const std::int64_t now = clock_.nowNs();
     const std::int64_t lastSeen = lastNotificationAt_;
-    // Debounce: a burst of notifications costs one walk. The first walk waits
-    // for nothing, and a storm that never pauses holds walks off no longer
-    // than maxDebounceNs.
-    if (generation_ >= 1 && now - lastNotificationAt_ < debounceNs) {
+    // Debounce: a burst of the application's notifications costs one walk.
+    // The first walk waits for nothing, a storm that never pauses holds walks
+    // off no longer than maxDebounceNs, and a read that waits for the walk has
+    // waited out the application's quiet already.
+    if (generation_ >= 1 && !urgent_ && now - lastEventAt_ < debounceNs) {
       if (debouncingSince == 0) debouncingSince = now;
       if (now - debouncingSince < maxDebounceNs) {
-        sleepUnlocked(std::min(debounceNs - (now - lastNotificationAt_), maxDebounceNs - (now - debouncingSince)));
+        pause(std::min(debounceNs - (now - lastEventAt_), maxDebounceNs - (now - debouncingSince)));
         continue;
       }
     }
@@ -123,7 +127,7 @@ void AppMirror::walkLoop() {
     const std::int64_t gap = gapAfter(full ? fullWalkMs_ : partialWalkMs_);
     const bool urgentPass = urgent_;
     if (generation_ >= 1 && now - walkedAt_ < gap && !urgent_) {
-      sleepUnlocked(std::min(gap - (now - walkedAt_), pacingSleepNs));
+      pause(std::min(gap - (now - walkedAt_), pacingSleepNs));
       continue;
     }
 
@@ -216,10 +220,12 @@ void AppMirror::walkLoop() {
     if (!trailing) trailingCount_ = 0;
 
     // An application often finishes a change after its notification: look
-    // again shortly after a walk that ended quiet, until nothing moves.
+    // again shortly after a walk that ended quiet, until nothing moves and a
+    // look came late enough to see what it finishes without telling.
     const bool eligible = lastSeen != 0 && quiet && (!commit.partial || !commit.targets.empty());
+    const bool early = walkStartedAt_ - lastEventAt_ < lateLookMs * msNs;
     bool follows = false;
-    if (eligible && (!trailing || (signature_ != oldSignature && trailingCount_ < 4))) {
+    if (eligible && (!trailing || ((signature_ != oldSignature || early) && trailingCount_ < 4))) {
       follows = true;
       ++trailingCount_;
     }

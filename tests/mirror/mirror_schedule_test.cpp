@@ -212,5 +212,29 @@ TEST(MirrorSchedule, AnUnreadableElementIsRetriedThreeTimesThenLeftAlone) {
   EXPECT_TRUE(findNode(snapshot, "ok0"));
 }
 
+// A write's road: the settle waits out the application's quiet, and the fresh
+// read after it takes one trailing look at once rather than after the
+// trailing delay and the pacing gap. The trailing walks still go on until one
+// comes late enough to see what the application finishes without telling.
+TEST(MirrorSchedule, AFreshReadAfterASettleEndsWithTheQuietAndOneLookAndTheTrailingWalksGoOn) {
+  MirrorSim sim(labDesktop());
+  auto mirror = sim.settled(labPid);
+  const auto before = sim.plain(*mirror);
+  sim.clock.advance(500 * ms);  // past the pacing gap: the notified walk comes early, inside the quiet
+  const std::int64_t changedAt = sim.clock.nowNs();
+  const std::int64_t since = mirror->notificationCount();
+  sim.desktop().setAttribute(labPid, "status", "AXValue", "busy");
+  sim.deliver();
+  EXPECT_TRUE(mirror->waitSettle(since, 60, 150, 2000).settled);
+  const auto after = sim.fresh(*mirror);
+  EXPECT_EQ(findNode(after, "status")->value, "busy");
+  EXPECT_FALSE(after.dirty);
+  EXPECT_EQ(after.partialWalks - before.partialWalks, 2);  // the notified walk and the read's look
+  EXPECT_LE((sim.clock.nowNs() - changedAt) / ms, 60 + 5);
+
+  sim.clock.runUntilIdle();
+  EXPECT_EQ(sim.plain(*mirror).partialWalks - before.partialWalks, 3) << "no later look after the read's own";
+}
+
 }  // namespace
 }  // namespace glimmerstrand::native
