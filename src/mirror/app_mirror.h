@@ -192,10 +192,12 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   /// The longest a stream of notifications without a pause holds a walk off.
   static constexpr std::int64_t maxDebounceNs = 100'000'000;
   static constexpr std::int64_t trailingDelayMs = 50;
-  /// Trailing walks go on until one began at least this long after the
-  /// application's last notification: what it finishes without telling
-  /// shows by then, however soon a read took its own look.
-  static constexpr std::int64_t lateLookMs = 100;
+  /// When trailing walks end sooner than this after the application's last
+  /// notification, one more look comes then: what it finishes without
+  /// telling (a browser showing the tab left after one closed) shows by then,
+  /// however soon a read took its own look. The copy does not count as dirty
+  /// while that look waits.
+  static constexpr std::int64_t lateLookMs = 500;
   /// How long a settle waits for a page that began to load.
   static constexpr std::int64_t maxLoadMs = 5000;
   static constexpr std::int64_t keepNs = 10'000'000'000;
@@ -303,6 +305,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   void markDirtyLocked(const std::vector<DirtyTarget>& targets);
   void markFullLocked();
   void trailingWalkDue();
+  void lateLookDue();
   /// Marks again what the last walk looked at, for a trailing walk.
   void markTrailingLocked();
   /// Whether the application element itself is gone; calls the application.
@@ -343,6 +346,7 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   bool nextWalkIsTrailing_ = false;
   std::uint64_t signature_ = 0;
   std::int64_t trailingCount_ = 0;
+  std::int64_t lateLookFor_ = 0;  // the notification a late look waits to follow; 0: none waits
   std::unordered_map<std::int64_t, Element> uidElements_;
   bool pendingFull_ = false;
   std::vector<DirtyTarget> pendingDirty_;
@@ -353,8 +357,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   double fullWalkMs_ = 0;
   double partialWalkMs_ = 0;
   std::int64_t notificationCount_ = 0;
-  std::int64_t lastNotificationAt_ = 0;  // a walk is wanted of what changed since: notified or asked for
-  std::int64_t lastEventAt_ = 0;         // the application's own last notification, for its quiet
+  std::int64_t lastNotificationAt_ = 0;       // a walk is wanted of what changed since: notified or asked for
+  std::int64_t lastEventAt_ = 0;              // the application's own last notification, for its quiet
   std::optional<std::int64_t> loadingSince_;  // a page began to load and has not finished
   // The last walk got no answer from the application; the start of that
   // walk. Cleared by a commit.

@@ -92,6 +92,16 @@ void AppMirror::trailingWalkDue() {
   scheduleWalk();
 }
 
+void AppMirror::lateLookDue() {
+  {
+    std::lock_guard guard(stateLock_);
+    // Newer notifications have trailing walks and a late look of their own.
+    if (lateLookFor_ != lastEventAt_ || trailingPending_) return;
+    markTrailingLocked();
+  }
+  scheduleWalk();
+}
+
 void AppMirror::markTrailingLocked() {
   nextWalkIsTrailing_ = true;
   lastNotificationAt_ = clock_.nowNs();
@@ -220,21 +230,26 @@ void AppMirror::walkLoop() {
     if (!trailing) trailingCount_ = 0;
 
     // An application often finishes a change after its notification: look
-    // again shortly after a walk that ended quiet, until nothing moves and a
-    // look came late enough to see what it finishes without telling.
+    // again shortly after a walk that ended quiet, until nothing moves; then
+    // once more, late, where that came soon after the last notification.
     const bool eligible = lastSeen != 0 && quiet && (!commit.partial || !commit.targets.empty());
-    const bool early = walkStartedAt_ - lastEventAt_ < lateLookMs * msNs;
     bool follows = false;
-    if (eligible && (!trailing || ((signature_ != oldSignature || early) && trailingCount_ < 4))) {
+    if (eligible && (!trailing || (signature_ != oldSignature && trailingCount_ < 4))) {
       follows = true;
       ++trailingCount_;
     }
     if (quiet) trailingPending_ = follows;
+    std::int64_t lateLookInMs = 0;
+    if (eligible && !follows && lastEventAt_ != lateLookFor_ && walkStartedAt_ - lastEventAt_ < lateLookMs * msNs) {
+      lateLookFor_ = lastEventAt_;
+      lateLookInMs = (lastEventAt_ + lateLookMs * msNs - walkStartedAt_) / msNs;
+    }
 
     clock_.notifyAll(stateChanged_);
     lock.unlock();
     commit = PendingCommit{};  // frees the previous copy's tables outside the lock
     if (follows) afterDelay(trailingDelayMs, &AppMirror::trailingWalkDue);
+    if (lateLookInMs > 0) afterDelay(lateLookInMs, &AppMirror::lateLookDue);
     if (quiet) return;
     lock.lock();
   }

@@ -35,10 +35,11 @@ TEST(MirrorSchedule, AValueChangeRefreshesOneElementAndKeepsItsUid) {
   EXPECT_EQ(refreshed->value, "busy");
   EXPECT_EQ(refreshed->uid, status.uid);
 
-  // The trailing walk looks at the element's parent again.
+  // The trailing walk looks at the element's parent again, and so does the
+  // late look.
   sim.clock.runUntilIdle();
   auto settled = sim.plain(*mirror);
-  EXPECT_EQ(settled.partialWalks, after.partialWalks + 1);
+  EXPECT_EQ(settled.partialWalks, after.partialWalks + 2);
   EXPECT_EQ(settled.partialNodes, 2);  // the footer and its status
   EXPECT_EQ(settled.fullWalks, after.fullWalks);
   EXPECT_EQ(findNode(settled, "status")->uid, status.uid);
@@ -151,14 +152,14 @@ TEST(MirrorSchedule, TheFocusedFlagMovesWithTheFocus) {
   EXPECT_FALSE(findNode(after, "field")->focused);  // the old one was read again too
 }
 
-TEST(MirrorSchedule, TrailingWalksStopAtFourOrWhenNothingChanges) {
+TEST(MirrorSchedule, TrailingWalksStopAtFourOrWhenNothingChangesAndOneLateLookFollows) {
   struct Case {
     const char* name;
     bool ticking, notified;
-    std::int64_t expectFullWalks;  // the first, the notified one, and the trailing ones
+    std::int64_t expectFullWalks;  // the first, the notified one, the trailing ones and the late look
   };
   for (const auto& c :
-       {Case{"quiet application", false, true, 1 + 1 + 1}, Case{"changes on every walk", true, true, 1 + 1 + 4},
+       {Case{"quiet application", false, true, 1 + 1 + 1 + 1}, Case{"changes on every walk", true, true, 1 + 1 + 4},
         Case{"no notification seen", true, false, 1}}) {
     SCOPED_TRACE(c.name);
     MirrorSim sim(labDesktop(c.ticking));
@@ -233,7 +234,9 @@ TEST(MirrorSchedule, AFreshReadAfterASettleEndsWithTheQuietAndOneLookAndTheTrail
   EXPECT_LE((sim.clock.nowNs() - changedAt) / ms, 60 + 5);
 
   sim.clock.runUntilIdle();
-  EXPECT_EQ(sim.plain(*mirror).partialWalks - before.partialWalks, 3) << "no later look after the read's own";
+  const auto settled = sim.plain(*mirror);
+  EXPECT_EQ(settled.partialWalks - before.partialWalks, 3) << "no late look after the read's own";
+  EXPECT_FALSE(settled.dirty);
 }
 
 }  // namespace
