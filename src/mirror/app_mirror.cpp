@@ -351,16 +351,18 @@ MirrorSnapshot AppMirror::snapshot(const SnapshotRequest& request) {
     if (!request.fresh) return true;
     return required < completedWalkStartedAt_ && (!needTrailing || !trailingPending_);
   };
+  bool ownLook = false;
   while (!goodEnough()) {
-    if (request.fresh && needTrailing && trailingPending_ && required < completedWalkStartedAt_) {
+    if (request.fresh && !ownLook && needTrailing && trailingPending_ && required < completedWalkStartedAt_) {
       // The walk of what was notified is in, and trailing walks follow at
       // their pace. A fresh read comes after a settle waited out the
-      // application's quiet: it takes its own look now, and the trailing
-      // walks go on after it.
+      // application's quiet: it takes its own look now. Where that look
+      // finds the application still moving, the read waits for the trailing
+      // walks as before.
       markTrailingLocked();
       urgent_ = true;
       required = lastNotificationAt_;
-      needTrailing = false;
+      ownLook = true;
       scheduleUnlocked();
       clock_.notifyAll(stateChanged_);  // ends a pause of the walk loop
     }

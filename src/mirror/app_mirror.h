@@ -193,7 +193,8 @@ class AppMirror : public std::enable_shared_from_this<AppMirror> {
   static constexpr std::int64_t maxDebounceNs = 100'000'000;
   static constexpr std::int64_t trailingDelayMs = 50;
   /// When trailing walks end sooner than this after the application's last
-  /// notification, one more look comes then: what it finishes without
+  /// notification, one more look at the whole window comes then: what it
+  /// finishes without
   /// telling (a browser showing the tab left after one closed) shows by then,
   /// however soon a read took its own look. The copy does not count as dirty
   /// while that look waits.

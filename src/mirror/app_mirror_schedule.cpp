@@ -97,7 +97,11 @@ void AppMirror::lateLookDue() {
     std::lock_guard guard(stateLock_);
     // Newer notifications have trailing walks and a late look of their own.
     if (lateLookFor_ != lastEventAt_ || trailingPending_) return;
-    markTrailingLocked();
+    // The whole window: what changed without telling need not be near what
+    // was notified (a browser's address bar pop-up closing under a page).
+    nextWalkIsTrailing_ = true;
+    lastNotificationAt_ = clock_.nowNs();
+    markFullLocked();
   }
   scheduleWalk();
 }
