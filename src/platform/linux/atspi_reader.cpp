@@ -356,21 +356,19 @@ std::vector<ObjectRef> cachedDescendants(const CachedTree& tree, const std::vect
                                          std::size_t budget, std::size_t levels,
                                          const std::function<bool(const CachedItem&)>& enters) {
   std::vector<ObjectRef> found;
-  std::vector<const ObjectRef*> level;
-  for (const auto& root : roots) level.push_back(&root);
+  std::vector<ObjectRef> level = roots;
   for (std::size_t depth = 0; depth < levels && !level.empty() && found.size() < budget; ++depth) {
     const std::size_t start = found.size();
-    for (const auto* ref : level) {
-      auto item = tree.items.find(ref->path);
-      auto children = tree.children.find(ref->path);
+    for (const auto& ref : level) {
+      auto item = tree.items.find(ref.path);
+      auto children = tree.children.find(ref.path);
       if (item == tree.items.end() || children == tree.children.end() || !enters(item->second)) continue;
       for (const auto& child : children->second) {
         if (found.size() >= budget) break;
         found.push_back(child);
       }
     }
-    level.clear();
-    for (std::size_t k = start; k < found.size(); ++k) level.push_back(&found[k]);
+    level.assign(found.begin() + static_cast<std::ptrdiff_t>(start), found.end());
   }
   return found;
 }
