@@ -123,6 +123,18 @@ bool stillAnswers(platform::Accessibility& ax, const Element& root) {
   return ax.copyMultiple(root, probe).error != platform::AxError::cannotComplete;
 }
 
+// Tells the backend that a walk is in progress for as long as it lives.
+class WalkBracket {
+ public:
+  explicit WalkBracket(platform::Accessibility& ax) : ax_(ax) { ax_.walkStarted(); }
+  ~WalkBracket() { ax_.walkEnded(); }
+  WalkBracket(const WalkBracket&) = delete;
+  WalkBracket& operator=(const WalkBracket&) = delete;
+
+ private:
+  platform::Accessibility& ax_;
+};
+
 std::optional<Element> elementOf(const AxValue& v) {
   auto element = v.get<Element>();
   if (!element || element->isNull()) return std::nullopt;
@@ -354,6 +366,7 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
     std::int64_t parent;
     Clip clip;
   };
+  const WalkBracket bracket(ax);
   const auto& names = walkAttributes();
   WalkResult result;
   std::vector<Entry> stack;
@@ -426,6 +439,7 @@ WalkResult walkElement(platform::Accessibility& ax, const Element& element, std:
 
 WalkResult walkTree(platform::Accessibility& ax, const Element& app, std::string_view scope, std::int64_t maxDepth,
                     std::int64_t maxNodes, std::size_t expectedNodes) {
+  const WalkBracket bracket(ax);
   WalkResult result = walkElement(ax, rootElement(ax, app, scope), 0, maxDepth, maxNodes, expectedNodes,
                                   scope == "window" ? MenuContents::whenOpen : MenuContents::all);
   if (scope != "window" || result.unanswered) return result;

@@ -91,6 +91,13 @@ class Accessibility {
     (void)names;
   }
 
+  /// Brackets a walk of a tree on this thread; walks may nest. Between the
+  /// outermost walk's start and its end a backend may keep what it read of
+  /// a whole application at once for the walk's later reads, and forgets
+  /// it at the end. Results never depend on it.
+  virtual void walkStarted() {}
+  virtual void walkEnded() {}
+
   /// How many children of `element` its last AXChildren read on this thread
   /// left out, because the backend read only those near the visible area of
   /// a container it must not ask for all of them (a spreadsheet's cells).
@@ -150,6 +157,8 @@ class AccessibilityWrapper : public Accessibility {
   void prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) override {
     target_.prefetch(elements, names);
   }
+  void walkStarted() override { target_.walkStarted(); }
+  void walkEnded() override { target_.walkEnded(); }
   std::int64_t childrenLeftOut(const Element& element) override { return target_.childrenLeftOut(element); }
   AxResult<std::shared_ptr<Observer>> createObserver(std::int32_t pid, ObserverCallback callback) override {
     return target_.createObserver(pid, std::move(callback));

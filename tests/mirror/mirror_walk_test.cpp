@@ -186,6 +186,51 @@ TEST(MirrorWalk, TheBudgetAndTheDepthLimitCutTheWalk) {
   }
 }
 
+// Tells how deep in walks each batch hint came: a backend keeps what it read
+// of a whole application only between a walk's start and its end.
+class BracketWatch final : public platform::AccessibilityWrapper {
+ public:
+  using AccessibilityWrapper::AccessibilityWrapper;
+  void walkStarted() override { ++depth, ++started; }
+  void walkEnded() override { --depth; }
+  void prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) override {
+    if (depth < 1) ++outside;
+    target_.prefetch(elements, names);
+  }
+  int depth = 0, started = 0, outside = 0;
+};
+
+TEST(MirrorWalk, EveryWalkIsBracketedAndEndsItsBracketHoweverItEnds) {
+  auto wide = keyed("AXWindow", "window", 0, 0, 100, 100);
+  for (int i = 0; i < 9; ++i) wide.child(element("AXButton").title("b"));
+  auto withMenu = appWith(1, {wide});
+  withMenu.menus.push_back(element("AXMenu").child(element("AXMenuItem").title("Copy")));
+  struct Case {
+    const char* what;
+    AppSpec app;
+    std::int64_t maxNodes;
+    bool subtree;  // a walk of the window alone, as a partial walk makes
+  };
+  const Case cases[] = {
+      {"a window and its context menu", withMenu, 10000, false},
+      {"a walk cut by its budget", appWith(1, {wide}), 4, false},
+      {"a subtree", appWith(1, {wide}), 10000, true},
+      {"an application without windows", appWith(1, {}), 10000, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Walker walker(c.app);
+    BracketWatch ax(walker.platform.accessibility());
+    const Element app = ax.applicationElement(1);
+    const auto walk = c.subtree ? walkElement(ax, rootElement(ax, app, "window"), 1, 64, c.maxNodes)
+                                : walkTree(ax, app, "window", 64, c.maxNodes);
+    EXPECT_FALSE(walk.nodes.empty());
+    EXPECT_GE(ax.started, 1);
+    EXPECT_EQ(ax.depth, 0);
+    EXPECT_EQ(ax.outside, 0);
+  }
+}
+
 TEST(MirrorWalk, ColumnsAreLeavesAndGoneChildrenAreCounted) {
   auto window = keyed("AXWindow", "window", 0, 0, 100, 100)
                     .child(element("AXColumn").child(element("AXCell")))

@@ -30,9 +30,12 @@ constexpr int defaultTimeoutMs = 6000;
 constexpr auto prefetchLife = std::chrono::milliseconds(1000);
 // The most records one prefetch reads ahead, below the elements it was given.
 constexpr std::size_t readAheadBudget = 4000;
-// How many elements one level of a read-ahead must have before the
-// application's whole cache is read for them.
-constexpr std::size_t cacheWorthyLevel = 64;
+// How many elements one level of a read-ahead, or a walk's read-aheads
+// together, must have before the application's whole cache is read for
+// them: a call for all its objects costs about what six calls an element
+// cost for a thirtieth of them, and a walk that has read this much of a
+// tree is seldom near its end.
+constexpr std::size_t cacheWorthyLevel = 64, cacheWorthyWalk = 32;
 // Lists longer than this are narrowed by the walk before it reads them.
 constexpr std::size_t longList = 500;
 // How many levels one prefetch reads ahead: no deeper than a walk goes, or
@@ -59,6 +62,31 @@ thread_local std::chrono::steady_clock::time_point lastSweep{};
 // How many children the last read of each container's children on this
 // thread left out, for the walk that made it.
 thread_local std::unordered_map<std::string, std::int64_t> childrenLeftOutOf;
+
+// What the walk in progress on this thread read of whole applications: each
+// one's cache, read once the walk has shown itself large, for the walk's
+// later reads. Forgotten when the outermost walk ends, so that no walk takes
+// the shape of a tree from another walk's time.
+struct WalkMemory {
+  int depth = 0;
+  std::size_t readAhead = 0;  // elements the walk's read-aheads asked for
+  std::unordered_map<std::string, std::shared_ptr<const CachedTree>> trees;  // by bus; empty where there is none
+};
+thread_local WalkMemory walkMemory;
+
+// The cache of the application on `bus` that the walk in progress read.
+const CachedTree* walkTree(const std::string& bus) {
+  auto it = walkMemory.trees.find(bus);
+  return it == walkMemory.trees.end() || it->second->empty() ? nullptr : it->second.get();
+}
+
+// Whether a read-ahead goes below an element: not into long lists, which
+// the walk narrows to the rows in view first, nor into a closed menu,
+// whose items a window's walk leaves out (LibreOffice has a thousand).
+bool readAheadEnters(std::uint32_t role, const States& states, std::size_t childCount) {
+  const bool closedMenu = isMenuRole(role) && !isMenuBarRole(role) && !states.selected();
+  return childCount <= longList && !closedMenu;
+}
 
 // The most children of a withheld container read near the view: a screen of
 // spreadsheet cells, or of rows.
@@ -258,7 +286,7 @@ struct AtspiAccessibility::State {
       if ((entry.record.parts & parts) == parts && std::chrono::steady_clock::now() - entry.at < prefetchLife)
         return std::move(entry.record);
     }
-    return std::move(readRecords(to(ref.bus).get(), {ref}, parts, timeoutMs).front());
+    return std::move(readRecords(to(ref.bus).get(), {ref}, parts, timeoutMs, walkTree(ref.bus)).front());
   }
 
   // An action waits at least the process default: a handle's shorter
@@ -335,7 +363,8 @@ struct AtspiAccessibility::State {
       else
         missing.push_back(children[k]);
     }
-    const auto read = readRecords(to(children.front().bus).get(), missing, parts, timeoutMs);
+    const auto read =
+        readRecords(to(children.front().bus).get(), missing, parts, timeoutMs, walkTree(children.front().bus));
     std::vector<ObjectRef> shown;
     shown.reserve(children.size());
     for (std::size_t k = 0, next = 0; k < children.size(); ++k) {
@@ -1009,30 +1038,53 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
     if (!ref.bus.empty() && !prefetched.count(keyOf(ref))) level.push_back(std::move(ref));
   }
   // Read ahead level by level below the elements given, so that a walk of
-  // the subtree costs one round trip a level instead of one an element.
+  // the subtree costs one round trip a level instead of one an element;
+  // where the application's cache tells the shape of the tree, everything
+  // it tells below a level is read with that level.
+  const std::string bus = level.empty() ? std::string() : level.front().bus;
   std::size_t read = 0;
   std::vector<std::string> added;
-  std::optional<CachedItems> cached;
+  std::shared_ptr<const CachedTree> cached;
+  bool fetched = walkMemory.depth > 0 && walkMemory.trees.count(bus);
+  // Browsers give a whole text for an end of -1; GTK4 gives none.
+  const bool textToEnd = !bus.empty() && isWebToolkit(s_->toolkitOf(bus));
+  if (auto it = walkMemory.trees.find(bus); it != walkMemory.trees.end() && !it->second->empty()) cached = it->second;
   for (std::size_t levels = 0; !level.empty() && read < readAheadBudget && levels < readAheadLevels; ++levels) {
     if (level.size() > readAheadBudget - read) level.resize(readAheadBudget - read);
-    // A wide level is cheaper with the toolkit's whole cache in one call
-    // than with six calls an element; a narrow one is not worth the cache.
-    if (!cached && level.size() >= cacheWorthyLevel) cached = readCachedItems(via.get(), level.front().bus, timeoutMs);
-    auto records = readRecords(via.get(), level, parts, timeoutMs, cached ? &*cached : nullptr);
+    const bool inWalk = walkMemory.depth > 0;
+    if (!fetched &&
+        (level.size() >= cacheWorthyLevel || (inWalk && walkMemory.readAhead + level.size() >= cacheWorthyWalk))) {
+      fetched = true;
+      cached = std::make_shared<const CachedTree>(cachedTree(bus, readCachedItems(via.get(), bus, timeoutMs)));
+      if (inWalk) walkMemory.trees[bus] = cached;
+      if (cached->empty()) cached.reset();
+    }
+    if (cached && (parts & childrenPart)) {
+      std::unordered_set<std::string> inLevel;
+      for (const auto& ref : level) inLevel.insert(ref.path);
+      auto below = cachedDescendants(
+          *cached, level, readAheadBudget - read - level.size(), readAheadLevels - levels, [](const CachedItem& item) {
+            return readAheadEnters(item.role, item.states, static_cast<std::size_t>(std::max(item.childCount, 0))) &&
+                   !withholdsChildren(item.states, item.childCount);
+          });
+      for (auto& ref : below)
+        if (!prefetched.count(keyOf(ref)) && inLevel.insert(ref.path).second) level.push_back(std::move(ref));
+    }
+    if (inWalk) walkMemory.readAhead += level.size();
+    auto records = readRecords(via.get(), level, parts, timeoutMs, cached.get(), textToEnd);
     read += level.size();
+    std::unordered_set<std::string> inBatch;
+    for (const auto& ref : level) inBatch.insert(ref.path);
     std::vector<ObjectRef> next;
     for (std::size_t k = 0; k < records.size(); ++k) {
       auto& r = records[k];
       // An element that did not answer is told so at once when the walk
       // reads it, instead of being waited for a second time.
       if (r.error != AxError::success && r.error != AxError::cannotComplete) continue;
-      // A closed menu's items are read only when asked for: a window's walk
-      // leaves them out, and LibreOffice has a thousand.
-      const bool closedMenu = isMenuRole(r.role) && !isMenuBarRole(r.role) && !r.states.selected();
-      if (r.error == AxError::success && (parts & childrenPart) && r.children && r.children->size() <= longList &&
-          !closedMenu)
+      if (r.error == AxError::success && (parts & childrenPart) && r.children &&
+          readAheadEnters(r.role, r.states, r.children->size()))
         for (const auto& child : *r.children)
-          if (!prefetched.count(keyOf(child))) next.push_back(child);
+          if (!inBatch.count(child.path) && !prefetched.count(keyOf(child))) next.push_back(child);
       added.push_back(keyOf(level[k]));
       prefetched[added.back()] = Prefetched{std::move(r), now};
     }
@@ -1043,6 +1095,14 @@ void AtspiAccessibility::prefetch(const std::vector<Element>& elements, const st
   // the first levels of a large read-ahead would be stale before they are used.
   const auto done = std::chrono::steady_clock::now();
   for (const auto& key : added) prefetched[key].at = done;
+}
+
+void AtspiAccessibility::walkStarted() { ++walkMemory.depth; }
+
+void AtspiAccessibility::walkEnded() {
+  if (walkMemory.depth > 0 && --walkMemory.depth > 0) return;
+  walkMemory.readAhead = 0;
+  walkMemory.trees.clear();
 }
 
 AxResult<std::shared_ptr<Observer>> AtspiAccessibility::createObserver(std::int32_t pid, ObserverCallback callback) {

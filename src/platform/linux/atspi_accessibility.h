@@ -48,6 +48,8 @@ class AtspiAccessibility final : public Accessibility {
   AxResult<Element> elementAt(double x, double y) override;
   AxResult<std::int32_t> pidOf(const Element& element) override;
   void prefetch(const std::vector<Element>& elements, const std::vector<std::string>& names) override;
+  void walkStarted() override;
+  void walkEnded() override;
   std::int64_t childrenLeftOut(const Element& element) override;
   AxResult<std::shared_ptr<Observer>> createObserver(std::int32_t pid, ObserverCallback callback) override;
   AxError addNotification(Observer& observer, const Element& element, std::string_view notification) override;

@@ -106,6 +106,32 @@ void readParent(Round& round, const ObjectRef& ref, ElementRecord& r) {
   });
 }
 
+// Browsers give every object of a page the hyperlink interface; text,
+// cells and the containers that only arrange others carry no address.
+bool mayCarryUri(std::uint32_t role) {
+  switch (role) {
+    case ATSPI_ROLE_STATIC:
+    case ATSPI_ROLE_LABEL:
+    case ATSPI_ROLE_PARAGRAPH:
+    case ATSPI_ROLE_SECTION:
+    case ATSPI_ROLE_HEADING:
+    case ATSPI_ROLE_TABLE:
+    case ATSPI_ROLE_TABLE_ROW:
+    case ATSPI_ROLE_TABLE_CELL:
+    case ATSPI_ROLE_COLUMN_HEADER:
+    case ATSPI_ROLE_ROW_HEADER:
+    case ATSPI_ROLE_LIST:
+    case ATSPI_ROLE_LIST_ITEM:
+    case ATSPI_ROLE_FORM:
+    case ATSPI_ROLE_LANDMARK:
+    case ATSPI_ROLE_PANEL:
+    case ATSPI_ROLE_FILLER:
+      return false;
+    default:
+      return true;
+  }
+}
+
 bool textIsValue(const ElementRecord& r) {
   // A spreadsheet cell is named by its address and shows its value as text.
   return isStaticTextRole(r.role) || isTextEntryRole(r.role) || isComboRole(r.role) ||
@@ -114,11 +140,13 @@ bool textIsValue(const ElementRecord& r) {
 
 // The calls that depend on what the first round told: the interfaces and
 // the role.
-void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts) {
+void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts, bool textToEnd) {
   if ((parts & childrenPart) && !r.children) readChildrenOrWithhold(round, ref, r);
   if ((parts & extentsPart) && (r.interfaces & componentInterface)) {
     round.add(method(ref, "org.a11y.atspi.Component", "GetExtents", g_variant_new("(u)", 0u)),
               [&r](const Reply& reply) {
+                // Without a call of the basic part, this one tells a gone element.
+                if (!(r.parts & basicPart) && reply.error == AxError::invalidElement) r.error = AxError::invalidElement;
                 Variant v = replyChild(reply);
                 if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("(iiii)"))) return;
                 gint32 x, y, w, h;
@@ -128,7 +156,14 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
                 r.extents = AxRect{double(x), double(y), double(w), double(h)};
               });
   }
-  if ((parts & (contentPart | textPart)) && (r.interfaces & textInterface)) {
+  // A field's text may be long: only its first part is asked for, which
+  // takes its count first.
+  const bool wholeText = textToEnd && !(parts & textPart) && !isTextEntryRole(r.role);
+  if ((parts & contentPart) && wholeText && textIsValue(r) && (r.interfaces & textInterface)) {
+    round.add(method(ref, "org.a11y.atspi.Text", "GetText", g_variant_new("(ii)", 0, -1)), [&r](const Reply& reply) {
+      if (reply.ok()) r.text = boundedStringOf(replyChild(reply)).value_or("");
+    });
+  } else if (((parts & textPart) || ((parts & contentPart) && textIsValue(r))) && (r.interfaces & textInterface)) {
     round.add(propertyCall(ref.bus, ref.path, "org.a11y.atspi.Text", "CharacterCount"),
               [&r](const Reply& reply) { r.characterCount = int32Of(replyChild(reply)).value_or(-1); });
   }
@@ -142,7 +177,7 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
     value("MaximumValue", r.maximum);
     value("MinimumIncrement", r.step);
   }
-  if ((parts & contentPart) && (r.interfaces & hyperlinkInterface)) {
+  if ((parts & contentPart) && (r.interfaces & hyperlinkInterface) && mayCarryUri(r.role)) {
     round.add(method(ref, "org.a11y.atspi.Hyperlink", "GetURI", g_variant_new("(i)", 0)),
               [&r](const Reply& reply) { r.uri = boundedStringOf(replyChild(reply)).value_or(""); });
   }
@@ -266,6 +301,9 @@ CachedItems readCachedItems(GDBusConnection* connection, const std::string& bus,
     auto self = objectRef(Variant(g_variant_get_child_value(raw, 0)));
     if (!self) continue;
     CachedItem c;
+    if (auto parent = objectRef(Variant(g_variant_get_child_value(raw, 2))); parent && !parent->isNull())
+      c.parent = parent->path;
+    c.indexInParent = int32Of(Variant(g_variant_get_child_value(raw, 3))).value_or(-1);
     c.childCount = int32Of(Variant(g_variant_get_child_value(raw, 4))).value_or(-1);
     GVariantIter names;
     Variant interfaces(g_variant_get_child_value(raw, 5));
@@ -283,15 +321,70 @@ CachedItems readCachedItems(GDBusConnection* connection, const std::string& bus,
   return items;
 }
 
+CachedTree cachedTree(const std::string& bus, CachedItems items) {
+  CachedTree tree;
+  // Each parent's places, filled by the children's indices; a list with a
+  // place left empty or taken twice is not the cache's to tell.
+  std::unordered_map<std::string, std::vector<const std::string*>> places;
+  std::unordered_map<std::string, bool> broken;
+  for (const auto& [path, item] : items) {
+    if (item.parent.empty()) continue;
+    auto parent = items.find(item.parent);
+    if (parent == items.end() || parent->second.childCount < 0) continue;
+    auto& slots = places[item.parent];
+    slots.resize(static_cast<std::size_t>(parent->second.childCount), nullptr);
+    const auto index = item.indexInParent;
+    if (index < 0 || static_cast<std::size_t>(index) >= slots.size() || slots[static_cast<std::size_t>(index)])
+      broken[item.parent] = true;
+    else
+      slots[static_cast<std::size_t>(index)] = &path;
+  }
+  for (auto& [parent, slots] : places) {
+    if (broken.count(parent) || std::find(slots.begin(), slots.end(), nullptr) != slots.end()) continue;
+    auto& children = tree.children[parent];
+    children.reserve(slots.size());
+    for (const auto* path : slots) children.push_back(ObjectRef{bus, *path});
+  }
+  // A leaf's children are told by its count alone.
+  for (const auto& [path, item] : items)
+    if (item.childCount == 0) tree.children.try_emplace(path);
+  tree.items = std::move(items);
+  return tree;
+}
+
+std::vector<ObjectRef> cachedDescendants(const CachedTree& tree, const std::vector<ObjectRef>& roots,
+                                         std::size_t budget, std::size_t levels,
+                                         const std::function<bool(const CachedItem&)>& enters) {
+  std::vector<ObjectRef> found;
+  std::vector<ObjectRef> level = roots;
+  for (std::size_t depth = 0; depth < levels && !level.empty() && found.size() < budget; ++depth) {
+    const std::size_t start = found.size();
+    for (const auto& ref : level) {
+      auto item = tree.items.find(ref.path);
+      auto children = tree.children.find(ref.path);
+      if (item == tree.items.end() || children == tree.children.end() || !enters(item->second)) continue;
+      for (const auto& child : children->second) {
+        if (found.size() >= budget) break;
+        found.push_back(child);
+      }
+    }
+    level.assign(found.begin() + static_cast<std::ptrdiff_t>(start), found.end());
+  }
+  return found;
+}
+
 namespace {
 
-// The basic part from the cache, but the accessible id, which it lacks.
+// The basic part from the cache. The accessible id, which it lacks, is read
+// where the basic part is asked for: it also tells whether the element is
+// still there, as the cache can outlive it.
 void takeCached(Round& round, const ObjectRef& ref, const CachedItem& c, ElementRecord& r) {
   r.role = c.role;
   r.states = c.states;
   r.interfaces = c.interfaces;
   r.name = c.name;
   r.description = c.description;
+  if (!(r.parts & basicPart)) return;
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "AccessibleId"), [&r](const Reply& reply) {
     // The cache can outlive the element: the one call left tells.
     if (reply.error == AxError::invalidElement) r.error = AxError::invalidElement;
@@ -308,32 +401,44 @@ bool withholdsChildren(const States& states, std::int32_t childCount) {
 }
 
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
-                                       std::uint32_t parts, int timeoutMs, const CachedItems* cached) {
+                                       std::uint32_t parts, int timeoutMs, const CachedTree* cached, bool textToEnd) {
+  const std::uint32_t asked = parts;
   // Interfaces and role steer every later part: read them whenever more
   // than the structure is asked for.
   if (parts & ~(childrenPart | parentPart)) parts |= basicPart;
   std::vector<ElementRecord> records(elements.size());
+  // Elements whose basic part came from the cache, whose second round went
+  // out with the first.
+  std::vector<bool> early(elements.size(), false);
   Round round;
   for (std::size_t k = 0; k < elements.size(); ++k) {
-    records[k].parts = parts;
+    ElementRecord& r = records[k];
+    r.parts = parts;
     const CachedItem* item = nullptr;
     if (cached && (parts & basicPart))
-      if (auto it = cached->find(elements[k].path); it != cached->end()) item = &it->second;
-    if (item)
-      takeCached(round, elements[k], *item, records[k]);
-    else if (parts & basicPart)
-      readBasic(round, elements[k], records[k]);
-    if ((parts & childrenPart) && item) {
-      records[k].childCount = item->childCount;
-      readChildrenOrWithhold(round, elements[k], records[k]);
-    } else if ((parts & childrenPart) && (parts & basicPart)) {
+      if (auto it = cached->items.find(elements[k].path); it != cached->items.end()) item = &it->second;
+    if (item) {
+      // What the caller did not ask for is not read only to tell it.
+      if (!(asked & basicPart)) r.parts = asked;
+      takeCached(round, elements[k], *item, r);
+      r.childCount = item->childCount;
+      if ((parts & childrenPart) && !withholdsChildren(r.states, r.childCount))
+        if (auto known = cached->children.find(elements[k].path); known != cached->children.end())
+          r.children = known->second;
+      if (parts & parentPart) readParent(round, elements[k], r);
+      readSecond(round, elements[k], r, parts, textToEnd);
+      early[k] = true;
+      continue;
+    }
+    if (parts & basicPart) readBasic(round, elements[k], r);
+    if ((parts & childrenPart) && (parts & basicPart)) {
       // The children come in the second round, once state and count tell
       // whether they may all be asked for.
-      readChildCount(round, elements[k], records[k]);
+      readChildCount(round, elements[k], r);
     } else if (parts & childrenPart) {
-      readChildren(round, elements[k], records[k]);
+      readChildren(round, elements[k], r);
     }
-    if (parts & parentPart) readParent(round, elements[k], records[k]);
+    if (parts & parentPart) readParent(round, elements[k], r);
   }
   if (!(parts & basicPart)) {
     // Structure only: a missing answer is all we can go by.
@@ -343,9 +448,13 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
     return records;
   }
   round.run(connection, timeoutMs);
-  for (std::size_t k = 0; k < elements.size(); ++k)
-    if (records[k].error == AxError::success) readSecond(round, elements[k], records[k], parts);
-  round.run(connection, timeoutMs);
+  bool second = false;
+  for (std::size_t k = 0; k < elements.size(); ++k) {
+    if (early[k] || records[k].error != AxError::success) continue;
+    readSecond(round, elements[k], records[k], parts, textToEnd);
+    second = true;
+  }
+  if (second) round.run(connection, timeoutMs);
   for (std::size_t k = 0; k < elements.size(); ++k)
     if (records[k].error == AxError::success) readThird(round, elements[k], records[k], parts);
   round.run(connection, timeoutMs);

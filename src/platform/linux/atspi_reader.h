@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -90,8 +91,8 @@ std::optional<ObjectRef> objectRef(const Variant& value);
 std::vector<ObjectRef> objectRefs(const Variant& list);
 
 /// What a toolkit's cache tells of one element in a single call for the
-/// whole application: the basic part of a record, and how many children it
-/// has.
+/// whole application: the basic part of a record, how many children it has
+/// and where it stands in its parent.
 struct CachedItem {
   std::uint32_t role = 0;
   States states;
@@ -99,12 +100,33 @@ struct CachedItem {
   std::string name;
   std::string description;
   std::int32_t childCount = -1;
+  std::string parent;               // the parent's path; empty where the item names none
+  std::int32_t indexInParent = -1;  // -1 where it does not tell
 };
 using CachedItems = std::unordered_map<std::string, CachedItem>;  // by object path
+
+/// One application's cache as a tree: the items, and the children of each
+/// item whose children are all among the items, each in the place its index
+/// tells. An item whose children the cache leaves out (a list that manages
+/// its rows) has no entry in `children`.
+struct CachedTree {
+  CachedItems items;
+  std::unordered_map<std::string, std::vector<ObjectRef>> children;  // by the parent's path
+  bool empty() const { return items.empty(); }
+};
 
 /// The items of one application's cache (org.a11y.atspi.Cache.GetItems);
 /// empty where the toolkit has none (Qt) or its bridge answers nothing yet.
 CachedItems readCachedItems(GDBusConnection* connection, const std::string& bus, int timeoutMs);
+/// The tree the items of the application on `bus` make.
+CachedTree cachedTree(const std::string& bus, CachedItems items);
+
+/// The elements below `roots` whose children the cache tells, breadth
+/// first, without the roots: no more than `budget`, no deeper than `levels`
+/// below a root, and below an element only where `enters` takes its item.
+std::vector<ObjectRef> cachedDescendants(const CachedTree& tree, const std::vector<ObjectRef>& roots,
+                                         std::size_t budget, std::size_t levels,
+                                         const std::function<bool(const CachedItem&)>& enters);
 
 /// Whether a container's children are too many to ask for at once, or made
 /// only when asked for (a spreadsheet claims 2^34 cells, which the
@@ -115,9 +137,14 @@ bool withholdsChildren(const States& states, std::int32_t childCount);
 /// Reads `parts` of each element, pipelined. One record per element, in order;
 /// a record whose element is gone or does not answer has its error set.
 /// Elements found in `cached` (of their application) take their basic part
-/// from it, and leaves skip the call for their children.
+/// and their children from it where it tells them, and what depends on the
+/// basic part goes out in the first round; where `parts` lacks the basic
+/// part, they ask nothing for it. With `textToEnd`, where the toolkit gives
+/// a whole text for an end of -1, the text of what is not a field is read
+/// without its count first.
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
-                                       std::uint32_t parts, int timeoutMs, const CachedItems* cached = nullptr);
+                                       std::uint32_t parts, int timeoutMs, const CachedTree* cached = nullptr,
+                                       bool textToEnd = false);
 
 /// The parts a read of these AX attribute names needs, as the attribute
 /// table (atspi_attributes.h) tells them.
