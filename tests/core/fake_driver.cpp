@@ -138,7 +138,7 @@ bool FakeDriver::type(const std::string& text, std::optional<std::int64_t> pid) 
 
 void FakeDriver::click(double x, double y, const ClickOptions& options) {
   record("click", point(x, y) + " " + options.button + " " + std::to_string(options.count));
-  if (options.button == "right") openMenu();
+  if (options.button == "right" && lostRightClicks-- <= 0) openMenu();
 }
 void FakeDriver::move(double x, double y) { record("move", point(x, y)); }
 void FakeDriver::drag(double x1, double y1, double x2, double y2) {

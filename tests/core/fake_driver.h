@@ -44,7 +44,8 @@ class FakeDriver final : public UIDriver {
   std::map<std::string, std::string> failures;  // operation -> error code
   bool valueApplied = true;
   bool typedSeen = true;
-  bool menuOpens = true;  // showMenu and a right click add a context menu to the window
+  bool menuOpens = true;    // showMenu and a right click add a context menu to the window
+  int lostRightClicks = 0;  // this many right clicks do nothing, as on a menu still closing
   Effect onPress, onFocus;
   std::function<void(FakeDriver&)> onSnapshot;  // runs before each snapshot is served
   /// The answer of waitSettle (default: changed and settled at once).

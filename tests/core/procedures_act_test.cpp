@@ -129,6 +129,17 @@ TEST_F(ProcedureTest, AMenuWithoutItsActionIsOpenedByARightClick) {
   EXPECT_EQ(calls(), (Lines{counterCall, "showMenu " + ref(2), frontCalls[0], frontCalls[1], frontCalls[2],
                             "click 340,20 right 1", settleCall, freshRead}));
   EXPECT_EQ(r.results[0]->actions, std::vector<ActionRecord>{done("e102", "menu by right click")});
+
+  // A right click that nothing followed is made once more.
+  driver.nodes.pop_back();
+  driver.lostRightClicks = 1;
+  auto again = run(R"(CALL ui.menu("Send"))").results.at(0);
+  const Lines made = calls();
+  EXPECT_EQ(std::count(made.begin(), made.end(), "click 340,20 right 1"), 2);
+  EXPECT_EQ(again->notes, std::nullopt);
+  ASSERT_TRUE(again->changes);
+  EXPECT_NE(again->changes->at(0).find("Context"), std::string::npos);
+
   driver.failures["showMenu"] = "stale";
   EXPECT_EQ(failure(R"(CALL ui.menu("Send"))").first, "stale");
   EXPECT_EQ(calls(), (Lines{counterCall, "showMenu " + ref(2)}));
@@ -152,6 +163,16 @@ TEST_F(ProcedureTest, AMenuThatShowsLateIsWaitedForAndOneThatNeverShowsIsNoted) 
   auto never = run(R"(CALL ui.menu("e102"))").results.at(0);
   EXPECT_EQ(never->notes, std::vector<std::string>{"no menu showed within 1.5 s"});
   EXPECT_EQ(never->changes, std::vector<std::string>{});
+
+  // The menu closed a moment ago is still in the copy: the report waits for
+  // the one this call opens.
+  driver.nodes.push_back(node(static_cast<std::int64_t>(driver.nodes.size()), 0, "AXMenu", "Closed a moment ago"));
+  settles = 0;
+  auto next = run(R"(CALL ui.menu("e102"))").results.at(0);
+  EXPECT_EQ(next->notes, std::nullopt);
+  ASSERT_TRUE(next->changes);
+  ASSERT_EQ(next->changes->size(), 1u);
+  EXPECT_NE(next->changes->at(0).find("Context"), std::string::npos) << next->changes->at(0);
 }
 
 }  // namespace
