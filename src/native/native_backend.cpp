@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <set>
+#include <thread>
 
 #include "core/errors.h"
 #include "mirror/app_mirror.h"
 #include "native/line_operations.h"
 #include "native/run_timings.h"
 #include "native/session_context.h"
+#include "platform/accessibility_bus.h"
 #include "platform/browser_accessibility.h"
 
 namespace glimmerstrand::native {
@@ -27,6 +30,10 @@ bool sameIgnoringCase(const std::string& a, const std::string& b) { return lower
 
 // Enough of a browser's window to find its page, not a whole page.
 constexpr std::int64_t browserLookNodes = 2000;
+// How long a browser that was asked for its pages is given to show one, and
+// how often it is looked at meanwhile.
+constexpr auto pageWait = std::chrono::seconds(3);
+constexpr auto pageLookGap = std::chrono::milliseconds(100);
 
 std::string withLockMessage(const std::string& message) { return message + " (" + screenLockedNote() + ")"; }
 
@@ -118,25 +125,63 @@ JSONValue sessionRecord(const platform::SessionFacts& facts) {
   return record;
 }
 
-// A Chromium browser started without its flag shows its own window and no
-// page: named, with the fix, as nothing else tells the user why pages are
-// missing.
-JSONValue browsersWithoutPages(MirrorHost& host) {
-  auto& ax = host.platform().accessibility();
-  JSONValue::Array out;
-  for (const auto& app : host.platform().workspace().runningApplications()) {
-    if (!platform::isChromiumFamily(app.bundlePath) && !platform::isChromiumFamily(lowerAscii(app.name))) continue;
-    const platform::Element element = ax.applicationElement(app.pid);
-    ax.setMessagingTimeout(element, 0.3);
+// Whether a browser's window shows a page, after asking for it as an
+// assistive technology does when it shows none: a Chromium browser builds its
+// pages' trees only then, within a few hundred milliseconds. A browser
+// without a window has nothing to show.
+bool showsPage(platform::Accessibility& ax, std::int32_t pid) {
+  const platform::Element element = ax.applicationElement(pid);
+  ax.setMessagingTimeout(element, 0.3);
+  auto look = [&] {
     const auto walk = walkTree(ax, element, "window", AppMirror::maxDepth, browserLookNodes);
     auto has = [&](std::string_view role) {
       return std::any_of(walk.nodes.begin(), walk.nodes.end(), [&](const auto& n) { return n.role == role; });
     };
-    if (!has("AXWindow") || has("AXWebArea")) continue;
+    return !has("AXWindow") || has("AXWebArea");
+  };
+  if (look()) return true;
+  ax.set(element, "AXManualAccessibility", true);
+  const auto deadline = std::chrono::steady_clock::now() + pageWait;
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(pageLookGap);
+    if (look()) return true;
+  }
+  return false;
+}
+
+// A Chromium browser that shows no page even when asked, or that is not on
+// the accessibility bus at all because it started while accessibility was
+// off: named, with the fix, as nothing else tells the user why its pages are
+// missing.
+JSONValue browsersWithoutPages(MirrorHost& host) {
+  auto& platform = host.platform();
+  JSONValue::Array out;
+  std::set<std::int32_t> onBus;
+  for (const auto& app : platform.workspace().runningApplications()) {
+    onBus.insert(app.pid);
+    if (!platform::isChromiumFamily(app.bundlePath) && !platform::isChromiumFamily(lowerAscii(app.name))) continue;
+    if (showsPage(platform.accessibility(), app.pid)) continue;
+    out.push_back(JSONValue::Object{{"app", app.name},
+                                    {"pid", std::int64_t{app.pid}},
+                                    {"problem",
+                                     "shows no page to accessibility even when asked: start it again with "
+                                     "--force-renderer-accessibility"}});
+  }
+  // A browser of this session is on its session bus, whatever it shows.
+  if (platform.name() == "sim") return out;
+  std::string problem;
+  const auto bus = platform::AccessibilityBus::connect(problem);
+  if (!bus) return out;
+  const auto session = bus->sessionProcesses();
+  for (const auto& browser : platform::chromiumBrowsers()) {
+    if (onBus.contains(browser.pid) || std::find(session.begin(), session.end(), browser.pid) == session.end())
+      continue;
     out.push_back(JSONValue::Object{
-        {"app", app.name},
-        {"pid", std::int64_t{app.pid}},
-        {"problem", "shows no page to accessibility: start it again with --force-renderer-accessibility"}});
+        {"app", browser.program},
+        {"pid", std::int64_t{browser.pid}},
+        {"problem",
+         "is not on the accessibility bus, as it started while accessibility was off: quit it and start "
+         "it again"}});
   }
   return out;
 }
