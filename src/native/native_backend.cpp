@@ -149,40 +149,46 @@ bool showsPage(platform::Accessibility& ax, std::int32_t pid) {
   return false;
 }
 
-// A Chromium browser that shows no page even when asked, or that is not on
-// the accessibility bus at all because it started while accessibility was
-// off: named, with the fix, as nothing else tells the user why its pages are
-// missing.
-JSONValue browsersWithoutPages(MirrorHost& host) {
-  auto& platform = host.platform();
-  JSONValue::Array out;
-  std::set<std::int32_t> onBus;
+JSONValue browserRecord(const std::string& app, std::int32_t pid, const char* problem) {
+  return JSONValue::Object{{"app", app}, {"pid", std::int64_t{pid}}, {"problem", problem}};
+}
+
+// The Chromium browsers on the accessibility bus that show no page even when
+// asked.
+void addBrowsersShowingNoPage(platform::Platform& platform, JSONValue::Array& out) {
   for (const auto& app : platform.workspace().runningApplications()) {
-    onBus.insert(app.pid);
     if (!platform::isChromiumFamily(app.bundlePath) && !platform::isChromiumFamily(lowerAscii(app.name))) continue;
-    if (showsPage(platform.accessibility(), app.pid)) continue;
-    out.push_back(JSONValue::Object{{"app", app.name},
-                                    {"pid", std::int64_t{app.pid}},
-                                    {"problem",
-                                     "shows no page to accessibility even when asked: start it again with "
-                                     "--force-renderer-accessibility"}});
+    if (!showsPage(platform.accessibility(), app.pid))
+      out.push_back(browserRecord(app.name, app.pid,
+                                  "shows no page to accessibility even when asked: start it again with "
+                                  "--force-renderer-accessibility"));
   }
-  // A browser of this session is on its session bus, whatever it shows.
-  if (platform.name() == "sim") return out;
+}
+
+// The Chromium browsers of this session (on its session bus) that are not on
+// its accessibility bus: started while accessibility was off, they never
+// join it, whatever they are asked.
+void addBrowsersOutsideTheBus(platform::Platform& platform, JSONValue::Array& out) {
+  if (platform.name() == "sim") return;  // no session of its own to look in
   std::string problem;
   const auto bus = platform::AccessibilityBus::connect(problem);
-  if (!bus) return out;
+  if (!bus) return;
   const auto session = bus->sessionProcesses();
-  for (const auto& browser : platform::chromiumBrowsers()) {
-    if (onBus.contains(browser.pid) || std::find(session.begin(), session.end(), browser.pid) == session.end())
-      continue;
-    out.push_back(JSONValue::Object{
-        {"app", browser.program},
-        {"pid", std::int64_t{browser.pid}},
-        {"problem",
-         "is not on the accessibility bus, as it started while accessibility was off: quit it and start "
-         "it again"}});
-  }
+  std::set<std::int32_t> onBus;
+  for (const auto& app : platform.workspace().runningApplications()) onBus.insert(app.pid);
+  for (const auto& browser : platform::chromiumBrowsers())
+    if (!onBus.contains(browser.pid) && std::find(session.begin(), session.end(), browser.pid) != session.end())
+      out.push_back(browserRecord(browser.program, browser.pid,
+                                  "is not on the accessibility bus, as it started while accessibility was off: quit "
+                                  "it and start it again"));
+}
+
+// Browsers whose pages an agent cannot see, each with the fix, as nothing
+// else tells the user why the pages are missing.
+JSONValue browsersWithoutPages(platform::Platform& platform) {
+  JSONValue::Array out;
+  addBrowsersShowingNoPage(platform, out);
+  addBrowsersOutsideTheBus(platform, out);
   return out;
 }
 
@@ -204,7 +210,7 @@ JSONValue NativeBackend::doctor() {
       {"displays", std::move(displays)},
       {"frontmost", std::move(front)},
       {"session", sessionRecord(platform.sessionFacts())}};
-  if (auto browsers = browsersWithoutPages(host_); !browsers.asArray()->empty())
+  if (auto browsers = browsersWithoutPages(platform); !browsers.asArray()->empty())
     report.emplace_back("browsersWithoutPages", std::move(browsers));
   return report;
 }
