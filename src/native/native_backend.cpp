@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <set>
+#include <thread>
 
 #include "core/errors.h"
 #include "mirror/app_mirror.h"
 #include "native/line_operations.h"
 #include "native/run_timings.h"
 #include "native/session_context.h"
+#include "platform/accessibility_bus.h"
 #include "platform/browser_accessibility.h"
 
 namespace glimmerstrand::native {
@@ -27,6 +30,10 @@ bool sameIgnoringCase(const std::string& a, const std::string& b) { return lower
 
 // Enough of a browser's window to find its page, not a whole page.
 constexpr std::int64_t browserLookNodes = 2000;
+// How long a browser that was asked for its pages is given to show one, and
+// how often it is looked at meanwhile.
+constexpr auto pageWait = std::chrono::seconds(3);
+constexpr auto pageLookGap = std::chrono::milliseconds(100);
 
 std::string withLockMessage(const std::string& message) { return message + " (" + screenLockedNote() + ")"; }
 
@@ -118,26 +125,70 @@ JSONValue sessionRecord(const platform::SessionFacts& facts) {
   return record;
 }
 
-// A Chromium browser started without its flag shows its own window and no
-// page: named, with the fix, as nothing else tells the user why pages are
-// missing.
-JSONValue browsersWithoutPages(MirrorHost& host) {
-  auto& ax = host.platform().accessibility();
-  JSONValue::Array out;
-  for (const auto& app : host.platform().workspace().runningApplications()) {
-    if (!platform::isChromiumFamily(app.bundlePath) && !platform::isChromiumFamily(lowerAscii(app.name))) continue;
-    const platform::Element element = ax.applicationElement(app.pid);
-    ax.setMessagingTimeout(element, 0.3);
+// Whether a browser's window shows a page, after asking for it as an
+// assistive technology does when it shows none: a Chromium browser builds its
+// pages' trees only then, within a few hundred milliseconds. A browser
+// without a window has nothing to show.
+bool showsPage(platform::Accessibility& ax, std::int32_t pid) {
+  const platform::Element element = ax.applicationElement(pid);
+  ax.setMessagingTimeout(element, 0.3);
+  auto look = [&] {
     const auto walk = walkTree(ax, element, "window", AppMirror::maxDepth, browserLookNodes);
     auto has = [&](std::string_view role) {
       return std::any_of(walk.nodes.begin(), walk.nodes.end(), [&](const auto& n) { return n.role == role; });
     };
-    if (!has("AXWindow") || has("AXWebArea")) continue;
-    out.push_back(JSONValue::Object{
-        {"app", app.name},
-        {"pid", std::int64_t{app.pid}},
-        {"problem", "shows no page to accessibility: start it again with --force-renderer-accessibility"}});
+    return !has("AXWindow") || has("AXWebArea");
+  };
+  if (look()) return true;
+  ax.set(element, "AXManualAccessibility", true);
+  const auto deadline = std::chrono::steady_clock::now() + pageWait;
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(pageLookGap);
+    if (look()) return true;
   }
+  return false;
+}
+
+JSONValue browserRecord(const std::string& app, std::int32_t pid, const char* problem) {
+  return JSONValue::Object{{"app", app}, {"pid", std::int64_t{pid}}, {"problem", problem}};
+}
+
+// The Chromium browsers on the accessibility bus that show no page even when
+// asked.
+void addBrowsersShowingNoPage(platform::Platform& platform, JSONValue::Array& out) {
+  for (const auto& app : platform.workspace().runningApplications()) {
+    if (!platform::isChromiumFamily(app.bundlePath) && !platform::isChromiumFamily(lowerAscii(app.name))) continue;
+    if (!showsPage(platform.accessibility(), app.pid))
+      out.push_back(browserRecord(app.name, app.pid,
+                                  "shows no page to accessibility even when asked: start it again with "
+                                  "--force-renderer-accessibility"));
+  }
+}
+
+// The Chromium browsers of this session (on its session bus) that are not on
+// its accessibility bus: started while accessibility was off, they never
+// join it, whatever they are asked.
+void addBrowsersOutsideTheBus(platform::Platform& platform, JSONValue::Array& out) {
+  if (platform.name() == "sim") return;  // no session of its own to look in
+  std::string problem;
+  const auto bus = platform::AccessibilityBus::connect(problem);
+  if (!bus) return;
+  const auto session = bus->sessionProcesses();
+  std::set<std::int32_t> onBus;
+  for (const auto& app : platform.workspace().runningApplications()) onBus.insert(app.pid);
+  for (const auto& browser : platform::chromiumBrowsers())
+    if (!onBus.contains(browser.pid) && std::find(session.begin(), session.end(), browser.pid) != session.end())
+      out.push_back(browserRecord(browser.program, browser.pid,
+                                  "is not on the accessibility bus, as it started while accessibility was off: quit "
+                                  "it and start it again"));
+}
+
+// Browsers whose pages an agent cannot see, each with the fix, as nothing
+// else tells the user why the pages are missing.
+JSONValue browsersWithoutPages(platform::Platform& platform) {
+  JSONValue::Array out;
+  addBrowsersShowingNoPage(platform, out);
+  addBrowsersOutsideTheBus(platform, out);
   return out;
 }
 
@@ -159,7 +210,7 @@ JSONValue NativeBackend::doctor() {
       {"displays", std::move(displays)},
       {"frontmost", std::move(front)},
       {"session", sessionRecord(platform.sessionFacts())}};
-  if (auto browsers = browsersWithoutPages(host_); !browsers.asArray()->empty())
+  if (auto browsers = browsersWithoutPages(platform); !browsers.asArray()->empty())
     report.emplace_back("browsersWithoutPages", std::move(browsers));
   return report;
 }

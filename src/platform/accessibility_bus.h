@@ -1,7 +1,8 @@
 // The session's accessibility bus as a program that starts applications on
-// it sees it (`glimmerstrand desktop`): the switch that asks toolkits for
-// their trees, the registry's applications, the pid behind each, and whether
-// an application's tree answers yet. The Linux backend makes it, from its own
+// it (`glimmerstrand desktop`) or looks for those missing from it (the
+// doctor) sees it: the switch that asks toolkits for their trees, the
+// registry's applications, the pid behind each, whether an application's tree
+// answers yet, and the session's processes. The Linux backend makes it, from its own
 // bus connection and registry directory. Not thread-safe: one caller at a time.
 #pragma once
 
@@ -31,6 +32,9 @@ class AccessibilityBus {
   virtual std::optional<pid_t> ownerOf(const std::string& bus) = 0;
   /// Whether the application's tree answers: its root has children.
   virtual bool treeAnswers(const std::string& bus) = 0;
+  /// The processes connected to the session bus: the session's
+  /// applications, on the accessibility bus or not.
+  virtual std::vector<pid_t> sessionProcesses() = 0;
 };
 
 }  // namespace glimmerstrand::platform

@@ -37,6 +37,11 @@ class LinuxAccessibilityBus final : public AccessibilityBus {
     return children && g_variant_is_container(children.get()) && g_variant_n_children(children.get()) > 0;
   }
 
+  std::vector<pid_t> sessionProcesses() override {
+    const auto pids = bus_.sessionProcesses();
+    return {pids.begin(), pids.end()};
+  }
+
  private:
   std::shared_ptr<GDBusConnection> unowned() const {
     return std::shared_ptr<GDBusConnection>(bus_.connection(), [](GDBusConnection*) {});

@@ -15,6 +15,7 @@
 #include "platform/linux/atspi_directory.h"
 #include "platform/linux/atspi_element.h"
 #include "platform/linux/atspi_windows.h"
+#include "platform/linux/toolkit_switch.h"
 #include "platform/linux/window_geometry_watch.h"
 #include "platform/linux/window_placement.h"
 
@@ -847,6 +848,11 @@ class BusCalls final : public ElementCalls {
     // Setting a selection fails where there is none; adding one works.
     s_.call(element_, "org.a11y.atspi.Text", "RemoveSelection", g_variant_new("(i)", 0));
     return outcomeOf(s_.call(element_, "org.a11y.atspi.Text", "AddSelection", g_variant_new("(ii)", start, end)));
+  }
+
+  AxError showAssistiveClient() override {
+    if (!waitsForAssistiveClient(s_.toolkitOf(ref_.bus))) return AxError::success;
+    return linux_desktop::showAssistiveClient(s_.to(ref_.bus).get(), ref_.bus, timeoutMs_);
   }
 
  private:

@@ -157,6 +157,10 @@ using In = const AttributeInput&;
 using Record = const ElementRecord&;
 
 // The order is the one an element lists its names in.
+AxError askForTree(const ElementRecord&, const AxValue& value, ElementCalls& calls) {
+  return value.as<bool>().value_or(false) ? calls.showAssistiveClient() : AxError::success;
+}
+
 const std::array rows{
     AttributeRow{"AXRole", Scope::element, recordParts, roleOf},
     AttributeRow{"AXSubrole", Scope::element, recordParts, subroleOf},
@@ -227,11 +231,13 @@ const std::array rows{
     AttributeRow{"AXMenuBar", Scope::application, 0, viaCalls<&ElementCalls::menuBar>},
     AttributeRow{"AXFocusedUIElement", Scope::focus, 0, viaCalls<&ElementCalls::focusedElement>},
     AttributeRow{"AXFocusedApplication", Scope::desktop, 0, viaCalls<&ElementCalls::frontApplication>},
-    // Toolkits build their trees whenever a client listens: nothing to
-    // switch, to read or to ask the application.
+    // The two ways a client asks an application for its tree: most toolkits
+    // build theirs whenever a client listens, and some only once one shows
+    // itself. Nothing to read, nothing to switch off.
     AttributeRow{"AXManualAccessibility", Scope::application, 0, [](In) { return missing(); },
-                 [](Record) { return true; }, [](Record, const AxValue&, ElementCalls&) { return AxError::success; },
-                 0},
+                 [](Record) { return true; }, askForTree, 0},
+    AttributeRow{"AXEnhancedUserInterface", Scope::application, 0, [](In) { return missing(); },
+                 [](Record) { return true; }, askForTree, 0},
 };
 
 bool inScope(Scope scope, const ElementRecord& r) {

@@ -42,6 +42,10 @@ class ElementCalls {
   virtual AxError select(bool selected) = 0;
   /// A range of characters, or the caret where it is empty.
   virtual AxError selectText(const AxRange& range) = 0;
+  /// Tells the application an assistive technology is there, where its
+  /// toolkit builds its trees only then; success where there is nothing to
+  /// tell.
+  virtual AxError showAssistiveClient() = 0;
 };
 
 /// Which objects an attribute belongs to, by their ObjectKind.

@@ -1,10 +1,16 @@
 #include "platform/linux/atspi_bus.h"
 
+#include <algorithm>
+
 namespace glimmerstrand::platform::linux_desktop {
 
 namespace {
 
 constexpr int setupTimeoutMs = 3000;
+
+Call busDaemonCall(const char* method, GVariant* args) {
+  return Call{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method, own(args)};
+}
 
 Call statusCall(const char* method, GVariant* args) {
   return Call{"org.a11y.Bus", "/org/a11y/bus", "org.freedesktop.DBus.Properties", method, own(args)};
@@ -64,6 +70,24 @@ bool AtspiBus::enable() const {
            statusCall("Set", g_variant_new("(ssv)", "org.a11y.Status", "IsEnabled", g_variant_new_boolean(TRUE))),
            setupTimeoutMs);
   return isEnabled();
+}
+
+std::vector<std::int32_t> AtspiBus::sessionProcesses() const {
+  Variant names = replyChild(callSync(session_.get(), busDaemonCall("ListNames", nullptr), setupTimeoutMs));
+  if (!names || !g_variant_is_of_type(names.get(), G_VARIANT_TYPE("as"))) return {};
+  // Every process holds a unique name (":1.42"); well-known names repeat them.
+  std::vector<Call> calls;
+  GVariantIter iter;
+  g_variant_iter_init(&iter, names.get());
+  const char* name = nullptr;
+  while (g_variant_iter_next(&iter, "&s", &name))
+    if (name[0] == ':') calls.push_back(busDaemonCall("GetConnectionUnixProcessID", g_variant_new("(s)", name)));
+  std::vector<std::int32_t> pids;
+  for (const auto& reply : callAll(session_.get(), calls, setupTimeoutMs))
+    if (auto pid = uint32Of(replyChild(reply))) pids.push_back(static_cast<std::int32_t>(*pid));
+  std::sort(pids.begin(), pids.end());
+  pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
+  return pids;
 }
 
 }  // namespace glimmerstrand::platform::linux_desktop

@@ -1,11 +1,14 @@
 // The session's accessibility bus: found through the session bus's
 // org.a11y.Bus, connected once, and shared by every thread (GDBus
 // connections are thread-safe). Also the switch that asks toolkits to build
-// their trees (org.a11y.Status.IsEnabled). Internal to the Linux backend.
+// their trees (org.a11y.Status.IsEnabled), and the session bus's own list of
+// its processes. Internal to the Linux backend.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/linux/gdbus_call.h"
 
@@ -22,6 +25,10 @@ class AtspiBus {
   bool isEnabled() const;
   /// Asks them to; true when the switch is on afterwards.
   bool enable() const;
+  /// The processes connected to the session bus, each once, in no set order:
+  /// the applications of this session, whether or not they joined the
+  /// accessibility bus.
+  std::vector<std::int32_t> sessionProcesses() const;
   /// The accessibility bus's own address, for logs and the desktop helper.
   const std::string& address() const { return address_; }
 

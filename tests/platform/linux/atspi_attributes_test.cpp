@@ -33,6 +33,7 @@ class RecordedCalls final : public ElementCalls {
   AxError selectText(const AxRange& range) override {
     return wrote("selectText " + std::to_string(range.location) + "+" + std::to_string(range.length));
   }
+  AxError showAssistiveClient() override { return wrote("showAssistiveClient"); }
 
  private:
   AxValue read(const std::string& call) {
@@ -106,9 +107,16 @@ TEST(AtspiAttributes, AWriteGoesOutOnlyWhereTheElementIsSettable) {
        "selectText 4+0"},
       {"a range is a range", label, "AXSelectedTextRange", "2", true, AxError::attributeUnsupported, ""},
       {"no range without Text", row, "AXSelectedTextRange", AxRange{0, 1}, false, AxError::attributeUnsupported, ""},
-      {"an application is asked for its tree", application, "AXManualAccessibility", true, true, AxError::success, ""},
-      {"by its path, without a call", applicationUnread, "AXManualAccessibility", true, true, AxError::success, ""},
+      {"an application is asked for its tree", application, "AXManualAccessibility", true, true, AxError::success,
+       "showAssistiveClient"},
+      {"known by its path alone", applicationUnread, "AXManualAccessibility", true, true, AxError::success,
+       "showAssistiveClient"},
+      {"the enhanced interface asks the same", application, "AXEnhancedUserInterface", true, true, AxError::success,
+       "showAssistiveClient"},
+      {"nothing is switched off", application, "AXManualAccessibility", false, true, AxError::success, ""},
       {"a window is not", window, "AXManualAccessibility", true, false, AxError::attributeUnsupported, ""},
+      {"nor for the enhanced interface", window, "AXEnhancedUserInterface", true, false, AxError::attributeUnsupported,
+       ""},
       {"a title is only read", editableField, "AXTitle", "x", false, AxError::attributeUnsupported, ""},
       {"an unknown name", editableField, "AXNoSuchThing", "x", false, AxError::attributeUnsupported, ""},
       {"a gone element", gone, "AXValue", "hello", false, AxError::invalidElement, ""},

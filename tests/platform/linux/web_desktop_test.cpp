@@ -3,8 +3,6 @@
 // runs on loopback, a link followed, and a tab behind left out. What the
 // server received is read from its own log, outside our code.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,7 +13,6 @@
 
 #include "page_server.h"
 #include "platform/x11_desktop.h"
-#include "support/daemon_client.h"
 #include "support/line_client.h"
 
 namespace glimmerstrand::testing {
@@ -211,50 +208,6 @@ TEST_P(WebDesktopTest, ALongPagesMirrorIsADirectWalkOfWhatIsInView) {
   const std::string id = column("MATCH (t:Table) RETURN t.id", "t.id").at(0);
   EXPECT_NE(core::jsonText(results("CALL ui.tree('" + id + "')").back()).find("more items off screen"),
             std::string::npos);
-}
-
-// Chromium started without its flag shows no page; the doctor names it, and
-// neither a browser started with it nor Firefox.
-TEST_P(WebDesktopTest, TheDoctorNamesAChromiumThatShowsNoPage) {
-  pid_t plain = -1;
-  if (browser() == "chromium") {
-    const std::string profile = "--user-data-dir=" + (folder_ / "plain-profile").string();
-    const std::string page = server_->url("next.html");
-    plain = ::fork();
-    if (plain == 0) {
-      ::execlp("chromium", "chromium", "--no-sandbox", "--no-first-run", profile.c_str(), page.c_str(),
-               static_cast<char*>(nullptr));
-      ::_exit(127);
-    }
-  }
-  // Ended however the test ends: a browser left running holds the test's output open.
-  struct EndsPlain {
-    pid_t pid;
-    ~EndsPlain() {
-      if (pid <= 0) return;
-      ::kill(pid, SIGTERM);
-      ::waitpid(pid, nullptr, 0);
-    }
-  } ends{plain};
-  // The doctor is the daemon's: one of the test's own, in a folder of its own.
-  const auto state = folder_ / ("daemon-" + browser());
-  std::filesystem::create_directories(state);
-  auto environment = desktop_->environment();
-  environment["GLIMMERSTRAND_PLATFORM"] = "linux";
-  environment["GLIMMERSTRAND_LOG_LEVEL"] = "silent";
-  DaemonClient daemon(GLIMMERSTRAND_NATIVE_BINARY, state.string(), environment);
-  auto named = [&] {
-    std::vector<std::int64_t> pids;
-    const JSONValue doctor = core::parseJSON(daemon.roundTrip(R"({"operation":"doctor","params":{}})"));
-    if (const JSONValue* result = doctor.find("result"))
-      if (const JSONValue* browsers = result->find("browsersWithoutPages"))
-        for (const auto& b : *browsers->asArray()) pids.push_back(core::optionalInt(b, "pid").value_or(0));
-    return pids;
-  };
-  const std::vector<std::int64_t> expected = plain > 0 ? std::vector<std::int64_t>{plain} : std::vector<std::int64_t>{};
-  std::vector<std::int64_t> pids;
-  EXPECT_TRUE(eventually([&] { return (pids = named()) == expected; }, std::chrono::seconds(20)))
-      << pids.size() << " named";
 }
 
 INSTANTIATE_TEST_SUITE_P(Browsers, WebDesktopTest, ::testing::Values("chromium", "firefox-esr"),
