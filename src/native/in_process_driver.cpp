@@ -38,6 +38,7 @@ auto InProcessDriver::here(Work&& work, double RunTimings::*figure) -> decltype(
 template <typename Work>
 auto InProcessDriver::onInput(Work&& work) -> decltype(work()) {
   TimedWait timed(&RunTimings::applicationMs);
+  TimedWait acting(&RunTimings::actionMs);
   using Result = decltype(work());
   if constexpr (std::is_void_v<Result>) {
     queues_.input.sync([&] { work(); });

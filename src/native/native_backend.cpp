@@ -91,6 +91,7 @@ core::CypherResult NativeBackend::runStatements(const std::string& cypher, const
       log.debug("run", {{"elapsedMs", elapsedMs},
                         {"settleMs", t.settleMs},
                         {"applicationMs", t.applicationMs},
+                        {"actionMs", t.actionMs},
                         {"ownMs", elapsedMs - t.settleMs - t.applicationMs}});
     }
   } report{log_, started};

@@ -13,6 +13,7 @@ namespace glimmerstrand::native {
 struct RunTimings {
   double settleMs = 0;       // waiting for an application to settle after an action
   double applicationMs = 0;  // actions, input, and reads that wait for an application
+  double actionMs = 0;       // of that, the actions and input alone
 };
 
 /// The running thread's figures; a run resets them when it starts.
