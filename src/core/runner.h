@@ -97,6 +97,12 @@ class ScriptRun {
   /// sets `partial` before it throws.
   void writeProperty(const GraphNode& node, const std::string& property, const cypher::WriteValue* value,
                      const AxSnapshot& snapshot, const StatementResultRef& result);
+  /// Writes a text value, through the element's own value where it takes
+  /// one, else by keys after focusing it and, with `selectFirst`, selecting
+  /// what it holds (a date's part holds its value selected once focused,
+  /// and a select-all there reaches past it); true when by keys.
+  bool writeText(const AxNode& target, const ElementRef& ref, const std::string& text, const StatementResultRef& result,
+                 bool selectFirst = true);
   void selectAllIn(const ElementRef& ref);
 
   /// The reference of a node of the current graph.

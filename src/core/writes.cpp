@@ -1,6 +1,11 @@
 // SET statements: each assignment is a command to the driver, one action per
 // target, recorded as it happens and reported by the next settle.
+#include <cctype>
 #include <cmath>
+#include <map>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "core/errors.h"
 #include "core/runner.h"
@@ -81,6 +86,37 @@ std::string writeValueText(const WriteValue* value) {
   }
   return out;
 }
+
+namespace {
+
+// "2026-12-24" as its year, month and day, as they are typed into a date
+// field's parts.
+std::optional<std::map<std::string, std::string>> isoDateParts(const std::string& text) {
+  if (text.size() != 10 || text[4] != '-' || text[7] != '-') return std::nullopt;
+  for (std::size_t k : {0, 1, 2, 3, 5, 6, 8, 9})
+    if (text[k] < '0' || text[k] > '9') return std::nullopt;
+  return std::map<std::string, std::string>{
+      {"year", text.substr(0, 4)}, {"month", text.substr(5, 2)}, {"day", text.substr(8, 2)}};
+}
+
+// A browser's date field holds a spin button for each part, named by its part
+// first ("Month", or "Month Arrival"); only its parts take keys, the field
+// itself does not. In the field's order: a part typed in full hands the focus
+// to the next one.
+std::vector<std::pair<std::string, const AxNode*>> dateFieldParts(const AxSnapshot& snapshot, const AxNode& field) {
+  std::vector<std::pair<std::string, const AxNode*>> parts;
+  const auto& nodes = snapshot.nodes;
+  for (auto k = static_cast<std::size_t>(field.i) + 1; k < nodes.size() && nodes[k].depth > field.depth; ++k) {
+    const AxNode& n = nodes[k];
+    if (n.role != "AXIncrementor" || !n.title) continue;
+    std::string first = n.title->substr(0, n.title->find(' '));
+    for (auto& c : first) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (first == "year" || first == "month" || first == "day") parts.emplace_back(first, &n);
+  }
+  return parts;
+}
+
+}  // namespace
 
 namespace {
 
@@ -170,22 +206,16 @@ void ScriptRun::writeProperty(const GraphNode& node, const std::string& property
       focusedRef = ref;
     } else if (property == "value") {
       const std::string text = writeValueText(value);
-      bool applied = false;
-      try {
-        applied = driver().setValue(ref, text).applied;
-      } catch (const std::exception& e) {
-        if (!hasCode(e, codes::noAction)) throw;
-      }
-      if (!applied) {
+      const auto date = node.node().role == "AXDateField" ? isoDateParts(text) : std::nullopt;
+      const auto parts =
+          date ? dateFieldParts(snapshot, node.node()) : std::vector<std::pair<std::string, const AxNode*>>{};
+      if (date && parts.size() == date->size()) {
+        bool byKeys = false;
+        for (const auto& [part, partNode] : parts)
+          byKeys = writeText(*partNode, elementRefOf(snapshot, *partNode), date->at(part), result, false) || byKeys;
+        action += byKeys ? " by its parts, by keys" : " by its parts";
+      } else if (writeText(node.node(), ref, text, result)) {
         action += " by keys";
-        driver().focus(ref);
-        focusedRef = ref;
-        // Keys typed into a chosen cell replace what it holds, and Return
-        // enters them, as a person fills a sheet.
-        const bool cell = node.node().role == "AXCell";
-        if (!cell) selectAllIn(ref);
-        if (!driver().type(text, ref.pid)) typedUnseen(result);
-        if (cell) driver().key("return", ref.pid);
       }
     } else {
       throw GlimmerstrandError(codes::invalidArgument, notWritable(property));
@@ -196,6 +226,24 @@ void ScriptRun::writeProperty(const GraphNode& node, const std::string& property
     throw;
   }
   result->actions.push_back(ActionRecord{id, action, true, std::nullopt});
+}
+
+bool ScriptRun::writeText(const AxNode& target, const ElementRef& ref, const std::string& text,
+                          const StatementResultRef& result, bool selectFirst) {
+  try {
+    if (driver().setValue(ref, text).applied) return false;
+  } catch (const std::exception& e) {
+    if (!hasCode(e, codes::noAction)) throw;
+  }
+  driver().focus(ref);
+  focusedRef = ref;
+  // Keys typed into a chosen cell replace what it holds, and Return enters
+  // them, as a person fills a sheet.
+  const bool cell = target.role == "AXCell";
+  if (!cell && selectFirst) selectAllIn(ref);
+  if (!driver().type(text, ref.pid)) typedUnseen(result);
+  if (cell) driver().key("return", ref.pid);
+  return true;
 }
 
 void ScriptRun::selectAllIn(const ElementRef& ref) {

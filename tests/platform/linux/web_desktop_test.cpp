@@ -30,6 +30,7 @@ const char* const formPage = R"(<!doctype html>
 <p><label for="size">Size</label> <select id="size" name="size"><option>Small</option><option>Medium</option>
 <option>Large</option></select></p>
 <p><label for="qty">Quantity</label> <input id="qty" name="qty" type="number" value="1"></p>
+<p><label for="arrival">Arrival</label> <input id="arrival" name="arrival" type="date"></p>
 <p><input id="gift" name="gift" type="checkbox"><label for="gift">Gift wrap</label></p>
 <fieldset><legend>Colour</legend>
 <input id="red" type="radio" name="colour" value="red"><label for="red">Red</label>
@@ -98,10 +99,11 @@ std::string WebDesktopTest::problem_;
 
 TEST_P(WebDesktopTest, EachFormControlIsSetReadBackAndSent) {
   struct Case {
-    std::string write;   // a statement that sets one control
-    std::string read;    // a read of what it holds now
-    std::string holds;   // what the read returns
-    std::string posted;  // what the server receives for it
+    std::string write;    // a statement that sets one control
+    std::string read;     // a read of what it holds now
+    std::string holds;    // what the read returns
+    std::string posted;   // what the server receives for it
+    bool firefox = true;  // Firefox's date parts keep only the last digit typed into them
   };
   const Case cases[] = {
       {"MATCH (f:TextField {name: 'Name'}) SET f.value = 'Ada'", "MATCH (f:TextField {name: 'Name'}) RETURN f.value",
@@ -112,12 +114,19 @@ TEST_P(WebDesktopTest, EachFormControlIsSetReadBackAndSent) {
        "MATCH (s:PopUpButton {name: 'Size'}) RETURN s.value", "Large", "size=Large"},
       {"MATCH (q:Incrementor {name: 'Quantity'}) SET q.value = 3",
        "MATCH (q:Incrementor {name: 'Quantity'}) RETURN q.value", "3", "qty=3"},
+
+      // A whole date goes into the field's parts, which read back as what
+      // they hold only in Chromium: the server tells.
+      {"MATCH (d:DateField {name: 'Arrival'}) SET d.value = '2027-01-05'",
+       "MATCH (d:DateField {name: 'Arrival'}) RETURN d.name", "Arrival", "arrival=2027-01-05", false},
       {"MATCH (c:CheckBox {name: 'Gift wrap'}) SET c.pressed = true",
        "MATCH (c:CheckBox {name: 'Gift wrap'}) RETURN c.value", "1", "gift=on"},
       {"MATCH (r:RadioButton {name: 'Blue'}) SET r.pressed = true",
        "MATCH (r:RadioButton {name: 'Blue'}) RETURN r.value", "1", "colour=blue"},
   };
+  auto here = [&](const Case& c) { return c.firefox || browser() != "firefox-esr"; };
   for (const auto& c : cases) {
+    if (!here(c)) continue;
     SCOPED_TRACE(c.write);
     results(c.write);
     const auto name = c.read.substr(c.read.rfind("RETURN ") + 7);
@@ -131,7 +140,10 @@ TEST_P(WebDesktopTest, EachFormControlIsSetReadBackAndSent) {
   const auto request = log.rfind("GET /received.html?");
   ASSERT_NE(request, std::string::npos) << log;
   const std::string query = log.substr(request, log.find(' ', request + 4) - request);
-  for (const auto& c : cases) EXPECT_NE(query.find(c.posted), std::string::npos) << c.posted << " in " << query;
+  for (const auto& c : cases)
+    if (here(c)) {
+      EXPECT_NE(query.find(c.posted), std::string::npos) << c.posted << " in " << query;
+    }
 }
 
 TEST_P(WebDesktopTest, ALinkPressedReportsTheNewPage) {
