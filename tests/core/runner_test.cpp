@@ -156,6 +156,43 @@ TEST_F(RunnerTest, AValueTheFieldRefusesGoesByKeys) {
   EXPECT_EQ(r.results[0]->changes, Lines{}) << "a settle that saw nothing says so with an empty list";
 }
 
+// A whole date goes into a date field's parts in the field's order; parts
+// that refuse the value take keys without a select-all, which in a browser
+// reaches past the part.
+TEST_F(RunnerTest, AWholeDateGoesIntoTheFieldsPartsInTheirOrder) {
+  const auto field = static_cast<std::int64_t>(driver.nodes.size());
+  auto add = [&](const char* role, const char* title, std::int64_t depth) {
+    AxNode n = node(static_cast<std::int64_t>(driver.nodes.size()), field, role, title);
+    n.depth = depth;
+    driver.nodes.push_back(n);
+  };
+  add("AXDateField", "Arrival", 1);
+  add("AXIncrementor", "Month Arrival", 2);
+  add("AXIncrementor", "Day Arrival", 2);
+  add("AXIncrementor", "Year Arrival", 2);
+  driver.nodes[static_cast<std::size_t>(field)].parent = 0;
+  auto r = run(R"(MATCH (d:DateField) SET d.value = "2027-01-05")");
+  EXPECT_EQ(r.results[0]->actions[0].action, R"(value="2027-01-05" by its parts)");
+  EXPECT_EQ(driver.calls, (Lines{firstRead, counterCall, "setValue " + ref(field + 1) + R"( "01")",
+                                 "setValue " + ref(field + 2) + R"( "05")", "setValue " + ref(field + 3) + R"( "2027")",
+                                 settle, freshRead}));
+
+  driver.calls.clear();
+  driver.valueApplied = false;
+  auto keys = run(R"(MATCH (d:DateField) SET d.value = "2027-01-05")");
+  EXPECT_EQ(keys.results[0]->actions[0].action, R"(value="2027-01-05" by its parts, by keys)");
+  const Lines made = driver.calls;
+  EXPECT_EQ(std::count_if(made.begin(), made.end(), [](const std::string& c) { return c.rfind("selectAll", 0) == 0; }),
+            0);
+  EXPECT_NE(std::find(made.begin(), made.end(), R"(type "2027" 501)"), made.end());
+
+  // Anything but a whole date is the field's own value.
+  driver.valueApplied = true;
+  driver.calls.clear();
+  auto text = run(R"(MATCH (d:DateField) SET d.value = "next Friday")");
+  EXPECT_EQ(text.results[0]->actions[0].action, R"(value="next Friday")");
+}
+
 TEST_F(RunnerTest, TargetLimitIsTen) {
   for (int k = 0; k < 10; ++k) driver.nodes.push_back(node(50 + k, 0, "AXCheckBox", "c" + std::to_string(k)));
   EXPECT_EQ(run("MATCH (c:CheckBox) SET c.pressed = true").results[0]->actions.size(), 10u);
