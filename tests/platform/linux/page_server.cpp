@@ -1,5 +1,7 @@
 #include "page_server.h"
 
+#include "platform/linux/test_desktop.h"
+
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -67,6 +69,14 @@ void removeBrowserFolder(const std::filesystem::path& folder) {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
   }
   throw std::filesystem::filesystem_error("the folder stays", folder, error);
+}
+
+void endBrowserSuite(TestDesktop*& desktop, PageServer*& server, const std::filesystem::path& folder) {
+  delete desktop;
+  delete server;
+  desktop = nullptr;
+  server = nullptr;
+  removeBrowserFolder(folder);
 }
 
 std::string priceListPage(int rows) {

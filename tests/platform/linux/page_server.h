@@ -35,6 +35,11 @@ class PageServer {
 /// times. Throws when the folder stays.
 void removeBrowserFolder(const std::filesystem::path& folder);
 
+class TestDesktop;
+/// Ends a suite of browsers: its desktop (and so the browsers), its server,
+/// then the folder they wrote into; the pointers are left null.
+void endBrowserSuite(TestDesktop*& desktop, PageServer*& server, const std::filesystem::path& folder);
+
 /// A page of `rows` table rows of two cells ("Item n", n × 7) under the
 /// heading "Price list": about four accessible objects per row.
 std::string priceListPage(int rows);

@@ -97,13 +97,7 @@ class PlainChromiumTest : public ::testing::Test {
     server_ = new PageServer(folder_, {{"page.html", "<!doctype html><title>Plain</title><h1>Seen unflagged</h1>"}});
     desktop_ = startDesktop({}, problem_);
   }
-  static void TearDownTestSuite() {
-    delete desktop_;
-    delete server_;
-    desktop_ = nullptr;
-    server_ = nullptr;
-    removeBrowserFolder(folder_);
-  }
+  static void TearDownTestSuite() { endBrowserSuite(desktop_, server_, folder_); }
   void SetUp() override { ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_; }
 
   std::unique_ptr<Chromium> start(const std::string& profile, const std::map<std::string, std::string>& environment) {

@@ -51,13 +51,7 @@ class WebDesktopTest : public ::testing::TestWithParam<std::string> {
     desktop_ = startDesktop(
         {"chromium --no-first-run " + server_->url("form.html"), "firefox-esr " + server_->url("form.html")}, problem_);
   }
-  static void TearDownTestSuite() {
-    delete desktop_;
-    delete server_;
-    desktop_ = nullptr;
-    server_ = nullptr;
-    removeBrowserFolder(folder_);
-  }
+  static void TearDownTestSuite() { endBrowserSuite(desktop_, server_, folder_); }
   void SetUp() override {
     ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
     client_ = std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY,
