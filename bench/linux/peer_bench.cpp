@@ -398,8 +398,10 @@ void sideBySide() {
        R"(MATCH (t:StaticText {name: "Ridge"}) RETURN t.id)", R"(e\d+)", "gtk3-widget-factory", "Ridge", "label"},
       {"GTK list of 2,000 rows, Row 5 (early)", "form_app.py", R"(MATCH (r:StaticText {name: "Row 5"}) RETURN r.id)",
        R"(e\d+)", "form_app.py", "Row 5", "label"},
-      {"GTK list of 2,000 rows, Row 49 (last one shown)", "form_app.py",
-       R"(MATCH (r:StaticText {name: "Row 49"}) RETURN r.id)", R"(e\d+)", "form_app.py", "Row 49", "label"},
+      {"GTK list of 2,000 rows, Row 45 (last one in the copy)", "form_app.py",
+       R"(MATCH (r:StaticText {name: "Row 45"}) RETURN r.id)", R"(e\d+)", "form_app.py", "Row 45", "label"},
+      {"GTK list of 2,000 rows, button Done below it (last)", "form_app.py",
+       R"(MATCH (b:Button {name: "Done"}) RETURN b.id)", R"(e\d+)", "form_app.py", "Done", "push button"},
       {"GTK4 gnome-calculator, button Undo (early)", "gnome-calculator",
        R"(MATCH (b:Button {name: "Undo"}) RETURN b.id)", R"(e\d+)", "gnome-calculator", "Undo", "push button"},
       {"GTK4 gnome-calculator, button = (last)", "gnome-calculator", R"(MATCH (b:Button {name: "="}) RETURN b.id)", "e",
@@ -428,7 +430,9 @@ void sideBySide() {
   row("element (nodes: dogtail's whole tree)", "ours vs dogtail: ratio", "goal");
   for (const auto& [target, f] : reads) {
     const bool widgets = target.label.find("check button") != std::string::npos;
-    const bool list = target.label.find("Row 49") != std::string::npos;
+    // dogtail reaches the button below the list after all 4,000 of the
+    // list's objects, as the goal's own measure of dogtail did.
+    const bool list = target.label.find("button Done") != std::string::npos;
     row(target.label + " (" + std::to_string(f.peerNodes) + ")",
         ms(f.oursMs) + " vs " + ms(f.peerMs) + ": " + ratioText(f.oursMs, f.peerMs),
         widgets ? "at least 50x"

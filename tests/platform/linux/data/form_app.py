@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """A small GTK3 window for the Linux desktop tests and benches: a text
-entry, a check box, a disabled check box, and a list box of ROWS rows
-(first argument, default 20). Nothing in it animates, so its tree changes
+entry, a check box, a disabled check box, a list box of ROWS rows
+(first argument, default 20) and a button below it, which comes after every
+row in the tree as such buttons do in file choosers and settings. Nothing in it animates, so its tree changes
 only when a test changes it."""
 import sys
 
@@ -27,6 +28,7 @@ for n in range(rows):
 scroller = Gtk.ScrolledWindow()
 scroller.add(listbox)
 box.pack_start(scroller, True, True, 0)
+box.pack_start(Gtk.Button(label="Done"), False, False, 0)
 window.add(box)
 window.connect("destroy", Gtk.main_quit)
 window.show_all()
