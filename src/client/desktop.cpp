@@ -235,6 +235,7 @@ class DesktopStart {
       variables_.erase(stale);
     // A Wayland desktop's applications must not find an X server instead.
     if (wayland) variables_.erase("DISPLAY");
+    variables_[platform::desktopMemberVariable] = folder_.string();
     setVariable("XDG_RUNTIME_DIR", (folder_ / "runtime").string());
     for (const auto& [name, value] : toolkitSettings) setVariable(name, value);
   }
@@ -456,8 +457,23 @@ std::optional<std::vector<DesktopProcess>> desktopProcesses(const fs::path& fold
   return processes;
 }
 
+// What the desktop's processes started and left behind (a launcher's
+// children, a crash handler, an application the daemon opened), and was not
+// recorded: stopped first, while the buses they may use still run.
+std::vector<Recorded> unrecordedMembers(const fs::path& folder, const std::vector<Recorded>& records) {
+  auto members = platform::desktopMembers(folder);
+  std::erase_if(members, [&](const Recorded& member) {
+    return std::any_of(records.begin(), records.end(), [&](const Recorded& r) { return r.pid == member.pid; });
+  });
+  return members;
+}
+
 std::vector<DesktopProcess> stopDesktop(const fs::path& folder) {
-  const auto records = platform::desktopRecords(folder);
+  auto records = platform::desktopRecords(folder);
+  if (!records.empty()) {
+    const auto members = unrecordedMembers(folder, records);
+    records.insert(records.end(), members.begin(), members.end());
+  }
   std::vector<DesktopProcess> processes;
   for (const auto& process : records) processes.push_back({process.pid, process.name, isAlive(process)});
   // Last started, first stopped: the applications before the buses they use.

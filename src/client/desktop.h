@@ -46,8 +46,11 @@ std::string startDesktop(const std::filesystem::path& folder, const DesktopReque
 /// was started there.
 std::optional<std::vector<DesktopProcess>> desktopProcesses(const std::filesystem::path& folder);
 
-/// TERM to each recorded process, last started first, then KILL to those
-/// still alive after a grace period. Returns what was recorded.
+/// TERM to each recorded process, last started first, and before them to
+/// what they or the daemon started on the desktop (the processes that carry
+/// its mark, platform/headless_desktop.h), then KILL to those still alive
+/// after a grace period. Returns the processes, in start order, the
+/// unrecorded ones last.
 std::vector<DesktopProcess> stopDesktop(const std::filesystem::path& folder);
 
 // How other processes find a running desktop, its export lines, and the

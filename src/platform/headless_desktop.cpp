@@ -109,6 +109,57 @@ bool recordedProcessRuns(const DesktopRecord& record) {
   return stat && stat->state != 'Z' && stat->started == record.started;
 }
 
+namespace {
+
+// The NUL-separated entries of /proc/PID/environ; empty when it can't be read
+// (another user's process, or one that ended).
+bool environmentHolds(pid_t pid, const std::string& entry) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/environ", std::ios::binary);
+  for (std::string item; std::getline(file, item, '\0');)
+    if (item == entry) return true;
+  return false;
+}
+
+std::string commandName(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
+  std::string name;
+  std::getline(file, name);
+  return name;
+}
+
+}  // namespace
+
+std::vector<DesktopRecord> desktopMembers(const fs::path& folder) {
+  const std::string entry = std::string(desktopMemberVariable) + "=" + folder.string();
+  std::vector<DesktopRecord> members;
+  std::error_code error;
+  for (const auto& item : fs::directory_iterator("/proc", error)) {
+    const std::string name = item.path().filename().string();
+    if (name.empty() || !std::all_of(name.begin(), name.end(), [](unsigned char c) { return std::isdigit(c); }))
+      continue;
+    const pid_t pid = std::stoi(name);
+    if (pid == ::getpid() || !environmentHolds(pid, entry)) continue;
+    const auto stat = processStat(pid);
+    if (stat && stat->state != 'Z') members.push_back({pid, stat->started, commandName(pid)});
+  }
+  return members;
+}
+
+std::optional<fs::path> desktopOfThisProcess() {
+  const fs::path folder = headlessDesktopFolder(processEnvironmentValue);
+  const auto variables = runningDesktopEnvironment(folder);
+  if (!variables) return std::nullopt;
+  for (const char* display : {"WAYLAND_DISPLAY", "DISPLAY"}) {
+    const auto ours = processEnvironmentValue(display);
+    const auto found = variables->find(display);
+    if (ours && found != variables->end()) {
+      if (*ours == found->second) return folder;
+      return std::nullopt;
+    }
+  }
+  return std::nullopt;
+}
+
 std::string exportLines(const std::vector<std::pair<std::string, std::string>>& variables) {
   std::string text;
   for (const auto& [name, value] : variables) text += "export " + name + "=" + shellQuoted(value) + "\n";

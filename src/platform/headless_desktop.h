@@ -58,6 +58,19 @@ DesktopRecord recordDesktopProcess(const std::filesystem::path& folder, pid_t pi
 /// Whether the recorded process still runs (a zombie does not).
 bool recordedProcessRuns(const DesktopRecord& record);
 
+/// The variable that marks every process a desktop started, and what they
+/// started in turn, with the desktop's folder as its value, so that `stop`
+/// ends what a launcher or an application left behind too. It is never among
+/// the export lines: a shell that took the desktop's environment is not part
+/// of it.
+inline constexpr const char* desktopMemberVariable = "GLIMMERSTRAND_DESKTOP_OF";
+/// This user's processes that carry the mark of the desktop in `folder`, but
+/// for this process; their names are their /proc comm.
+std::vector<DesktopRecord> desktopMembers(const std::filesystem::path& folder);
+/// The folder of the running desktop whose display this process uses, for
+/// the mark of what it launches; none on any other display.
+std::optional<std::filesystem::path> desktopOfThisProcess();
+
 /// The files of a desktop's folder.
 std::filesystem::path desktopRecordsFile(const std::filesystem::path& folder);
 std::filesystem::path desktopEnvironmentFile(const std::filesystem::path& folder);

@@ -2,6 +2,7 @@
 // galculator for the suite, its environment through a real shell's eval, a
 // daemon started without a display that finds it, and stop by pid.
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -157,6 +158,59 @@ TEST_F(DesktopTest, StopEndsEveryProcessItStarted) {
     EXPECT_FALSE(processExists(pid)) << name << " " << pid << " still runs";
   }
   EXPECT_EQ(client_->run({"desktop", "status"}).status, 1);
+}
+
+bool carriesMarkOf(pid_t pid, const std::filesystem::path& desktop) {
+  const std::string environ = readFile("/proc/" + std::to_string(pid) + "/environ");
+  return environ.find(std::string("GLIMMERSTRAND_DESKTOP_OF=") + desktop.string() + '\0') != std::string::npos;
+}
+
+// What the desktop's processes leave behind, and what the daemon opened on the
+// desktop, end with it; a process of the user's that only shares its
+// environment does not.
+TEST(DesktopLeftovers, StopEndsWhatTheDesktopsProcessesStartedAndNothingElse) {
+  DesktopClient client("desktop-leftovers");
+  client.environment().erase("GLIMMERSTRAND_PLATFORM");
+  const StopsAtTheEnd cleanup{client};
+  const auto script = client.folder() / "leaves-a-child";
+  const auto childFile = client.folder() / "child.pid";
+  {
+    std::ofstream out(script);
+    out << "#!/bin/sh\nsleep 600 &\necho $! > " << childFile.string() << "\nexec galculator\n";
+  }
+  std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+  const Outcome started = client.run({"desktop", "start", script.string()});
+  ASSERT_EQ(started.status, 0) << started.err;
+  const pid_t leftover = std::stoi(readFile(childFile));
+
+  const Outcome opened = client.run({"--json", "do", "CALL ui.open(\"mousepad\")"});
+  ASSERT_EQ(opened.status, 0) << opened.err;
+  std::smatch pid;
+  ASSERT_TRUE(std::regex_search(opened.out, pid, std::regex(R"("pid":(\d+))"))) << opened.out;
+  const pid_t editor = std::stoi(pid[1]);
+  EXPECT_TRUE(carriesMarkOf(editor, client.folder() / "desktop")) << "what the daemon opened is the desktop's";
+
+  // The user's own process, with the desktop's environment as a shell's eval
+  // gives it, but not started by the desktop.
+  std::vector<std::string> entries;
+  for (const auto& [name, value] : parseExportLines(started.out)) entries.push_back(name + "=" + value);
+  std::vector<char*> envp;
+  for (auto& entry : entries) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  const pid_t users = ::fork();
+  if (users == 0) {
+    ::execle("/bin/sleep", "sleep", "600", nullptr, envp.data());
+    ::_exit(127);
+  }
+  client.run({"stop"});
+  const Outcome stop = client.run({"desktop", "stop"});
+  EXPECT_EQ(stop.status, 0) << stop.err;
+  EXPECT_NE(stop.out.find("stopped sleep (pid " + std::to_string(leftover) + ")"), std::string::npos) << stop.out;
+  EXPECT_FALSE(processExists(leftover)) << "an application's child still runs";
+  EXPECT_FALSE(processExists(editor)) << "the editor the daemon opened still runs";
+  EXPECT_TRUE(processExists(users)) << "the user's own process was stopped";
+  ::kill(users, SIGKILL);
+  ::waitpid(users, nullptr, 0);
 }
 
 // The pid in the first line of `status`: "glimmerstrand 0.3.5, daemon pid 42".

@@ -10,6 +10,8 @@
 #include <memory>
 #include <thread>
 
+#include "platform/headless_desktop.h"
+
 namespace glimmerstrand::platform::linux_desktop {
 namespace {
 
@@ -31,6 +33,15 @@ void reapWhenItEnds(pid_t pid) {
 
 // Runs in the child before the program does.
 void newSession(gpointer) { ::setsid(); }
+
+// Our environment with the mark of the headless desktop we run on, if any,
+// so that stopping that desktop ends what we launched too.
+gchar** launchEnvironment() {
+  gchar** variables = g_get_environ();
+  if (auto desktop = desktopOfThisProcess())
+    variables = g_environ_setenv(variables, desktopMemberVariable, desktop->c_str(), TRUE);
+  return variables;
+}
 
 std::string messageOf(GError* error) {
   std::string message = error ? error->message : "";
@@ -112,10 +123,13 @@ Started startEntry(const std::string& path, const std::vector<std::string>& uris
   if (!info) return Started{std::nullopt, "no application entry at " + path};
   GList* list = nullptr;
   for (const auto& uri : uris) list = g_list_append(list, const_cast<char*>(uri.c_str()));
+  Owned<GAppLaunchContext> context(g_app_launch_context_new());
+  if (auto desktop = desktopOfThisProcess())
+    g_app_launch_context_setenv(context.get(), desktopMemberVariable, desktop->c_str());
   Started started;
   GError* error = nullptr;
   const bool ok = g_desktop_app_info_launch_uris_as_manager(
-      info.get(), list, nullptr, spawnFlags, newSession, nullptr,
+      info.get(), list, context.get(), spawnFlags, newSession, nullptr,
       [](GDesktopAppInfo*, GPid pid, gpointer data) { static_cast<Started*>(data)->pid = pid; }, &started, &error);
   g_list_free(list);
   if (!ok) started.error = messageOf(error);
@@ -130,8 +144,10 @@ Started startCommand(const std::vector<std::string>& command) {
   argv.push_back(nullptr);
   GPid pid = 0;
   GError* error = nullptr;
-  if (!g_spawn_async(nullptr, argv.data(), nullptr, spawnFlags, newSession, nullptr, &pid, &error))
-    return Started{std::nullopt, messageOf(error)};
+  gchar** environment = launchEnvironment();
+  const bool ok = g_spawn_async(nullptr, argv.data(), environment, spawnFlags, newSession, nullptr, &pid, &error);
+  g_strfreev(environment);
+  if (!ok) return Started{std::nullopt, messageOf(error)};
   reapWhenItEnds(pid);
   return Started{pid, std::nullopt};
 }
