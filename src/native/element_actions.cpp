@@ -8,6 +8,7 @@
 #include "core/errors.h"
 #include "cypher/unicode_text.h"
 #include "mirror/menu_cache.h"
+#include "native/held_applications.h"
 #include "native/menu_closing.h"
 
 namespace glimmerstrand::native {
@@ -68,6 +69,7 @@ bool pressOnWorker(MirrorEnvironment environment, AppMirror& mirror, const Eleme
   auto& clock = environment.clock;
   auto box = std::make_shared<PressBox>();
   auto worker = clock.makeSerialQueue("glimmerstrand.press");
+  HeldApplications::shared().pressing(mirror.pid());
   worker->async([&ax = environment.accessibility, &clock, target, box] {
     AxError error = ax.perform(target, "AXPress");
     std::lock_guard guard(box->lock);

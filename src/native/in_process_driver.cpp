@@ -7,6 +7,7 @@
 #include "native/agent_cursor.h"
 #include "native/applications.h"
 #include "native/element_actions.h"
+#include "native/held_applications.h"
 #include "native/input.h"
 
 namespace glimmerstrand::native {
@@ -70,6 +71,9 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
     request.fresh = options.fresh;
     request.all = options.all;
     request.timeoutMs = options.timeoutMs.value_or(2000);
+    // An application held inside our press answers no walk until it comes
+    // back: its copy as it stands, at once.
+    if (HeldApplications::shared().held(platform.accessibility(), app.pid)) request.timeoutMs = 0;
     request.maxAgeMs = options.maxAgeMs;
     auto mirror = host_.mirrors().mirror(app.pid);
     // Generations count the walks of one mirror: a cached copy of another

@@ -7,6 +7,7 @@
 
 #include "core/errors.h"
 #include "cypher/unicode_text.h"
+#include "native/held_applications.h"
 #include "native/text_case.h"
 
 namespace glimmerstrand::native {
@@ -252,7 +253,10 @@ ScrollReport scroll(platform::Platform& platform, const ScrollRequest& request) 
 std::string key(platform::Platform& platform, std::string_view keys, std::optional<std::int32_t> pid) {
   auto events = keyComboEvents(platform.input(), keys);
   std::optional<std::int32_t> target;
-  if (pid) target = redirectedPid(platform.accessibility(), platform.workspace(), *pid);
+  if (pid) {
+    HeldApplications::shared().refuseKeysWhileHeld(platform.accessibility(), *pid);
+    target = redirectedPid(platform.accessibility(), platform.workspace(), *pid);
+  }
   for (const auto& event : events) post(platform.input(), event, target);
   return lowerText(keys);
 }
@@ -264,6 +268,7 @@ TypeReport type(platform::Platform& platform, std::string_view text, std::option
   std::optional<std::int32_t> target;
   TypingWatch before;
   if (pid) {
+    HeldApplications::shared().refuseKeysWhileHeld(ax, *pid);
     target = redirectedPid(ax, platform.workspace(), *pid);
     // What the application itself shows, even when its keys go to a panel.
     before = watchFocusedText(ax, *pid);
