@@ -13,8 +13,8 @@
 #pragma once
 
 #include <cstdint>
-#include <set>
 #include <mutex>
+#include <set>
 
 #include "platform/platform.h"
 
