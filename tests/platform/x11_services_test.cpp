@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/desktop_suite.h"
 #include "platform/linux/linux_session.h"
 #include "platform/linux/x11_connection.h"
 #include "x11_desktop.h"
@@ -33,30 +34,16 @@ namespace {
 
 using platform::Platform;
 
-class X11ServicesTest : public ::testing::Test {
+class X11ServicesTest : public DesktopSuite {
  protected:
   static void SetUpTestSuite() {
-    desktop_ = startDesktop({"galculator", "mousepad"}, problem_);
+    startSuite({"galculator", "mousepad"});
     // No system bus: only the session's screensaver can answer, whatever the machine runs.
     if (desktop_)
       ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + desktop_->folder() + "/no-system-bus").c_str(), 1);
-    std::string problem;
-    if (desktop_) platform_ = platform::linux_desktop::makeLinuxPlatform(problem).release();
-    if (platform_) loop_ = new std::thread([] { platform_->mainLoop().run(); });
+    startPlatform(true);
   }
-  static void TearDownTestSuite() {
-    if (loop_) {
-      platform_->mainLoop().stop();
-      loop_->join();
-      delete loop_;
-    }
-    delete platform_;
-    delete desktop_;
-  }
-  void SetUp() override {
-    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
-    ASSERT_NE(platform_, nullptr);
-  }
+  static void TearDownTestSuite() { endSuite(); }
 
   static Platform& platform() { return *platform_; }
 
@@ -68,17 +55,7 @@ class X11ServicesTest : public ::testing::Test {
     platform().mainLoop().post([&task] { task(); });
     return result.get();
   }
-
-  static TestDesktop* desktop_;
-  static std::string problem_;
-  static Platform* platform_;
-  static std::thread* loop_;
 };
-
-TestDesktop* X11ServicesTest::desktop_ = nullptr;
-std::string X11ServicesTest::problem_;
-Platform* X11ServicesTest::platform_ = nullptr;
-std::thread* X11ServicesTest::loop_ = nullptr;
 
 /// Calls a method on a bus; true when it answered.
 bool callOn(GBusType type, const char* bus, const char* path, const char* interface, const char* method,
