@@ -26,19 +26,12 @@ namespace glimmerstrand::client {
 namespace {
 
 using server::testing::DrivenLeaseClock;
+using server::testing::eventually;
 using server::testing::FakeBackend;
 using server::testing::TempFolder;
 using namespace std::chrono_literals;
 
 constexpr const char* token = "s3cret-token";
-
-bool eventually(const std::function<bool()>& condition) {
-  for (auto deadline = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < deadline;) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(2ms);
-  }
-  return condition();
-}
 
 struct Reply {
   int status = 0;

@@ -22,7 +22,7 @@ using platform::sim::DesktopSpec;
 // another element standing for the application.
 class FaultyAccessibility final : public platform::AccessibilityWrapper {
  public:
-  using AccessibilityWrapper::AccessibilityWrapper;
+  FaultyAccessibility(platform::Accessibility& target, platform::Clock&) : AccessibilityWrapper(target) {}
 
   AxResult<std::vector<AxValue>> copyMultiple(const Element& element, const std::vector<std::string>& names) override {
     if (silenced(element)) return {AxError::cannotComplete, {}};
@@ -81,27 +81,7 @@ class FaultyAccessibility final : public platform::AccessibilityWrapper {
   std::map<std::int32_t, Element> standIns_;
 };
 
-struct FaultSim {
-  explicit FaultSim(const DesktopSpec& spec) : platform(spec, clock, clock.mainLoop()) {}
-  ~FaultSim() { clock.runUntilIdle(); }
-
-  Element element(const std::string& key, std::int32_t pid = labPid) { return platform.desktop().element(pid, key); }
-  std::shared_ptr<AppMirror> settled(std::int32_t pid = labPid) {
-    auto mirror = mirrors.mirror(pid);
-    clock.runUntilIdle();
-    return mirror;
-  }
-  MirrorSnapshot snapshot(AppMirror& mirror) {
-    SnapshotRequest request;
-    request.all = true;
-    return mirror.snapshot(request);
-  }
-
-  platform::sim::DrivenClock clock;
-  platform::sim::SimPlatform platform;
-  FaultyAccessibility ax{platform.accessibility()};
-  Mirrors mirrors{MirrorEnvironment{ax, clock}, platform.workspace()};
-};
+using FaultSim = MirrorSimWith<FaultyAccessibility>;
 
 std::size_t countIdentifier(const MirrorSnapshot& snapshot, const std::string& identifier) {
   return static_cast<std::size_t>(std::count_if(snapshot.nodes.begin(), snapshot.nodes.end(),
@@ -146,7 +126,7 @@ TEST(MirrorFaults, ASubtreeThatNeverAnswersIsLeftOutAndTheRestIsCommitted) {
   FaultSim sim(labDesktop());
   sim.ax.silence(sim.element("list"));
   auto mirror = sim.settled();
-  auto copy = sim.snapshot(*mirror);
+  auto copy = sim.plain(*mirror);
   EXPECT_GE(copy.generation, 1);
   EXPECT_TRUE(copy.truncated);
   EXPECT_EQ(countIdentifier(copy, "list"), 0u);
@@ -171,12 +151,12 @@ TEST(MirrorFaults, AWalkPassesByAFewSilentSubtreesAndNoMore) {
 TEST(MirrorFaults, AnApplicationThatHangsHalfWayKeepsItsLastWholeCopy) {
   FaultSim sim(labDesktop());
   auto mirror = sim.settled();
-  auto before = sim.snapshot(*mirror);
+  auto before = sim.plain(*mirror);
   ASSERT_FALSE(before.truncated);
   sim.ax.hangAfter(20);
   mirror->requestFullWalk();
   sim.clock.runUntilIdle();
-  auto after = sim.snapshot(*mirror);
+  auto after = sim.plain(*mirror);
   EXPECT_EQ(after.generation, before.generation);
   EXPECT_EQ(after.nodes.size(), before.nodes.size());
   EXPECT_TRUE(after.dirty);
@@ -190,10 +170,7 @@ TEST(MirrorFaults, AnElementThatMovedWithoutWordIsNeverInTheCopyTwice) {
   sim.ax.addChild(sim.element("footer"), sim.element("go"));
   sim.platform.desktop().postNotification(labPid, "footer", "AXLayoutChanged");
   sim.clock.advance(0);
-  SnapshotRequest fresh;
-  fresh.fresh = true;
-  fresh.all = true;
-  auto after = mirror->snapshot(fresh);
+  auto after = sim.fresh(*mirror);
   EXPECT_GE(after.generation, 2);
   EXPECT_EQ(countIdentifier(after, "go"), 1u);
   EXPECT_TRUE(uidsUnique(after));
@@ -216,13 +193,13 @@ TEST(MirrorFaults, ContextMenusAlsoInsideTheWindowAreInTheCopyOnce) {
 TEST(MirrorFaults, NotificationsThatNeverPauseStillLetWalksThrough) {
   FaultSim sim(labDesktop());
   auto mirror = sim.settled();
-  const auto before = sim.snapshot(*mirror).generation;
+  const auto before = sim.plain(*mirror).generation;
   // A notification every 5 ms for a second, closer together than the debounce.
   for (int i = 0; i < 200; ++i) {
     sim.platform.desktop().postNotification(labPid, "b" + std::to_string(i % 150), "AXValueChanged");
     sim.clock.advance(5 * ms);
   }
-  EXPECT_GE(sim.snapshot(*mirror).generation, before + 3);
+  EXPECT_GE(sim.plain(*mirror).generation, before + 3);
 }
 
 TEST(MirrorFaults, AMirrorGoesWithItsApplication) {
@@ -247,7 +224,7 @@ TEST(MirrorFaults, AnApplicationBackUnderANewElementGetsAFreshMirror) {
   auto second = sim.mirrors.mirror(labPid);
   sim.clock.runUntilIdle();
   EXPECT_NE(first, second);
-  EXPECT_EQ(countIdentifier(sim.snapshot(*second), "again"), 1u);
+  EXPECT_EQ(countIdentifier(sim.plain(*second), "again"), 1u);
   EXPECT_EQ(sim.mirrors.all().size(), 1u);
 }
 

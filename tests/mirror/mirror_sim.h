@@ -21,6 +21,8 @@ using platform::sim::element;
 using platform::sim::ElementSpec;
 
 constexpr std::int64_t ms = 1'000'000;
+/// The process of labDesktop's application.
+constexpr std::int32_t labPid = 700;
 
 class CountingAccessibility final : public platform::AccessibilityWrapper {
  public:
@@ -75,15 +77,19 @@ inline platform::sim::AppSpec appWith(std::int32_t pid, std::vector<ElementSpec>
   return appWith(pid, "app" + std::to_string(pid), std::move(windows));
 }
 
-struct MirrorSim {
-  explicit MirrorSim(const platform::sim::DesktopSpec& spec) : platform(spec, clock, clock.mainLoop()) {}
+/// `Wrapper` stands between the mirrors and the simulated accessibility; it
+/// is made from that and the clock.
+template <typename Wrapper = CountingAccessibility>
+struct MirrorSimWith {
+  explicit MirrorSimWith(const platform::sim::DesktopSpec& spec) : platform(spec, clock, clock.mainLoop()) {}
   /// Lets every walk finish before the desktop and the clock go.
-  ~MirrorSim() { clock.runUntilIdle(); }
+  ~MirrorSimWith() { clock.runUntilIdle(); }
 
   platform::sim::SimDesktop& desktop() { return platform.desktop(); }
+  Element element(const std::string& key, std::int32_t pid = labPid) { return desktop().element(pid, key); }
 
   /// A mirror whose first walks are done.
-  std::shared_ptr<AppMirror> settled(std::int32_t pid) {
+  std::shared_ptr<AppMirror> settled(std::int32_t pid = labPid) {
     auto mirror = mirrors.mirror(pid);
     clock.runUntilIdle();
     return mirror;
@@ -106,9 +112,10 @@ struct MirrorSim {
 
   platform::sim::DrivenClock clock;
   platform::sim::SimPlatform platform;
-  CountingAccessibility ax{platform.accessibility(), clock};
+  Wrapper ax{platform.accessibility(), clock};
   Mirrors mirrors{MirrorEnvironment{ax, clock}, platform.workspace()};
 };
+using MirrorSim = MirrorSimWith<>;
 
 /// The node with this identifier; nullptr when the copy has none.
 inline const core::AxNode* findNode(const MirrorSnapshot& snapshot, const std::string& identifier) {
@@ -138,7 +145,6 @@ inline bool consistent(const std::vector<core::AxNode>& nodes) {
 
 // The application most mirror tests watch: a window with a toolbar, a list
 // of ten rows, a footer with a status text, and a group of 150 buttons.
-constexpr std::int32_t labPid = 700;
 
 inline platform::sim::DesktopSpec labDesktop(bool ticking = false) {
   auto tools = keyed("AXGroup", "tools", 0, 0, 800, 40)

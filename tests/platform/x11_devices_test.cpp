@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/desktop_suite.h"
 #include "platform/linux/x11_connection.h"
 #include "x11_desktop.h"
 
@@ -26,66 +27,50 @@ using platform::Element;
 using platform::KeyEvent;
 using platform::Platform;
 
-class X11DevicesTest : public ::testing::Test {
+class X11DevicesTest : public DesktopSuite {
  protected:
   static void SetUpTestSuite() {
-    desktop_ = startDesktop({"galculator", "mousepad"}, problem_);
-    std::string problem;
-    if (desktop_) platform_ = platform::linux_desktop::makeLinuxPlatform(problem).release();
+    startSuite({"galculator", "mousepad"});
+    startPlatform(false);
   }
-  static void TearDownTestSuite() {
-    delete platform_;
-    platform_ = nullptr;
-    delete desktop_;
-    desktop_ = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
-    ASSERT_NE(platform_, nullptr);
-  }
+  static void TearDownTestSuite() { endSuite(); }
 
   static Platform& platform() { return *platform_; }
 
+  /// Visits an application's elements depth first until `visit` says done.
+  static void walk(std::int32_t pid, const std::function<bool(const Element&)>& visit) {
+    auto& ax = platform().accessibility();
+    std::vector<Element> pending{ax.applicationElement(pid)};
+    while (!pending.empty()) {
+      Element e = pending.back();
+      pending.pop_back();
+      if (visit(e)) return;
+      if (auto children = ax.copy(e, "AXChildren").as<AxList>())
+        for (const auto& child : *children)
+          if (auto c = child.as<Element>()) pending.push_back(*c);
+    }
+  }
   /// Every text an application shows: values, titles and descriptions.
   static std::vector<std::string> texts(std::int32_t pid) {
     std::vector<std::string> out;
-    auto& ax = platform().accessibility();
-    std::vector<Element> pending{ax.applicationElement(pid)};
-    while (!pending.empty()) {
-      Element e = pending.back();
-      pending.pop_back();
+    walk(pid, [&](const Element& e) {
       for (const char* name : {"AXValue", "AXTitle", "AXDescription"})
-        if (auto text = ax.copy(e, name).as<std::string>(); text && !text->empty()) out.push_back(*text);
-      if (auto children = ax.copy(e, "AXChildren").as<AxList>())
-        for (const auto& child : *children)
-          if (auto c = child.as<Element>()) pending.push_back(*c);
-    }
+        if (auto text = platform().accessibility().copy(e, name).as<std::string>(); text && !text->empty())
+          out.push_back(*text);
+      return false;
+    });
     return out;
-  }
-  static bool shows(std::int32_t pid, const std::string& text) {
-    for (const auto& t : texts(pid))
-      if (t == text) return true;
-    return false;
   }
   /// The text of the first text area of an application.
   static std::string documentText(std::int32_t pid) {
-    auto& ax = platform().accessibility();
-    std::vector<Element> pending{ax.applicationElement(pid)};
-    while (!pending.empty()) {
-      Element e = pending.back();
-      pending.pop_back();
+    std::optional<std::string> text;
+    walk(pid, [&](const Element& e) {
+      auto& ax = platform().accessibility();
       if (ax.copy(e, "AXRole").as<std::string>() == "AXTextArea")
-        return ax.copy(e, "AXValue").as<std::string>().value_or("");
-      if (auto children = ax.copy(e, "AXChildren").as<AxList>())
-        for (const auto& child : *children)
-          if (auto c = child.as<Element>()) pending.push_back(*c);
-    }
-    return "";
-  }
-  static bool showsPart(std::int32_t pid, const std::string& text) {
-    for (const auto& t : texts(pid))
-      if (t.find(text) != std::string::npos) return true;
-    return false;
+        text = ax.copy(e, "AXValue").as<std::string>().value_or("");
+      return text.has_value();
+    });
+    return text.value_or("");
   }
 
   /// Types `text` as the shared typing logic does: a press and a release
@@ -140,15 +125,7 @@ class X11DevicesTest : public ::testing::Test {
     platform::linux_desktop::closeX11(x);
     return pid;
   }
-
-  static TestDesktop* desktop_;
-  static std::string problem_;
-  static Platform* platform_;
 };
-
-TestDesktop* X11DevicesTest::desktop_ = nullptr;
-std::string X11DevicesTest::problem_;
-Platform* X11DevicesTest::platform_ = nullptr;
 
 TEST_F(X11DevicesTest, KeyTableNamesEveryKeyAndModifier) {
   auto& input = platform().input();
@@ -170,7 +147,10 @@ TEST_F(X11DevicesTest, KeysToAnApplicationBehindAnotherReachItAndLeaveTheFrontAl
   ASSERT_TRUE(inFront(editor));
   press("escape", calculator);
   type(u"12+34=", calculator);
-  EXPECT_TRUE(eventually([&] { return shows(calculator, "46"); }));
+  EXPECT_TRUE(eventually([&] {
+    const auto shown = texts(calculator);
+    return std::find(shown.begin(), shown.end(), "46") != shown.end();
+  }));
   EXPECT_EQ(activePid(), editor);
 }
 

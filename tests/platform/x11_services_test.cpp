@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/desktop_suite.h"
 #include "platform/linux/linux_session.h"
 #include "platform/linux/x11_connection.h"
 #include "x11_desktop.h"
@@ -33,30 +34,16 @@ namespace {
 
 using platform::Platform;
 
-class X11ServicesTest : public ::testing::Test {
+class X11ServicesTest : public DesktopSuite {
  protected:
   static void SetUpTestSuite() {
-    desktop_ = startDesktop({"galculator", "mousepad"}, problem_);
+    startSuite({"galculator", "mousepad"});
     // No system bus: only the session's screensaver can answer, whatever the machine runs.
     if (desktop_)
       ::setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + desktop_->folder() + "/no-system-bus").c_str(), 1);
-    std::string problem;
-    if (desktop_) platform_ = platform::linux_desktop::makeLinuxPlatform(problem).release();
-    if (platform_) loop_ = new std::thread([] { platform_->mainLoop().run(); });
+    startPlatform(true);
   }
-  static void TearDownTestSuite() {
-    if (loop_) {
-      platform_->mainLoop().stop();
-      loop_->join();
-      delete loop_;
-    }
-    delete platform_;
-    delete desktop_;
-  }
-  void SetUp() override {
-    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
-    ASSERT_NE(platform_, nullptr);
-  }
+  static void TearDownTestSuite() { endSuite(); }
 
   static Platform& platform() { return *platform_; }
 
@@ -68,17 +55,18 @@ class X11ServicesTest : public ::testing::Test {
     platform().mainLoop().post([&task] { task(); });
     return result.get();
   }
-
-  static TestDesktop* desktop_;
-  static std::string problem_;
-  static Platform* platform_;
-  static std::thread* loop_;
+  /// A cursor panel of one colour, moved to `at` and faded in, on the main loop.
+  static auto showPanel(platform::CursorShape shape, std::uint32_t colour, platform::AxPoint at,
+                        std::int64_t fadeInMs) {
+    return onMainLoop([&] {
+      auto& painter = platform().overlay();
+      auto id = painter.createPanel({56, 56}, shape, colour);
+      painter.move(id, at, 0);
+      painter.setAlpha(id, 1, fadeInMs);
+      return id;
+    });
+  }
 };
-
-TestDesktop* X11ServicesTest::desktop_ = nullptr;
-std::string X11ServicesTest::problem_;
-Platform* X11ServicesTest::platform_ = nullptr;
-std::thread* X11ServicesTest::loop_ = nullptr;
 
 /// Calls a method on a bus; true when it answered.
 bool callOn(GBusType type, const char* bus, const char* path, const char* interface, const char* method,
@@ -207,12 +195,7 @@ TEST_F(X11ServicesTest, CursorPanelShowsWhereItIsMovedAndTakesNeitherFocusNorCli
   const auto focusBefore = focusNow();
   auto& painter = platform().overlay();
   // The tip at (500, 380); a point well inside the arrow, below and right of it.
-  const auto panel = onMainLoop([&] {
-    auto id = painter.createPanel({56, 56}, platform::CursorShape::arrow, cursor);
-    painter.move(id, {480, 360}, 0);
-    painter.setAlpha(id, 1, 120);
-    return id;
-  });
+  const auto panel = showPanel(platform::CursorShape::arrow, cursor, {480, 360}, 120);
   const double insideX = 500 + 3, insideY = 380 + 10;
   EXPECT_TRUE(eventually([&] { return colourAt(platform(), insideX, insideY) == cursor; }))
       << std::hex << colourAt(platform(), insideX, insideY);
@@ -223,7 +206,6 @@ TEST_F(X11ServicesTest, CursorPanelShowsWhereItIsMovedAndTakesNeitherFocusNorCli
   onMainLoop([&] {
     painter.move(panel, {500, 360}, 180);
     painter.pulse(panel, 0.3, 350);
-    return 0;
   });
   EXPECT_TRUE(eventually([&] { return colourAt(platform(), insideX + 20, insideY) == cursor; }));
   EXPECT_EQ(focusNow(), focusBefore);
@@ -235,10 +217,7 @@ TEST_F(X11ServicesTest, CursorPanelShowsWhereItIsMovedAndTakesNeitherFocusNorCli
   ASSERT_TRUE(input.postPointer({platform::PointerAction::up, platform::MouseButton::left, 1, at, 0}, {}));
   EXPECT_TRUE(eventually([&] { return below.clicked(); }));
 
-  onMainLoop([&] {
-    painter.close(panel);
-    return 0;
-  });
+  onMainLoop([&] { painter.close(panel); });
   EXPECT_TRUE(eventually([&] { return colourAt(platform(), insideX + 20, insideY) == background; }));
 }
 
@@ -246,24 +225,13 @@ TEST_F(X11ServicesTest, FadingOutHidesThePanel) {
   constexpr std::uint32_t background = 0x104010, cursor = 0x34c759;
   ColourWindow below(700, 300, background, true);
   auto& painter = platform().overlay();
-  const auto panel = onMainLoop([&] {
-    auto id = painter.createPanel({56, 56}, platform::CursorShape::iBeam, cursor);
-    painter.move(id, {760, 340}, 0);
-    painter.setAlpha(id, 1, 0);
-    return id;
-  });
+  const auto panel = showPanel(platform::CursorShape::iBeam, cursor, {760, 340}, 0);
   // The I-beam's stem runs down from its top centre.
   const double stemX = 780, stemY = 370;
   EXPECT_TRUE(eventually([&] { return colourAt(platform(), stemX, stemY) == cursor; }));
-  onMainLoop([&] {
-    painter.setAlpha(panel, 0, 200);
-    return 0;
-  });
+  onMainLoop([&] { painter.setAlpha(panel, 0, 200); });
   EXPECT_TRUE(eventually([&] { return colourAt(platform(), stemX, stemY) == background; }));
-  onMainLoop([&] {
-    painter.close(panel);
-    return 0;
-  });
+  onMainLoop([&] { painter.close(panel); });
 }
 
 TEST_F(X11ServicesTest, ActivatingAnotherApplicationNotifiesOnceWithItsPid) {

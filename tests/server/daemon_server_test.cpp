@@ -12,20 +12,12 @@ namespace glimmerstrand::server {
 namespace {
 
 using testing::DrivenLeaseClock;
+using testing::eventually;
 using testing::FakeBackend;
 using testing::roundTrip;
 using testing::SocketClient;
 using testing::TempFolder;
 using namespace std::chrono_literals;
-
-// Waits for something other threads bring about and nobody signals.
-bool eventually(const std::function<bool()>& condition) {
-  for (auto deadline = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < deadline;) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(2ms);
-  }
-  return condition();
-}
 
 class DaemonServerTest : public ::testing::Test {
  protected:

@@ -67,25 +67,35 @@ JSONValue LineClient::call(const std::string& method, const JSONValue& params) {
 }
 
 std::vector<core::JSONValue> cypherResults(LineClient& client, const std::string& app, const std::string& script) {
-  using core::JSONValue;
-  auto result = client.call("cypher", JSONValue::Object{{"cypher", script}, {"app", JSONValue::Object{{"name", app}}}});
+  JSONValue::Object params{{"cypher", script}};
+  if (!app.empty()) params.emplace_back("app", JSONValue::Object{{"name", app}});
+  auto result = client.call("cypher", params);
   const auto* list = result.find("results");
   if (result.find("error") || !list || !list->asArray() || list->asArray()->empty())
     throw std::runtime_error(script + ": " + core::jsonText(result));
   return *list->asArray();
 }
 
+std::vector<core::JSONValue> cypherRows(LineClient& client, const std::string& app, const std::string& script) {
+  const auto last = cypherResults(client, app, script).back();
+  const auto* rows = last.find("rows");
+  if (!rows || !rows->asArray()) throw std::runtime_error(script + ": no rows: " + core::jsonText(last));
+  return *rows->asArray();
+}
+
 std::vector<std::string> cypherColumn(LineClient& client, const std::string& app, const std::string& read,
                                       const std::string& name) {
-  const auto last = cypherResults(client, app, read).back();
-  const auto* rows = last.find("rows");
-  if (!rows || !rows->asArray()) throw std::runtime_error(read + ": no rows: " + core::jsonText(last));
   std::vector<std::string> out;
-  for (const auto& row : *rows->asArray()) {
+  for (const auto& row : cypherRows(client, app, read)) {
     const auto* value = row.find(name);
     out.push_back(!value ? "" : value->asString() ? *value->asString() : core::jsonText(*value));
   }
   return out;
+}
+
+std::string firstCell(LineClient& client, const std::string& app, const std::string& read, const std::string& name) {
+  const auto cells = cypherColumn(client, app, read, name);
+  return cells.empty() ? "" : cells.front();
 }
 
 }  // namespace glimmerstrand::testing

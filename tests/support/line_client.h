@@ -36,13 +36,19 @@ class LineClient {
   std::string pending_;
 };
 
-/// The results of a script against the application named; throws when a
-/// statement fails.
+/// The results of a script against the application named (none when the
+/// name is empty); throws when a statement fails.
 std::vector<core::JSONValue> cypherResults(LineClient& client, const std::string& app, const std::string& script);
+
+/// The rows of the script's last statement.
+std::vector<core::JSONValue> cypherRows(LineClient& client, const std::string& app, const std::string& script);
 
 /// One column of the rows of the script's last read, as texts; null reads
 /// as "null".
 std::vector<std::string> cypherColumn(LineClient& client, const std::string& app, const std::string& read,
                                       const std::string& name);
+
+/// The column's first cell as cypherColumn gives it; empty without rows.
+std::string firstCell(LineClient& client, const std::string& app, const std::string& read, const std::string& name);
 
 }  // namespace glimmerstrand::testing

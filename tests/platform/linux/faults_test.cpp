@@ -16,11 +16,9 @@
 #include <thread>
 
 #include "mirror/mirrors.h"
+#include "platform/desktop_suite.h"
 #include "platform/linux/atspi_bus.h"
 #include "platform/linux/atspi_element.h"
-#include "platform/linux/linux_platform.h"
-#include "platform/linux/test_desktop.h"
-#include "support/line_client.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 namespace {
@@ -28,7 +26,6 @@ namespace {
 namespace fs = std::filesystem;
 using core::JSONValue;
 using glimmerstrand::testing::LineClient;
-using glimmerstrand::testing::TestDesktop;
 
 const std::string faultApp = GLIMMERSTRAND_SOURCE_DIR "/tests/platform/linux/data/fault_app.py";
 const std::vector<std::string> faults = {"fault-frozen", "fault-huge",   "fault-stuck", "fault-endless",
@@ -37,7 +34,7 @@ const std::vector<std::string> faults = {"fault-frozen", "fault-huge",   "fault-
 // share 14 items between them.
 constexpr std::int64_t stormElements = 1 + 1 + 40 + 2 + 14;
 
-class FaultsTest : public ::testing::Test {
+class FaultsTest : public glimmerstrand::testing::DesktopSuite {
  protected:
   static void SetUpTestSuite() {
     folder_ = new fs::path(fs::temp_directory_path() / ("glimmerstrand-faults-" + std::to_string(::getpid())));
@@ -48,26 +45,14 @@ class FaultsTest : public ::testing::Test {
       apps.push_back((*folder_ / name).string());
     }
     ::setenv("FAULT_APP_LOG", (*folder_ / "calls").c_str(), 1);
-    desktop_ = new TestDesktop(apps);
+    startSuite(apps, false);
+    startPlatform(true);
     std::string problem;
-    platform_ = makeLinuxPlatform(problem).release();  // lives as long as the process, as in the daemon
-    ASSERT_NE(platform_, nullptr) << problem;
-    loop_ = new std::thread([] { platform_->mainLoop().run(); });
-    bus_ = new AtspiBus(*AtspiBus::connect(problem));
+    if (platform_) bus_ = new AtspiBus(*AtspiBus::connect(problem));
   }
   static void TearDownTestSuite() {
-    if (loop_) {
-      platform_->mainLoop().stop();
-      loop_->join();
-    }
-    delete desktop_;
+    endSuite();
     fs::remove_all(*folder_);
-  }
-
-  static std::unique_ptr<LineClient> lineClient() {
-    auto environment = desktop_->environment();
-    environment["GLIMMERSTRAND_PLATFORM"] = "linux";
-    return std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY, environment);
   }
   static JSONValue byName(const std::string& name) { return JSONValue::Object{{"name", name}}; }
   static JSONValue byPid(std::int32_t pid) { return JSONValue::Object{{"pid", std::int64_t{pid}}}; }
@@ -96,14 +81,19 @@ class FaultsTest : public ::testing::Test {
     return std::find(list.begin(), list.end(), item) != list.end();
   }
 
+  // A call the daemon never makes, to the application on `bus`.
+  static Call locale(const std::string& bus) {
+    return Call{bus, rootPath, "org.a11y.atspi.Application", "GetLocale", own(g_variant_new("(u)", 0u))};
+  }
+  static std::string busOf(const std::string& name) {
+    return platform_->accessibility().applicationElement(desktop_->pid(name)).as<AtspiElement>()->bus();
+  }
+
   // The calls an application has been asked so far, once it has answered
   // everything asked before: the test asks last, with a call the daemon
   // never makes, which is left out.
   static std::vector<std::string> callsOf(const std::string& name) {
-    Element app = platform_->accessibility().applicationElement(desktop_->pid(name));
-    auto* e = app.as<AtspiElement>();
-    callSync(bus_->connection(),
-             Call{e->bus(), rootPath, "org.a11y.atspi.Application", "GetLocale", own(g_variant_new("(u)", 0u))}, 30000);
+    callSync(bus_->connection(), locale(busOf(name)), 30000);
     std::ifstream in(*folder_ / "calls" / (name + ".calls"));
     std::vector<std::string> lines;
     for (std::string line; std::getline(in, line);)
@@ -113,30 +103,16 @@ class FaultsTest : public ::testing::Test {
 
   // Waits until the application does not answer a call within 200 ms.
   static void waitFrozen(const std::string& name) {
-    Element app = platform_->accessibility().applicationElement(desktop_->pid(name));
-    auto* e = app.as<AtspiElement>();
     for (int attempt = 0; attempt < 100; ++attempt) {
-      Reply reply = callSync(
-          bus_->connection(),
-          Call{e->bus(), rootPath, "org.a11y.atspi.Application", "GetLocale", own(g_variant_new("(u)", 0u))}, 200);
-      if (reply.error == AxError::cannotComplete) return;
+      if (callSync(bus_->connection(), locale(busOf(name)), 200).error == AxError::cannotComplete) return;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     FAIL() << name << " did not freeze";
   }
 
-  static fs::path* folder_;
-  static TestDesktop* desktop_;
-  static Platform* platform_;
-  static std::thread* loop_;
-  static AtspiBus* bus_;
+  inline static fs::path* folder_ = nullptr;
+  inline static AtspiBus* bus_ = nullptr;
 };
-
-fs::path* FaultsTest::folder_ = nullptr;
-TestDesktop* FaultsTest::desktop_ = nullptr;
-Platform* FaultsTest::platform_ = nullptr;
-std::thread* FaultsTest::loop_ = nullptr;
-AtspiBus* FaultsTest::bus_ = nullptr;
 
 TEST_F(FaultsTest, AFrozenApplicationIsNotAskedWhileAnotherIsServedAndShowsDirty) {
   auto client = lineClient();
@@ -197,27 +173,26 @@ TEST_F(FaultsTest, HugeNamesAreCutCountedAndNeverReadForAnother) {
   for (const auto& app : *apps.asArray()) EXPECT_LE(core::optionalString(app, "name").value_or("").size(), 256u);
 }
 
-TEST_F(FaultsTest, AStuckSubtreeIsLeftOutAndTheRestAnswersMarkedAsCut) {
+TEST_F(FaultsTest, AStuckSubtreeOrATreeWithoutEndIsLeftOutOfACopyMarkedAsCut) {
+  struct Case {
+    const char* app;
+    std::vector<std::string> shown, left;
+  };
+  const Case cases[] = {
+      {"fault-stuck", {"Button 0", "Button 39"}, {"Stuck"}},
+      // Cut at the depth limit: the window at depth 0, its levels from depth 1 to 64.
+      {"fault-endless", {"Button 39", "Level 0", "Level 63"}, {"Level 64"}},
+  };
   auto client = lineClient();
-  auto copy = freshCopy(*client, byName("fault-stuck"));
-  EXPECT_GE(core::optionalInt(copy, "generation").value_or(0), 1);
-  EXPECT_EQ(core::optionalBool(copy, "truncated"), true);
-  const auto names = titles(copy);
-  EXPECT_TRUE(has(names, "Button 0"));
-  EXPECT_TRUE(has(names, "Button 39"));
-  EXPECT_FALSE(has(names, "Stuck"));
-}
-
-TEST_F(FaultsTest, ATreeWithoutEndGivesACopyCutAtTheDepthLimit) {
-  auto client = lineClient();
-  auto copy = freshCopy(*client, byName("fault-endless"));
-  EXPECT_GE(core::optionalInt(copy, "generation").value_or(0), 1);
-  EXPECT_EQ(core::optionalBool(copy, "truncated"), true);
-  const auto names = titles(copy);
-  EXPECT_TRUE(has(names, "Button 39"));
-  EXPECT_TRUE(has(names, "Level 0"));
-  EXPECT_TRUE(has(names, "Level 63"));  // the window at depth 0, its levels from depth 1 to 64
-  EXPECT_FALSE(has(names, "Level 64"));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.app);
+    auto copy = freshCopy(*client, byName(c.app));
+    EXPECT_GE(core::optionalInt(copy, "generation").value_or(0), 1);
+    EXPECT_EQ(core::optionalBool(copy, "truncated"), true);
+    const auto names = titles(copy);
+    for (const auto& name : c.shown) EXPECT_TRUE(has(names, name)) << name;
+    for (const auto& name : c.left) EXPECT_FALSE(has(names, name)) << name;
+  }
 }
 
 TEST_F(FaultsTest, AStormOfEventsLeavesEveryCopyFreshAndEachElementOnce) {
@@ -259,15 +234,11 @@ TEST_F(FaultsTest, AnApplicationBackUnderANewBusNameIsFoundAtTheNextQuery) {
 }
 
 TEST_F(FaultsTest, ACallToNoValidNameFailsAtOnceBesideOnesThatAnswer) {
-  Element app = platform_->accessibility().applicationElement(desktop_->pid("fault-plain"));
-  auto* e = app.as<AtspiElement>();
-  auto locale = [](const std::string& bus) {
-    return Call{bus, rootPath, "org.a11y.atspi.Application", "GetLocale", own(g_variant_new("(u)", 0u))};
-  };
+  const std::string bus = busOf("fault-plain");
   std::vector<Call> calls;
-  calls.push_back(locale(e->bus()));
+  calls.push_back(locale(bus));
   calls.push_back(locale(""));  // an application the registry has not named yet
-  calls.push_back(locale(e->bus()));
+  calls.push_back(locale(bus));
   const auto replies = callAll(bus_->connection(), calls, 2000);
   ASSERT_EQ(replies.size(), 3u);
   EXPECT_TRUE(replies[0].ok());

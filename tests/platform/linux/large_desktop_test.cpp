@@ -11,8 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/x11_desktop.h"
-#include "support/line_client.h"
+#include "platform/desktop_suite.h"
 
 namespace glimmerstrand::testing {
 namespace {
@@ -57,23 +56,16 @@ std::int64_t settledResidentBytes(std::int32_t pid) {
   return last;
 }
 
-class LargeDesktopTest : public ::testing::Test {
+class LargeDesktopTest : public DesktopSuite {
  protected:
   static void SetUpTestSuite() {
     profile_ = officeProfile();
-    desktop_ = startDesktop(
-        {"soffice --calc --norestore -env:UserInstallation=file://" + profile_, formApp + " 2000", treeApp + " 2000"},
-        problem_);
+    startSuite(
+        {"soffice --calc --norestore -env:UserInstallation=file://" + profile_, formApp + " 2000", treeApp + " 2000"});
   }
   static void TearDownTestSuite() {
-    delete desktop_;
-    desktop_ = nullptr;
+    endSuite();
     fs::remove_all(profile_);
-  }
-  void SetUp() override {
-    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
-    client_ = std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY,
-                                           std::map<std::string, std::string>{{"GLIMMERSTRAND_PLATFORM", "linux"}});
   }
 
   std::vector<std::string> column(const std::string& app, const std::string& read, const std::string& name) {
@@ -89,13 +81,9 @@ class LargeDesktopTest : public ::testing::Test {
     throw std::runtime_error("no " + role + " in the copy of " + app);
   }
 
-  static TestDesktop* desktop_;
-  static std::string problem_, profile_;
-  std::unique_ptr<LineClient> client_;
+  inline static std::string profile_;
+  std::unique_ptr<LineClient> client_ = lineClient();
 };
-
-TestDesktop* LargeDesktopTest::desktop_ = nullptr;
-std::string LargeDesktopTest::problem_, LargeDesktopTest::profile_;
 
 TEST_F(LargeDesktopTest, TheLauncherIsFollowedToTheOffice) {
   std::ifstream command("/proc/" + std::to_string(desktop_->pid("soffice")) + "/comm");

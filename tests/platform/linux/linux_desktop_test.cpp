@@ -12,10 +12,8 @@
 #include <thread>
 
 #include "mirror/app_mirror.h"
-#include "platform/linux/linux_platform.h"
-#include "platform/linux/test_desktop.h"
+#include "platform/desktop_suite.h"
 #include "platform/linux/x11_connection.h"
-#include "support/line_client.h"
 
 // Last: its macros (None, Bool) clash with names in the headers above.
 #include <X11/Xlib.h>
@@ -25,7 +23,6 @@ namespace {
 
 using core::JSONValue;
 using glimmerstrand::testing::LineClient;
-using glimmerstrand::testing::TestDesktop;
 
 const std::string formApp = GLIMMERSTRAND_SOURCE_DIR "/tests/platform/linux/data/form_app.py";
 
@@ -36,28 +33,13 @@ class NoPrefetch final : public AccessibilityWrapper {
   void prefetch(const std::vector<Element>&, const std::vector<std::string>&) override {}
 };
 
-class LinuxDesktopTest : public ::testing::Test {
+class LinuxDesktopTest : public glimmerstrand::testing::DesktopSuite {
  protected:
   static void SetUpTestSuite() {
-    desktop_ = new TestDesktop({"gtk3-widget-factory", "gnome-calculator", "galculator", "speedcrunch", formApp});
-    std::string problem;
-    platform_ = makeLinuxPlatform(problem).release();  // lives as long as the process, as in the daemon
-    ASSERT_NE(platform_, nullptr) << problem;
-    loop_ = new std::thread([] { platform_->mainLoop().run(); });
+    startSuite({"gtk3-widget-factory", "gnome-calculator", "galculator", "speedcrunch", formApp}, false);
+    startPlatform(true);
   }
-  static void TearDownTestSuite() {
-    if (loop_) {
-      platform_->mainLoop().stop();
-      loop_->join();
-    }
-    delete desktop_;
-  }
-
-  static std::unique_ptr<LineClient> lineClient() {
-    auto environment = desktop_->environment();
-    environment["GLIMMERSTRAND_PLATFORM"] = "linux";
-    return std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY, environment);
-  }
+  static void TearDownTestSuite() { endSuite(); }
 
   // Runs a statement against the application named; the whole reply.
   static JSONValue cypher(LineClient& client, const std::string& app, const std::string& statement) {
@@ -65,22 +47,11 @@ class LinuxDesktopTest : public ::testing::Test {
   }
 
   static std::string onlyId(LineClient& client, const std::string& app, const std::string& match) {
-    auto reply = cypher(client, app, match + " RETURN n.id");
-    const JSONValue* rows = reply.find("result") ? reply.find("result")->find("results") : nullptr;
-    if (!rows || rows->asArray()->empty()) throw std::runtime_error("no result: " + core::jsonText(reply));
-    auto first = rows->asArray()->front().find("rows")->asArray();
-    if (!first || first->size() != 1) throw std::runtime_error("not one row: " + core::jsonText(reply));
-    return *first->front().find("n.id")->asString();
+    const auto rows = glimmerstrand::testing::cypherRows(client, app, match + " RETURN n.id");
+    if (rows.size() != 1) throw std::runtime_error("not one row: " + match);
+    return *rows.front().find("n.id")->asString();
   }
-
-  static TestDesktop* desktop_;
-  static Platform* platform_;
-  static std::thread* loop_;
 };
-
-TestDesktop* LinuxDesktopTest::desktop_ = nullptr;
-Platform* LinuxDesktopTest::platform_ = nullptr;
-std::thread* LinuxDesktopTest::loop_ = nullptr;
 
 TEST_F(LinuxDesktopTest, BatchedWalkEqualsTheElementByElementRead) {
   for (std::string app : {"gtk3-widget-factory", "gnome-calculator", "galculator", "speedcrunch", "form_app.py"}) {
@@ -224,17 +195,18 @@ TEST_F(LinuxDesktopTest, WindowMovesAndResizesComeFromTheXServer) {
   ASSERT_NE(x, nullptr);
   const auto window = topWindowOf(x, pid);
   ASSERT_TRUE(window);
+  auto told = [&](const std::string& name) {
+    std::lock_guard guard(lock);
+    return std::find(seen.begin(), seen.end(), name) != seen.end();
+  };
   // The watch learns where windows are on the main loop, after it is made: it
   // is ready once a move of the window is told.
-  bool ready = false;
-  for (int attempt = 0; attempt < 50 && !ready; ++attempt) {
-    XMoveWindow(x, window->window, 10 + attempt % 2, 10);
+  int moves = 0;
+  ASSERT_TRUE(glimmerstrand::testing::eventually([&] {
+    XMoveWindow(x, window->window, 10 + moves++ % 2, 10);
     XFlush(x);
-    std::this_thread::sleep_for(std::chrono::milliseconds(40));
-    std::lock_guard guard(lock);
-    ready = std::find(seen.begin(), seen.end(), "AXMoved") != seen.end();
-  }
-  ASSERT_TRUE(ready) << "no move was told";
+    return told("AXMoved");
+  })) << "no move was told";
   const struct {
     const char* expected;
     void (*change)(XConnection*, XWindowId);
@@ -250,13 +222,7 @@ TEST_F(LinuxDesktopTest, WindowMovesAndResizesComeFromTheXServer) {
     }
     change.change(x, window->window);
     XFlush(x);
-    bool arrived = false;
-    for (int attempt = 0; attempt < 100 && !arrived; ++attempt) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      std::lock_guard guard(lock);
-      arrived = std::find(seen.begin(), seen.end(), change.expected) != seen.end();
-    }
-    EXPECT_TRUE(arrived);
+    EXPECT_TRUE(glimmerstrand::testing::eventually([&] { return told(change.expected); }));
   }
   closeX11(x);
   ax.removeObserver(*observer.value);

@@ -18,7 +18,8 @@
 
 #include "core/json_value.h"
 #include "page_server.h"
-#include "platform/x11_desktop.h"
+#include "platform/desktop_suite.h"
+#include "platform/linux/x11_connection.h"
 #include "support/daemon_client.h"
 
 namespace glimmerstrand::testing {
@@ -58,47 +59,24 @@ class Chromium {
   pid_t pid_ = -1;
 };
 
-// Whether a window of `pid` is on the desktop of $DISPLAY, as the window
-// manager lists them.
+// Whether a window of `pid` shows on the desktop of $DISPLAY.
 bool hasWindow(pid_t pid) {
-  Display* x = XOpenDisplay(nullptr);
+  auto* x = platform::linux_desktop::openX11();
   if (!x) return false;
-  auto property = [&](Window window, const char* name, unsigned long& count) -> unsigned char* {
-    Atom type;
-    int format;
-    unsigned long after;
-    unsigned char* data = nullptr;
-    if (XGetWindowProperty(x, window, XInternAtom(x, name, False), 0, 4096, False, AnyPropertyType, &type, &format,
-                           &count, &after, &data) != Success)
-      return nullptr;
-    return data;
-  };
-  bool found = false;
-  unsigned long windows = 0;
-  if (unsigned char* list = property(DefaultRootWindow(x), "_NET_CLIENT_LIST", windows)) {
-    for (unsigned long k = 0; k < windows && !found; ++k) {
-      unsigned long one = 0;
-      if (unsigned char* owner = property(reinterpret_cast<Window*>(list)[k], "_NET_WM_PID", one)) {
-        found = one == 1 && static_cast<pid_t>(*reinterpret_cast<unsigned long*>(owner)) == pid;
-        XFree(owner);
-      }
-    }
-    XFree(list);
-  }
-  XCloseDisplay(x);
-  return found;
+  const bool shown = platform::linux_desktop::topWindowOf(x, pid).has_value();
+  platform::linux_desktop::closeX11(x);
+  return shown;
 }
 
-class PlainChromiumTest : public ::testing::Test {
+class PlainChromiumTest : public DesktopSuite {
  protected:
   static void SetUpTestSuite() {
     folder_ = std::filesystem::temp_directory_path() / ("glimmerstrand-plain-" + std::to_string(::getpid()));
     std::filesystem::create_directories(folder_);
     server_ = new PageServer(folder_, {{"page.html", "<!doctype html><title>Plain</title><h1>Seen unflagged</h1>"}});
-    desktop_ = startDesktop({}, problem_);
+    startSuite({});
   }
   static void TearDownTestSuite() { endBrowserSuite(desktop_, server_, folder_); }
-  void SetUp() override { ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_; }
 
   std::unique_ptr<Chromium> start(const std::string& profile, const std::map<std::string, std::string>& environment) {
     return std::make_unique<Chromium>(folder_ / profile, server_->url("page.html"), environment);
@@ -118,16 +96,9 @@ class PlainChromiumTest : public ::testing::Test {
     return result ? *result : JSONValue(nullptr);
   }
 
-  static std::filesystem::path folder_;
-  static PageServer* server_;
-  static TestDesktop* desktop_;
-  static std::string problem_;
+  inline static std::filesystem::path folder_;
+  inline static PageServer* server_ = nullptr;
 };
-
-std::filesystem::path PlainChromiumTest::folder_;
-PageServer* PlainChromiumTest::server_ = nullptr;
-TestDesktop* PlainChromiumTest::desktop_ = nullptr;
-std::string PlainChromiumTest::problem_;
 
 TEST_F(PlainChromiumTest, ItsPageIsReadThroughTheDaemon) {
   const auto browser = start("page-profile", {});

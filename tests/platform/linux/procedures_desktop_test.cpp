@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/x11_desktop.h"
-#include "support/line_client.h"
+#include "platform/desktop_suite.h"
 
 namespace glimmerstrand::testing {
 namespace {
@@ -20,18 +19,10 @@ using core::JSONValue;
 
 const std::string formApp = GLIMMERSTRAND_SOURCE_DIR "/tests/platform/linux/data/form_app.py";
 
-class ProceduresDesktopTest : public ::testing::Test {
+class ProceduresDesktopTest : public DesktopSuite {
  protected:
-  static void SetUpTestSuite() { desktop_ = startDesktop({"mousepad", "galculator", formApp}, problem_); }
-  static void TearDownTestSuite() {
-    delete desktop_;
-    desktop_ = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
-    client_ = std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY,
-                                           std::map<std::string, std::string>{{"GLIMMERSTRAND_PLATFORM", "linux"}});
-  }
+  static void SetUpTestSuite() { startSuite({"mousepad", "galculator", formApp}); }
+  static void TearDownTestSuite() { endSuite(); }
 
   std::vector<JSONValue> results(const std::string& app, const std::string& script) {
     return cypherResults(*client_, app, script);
@@ -39,19 +30,10 @@ class ProceduresDesktopTest : public ::testing::Test {
   std::vector<std::string> column(const std::string& app, const std::string& read, const std::string& name) {
     return cypherColumn(*client_, app, read, name);
   }
+  std::string editorText() { return firstCell(*client_, "mousepad", "MATCH (t:TextArea) RETURN t.value", "t.value"); }
 
-  std::string editorText() {
-    auto texts = column("mousepad", "MATCH (t:TextArea) RETURN t.value", "t.value");
-    return texts.empty() ? "" : texts.front();
-  }
-
-  static TestDesktop* desktop_;
-  static std::string problem_;
-  std::unique_ptr<LineClient> client_;
+  std::unique_ptr<LineClient> client_ = lineClient();
 };
-
-TestDesktop* ProceduresDesktopTest::desktop_ = nullptr;
-std::string ProceduresDesktopTest::problem_;
 
 TEST_F(ProceduresDesktopTest, QuitOfAnEditorThatAsksToSaveAnswersThatItAsked) {
   const JSONValue editor = JSONValue::Object{{"name", "mousepad"}};

@@ -9,27 +9,23 @@
 #include <string>
 
 #include "core/json_value.h"
-#include "platform/linux/test_desktop.h"
-#include "support/line_client.h"
+#include "platform/desktop_suite.h"
 
 namespace glimmerstrand::platform::linux_desktop {
 namespace {
 
 using core::JSONValue;
 using glimmerstrand::testing::LineClient;
-using glimmerstrand::testing::TestDesktop;
 
-class SeenDesktopTest : public ::testing::Test {
+class SeenDesktopTest : public glimmerstrand::testing::DesktopSuite {
  protected:
   static void SetUpTestSuite() {
-    desktop_ = new TestDesktop({"mousepad", "gedit", "featherpad", "gnome-text-editor --standalone"}, true);
-    auto environment = desktop_->environment();
-    environment["GLIMMERSTRAND_PLATFORM"] = "linux";
-    client_ = new LineClient(GLIMMERSTRAND_NATIVE_BINARY, environment);
+    startSuite({"mousepad", "gedit", "featherpad", "gnome-text-editor --standalone"});
+    client_ = lineClient();
   }
   static void TearDownTestSuite() {
-    delete client_;
-    delete desktop_;
+    client_.reset();
+    endSuite();
   }
 
   // The reply to statements on one application, as JSON text.
@@ -38,23 +34,15 @@ class SeenDesktopTest : public ::testing::Test {
         client_->reply("cypher", JSONValue::Object{{"cypher", statements}, {"app", JSONValue::Object{{"name", app}}}}));
   }
 
-  // The one value a statement returns under `column`.
+  // The one value a statement returns under `column`, as JSON text.
   static std::string value(const std::string& app, const std::string& statement, const std::string& column) {
-    auto reply =
-        client_->reply("cypher", JSONValue::Object{{"cypher", statement}, {"app", JSONValue::Object{{"name", app}}}});
-    const JSONValue* results = reply.find("result") ? reply.find("result")->find("results") : nullptr;
-    if (!results || results->asArray()->empty()) throw std::runtime_error("no result: " + core::jsonText(reply));
-    auto rows = results->asArray()->front().find("rows")->asArray();
-    if (!rows || rows->size() != 1) throw std::runtime_error("not one row: " + core::jsonText(reply));
-    return core::jsonText(*rows->front().find(column));
+    const auto rows = glimmerstrand::testing::cypherRows(*client_, app, statement);
+    if (rows.size() != 1) throw std::runtime_error("not one row: " + statement);
+    return core::jsonText(*rows.front().find(column));
   }
 
-  static TestDesktop* desktop_;
-  static LineClient* client_;
+  inline static std::unique_ptr<LineClient> client_;
 };
-
-TestDesktop* SeenDesktopTest::desktop_ = nullptr;
-LineClient* SeenDesktopTest::client_ = nullptr;
 
 TEST_F(SeenDesktopTest, ADialogIsASheetOfItsWindowWhoseIdsSurviveIt) {
   const struct {

@@ -10,6 +10,7 @@
 #include <regex>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace glimmerstrand::testing {
 
@@ -73,6 +74,25 @@ std::int32_t TestDesktop::pid(const std::string& application) const {
   auto it = environment_.find(key);
   if (it == environment_.end()) throw std::runtime_error("no application " + application);
   return std::stoi(it->second);
+}
+
+TestDesktop* startDesktop(const std::vector<std::string>& applications, std::string& problem, bool windowManager,
+                          const std::string& compositor) {
+  try {
+    return new TestDesktop(applications, windowManager, compositor);
+  } catch (const std::exception& e) {
+    problem = e.what();
+    return nullptr;
+  }
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+  auto deadline = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return condition();
 }
 
 unsigned long inputFocus() {

@@ -5,7 +5,9 @@
 // of one stopped earlier asks to restore it instead of showing its window.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -35,6 +37,14 @@ class TestDesktop {
   std::string folder_;
   std::map<std::string, std::string> environment_;
 };
+
+/// A suite's desktop (see TestDesktop), or null with the reason in
+/// `problem`, so that each case can say why it cannot run.
+TestDesktop* startDesktop(const std::vector<std::string>& applications, std::string& problem, bool windowManager = true,
+                          const std::string& compositor = "");
+
+/// Polls `condition` every 20 ms until it holds or `limit` passes.
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(5));
 
 /// The window that has the X input focus on the desktop of $DISPLAY.
 unsigned long inputFocus();

@@ -9,20 +9,17 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <tuple>
 
-#include "platform/linux/test_desktop.h"
+#include "platform/desktop_suite.h"
 #include "platform/select_platform.h"
 #include "platform/wayland/sway_ipc.h"
 #include "platform/wayland/wayland_platform.h"
-#include "support/line_client.h"
+#include "platform/widget_factory_pointer.h"
 
 namespace glimmerstrand::testing {
 namespace {
@@ -72,60 +69,28 @@ std::vector<std::uint32_t> grimPixels(int x, int y, int width, int height) {
   return pixels;
 }
 
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return condition();
-}
-
-class WaylandDriverTest : public ::testing::Test {
+class WaylandDriverTest : public DesktopSuite {
  protected:
   static void SetUpTestSuite() {
-    try {
-      desktop_ = new TestDesktop({"galculator", "speedcrunch", "mousepad", "gtk3-widget-factory"}, false, "sway");
-      // The widget factory is wider than a tile: it gets a screen of its own,
-      // once sway shows its window, which may come after its tree.
-      const auto factory = desktop_->pid("gtk3-widget-factory");
-      if (!eventually([&] { return windowOf(factory).has_value(); })) throw std::runtime_error("no widget factory");
-      output("swaymsg '[pid=" + std::to_string(factory) + "] move container to workspace 2' >/dev/null");
-    } catch (const std::exception& e) {
-      problem_ = e.what();
+    startSuite({"galculator", "speedcrunch", "mousepad", "gtk3-widget-factory"}, false, "sway");
+    if (!desktop_) return;
+    // The widget factory is wider than a tile: it gets a screen of its own,
+    // once sway shows its window, which may come after its tree.
+    const auto factory = desktop_->pid("gtk3-widget-factory");
+    if (!eventually([&] { return windowOf(factory).has_value(); })) {
+      problem_ = "no widget factory";
+      endSuite();
+      return;
     }
+    output("swaymsg '[pid=" + std::to_string(factory) + "] move container to workspace 2' >/dev/null");
   }
-  static void TearDownTestSuite() {
-    delete desktop_;
-    desktop_ = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_NE(desktop_, nullptr) << "the desktop did not start: " << problem_;
-    client_ = std::make_unique<LineClient>(GLIMMERSTRAND_NATIVE_BINARY,
-                                           std::map<std::string, std::string>{{"GLIMMERSTRAND_PLATFORM", "wayland"}});
-  }
+  static void TearDownTestSuite() { endSuite(); }
 
-  /// The rows of the one statement, against the application named; throws
-  /// when the statement fails.
   std::vector<JSONValue> rows(const std::string& app, const std::string& statement) {
-    JSONValue params = JSONValue::Object{{"cypher", statement}};
-    if (!app.empty()) params = JSONValue::Object{{"cypher", statement}, {"app", JSONValue::Object{{"name", app}}}};
-    auto result = client_->call("cypher", params);
-    const auto* results = result.find("results");
-    if (!results || results->asArray()->empty()) throw std::runtime_error("no results: " + core::jsonText(result));
-    const auto& last = results->asArray()->back();
-    if (const auto* error = last.find("error")) throw std::runtime_error(statement + ": " + core::jsonText(*error));
-    const auto* found = last.find("rows");
-    return found && found->asArray() ? *found->asArray() : std::vector<JSONValue>{};
+    return cypherRows(*client_, app, statement);
   }
-
   std::string first(const std::string& app, const std::string& statement, const std::string& column) {
-    auto found = rows(app, statement);
-    if (found.empty()) return "";
-    const auto* value = found.front().find(column);
-    if (!value) return "";
-    if (auto text = value->asString()) return *text;
-    return core::jsonText(*value);
+    return firstCell(*client_, app, statement, column);
   }
 
   double number(const JSONValue& row, const char* column) {
@@ -139,13 +104,8 @@ class WaylandDriverTest : public ::testing::Test {
     ASSERT_TRUE(eventually([&] { return focusedPid() == desktop_->pid(app); })) << app << " did not come forward";
   }
 
-  static TestDesktop* desktop_;
-  static std::string problem_;
-  std::unique_ptr<LineClient> client_;
+  std::unique_ptr<LineClient> client_ = lineClient("wayland");
 };
-
-TestDesktop* WaylandDriverTest::desktop_ = nullptr;
-std::string WaylandDriverTest::problem_;
 
 TEST_F(WaylandDriverTest, KeysReachGtkAndQtCalculatorsBehindTheEditorWhichStaysInFront) {
   struct Case {
@@ -216,61 +176,11 @@ TEST_F(WaylandDriverTest, FramesFollowAWindowThatSwayMoves) {
 }
 
 TEST_F(WaylandDriverTest, ClickDragAndWheelLandOnTheWidgetFactory) {
-  const std::string app = "gtk3-widget-factory";
-  bringForward(app);
-  auto found = rows(app,
-                    "MATCH (n:CheckBox {name: 'togglebutton', value: '0'}) RETURN n.id, n.x, n.y, n.width, n.height "
-                    "ORDER BY n.y LIMIT 1");
-  ASSERT_EQ(found.size(), 1u);
-  const std::string toggle = *found.front().find("n.id")->asString();
-  const int tipX = static_cast<int>(number(found.front(), "n.x") + number(found.front(), "n.width") / 2);
-  const int tipY = static_cast<int>(number(found.front(), "n.y") + number(found.front(), "n.height") / 2);
-  // The agent's cursor's arrow, in the first colour, just below the tip:
-  // watched while the click runs, as it fades after the reply.
-  std::atomic<bool> shown = false, done = false;
-  std::thread watcher([&] {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!shown && !done && std::chrono::steady_clock::now() < deadline) {
-      const auto pixel = grimPixels(tipX + 3, tipY + 10, 1, 1);
-      shown = !pixel.empty() && pixel[0] == 0x007AFF;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+  bringForward("gtk3-widget-factory");
+  expectPointerLandsOnTheWidgetFactory(*client_, [](int x, int y) {
+    const auto pixel = grimPixels(x, y, 1, 1);
+    return pixel.empty() ? 0u : pixel[0];
   });
-  rows(app, "CALL ui.click(\"" + toggle + "\")");
-  eventually([&] { return shown.load(); }, std::chrono::milliseconds(500));
-  done = true;
-  watcher.join();
-  EXPECT_TRUE(shown) << "the agent's cursor at the click, below " << tipX << "," << tipY;
-  EXPECT_TRUE(
-      eventually([&] { return first(app, "MATCH (n {id: '" + toggle + "'}) RETURN n.value", "n.value") == "1"; }));
-
-  // Dragging the first horizontal slider's knob from its middle to the left lowers its value.
-  std::optional<JSONValue> slider;
-  for (auto& row : rows(app, "MATCH (n:Slider) RETURN n.id, n.value, n.x, n.y, n.width, n.height ORDER BY n.y"))
-    if (!slider && number(row, "n.width") > number(row, "n.height")) slider = row;
-  ASSERT_TRUE(slider);
-  const std::string sliderId = *slider->find("n.id")->asString();
-  const double before = std::stod(*slider->find("n.value")->asString());
-  const double midX = number(*slider, "n.x") + number(*slider, "n.width") / 2;
-  const double midY = number(*slider, "n.y") + number(*slider, "n.height") / 2;
-  rows(app, "CALL ui.drag(" + std::to_string(midX) + ", " + std::to_string(midY) + ", " + std::to_string(midX - 100) +
-                ", " + std::to_string(midY) + ")");
-  EXPECT_TRUE(eventually([&] {
-    auto value = first(app, "MATCH (n {id: '" + sliderId + "'}) RETURN n.value", "n.value");
-    return !value.empty() && std::stod(value) < before;
-  })) << "from "
-      << before;
-
-  // The wheel over the text view scrolls it: its vertical scroll bar leaves the top.
-  const auto area = first(app, "MATCH (a:ScrollArea)-[:CHILD]->(t:TextArea) RETURN a.id", "a.id");
-  ASSERT_FALSE(area.empty());
-  const std::string bar = "MATCH (a {id: '" + area + "'})-[:CHILD]->(b:ScrollBar) WHERE b.y > 0 RETURN b.value";
-  ASSERT_EQ(first(app, bar, "b.value"), "0");
-  rows(app, "CALL ui.scroll(\"" + area + "\", \"down\", 2)");
-  EXPECT_TRUE(eventually([&] {
-    auto value = first(app, bar, "b.value");
-    return !value.empty() && std::stod(value) > 0;
-  }));
 }
 
 TEST_F(WaylandDriverTest, AScreenshotOfOneApplicationShowsItsWindowAndNothingBeside) {
@@ -284,10 +194,6 @@ TEST_F(WaylandDriverTest, AScreenshotOfOneApplicationShowsItsWindowAndNothingBes
   const platform::AxRect window = shown->frame;
   const int width = static_cast<int>(window.width), height = static_cast<int>(window.height);
   const platform::AxRect region{window.x, window.y, window.width + 40, window.height};
-  auto at = [](const platform::Pixels& p, int x, int y) {
-    const auto* px = &p.rgba[static_cast<std::size_t>((y * p.width + x) * 4)];
-    return std::uint32_t{px[0]} << 16 | std::uint32_t{px[1]} << 8 | px[2];
-  };
   // The window may still repaint after it came forward (focus redraws its widgets), so the three
   // captures are compared until they agree once; a capture that is wrong stays wrong and fails.
   int differing = 0, besideShown = 0;
@@ -307,9 +213,9 @@ TEST_F(WaylandDriverTest, AScreenshotOfOneApplicationShowsItsWindowAndNothingBes
     for (int y = 0; y < height; y += 7)
       for (int x = 0; x < width + 40; x += 5) {
         const auto expected = seen[static_cast<std::size_t>(y * (width + 40) + x)];
-        differing += at(*whole, x, y) != expected;
-        if (x < width) differing += at(*own, x, y) != expected;
-        if (x >= width) besideShown += at(*own, x, y) != 0;
+        differing += pixelAt(*whole, x, y) != expected;
+        if (x < width) differing += pixelAt(*own, x, y) != expected;
+        if (x >= width) besideShown += pixelAt(*own, x, y) != 0;
       }
     return differing == 0 && besideShown == 0;
   });

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 
 namespace glimmerstrand::server::testing {
 
@@ -92,6 +93,14 @@ std::string roundTrip(SocketClient& client, std::string_view line) {
   auto reply = client.readLine();
   EXPECT_TRUE(reply.has_value()) << "no reply to " << line;
   return reply.value_or("");
+}
+
+bool eventually(const std::function<bool()>& condition) {
+  for (auto deadline = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < deadline;) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(2ms);
+  }
+  return condition();
 }
 
 }  // namespace glimmerstrand::server::testing

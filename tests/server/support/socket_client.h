@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -53,6 +54,10 @@ class SocketClient {
   std::string buffer_;
   bool ended_ = false;  // the server ended the stream
 };
+
+/// Waits up to 10 s for something other threads bring about and nobody
+/// signals.
+bool eventually(const std::function<bool()>& condition);
 
 /// Sends one line and gives the one reply line.
 std::string roundTrip(SocketClient& client, std::string_view line);
