@@ -28,8 +28,10 @@ bool HeldApplications::held(platform::Accessibility& ax, std::int32_t pid) {
   if (!pressed(pid)) return false;
   const platform::Element app = ax.applicationElement(pid);
   ax.setMessagingTimeout(app, lookSeconds);
-  // The children take a call the application itself must answer.
-  if (ax.copy(app, "AXChildren").isError()) return true;
+  // The children take a call the application itself must answer; one that
+  // has gone is held by nothing.
+  const auto look = ax.copy(app, "AXChildren").as<platform::AxError>();
+  if (look == platform::AxError::cannotComplete) return true;
   answered(pid);
   return false;
 }
