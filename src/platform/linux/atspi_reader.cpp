@@ -55,9 +55,6 @@ void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
     std::size_t n = 0;
     auto* words = static_cast<const std::uint32_t*>(g_variant_get_fixed_array(v.get(), &n, sizeof(std::uint32_t)));
     for (std::size_t k = 0; k < n && k < 2; ++k) r.states.bits |= std::uint64_t(words[k]) << (32 * k);
-    // Gecko keeps answering for an object whose node went (a page replaced),
-    // marked defunct: it is gone, as an unknown object is.
-    if (r.states.defunct()) r.error = AxError::invalidElement;
   });
   round.add(method(ref, accessibleIface, "GetInterfaces"), [&r](const Reply& reply) {
     Variant v = replyChild(reply);
@@ -387,7 +384,6 @@ void takeCached(Round& round, const ObjectRef& ref, const CachedItem& c, Element
   r.interfaces = c.interfaces;
   r.name = c.name;
   r.description = c.description;
-  if (r.states.defunct()) r.error = AxError::invalidElement;
   if (!(r.parts & basicPart)) return;
   round.add(propertyCall(ref.bus, ref.path, accessibleIface, "AccessibleId"), [&r](const Reply& reply) {
     // The cache can outlive the element: the one call left tells.
