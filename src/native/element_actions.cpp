@@ -28,6 +28,14 @@ constexpr std::int64_t readTextMaxTaken = 20000;
 
 std::string number(AxError error) { return std::to_string(static_cast<std::int32_t>(error)); }
 
+// An action the platform refused: "stale" when the element itself has gone
+// (a page reloaded under the copy), so the caller looks again instead of
+// trying another way on an element that is no more.
+core::GlimmerstrandError refused(AxError error, std::string_view code, std::string_view text) {
+  return core::GlimmerstrandError(std::string(error == AxError::invalidElement ? core::codes::stale : code),
+                                  std::string(text) + number(error));
+}
+
 double millisecondsSince(platform::Clock& clock, std::int64_t start) {
   return static_cast<double>(clock.nowNs() - start) / 1e6;
 }
@@ -91,8 +99,7 @@ bool pressOnWorker(MirrorEnvironment environment, AppMirror& mirror, const Eleme
     }
     if (result) {
       if (*result == AxError::success) return true;
-      throw core::GlimmerstrandError(*result == AxError::invalidElement ? "stale" : "native",
-                                     "押せませんでした: " + number(*result));
+      throw refused(*result, core::codes::native, "押せませんでした: ");
     }
     // The application is reacting: its effect shows through the mirror.
     if (!waitComplete && mirror.notificationCount() > before) return false;
@@ -244,14 +251,14 @@ PressReport press(platform::Platform& platform, const ResolvedElement& target, c
   } else if (isSettable(ax, pressed, "AXSelected")) {
     report.method = "select";
     if (auto error = ax.set(pressed, "AXSelected", true); error != AxError::success)
-      throw core::GlimmerstrandError(core::codes::noAction, "選べませんでした: " + number(error));
+      throw refused(error, core::codes::noAction, "選べませんでした: ");
   } else if (isSettable(ax, pressed, "AXFocused") && isSettable(ax, pressed, "AXValue")) {
     // Pressing a field puts the focus in it; focusing anything else would
     // report a press that never happened, as for a check box whose toolkit
     // names its action in words no table knows.
     report.method = "focus";
     if (auto error = ax.set(pressed, "AXFocused", true); error != AxError::success)
-      throw core::GlimmerstrandError(core::codes::native, "フォーカスを当てられませんでした: " + number(error));
+      throw refused(error, core::codes::native, "フォーカスを当てられませんでした: ");
   } else {
     core::JSONValue::Array listed(actions.begin(), actions.end());
     throw core::GlimmerstrandError(core::codes::noAction, "この要素は押せません。actions=" + core::jsonText(listed));
@@ -266,7 +273,7 @@ FocusReport focus(platform::Platform& platform, const ResolvedElement& target) {
   const auto& [mirror, element] = target;
   const std::int64_t before = mirror->notificationCount();
   if (auto error = ax.set(element, "AXFocused", true); error != AxError::success)
-    throw core::GlimmerstrandError(core::codes::noAction, "フォーカスを当てられませんでした: " + number(error));
+    throw refused(error, core::codes::noAction, "フォーカスを当てられませんでした: ");
   // The same bound on the application's answers as the mirror's own element.
   Element app = ax.applicationElement(mirror->pid());
   ax.setMessagingTimeout(app, 0.3);
@@ -290,10 +297,13 @@ SetValueReport setValue(platform::Platform& platform, const ResolvedElement& tar
   const std::int64_t start = clock.nowNs();
   const auto& [mirror, element] = target;
   const std::int64_t before = mirror->notificationCount();
-  if (!isSettable(ax, element, "AXValue"))
+  const auto settable = ax.isSettable(element, "AXValue");
+  if (settable.error == AxError::invalidElement)
+    throw refused(settable.error, core::codes::noAction, "値を書き換えられませんでした: ");
+  if (!settable.ok() || !settable.value)
     throw core::GlimmerstrandError(core::codes::noAction, "この要素の値は書き換えられません");
   if (auto error = ax.set(element, "AXValue", text); error != AxError::success)
-    throw core::GlimmerstrandError(core::codes::noAction, "値を書き換えられませんでした: " + number(error));
+    throw refused(error, core::codes::noAction, "値を書き換えられませんでした: ");
   // An application may take the write and show something else: not a failure.
   bool applied = false;
   for (int read = 0; read < 10 && !applied; ++read) {
@@ -320,7 +330,7 @@ std::int64_t selectAll(platform::Platform& platform, const ResolvedElement& targ
     length = static_cast<std::int64_t>(cypher::utf16Length(*value));
   }
   if (auto error = ax.set(element, "AXSelectedTextRange", platform::AxRange{0, length}); error != AxError::success)
-    throw core::GlimmerstrandError(core::codes::noAction, "文字を選べませんでした: " + number(error));
+    throw refused(error, core::codes::noAction, "文字を選べませんでした: ");
   return length;
 }
 
@@ -355,7 +365,7 @@ std::int64_t showMenu(platform::Platform& platform, const ResolvedElement& targe
   auto& ax = platform.accessibility();
   const std::int64_t before = target.mirror->notificationCount();
   if (auto error = ax.perform(target.element, "AXShowMenu"); error != AxError::success)
-    throw core::GlimmerstrandError(core::codes::noAction, "メニューを開けませんでした: " + number(error));
+    throw refused(error, core::codes::noAction, "メニューを開けませんでした: ");
   return before;
 }
 

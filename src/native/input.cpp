@@ -66,6 +66,23 @@ void post(platform::Input& input, const platform::ScrollEvent& event) {
   if (!input.postScroll(event, std::nullopt)) throw core::GlimmerstrandError("native", noEventMessage);
 }
 
+// Between the first and the last key of a text typed for a process.
+class KeyRun {
+ public:
+  KeyRun(platform::Input& input, std::optional<std::int32_t> pid) : input_(input), pid_(pid) {
+    if (pid_) input_.beginKeys(*pid_);
+  }
+  ~KeyRun() {
+    if (pid_) input_.endKeys();
+  }
+  KeyRun(const KeyRun&) = delete;
+  KeyRun& operator=(const KeyRun&) = delete;
+
+ private:
+  platform::Input& input_;
+  std::optional<std::int32_t> pid_;
+};
+
 int sign(std::int64_t n) { return (n > 0) - (n < 0); }
 
 bool hasFilePanel(platform::Accessibility& ax, std::int32_t pid) {
@@ -274,9 +291,14 @@ TypeReport type(platform::Platform& platform, std::string_view text, std::option
     before = watchFocusedText(ax, *pid);
   }
   auto events = typingEvents(platform.input(), text);
-  for (std::size_t n = 0; n < events.size(); ++n) {
-    post(platform.input(), events[n], target);
-    if (n % 2 == 1 && intervalNs > 0) platform.clock().sleepNs(intervalNs);
+  {
+    // One text is one run of keys: a window in the background keeps the
+    // focus from its first key to its last.
+    KeyRun run(platform.input(), target);
+    for (std::size_t n = 0; n < events.size(); ++n) {
+      post(platform.input(), events[n], target);
+      if (n % 2 == 1 && intervalNs > 0) platform.clock().sleepNs(intervalNs);
+    }
   }
   const bool seen = pid ? textSeen({ax, platform.clock()}, text, before) : true;
   return TypeReport{static_cast<std::int64_t>(cypher::graphemeCount(text)), seen};

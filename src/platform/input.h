@@ -67,6 +67,13 @@ class Input {
   /// has gone is no failure, as posting gives no feedback.
   virtual bool postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) = 0;
   virtual bool postKey(const KeyEvent& event, std::optional<std::int32_t> pid) = 0;
+  /// Keeps the keys posted for `pid` until `endKeys` one run of typing: a
+  /// process in the background holds what lets it take keys (the focus, where
+  /// keys go by the focus) from the first key to the last, as it would while a
+  /// person types. A field that ends an entry when its window loses the focus
+  /// (a browser's date part) then sees the whole text. Nothing by default.
+  virtual void beginKeys(std::int32_t /*pid*/) {}
+  virtual void endKeys() {}
   /// At the current pointer location.
   virtual bool postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) = 0;
 

@@ -193,6 +193,51 @@ TEST_F(RunnerTest, AWholeDateGoesIntoTheFieldsPartsInTheirOrder) {
   EXPECT_EQ(text.results[0]->actions[0].action, R"(value="next Friday")");
 }
 
+// The page was replaced between the MATCH and the act: the driver answers
+// "stale" and the statement fails with it, once, as the agent is to look
+// again. Nothing goes by keys to whatever holds the focus now.
+TEST_F(RunnerTest, AWriteWhoseElementWentFailsStaleWithoutKeys) {
+  const auto field = static_cast<std::int64_t>(driver.nodes.size());
+  driver.nodes.push_back(node(field, 0, "AXDateField", "Arrival"));
+  driver.nodes.back().depth = 1;
+  for (const char* part : {"Month", "Day", "Year"}) {
+    driver.nodes.push_back(node(static_cast<std::int64_t>(driver.nodes.size()), field, "AXIncrementor", part));
+    driver.nodes.back().depth = 2;
+  }
+  struct Case {
+    const char* script;
+    std::string operation;  // the act that finds the element gone
+    std::string action;
+    std::string sent;  // the end of that call: the date's first part, not the field
+  };
+  const Case cases[] = {
+      {R"(MATCH (f:TextField) SET f.value = "Ada")", "setValue", R"(value="Ada")", R"( "Ada")"},
+      {R"(MATCH (d:DateField) SET d.value = "2027-01-05")", "setValue", R"(value="2027-01-05")",
+       ref(field + 1) + R"( "01")"},
+      {R"(MATCH (f:TextField) SET f.focused = true)", "focus", "focused", ref(1)},
+      {R"(MATCH (b:Button) SET b.pressed = true)", "press", "pressed", ref(2)},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.script);
+    driver.calls.clear();
+    driver.failures = {{c.operation, "stale"}};
+    auto r = run(c.script);
+    EXPECT_EQ(r.errorCode, "stale");
+    EXPECT_EQ(r.error->message, c.operation + " failed") << "the driver's own words";
+    ASSERT_EQ(r.results.size(), 1u);
+    ASSERT_EQ(r.results[0]->actions.size(), 1u);
+    EXPECT_EQ(r.results[0]->actions[0].action, c.action);
+    EXPECT_FALSE(r.results[0]->actions[0].ok);
+    const auto names = driver.callNames();
+    EXPECT_EQ(std::count(names.begin(), names.end(), c.operation), 1) << "tried once";
+    EXPECT_NE(std::find_if(driver.calls.begin(), driver.calls.end(),
+                           [&](const std::string& call) { return call.ends_with(c.sent); }),
+              driver.calls.end());
+    for (const char* keys : {"type", "key", "selectAll"})
+      EXPECT_EQ(std::count(names.begin(), names.end(), keys), 0) << keys;
+  }
+}
+
 TEST_F(RunnerTest, TargetLimitIsTen) {
   for (int k = 0; k < 10; ++k) driver.nodes.push_back(node(50 + k, 0, "AXCheckBox", "c" + std::to_string(k)));
   EXPECT_EQ(run("MATCH (c:CheckBox) SET c.pressed = true").results[0]->actions.size(), 10u);

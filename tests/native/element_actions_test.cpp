@@ -124,18 +124,34 @@ TEST(Press, PressesALabelsButtonOrFallsBackToSelectionThenAFieldsFocusThenFails)
   EXPECT_EQ(sim.failed("press", sim.ref(pid, "focusable")), "no_action: この要素は押せません。actions=[]");
 }
 
-TEST(Press, OfAnElementThatWentIsStale) {
+// An element that went while its reference was still good (a page reloaded
+// under the copy): every action on it answers "stale", so that the caller
+// looks again rather than trying another way, such as keys, on what is gone.
+TEST(Actions, OnAnElementThatWentAreStale) {
   ActionSim sim(desktop());
-  auto byUid = sim.ref(pid, "ok");
   auto copy = sim.snapshot(pid);
-  std::int64_t index = -1;
-  for (const auto& node : *copy.find("nodes")->asArray())
-    if (core::optionalString(node, "identifier") == "ok") index = *core::optionalInt(node, "i");
-  JSONValue::Object byIndex{{"pid", pid}, {"generation", *core::optionalInt(copy, "generation")}, {"i", index}};
-  sim.desktop().removeElement(pid, "ok");
+  auto byIndex = [&](const std::string& identifier) {
+    std::int64_t index = -1;
+    for (const auto& node : *copy.find("nodes")->asArray())
+      if (core::optionalString(node, "identifier") == identifier) index = *core::optionalInt(node, "i");
+    return JSONValue::Object{{"pid", pid}, {"generation", *core::optionalInt(copy, "generation")}, {"i", index}};
+  };
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"press", "ok", "押せませんでした: -25202"},
+      {"focus", "field", "フォーカスを当てられませんでした: -25202"},
+      {"setValue", "name", "値を書き換えられませんでした: -25202"},
+      {"selectAll", "counted", "文字を選べませんでした: -25202"},
+      {"showMenu", "image", "メニューを開けませんでした: -25202"},
+  };
+  auto byUid = sim.ref(pid, "ok");
+  for (const auto& [operation, identifier, message] : cases) sim.desktop().removeElement(pid, identifier);
   sim.clock.runUntilIdle();
+  for (const auto& [operation, identifier, message] : cases) {
+    auto params = byIndex(identifier);
+    if (std::string(operation) == "setValue") params.emplace_back("text", "Ada");
+    EXPECT_EQ(sim.failed(operation, params), std::string("stale: ") + message) << operation << " " << identifier;
+  }
   EXPECT_EQ(sim.failure("press", byUid).code(), "stale");
-  EXPECT_EQ(sim.failed("press", byIndex), "stale: 押せませんでした: -25202");
   EXPECT_EQ(sim.failure("press", {{"pid", pid}, {"uid", 1e300}}).code(), "stale");  // no element has it
   const auto mirrors = sim.host.mirrors().all().size();
   EXPECT_EQ(sim.failure("press", {{"pid", 1e12}, {"uid", 1}, {"menu", true}}).code(), "stale");

@@ -154,6 +154,31 @@ TEST_F(X11DevicesTest, KeysToAnApplicationBehindAnotherReachItAndLeaveTheFrontAl
   EXPECT_EQ(activePid(), editor);
 }
 
+// A field may end an entry when its window loses the focus (a browser's date
+// part keeps only the last digit): a text's keys keep the focus they borrow
+// from the first key to the last.
+TEST_F(X11DevicesTest, ATextTypedBehindKeepsTheFocusUntilItsLastKey) {
+  const auto calculator = desktop_->pid("galculator");
+  const auto editor = desktop_->pid("mousepad");
+  ASSERT_TRUE(inFront(editor));
+  auto focusedPid = [] {
+    auto* x = platform::linux_desktop::openX11();
+    auto client = platform::linux_desktop::focusedClient(x);
+    platform::linux_desktop::closeX11(x);
+    return client ? client->pid : 0;
+  };
+  auto& input = platform().input();
+  press("escape", calculator);
+  EXPECT_EQ(focusedPid(), editor) << "a key alone gives the focus back";
+  input.beginKeys(calculator);
+  type(u"5*6", calculator);
+  EXPECT_EQ(focusedPid(), calculator) << "between the keys of one text";
+  type(u"=", calculator);
+  input.endKeys();
+  EXPECT_EQ(focusedPid(), editor);
+  EXPECT_TRUE(eventually([&] { return shows(calculator, "30"); }));
+}
+
 TEST_F(X11DevicesTest, TypingReachesTheFrontApplicationWithCharactersNoKeyTypes) {
   const auto editor = desktop_->pid("mousepad");
   ASSERT_TRUE(inFront(editor));

@@ -726,6 +726,14 @@ ElementRecord attributeRecord(AtspiAccessibility::State& s, const Element& eleme
   return record;
 }
 
+// The record of an element about to be acted on. Gecko keeps answering for
+// an object whose node went (a page replaced), marked defunct: an act on it
+// fails as on an object the application no longer knows.
+ElementRecord actionRecord(ElementRecord record) {
+  if (record.error == AxError::success && record.states.defunct()) record.error = AxError::invalidElement;
+  return record;
+}
+
 // The calls of the attribute table on one element over the bus. Lives for
 // one read or write, on the caller's thread.
 class BusCalls final : public ElementCalls {
@@ -908,14 +916,14 @@ AxError AtspiAccessibility::set(const Element& element, std::string_view name, c
   if (!isOurs(element) || isSystemWide(element)) return AxError::illegalArgument;
   const ObjectRef ref = refOf(element);
   prefetched.erase(keyOf(ref));
-  ElementRecord r = attributeRecord(*s_, element, partsToSet(name));
+  ElementRecord r = actionRecord(attributeRecord(*s_, element, partsToSet(name)));
   BusCalls calls(*this, *s_, element, r, "");
   return writeAttribute(name, r, value, calls);
 }
 
 AxResult<bool> AtspiAccessibility::isSettable(const Element& element, std::string_view name) {
   if (!isOurs(element) || isSystemWide(element)) return {AxError::illegalArgument, false};
-  ElementRecord r = attributeRecord(*s_, element, partsToSet(name));
+  ElementRecord r = actionRecord(attributeRecord(*s_, element, partsToSet(name)));
   if (r.error != AxError::success) return {r.error, false};
   return {AxError::success, isAttributeSettable(name, r)};
 }
@@ -932,7 +940,7 @@ AxResult<std::vector<std::string>> AtspiAccessibility::attributeNames(const Elem
 
 AxResult<std::vector<std::string>> AtspiAccessibility::actionNames(const Element& element) {
   if (!isOurs(element) || isSystemWide(element)) return {AxError::illegalArgument, {}};
-  ElementRecord r = s_->record(refOf(element), basicPart | actionsPart, s_->timeoutOf(element));
+  ElementRecord r = actionRecord(s_->record(refOf(element), basicPart | actionsPart, s_->timeoutOf(element)));
   if (r.error != AxError::success) return {r.error, {}};
   return {AxError::success, axActionNames(r.actions, r.interfaces)};
 }
@@ -951,7 +959,7 @@ AxError AtspiAccessibility::perform(const Element& element, std::string_view act
   if (!isOurs(element) || isSystemWide(element)) return AxError::illegalArgument;
   const ObjectRef ref = refOf(element);
   prefetched.erase(keyOf(ref));
-  ElementRecord r = s_->record(ref, basicPart | actionsPart | contentPart, s_->timeoutOf(element));
+  ElementRecord r = actionRecord(s_->record(ref, basicPart | actionsPart | contentPart, s_->timeoutOf(element)));
   if (r.error != AxError::success) return r.error;
   // Toolkits answer success to an action on a disabled control and do
   // nothing: refuse it here instead of reporting a press that never happened.

@@ -176,9 +176,25 @@ bool X11Input::postKey(const KeyEvent& event, std::optional<std::int32_t> pid) {
   } else if (event.keyCode != 0) {
     ok = sendKey(event.keyCode, event.down);
   }
-  if (borrowed_ && held_.empty()) giveFocusBack();
+  if (mayGiveFocusBack()) giveFocusBack();
   XFlush(x_);
   return ok;
+}
+
+void X11Input::beginKeys(std::int32_t pid) {
+  std::lock_guard guard(lock_);
+  if (!x_) return;
+  borrowFocus(pid);
+  typing_ = true;
+  XFlush(x_);
+}
+
+void X11Input::endKeys() {
+  std::lock_guard guard(lock_);
+  typing_ = false;
+  if (!x_) return;
+  if (mayGiveFocusBack()) giveFocusBack();
+  XFlush(x_);
 }
 
 // REQUIRES: lock_ held.

@@ -2,7 +2,7 @@
 // from keysyms when the connection opens; modifier flags are X modifier
 // masks, with Control as the primary shortcut modifier. Keys for one process
 // go to its window without raising it: its window takes the focus for as
-// long as a key is held, then the focus goes back. Characters no key types
+// long as a key is held, or a text is typed, then the focus goes back. Characters no key types
 // are typed through spare keycodes remapped to their keysyms.
 //
 // Thread-safety: any thread; one mutex guards the connection and the focus
@@ -27,6 +27,8 @@ class X11Input final : public Input {
   bool postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) override;
   bool postKey(const KeyEvent& event, std::optional<std::int32_t> pid) override;
   bool postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) override;
+  void beginKeys(std::int32_t pid) override;
+  void endKeys() override;
   AxPoint pointerLocation() override;
   void warpPointer(AxPoint location) override;
   const std::unordered_map<std::string, std::uint16_t>& keyCodes() override { return keys_; }
@@ -47,6 +49,7 @@ class X11Input final : public Input {
   unsigned keycodeFor(unsigned long keysym, bool& shift);
   void borrowFocus(std::int32_t pid);
   void giveFocusBack();
+  bool mayGiveFocusBack() const { return borrowed_ && held_.empty() && !typing_; }
 
   std::mutex lock_;
   XConnection* x_ = nullptr;
@@ -57,6 +60,7 @@ class X11Input final : public Input {
   std::map<unsigned long, unsigned> remapped_;  // keysym to the spare keycode that types it now
   std::size_t nextSpare_ = 0;
   std::set<unsigned> held_;  // keycodes pressed and not yet released
+  bool typing_ = false;      // between beginKeys and endKeys: the focus stays lent
   std::optional<Borrowed> borrowed_;
 };
 

@@ -154,8 +154,21 @@ bool WaylandInput::postKey(const KeyEvent& event, std::optional<std::int32_t> pi
   }
   client_.flush();
   wire.unlock();
-  if (borrowed_ && held_.empty()) giveFocusBack();
+  if (borrowed_ && held_.empty() && !typing_) giveFocusBack();
   return true;
+}
+
+void WaylandInput::beginKeys(std::int32_t pid) {
+  std::lock_guard guard(lock_);
+  if (!keyboard_) return;
+  borrowFocus(pid);
+  typing_ = true;
+}
+
+void WaylandInput::endKeys() {
+  std::lock_guard guard(lock_);
+  typing_ = false;
+  if (borrowed_ && held_.empty()) giveFocusBack();
 }
 
 // REQUIRES: lock_ held. Gives the focus to the process's window; nothing

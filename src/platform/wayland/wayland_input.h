@@ -2,7 +2,7 @@
 // with a keymap of our own (wayland_keymap.h), pointer moves, buttons and
 // wheels through a virtual pointer. Wayland sends keys only to the window
 // with the focus, so keys for one process give the focus to its window for as
-// long as a key is held, then give it back to the window that had it: all on
+// long as a key is held, or a text is typed, then give it back to the window that had it: all on
 // one connection, in order, so the compositor never sends a key elsewhere.
 // Wayland has no warping and tells no client where the pointer is: the
 // pointer is where our last event put it.
@@ -40,6 +40,8 @@ class WaylandInput final : public Input {
   bool postPointer(const PointerEvent& event, std::optional<std::int32_t> pid) override;
   bool postKey(const KeyEvent& event, std::optional<std::int32_t> pid) override;
   bool postScroll(const ScrollEvent& event, std::optional<std::int32_t> pid) override;
+  void beginKeys(std::int32_t pid) override;
+  void endKeys() override;
   AxPoint pointerLocation() override;
   void warpPointer(AxPoint location) override;
   const std::unordered_map<std::string, std::uint16_t>& keyCodes() override { return keymap_.keyCodes(); }
@@ -72,6 +74,7 @@ class WaylandInput final : public Input {
   std::set<std::uint16_t> held_;  // keys pressed and not yet released
   std::uint32_t depressed_ = 0;   // modifiers told to the compositor
   std::optional<Borrowed> borrowed_;
+  bool typing_ = false;  // between beginKeys and endKeys: the focus stays lent
   AxPoint location_;
 };
 
