@@ -61,6 +61,10 @@ class X11DevicesTest : public DesktopSuite {
     });
     return out;
   }
+  static bool shows(std::int32_t pid, const std::string& text) {
+    const auto shown = texts(pid);
+    return std::find(shown.begin(), shown.end(), text) != shown.end();
+  }
   /// The text of the first text area of an application.
   static std::string documentText(std::int32_t pid) {
     std::optional<std::string> text;
@@ -147,10 +151,7 @@ TEST_F(X11DevicesTest, KeysToAnApplicationBehindAnotherReachItAndLeaveTheFrontAl
   ASSERT_TRUE(inFront(editor));
   press("escape", calculator);
   type(u"12+34=", calculator);
-  EXPECT_TRUE(eventually([&] {
-    const auto shown = texts(calculator);
-    return std::find(shown.begin(), shown.end(), "46") != shown.end();
-  }));
+  EXPECT_TRUE(eventually([&] { return shows(calculator, "46"); }));
   EXPECT_EQ(activePid(), editor);
 }
 
