@@ -1,9 +1,11 @@
 // SET statements: each assignment is a command to the driver, one action per
 // target, recorded as it happens and reported by the next settle.
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <map>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -89,29 +91,52 @@ std::string writeValueText(const WriteValue* value) {
 
 namespace {
 
-// "2026-12-24" as its year, month and day, as they are typed into a date
-// field's parts.
-std::optional<std::map<std::string, std::string>> isoDateParts(const std::string& text) {
-  if (text.size() != 10 || text[4] != '-' || text[7] != '-') return std::nullopt;
-  for (std::size_t k : {0, 1, 2, 3, 5, 6, 8, 9})
-    if (text[k] < '0' || text[k] > '9') return std::nullopt;
-  return std::map<std::string, std::string>{
-      {"year", text.substr(0, 4)}, {"month", text.substr(5, 2)}, {"day", text.substr(8, 2)}};
+bool digitsAt(const std::string& text, std::initializer_list<std::size_t> at) {
+  return std::all_of(at.begin(), at.end(), [&](std::size_t k) { return text[k] >= '0' && text[k] <= '9'; });
 }
 
-// A browser's date field holds a spin button for each part, named by its part
-// first ("Month", or "Month Arrival"); only its parts take keys, the field
-// itself does not. In the field's order: a part typed in full hands the focus
-// to the next one.
+// "15:30" as its hours, minutes and half of the day, as a 12-hour field's
+// parts take them: "03", "30", "P".
+std::optional<std::map<std::string, std::string>> timeParts(const std::string& text) {
+  if (text.size() != 5 || text[2] != ':' || !digitsAt(text, {0, 1, 3, 4})) return std::nullopt;
+  const int hours = std::stoi(text.substr(0, 2));
+  if (hours > 23) return std::nullopt;
+  const int twelve = hours % 12 == 0 ? 12 : hours % 12;
+  return std::map<std::string, std::string>{{"hours", (twelve < 10 ? "0" : "") + std::to_string(twelve)},
+                                            {"minutes", text.substr(3, 2)},
+                                            {"am/pm", hours < 12 ? "A" : "P"}};
+}
+
+// "2026-12-24", "2026-12-24T15:30" or "15:30" as the parts of a browser's
+// date, date-and-time or time field, as they are typed into them.
+std::optional<std::map<std::string, std::string>> dateTimeParts(const std::string& text) {
+  if (text.size() == 5) return timeParts(text);
+  if (text.size() < 10 || text[4] != '-' || text[7] != '-' || !digitsAt(text, {0, 1, 2, 3, 5, 6, 8, 9}))
+    return std::nullopt;
+  std::map<std::string, std::string> parts{
+      {"year", text.substr(0, 4)}, {"month", text.substr(5, 2)}, {"day", text.substr(8, 2)}};
+  if (text.size() == 10) return parts;
+  if (text.size() != 16 || text[10] != 'T') return std::nullopt;
+  auto time = timeParts(text.substr(11));
+  if (!time) return std::nullopt;
+  parts.merge(*time);
+  return parts;
+}
+
+// A browser's date or time field holds a part for each of its numbers, named
+// by its part first ("Month", or "Month Arrival"): spin buttons, and a text
+// field for AM/PM in Firefox. Only its parts take keys, the field itself does
+// not. In the field's order: a part typed in full hands the focus to the next.
 std::vector<std::pair<std::string, const AxNode*>> dateFieldParts(const AxSnapshot& snapshot, const AxNode& field) {
+  static const std::set<std::string> names{"year", "month", "day", "hours", "minutes", "am/pm"};
   std::vector<std::pair<std::string, const AxNode*>> parts;
   const auto& nodes = snapshot.nodes;
   for (auto k = static_cast<std::size_t>(field.i) + 1; k < nodes.size() && nodes[k].depth > field.depth; ++k) {
     const AxNode& n = nodes[k];
-    if (n.role != "AXIncrementor" || !n.title) continue;
+    if ((n.role != "AXIncrementor" && n.role != "AXTextField") || !n.title) continue;
     std::string first = n.title->substr(0, n.title->find(' '));
     for (auto& c : first) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (first == "year" || first == "month" || first == "day") parts.emplace_back(first, &n);
+    if (names.contains(first)) parts.emplace_back(first, &n);
   }
   return parts;
 }
@@ -206,7 +231,9 @@ void ScriptRun::writeProperty(const GraphNode& node, const std::string& property
       focusedRef = ref;
     } else if (property == "value") {
       const std::string text = writeValueText(value);
-      const auto date = node.node().role == "AXDateField" ? isoDateParts(text) : std::nullopt;
+      // Firefox shows a time field as a plain group of its parts.
+      const bool mayHaveParts = node.node().role == "AXDateField" || node.node().role == "AXGroup";
+      const auto date = mayHaveParts ? dateTimeParts(text) : std::nullopt;
       const auto parts =
           date ? dateFieldParts(snapshot, node.node()) : std::vector<std::pair<std::string, const AxNode*>>{};
       if (date && parts.size() == date->size()) {

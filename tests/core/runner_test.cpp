@@ -193,6 +193,53 @@ TEST_F(RunnerTest, AWholeDateGoesIntoTheFieldsPartsInTheirOrder) {
   EXPECT_EQ(text.results[0]->actions[0].action, R"(value="next Friday")");
 }
 
+// A date with its time, and a time alone, go into the parts of a 12-hour
+// field: the hour as the field shows it and the half of the day by its
+// letter (Firefox's AM/PM part is a text field, and its time field a group).
+TEST_F(RunnerTest, ADateAndTimeGoIntoTheirPartsAsATwelveHourFieldTakesThem) {
+  struct Case {
+    const char* role;
+    std::vector<std::pair<const char*, const char*>> parts;  // role and title of each part, in order
+    const char* value;
+    std::vector<const char*> typed;
+  };
+  const Case cases[] = {
+      {"AXDateField",
+       {{"AXIncrementor", "Month Meeting"},
+        {"AXIncrementor", "Day Meeting"},
+        {"AXIncrementor", "Year Meeting"},
+        {"AXIncrementor", "Hours Meeting"},
+        {"AXIncrementor", "Minutes Meeting"},
+        {"AXTextField", "AM/PM Meeting"}},
+       "2027-01-05T15:07",
+       {"01", "05", "2027", "03", "07", "P"}},
+      {"AXGroup",
+       {{"AXIncrementor", "Hours"}, {"AXIncrementor", "Minutes"}, {"AXIncrementor", "AM/PM"}},
+       "00:30",
+       {"12", "30", "A"}},
+  };
+  const auto shared = driver.nodes;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value);
+    driver.nodes = shared;
+    const auto field = static_cast<std::int64_t>(driver.nodes.size());
+    driver.nodes.push_back(node(field, 0, c.role, "When"));
+    driver.nodes.back().depth = 1;
+    for (const auto& [role, title] : c.parts) {
+      driver.nodes.push_back(node(static_cast<std::int64_t>(driver.nodes.size()), field, role, title));
+      driver.nodes.back().depth = 2;
+    }
+    driver.calls.clear();
+    auto r = run(std::string("MATCH (d {name: 'When'}) SET d.value = '") + c.value + "'");
+    EXPECT_EQ(r.results[0]->actions[0].action, std::string("value=\"") + c.value + "\" by its parts");
+    Lines expected{firstRead, counterCall};
+    for (std::size_t k = 0; k < c.typed.size(); ++k)
+      expected.push_back("setValue " + ref(field + 1 + static_cast<std::int64_t>(k)) + " \"" + c.typed[k] + "\"");
+    expected.insert(expected.end(), {settle, freshRead});
+    EXPECT_EQ(driver.calls, expected);
+  }
+}
+
 // The page was replaced between the MATCH and the act: the driver answers
 // "stale" and the statement fails with it, once, as the agent is to look
 // again. Nothing goes by keys to whatever holds the focus now.

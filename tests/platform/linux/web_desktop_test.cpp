@@ -31,6 +31,8 @@ const char* const formPage = R"(<!doctype html>
 <option>Large</option></select></p>
 <p><label for="qty">Quantity</label> <input id="qty" name="qty" type="number" value="1"></p>
 <p><label for="arrival">Arrival</label> <input id="arrival" name="arrival" type="date"></p>
+<p><label for="fitting">Fitting</label> <input id="fitting" name="fitting" type="datetime-local"></p>
+<p><label for="pickup">Pickup</label> <input id="pickup" name="pickup" type="time"></p>
 <p><input id="gift" name="gift" type="checkbox"><label for="gift">Gift wrap</label></p>
 <fieldset><legend>Colour</legend>
 <input id="red" type="radio" name="colour" value="red"><label for="red">Red</label>
@@ -127,6 +129,13 @@ TEST_P(WebDesktopTest, EachFormControlIsSetReadBackAndSent) {
       // they hold only in Chromium: the server tells.
       {"MATCH (d:DateField {name: 'Arrival'}) SET d.value = '2027-01-05'",
        "MATCH (d:DateField {name: 'Arrival'}) RETURN d.name", "Arrival", "arrival=2027-01-05"},
+      // With its time, and a time alone, in 12-hour parts; Firefox shows a
+      // time field as a group.
+      {"MATCH (d:DateField {name: 'Fitting'}) SET d.value = '2027-01-05T15:30'",
+       "MATCH (d:DateField {name: 'Fitting'}) RETURN d.name", "Fitting", "fitting=2027-01-05T15%3A30"},
+      {"MATCH (d) WHERE d.name = 'Pickup' AND d.role IN ['DateField', 'Group'] SET d.value = '09:05'",
+       "MATCH (d) WHERE d.name = 'Pickup' AND d.role IN ['DateField', 'Group'] RETURN d.name", "Pickup",
+       "pickup=09%3A05"},
       {"MATCH (c:CheckBox {name: 'Gift wrap'}) SET c.pressed = true",
        "MATCH (c:CheckBox {name: 'Gift wrap'}) RETURN c.value", "1", "gift=on"},
       {"MATCH (r:RadioButton {name: 'Blue'}) SET r.pressed = true",
