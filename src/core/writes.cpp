@@ -96,15 +96,34 @@ bool digitsAt(const std::string& text, std::initializer_list<std::size_t> at) {
 }
 
 // "15:30" as its hours, minutes and half of the day, as a 12-hour field's
-// parts take them: "03", "30", "P".
+// parts take them: "03", "30", "P". A field in a 24-hour locale has no AM/PM
+// part and takes the hours as they are ("hours24").
 std::optional<std::map<std::string, std::string>> timeParts(const std::string& text) {
   if (text.size() != 5 || text[2] != ':' || !digitsAt(text, {0, 1, 3, 4})) return std::nullopt;
   const int hours = std::stoi(text.substr(0, 2));
   if (hours > 23) return std::nullopt;
   const int twelve = hours % 12 == 0 ? 12 : hours % 12;
   return std::map<std::string, std::string>{{"hours", (twelve < 10 ? "0" : "") + std::to_string(twelve)},
+                                            {"hours24", text.substr(0, 2)},
                                             {"minutes", text.substr(3, 2)},
                                             {"am/pm", hours < 12 ? "A" : "P"}};
+}
+
+// What each of a field's parts takes of the value, in the field's order; none
+// unless the parts are exactly what the value has.
+std::optional<std::vector<std::string>> partTexts(const std::map<std::string, std::string>& value,
+                                                  const std::vector<std::pair<std::string, const AxNode*>>& parts) {
+  const bool twelveHours = std::any_of(parts.begin(), parts.end(), [](const auto& p) { return p.first == "am/pm"; });
+  std::vector<std::string> texts;
+  for (const auto& [part, node] : parts) {
+    const auto found = value.find(part == "hours" && !twelveHours ? "hours24" : part);
+    if (found == value.end()) return std::nullopt;
+    texts.push_back(found->second);
+  }
+  // Each number of the value has its part: "hours24" and, in 24 hours, "am/pm" stand in for others.
+  const std::size_t needed = value.size() - (value.contains("hours24") ? (twelveHours ? 1 : 2) : 0);
+  if (texts.size() != needed) return std::nullopt;
+  return texts;
 }
 
 // "2026-12-24", "2026-12-24T15:30" or "15:30" as the parts of a browser's
@@ -236,10 +255,12 @@ void ScriptRun::writeProperty(const GraphNode& node, const std::string& property
       const auto date = mayHaveParts ? dateTimeParts(text) : std::nullopt;
       const auto parts =
           date ? dateFieldParts(snapshot, node.node()) : std::vector<std::pair<std::string, const AxNode*>>{};
-      if (date && parts.size() == date->size()) {
+      const auto texts = date ? partTexts(*date, parts) : std::nullopt;
+      if (texts) {
         bool byKeys = false;
-        for (const auto& [part, partNode] : parts)
-          byKeys = writeText(*partNode, elementRefOf(snapshot, *partNode), date->at(part), result, false) || byKeys;
+        for (std::size_t k = 0; k < parts.size(); ++k)
+          byKeys = writeText(*parts[k].second, elementRefOf(snapshot, *parts[k].second), (*texts)[k], result, false) ||
+                   byKeys;
         action += byKeys ? " by its parts, by keys" : " by its parts";
       } else if (writeText(node.node(), ref, text, result)) {
         action += " by keys";

@@ -193,10 +193,10 @@ TEST_F(RunnerTest, AWholeDateGoesIntoTheFieldsPartsInTheirOrder) {
   EXPECT_EQ(text.results[0]->actions[0].action, R"(value="next Friday")");
 }
 
-// A date with its time, and a time alone, go into the parts of a 12-hour
-// field: the hour as the field shows it and the half of the day by its
-// letter (Firefox's AM/PM part is a text field, and its time field a group).
-TEST_F(RunnerTest, ADateAndTimeGoIntoTheirPartsAsATwelveHourFieldTakesThem) {
+// A date with its time, and a time alone, go into their field's parts: in 12
+// hours, the hour as the field shows it and the half of the day by its letter
+// (Firefox's AM/PM part is a text field, and its time field a group).
+TEST_F(RunnerTest, ADateAndTimeGoIntoTheirPartsAsTheFieldShowsThem) {
   struct Case {
     const char* role;
     std::vector<std::pair<const char*, const char*>> parts;  // role and title of each part, in order
@@ -217,6 +217,8 @@ TEST_F(RunnerTest, ADateAndTimeGoIntoTheirPartsAsATwelveHourFieldTakesThem) {
        {{"AXIncrementor", "Hours"}, {"AXIncrementor", "Minutes"}, {"AXIncrementor", "AM/PM"}},
        "00:30",
        {"12", "30", "A"}},
+      // A 24-hour locale shows no AM/PM part.
+      {"AXDateField", {{"AXIncrementor", "Hours"}, {"AXIncrementor", "Minutes"}}, "15:07", {"15", "07"}},
   };
   const auto shared = driver.nodes;
   for (const auto& c : cases) {
