@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -95,51 +96,56 @@ bool digitsAt(const std::string& text, std::initializer_list<std::size_t> at) {
   return std::all_of(at.begin(), at.end(), [&](std::size_t k) { return text[k] >= '0' && text[k] <= '9'; });
 }
 
-// "15:30" as its hours, minutes and half of the day, as a 12-hour field's
-// parts take them: "03", "30", "P". A field in a 24-hour locale has no AM/PM
-// part and takes the hours as they are ("hours24").
-std::optional<std::map<std::string, std::string>> timeParts(const std::string& text) {
+// "2026-12-24", "2026-12-24T15:30" or "15:30": the value of a browser's date,
+// date-and-time or time field.
+struct DateTimeValue {
+  std::map<std::string, std::string> date;          // year, month and day; none for a time alone
+  std::optional<std::pair<int, std::string>> time;  // hours (0 to 23) and minutes
+};
+
+std::optional<std::pair<int, std::string>> timeValue(const std::string& text) {
   if (text.size() != 5 || text[2] != ':' || !digitsAt(text, {0, 1, 3, 4})) return std::nullopt;
   const int hours = std::stoi(text.substr(0, 2));
   if (hours > 23) return std::nullopt;
-  const int twelve = hours % 12 == 0 ? 12 : hours % 12;
-  return std::map<std::string, std::string>{{"hours", (twelve < 10 ? "0" : "") + std::to_string(twelve)},
-                                            {"hours24", text.substr(0, 2)},
-                                            {"minutes", text.substr(3, 2)},
-                                            {"am/pm", hours < 12 ? "A" : "P"}};
+  return std::pair{hours, text.substr(3, 2)};
 }
 
-// What each of a field's parts takes of the value, in the field's order; none
-// unless the parts are exactly what the value has.
-std::optional<std::vector<std::string>> partTexts(const std::map<std::string, std::string>& value,
-                                                  const std::vector<std::pair<std::string, const AxNode*>>& parts) {
-  const bool twelveHours = std::any_of(parts.begin(), parts.end(), [](const auto& p) { return p.first == "am/pm"; });
-  std::vector<std::string> texts;
-  for (const auto& [part, node] : parts) {
-    const auto found = value.find(part == "hours" && !twelveHours ? "hours24" : part);
-    if (found == value.end()) return std::nullopt;
-    texts.push_back(found->second);
+std::optional<DateTimeValue> dateTimeValue(const std::string& text) {
+  if (text.size() == 5) {
+    auto time = timeValue(text);
+    return time ? std::optional(DateTimeValue{{}, time}) : std::nullopt;
   }
-  // Each number of the value has its part: "hours24" and, in 24 hours, "am/pm" stand in for others.
-  const std::size_t needed = value.size() - (value.contains("hours24") ? (twelveHours ? 1 : 2) : 0);
-  if (texts.size() != needed) return std::nullopt;
-  return texts;
-}
-
-// "2026-12-24", "2026-12-24T15:30" or "15:30" as the parts of a browser's
-// date, date-and-time or time field, as they are typed into them.
-std::optional<std::map<std::string, std::string>> dateTimeParts(const std::string& text) {
-  if (text.size() == 5) return timeParts(text);
   if (text.size() < 10 || text[4] != '-' || text[7] != '-' || !digitsAt(text, {0, 1, 2, 3, 5, 6, 8, 9}))
     return std::nullopt;
-  std::map<std::string, std::string> parts{
-      {"year", text.substr(0, 4)}, {"month", text.substr(5, 2)}, {"day", text.substr(8, 2)}};
-  if (text.size() == 10) return parts;
-  if (text.size() != 16 || text[10] != 'T') return std::nullopt;
-  auto time = timeParts(text.substr(11));
-  if (!time) return std::nullopt;
-  parts.merge(*time);
-  return parts;
+  DateTimeValue value{{{"year", text.substr(0, 4)}, {"month", text.substr(5, 2)}, {"day", text.substr(8, 2)}}, {}};
+  if (text.size() == 10) return value;
+  if (text.size() != 16 || text[10] != 'T' || !(value.time = timeValue(text.substr(11)))) return std::nullopt;
+  return value;
+}
+
+// What each of a field's parts takes of the value, in the field's order, as
+// the field shows it: with an AM/PM part the hour in 12 hours and the half of
+// the day by its letter ("03", "P"), else the hour as it is. None unless the
+// parts are exactly the value's.
+std::optional<std::vector<std::string>> partTexts(const DateTimeValue& value,
+                                                  const std::vector<std::pair<std::string, const AxNode*>>& parts) {
+  const bool twelveHours = std::any_of(parts.begin(), parts.end(), [](const auto& p) { return p.first == "am/pm"; });
+  auto wanted = value.date;
+  if (value.time) {
+    const auto& [hours, minutes] = *value.time;
+    const int shown = !twelveHours ? hours : hours % 12 == 0 ? 12 : hours % 12;
+    wanted["hours"] = (shown < 10 ? "0" : "") + std::to_string(shown);
+    wanted["minutes"] = minutes;
+    if (twelveHours) wanted["am/pm"] = hours < 12 ? "A" : "P";
+  }
+  if (parts.size() != wanted.size()) return std::nullopt;
+  std::vector<std::string> texts;
+  for (const auto& [part, node] : parts) {
+    const auto found = wanted.find(part);
+    if (found == wanted.end()) return std::nullopt;
+    texts.push_back(found->second);
+  }
+  return texts;
 }
 
 // A browser's date or time field holds a part for each of its numbers, named
@@ -159,10 +165,6 @@ std::vector<std::pair<std::string, const AxNode*>> dateFieldParts(const AxSnapsh
   }
   return parts;
 }
-
-}  // namespace
-
-namespace {
 
 bool belongsTo(const std::string& variable, const cypher::AggregateArg& arg) {
   if (auto v = std::get_if<cypher::AggregateArg::Variable>(&arg.value)) return v->name == variable;
@@ -252,7 +254,7 @@ void ScriptRun::writeProperty(const GraphNode& node, const std::string& property
       const std::string text = writeValueText(value);
       // Firefox shows a time field as a plain group of its parts.
       const bool mayHaveParts = node.node().role == "AXDateField" || node.node().role == "AXGroup";
-      const auto date = mayHaveParts ? dateTimeParts(text) : std::nullopt;
+      const auto date = mayHaveParts ? dateTimeValue(text) : std::nullopt;
       const auto parts =
           date ? dateFieldParts(snapshot, node.node()) : std::vector<std::pair<std::string, const AxNode*>>{};
       const auto texts = date ? partTexts(*date, parts) : std::nullopt;

@@ -150,9 +150,11 @@ std::vector<platform::KeyEvent> typingEvents(platform::Input& input, std::string
   return events;
 }
 
-std::int32_t redirectedPid(platform::Accessibility& ax, platform::Workspace& workspace, std::int32_t pid) {
+std::int32_t keyTarget(platform::Platform& platform, std::int32_t pid) {
+  auto& ax = platform.accessibility();
+  HeldApplications::shared().refuseKeysWhileHeld(ax, pid);
   if (!hasFilePanel(ax, pid)) return pid;
-  return workspace.filePanelProcess(pid).value_or(pid);
+  return platform.workspace().filePanelProcess(pid).value_or(pid);
 }
 
 TypingWatch watchFocusedText(platform::Accessibility& ax, std::int32_t pid) {
@@ -270,10 +272,7 @@ ScrollReport scroll(platform::Platform& platform, const ScrollRequest& request) 
 std::string key(platform::Platform& platform, std::string_view keys, std::optional<std::int32_t> pid) {
   auto events = keyComboEvents(platform.input(), keys);
   std::optional<std::int32_t> target;
-  if (pid) {
-    HeldApplications::shared().refuseKeysWhileHeld(platform.accessibility(), *pid);
-    target = redirectedPid(platform.accessibility(), platform.workspace(), *pid);
-  }
+  if (pid) target = keyTarget(platform, *pid);
   for (const auto& event : events) post(platform.input(), event, target);
   return lowerText(keys);
 }
@@ -285,8 +284,7 @@ TypeReport type(platform::Platform& platform, std::string_view text, std::option
   std::optional<std::int32_t> target;
   TypingWatch before;
   if (pid) {
-    HeldApplications::shared().refuseKeysWhileHeld(ax, *pid);
-    target = redirectedPid(ax, platform.workspace(), *pid);
+    target = keyTarget(platform, *pid);
     // What the application itself shows, even when its keys go to a panel.
     before = watchFocusedText(ax, *pid);
   }

@@ -36,9 +36,10 @@ std::vector<platform::KeyEvent> keyComboEvents(platform::Input& input, std::stri
 /// grapheme's UTF-16 units as the key's text.
 std::vector<platform::KeyEvent> typingEvents(platform::Input& input, std::string_view text);
 
-/// `pid`, or the process that draws its open or save panel while one has the
-/// focus.
-std::int32_t redirectedPid(platform::Accessibility& ax, platform::Workspace& workspace, std::int32_t pid);
+/// The process that takes keys meant for `pid`: `pid`, or the process that
+/// draws its open or save panel while one has the focus. Throws "no_action"
+/// while `pid` is held inside a press (held_applications.h).
+std::int32_t keyTarget(platform::Platform& platform, std::int32_t pid);
 
 /// What a process shows before typing: its focused element and that
 /// element's text.

@@ -9,6 +9,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "platform/process_family.h"
+
 namespace glimmerstrand::platform {
 namespace {
 
@@ -132,15 +134,9 @@ std::string commandName(pid_t pid) {
 std::vector<DesktopRecord> desktopMembers(const fs::path& folder) {
   const std::string entry = std::string(desktopMemberVariable) + "=" + folder.string();
   std::vector<DesktopRecord> members;
-  std::error_code error;
-  for (const auto& item : fs::directory_iterator("/proc", error)) {
-    const std::string name = item.path().filename().string();
-    if (name.empty() || !std::all_of(name.begin(), name.end(), [](unsigned char c) { return std::isdigit(c); }))
-      continue;
-    const pid_t pid = std::stoi(name);
+  for (const auto& [pid, parent] : processParents()) {
     if (pid == ::getpid() || !environmentHolds(pid, entry)) continue;
-    const auto stat = processStat(pid);
-    if (stat && stat->state != 'Z') members.push_back({pid, stat->started, commandName(pid)});
+    if (const auto stat = processStat(pid)) members.push_back({pid, stat->started, commandName(pid)});
   }
   return members;
 }
@@ -149,15 +145,12 @@ std::optional<fs::path> desktopOfThisProcess() {
   const fs::path folder = headlessDesktopFolder(processEnvironmentValue);
   const auto variables = runningDesktopEnvironment(folder);
   if (!variables) return std::nullopt;
-  for (const char* display : {"WAYLAND_DISPLAY", "DISPLAY"}) {
-    const auto ours = processEnvironmentValue(display);
-    const auto found = variables->find(display);
-    if (ours && found != variables->end()) {
-      if (*ours == found->second) return folder;
-      return std::nullopt;
-    }
-  }
-  return std::nullopt;
+  // A Wayland desktop's environment has no DISPLAY, an X11 one no WAYLAND_DISPLAY.
+  const char* display = variables->contains("WAYLAND_DISPLAY") ? "WAYLAND_DISPLAY" : "DISPLAY";
+  const auto theirs = variables->find(display);
+  const auto ours = processEnvironmentValue(display);
+  if (theirs == variables->end() || ours != theirs->second) return std::nullopt;
+  return folder;
 }
 
 std::string exportLines(const std::vector<std::pair<std::string, std::string>>& variables) {

@@ -154,7 +154,7 @@ bool WaylandInput::postKey(const KeyEvent& event, std::optional<std::int32_t> pi
   }
   client_.flush();
   wire.unlock();
-  if (borrowed_ && held_.empty() && !typing_) giveFocusBack();
+  if (mayGiveFocusBack()) giveFocusBack();
   return true;
 }
 
@@ -168,7 +168,7 @@ void WaylandInput::beginKeys(std::int32_t pid) {
 void WaylandInput::endKeys() {
   std::lock_guard guard(lock_);
   typing_ = false;
-  if (borrowed_ && held_.empty()) giveFocusBack();
+  if (mayGiveFocusBack()) giveFocusBack();
 }
 
 // REQUIRES: lock_ held. Gives the focus to the process's window; nothing

@@ -62,6 +62,7 @@ class WaylandInput final : public Input {
   void moveTo(AxPoint location);
   void borrowFocus(std::int32_t pid);
   void giveFocusBack();
+  bool mayGiveFocusBack() const { return borrowed_ && held_.empty() && !typing_; }
 
   WaylandClient& client_;
   WaylandWindows& windows_;
