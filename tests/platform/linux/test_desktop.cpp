@@ -30,11 +30,22 @@ std::string script(const std::string& folder) {
   return "GLIMMERSTRAND_DESKTOP_DIR='" + folder + "' " + GLIMMERSTRAND_SOURCE_DIR "/scripts/desktop.sh";
 }
 
+/// Stops what runs on the desktop in `folder`, then removes the folder.
+void removeDesktop(const std::string& folder) {
+  if (!std::filesystem::exists(folder)) return;
+  std::system((script(folder) + " stop >/dev/null 2>&1").c_str());
+  std::error_code ignored;  // a file still being written is left for the next run to take
+  std::filesystem::remove_all(folder, ignored);
+}
+
 }  // namespace
 
 TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool windowManager,
                          const std::string& compositor)
     : folder_("/tmp/glimmerstrand-test-desktop-" + std::to_string(::getpid())) {
+  // Pids come round again: a folder of this name is an earlier process's,
+  // and its applications' settings (a session to restore) must not leak in.
+  removeDesktop(folder_);
   for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"}) {
     const std::string settings = folder_ + "/home/" + name;
     std::filesystem::create_directories(settings);
@@ -52,7 +63,7 @@ TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool wind
     printed = run(command + " 2>&1");
   } catch (...) {
     // What did start must not outlive the failed suite.
-    std::system((script(folder_) + " stop >/dev/null 2>&1").c_str());
+    removeDesktop(folder_);
     throw;
   }
   static const std::regex line(R"(export (\w+)='?([^'\n]*)'?)");
@@ -65,7 +76,7 @@ TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool wind
   }
 }
 
-TestDesktop::~TestDesktop() { std::system((script(folder_) + " stop >/dev/null 2>&1").c_str()); }
+TestDesktop::~TestDesktop() { removeDesktop(folder_); }
 
 std::int32_t TestDesktop::pid(const std::string& application) const {
   std::string key = "GLIMMERSTRAND_PID_" + application;
