@@ -58,7 +58,7 @@ std::size_t hashValue(const AxNode& v) {
                  v.menu, v.url, v.details, v.offscreen);
 }
 std::size_t hashValue(const AxSnapshot& v) {
-  return hashAll(v.app, v.pid, v.generation, v.ageMs, v.walkMs, v.dirty, v.truncated, v.notifications, v.nodes,
+  return hashAll(v.app, v.pid, v.generation, v.ageMs, v.walkMs, v.dirty, v.truncated, v.held, v.notifications, v.nodes,
                  v.elapsedMs);
 }
 std::size_t hashValue(const AxMenus& v) { return hashAll(v.app, v.pid, v.nodes); }

@@ -117,6 +117,9 @@ struct AxSnapshot {
   double walkMs = 0;
   bool dirty = false;
   bool truncated = false;
+  /// The application has answered nothing since one of our presses: it
+  /// runs a window of its own from within it, and the copy is as it stood.
+  bool held = false;
   std::int64_t notifications = 0;
   NodeList nodes;
   double elapsedMs = 0;

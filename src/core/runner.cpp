@@ -279,8 +279,14 @@ void ScriptRun::settlePending() {
     closed = true;
     return;
   }
+  const bool held = after.held;
   changeReport(*this, settling, std::move(after));
   noteTypingIfNothingChanged(settling);
+  if (held)
+    settling.result->addNote(appName() +
+                             " answers nothing since this act: it runs a window it opened from within it (a dialog, "
+                             "most likely) until that window is answered, and its copy is as it stood. Answer the "
+                             "window with ui.click at the point ui.screenshot shows; keys wait until it answers.");
 }
 
 void ScriptRun::ensureOpen() const {

@@ -73,7 +73,8 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
     request.timeoutMs = options.timeoutMs.value_or(2000);
     // An application held inside our press answers no walk until it comes
     // back: its copy as it stands, at once.
-    if (HeldApplications::shared().held(platform.accessibility(), app.pid)) request.timeoutMs = 0;
+    const bool held = HeldApplications::shared().held(platform.accessibility(), app.pid);
+    if (held) request.timeoutMs = 0;
     request.maxAgeMs = options.maxAgeMs;
     auto mirror = host_.mirrors().mirror(app.pid);
     // Generations count the walks of one mirror: a cached copy of another
@@ -92,6 +93,7 @@ core::AxSnapshot InProcessDriver::axSnapshot(const core::SnapshotOptions& option
     out = snapshot;  // the mirror's copy is core's snapshot, walk counts aside
     if (snapshot.unchanged) out.nodes = cached->snapshot.nodes;
     out.app = appRecord(app);
+    out.held = held;
   }
   out.elapsedMs = static_cast<double>(platform.clock().nowNs() - started) / 1e6;
   std::lock_guard guard(lock_);

@@ -27,7 +27,9 @@ TEST(HeldDesktop, KeysWaitUntilTheDialogOpenedInsideAPressHasClosed) {
                        JSONValue::Object{{"cypher", script}, {"app", JSONValue::Object{{"name", "modal_app.py"}}}});
   };
 
-  run("CALL ui.press('Discard')");
+  const JSONValue pressed = run("CALL ui.press('Discard')");
+  EXPECT_NE(core::jsonText(pressed).find("answers nothing since this act"), std::string::npos)
+      << core::jsonText(pressed);
   const JSONValue refused = run("CALL ui.key('Return')");
   EXPECT_NE(core::jsonText(refused).find("Keys now would freeze it"), std::string::npos) << core::jsonText(refused);
 
