@@ -23,6 +23,10 @@ constexpr std::int64_t msNs = 1'000'000;
 constexpr std::int64_t maxWaitMs = 1'000'000'000'000;
 constexpr int pressTargetLevels = 5;
 constexpr int focusAncestors = 7;
+// How long a focus set, and then a press, may take to show. Only a focus that
+// never moves waits them out; a browser busy after a load needs the room.
+constexpr std::int64_t focusShowsWithinMs = 400;
+constexpr std::int64_t pressFocusShowsWithinMs = 600;
 constexpr std::int64_t readTextMaxDepth = 64;
 constexpr std::int64_t readTextMaxTaken = 20000;
 
@@ -281,12 +285,12 @@ FocusReport focus(platform::Platform& platform, const ResolvedElement& target) {
   std::string method = "focus";
   // A focus that was there before any focus event was heard never moves: the
   // element's own state tells.
-  bool moved =
-      ax.copy(element, "AXFocused").as<bool>().value_or(false) || waitFocusInside(environment, app, element, 150);
+  bool moved = ax.copy(element, "AXFocused").as<bool>().value_or(false) ||
+               waitFocusInside(environment, app, element, focusShowsWithinMs);
   // Some controls take the focus only when pressed.
   if (!moved && contains(actionsOf(ax, element), "AXPress") && ax.perform(element, "AXPress") == AxError::success) {
     method = "press";
-    moved = waitFocusInside(environment, app, element, 300);
+    moved = waitFocusInside(environment, app, element, pressFocusShowsWithinMs);
   }
   return FocusReport{before, method, moved};
 }
