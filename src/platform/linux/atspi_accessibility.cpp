@@ -354,7 +354,7 @@ struct AtspiAccessibility::State {
   std::vector<ObjectRef> withoutHidden(const ElementRecord& parent, const std::vector<ObjectRef>& children,
                                        std::string_view toolkit, int timeoutMs) {
     if (children.empty()) return {};
-    const std::uint32_t parts = basicPart | (toolkit == gtk4Toolkit ? extentsPart : 0u);
+    const std::uint32_t parts = basicPart | (hidesByArea(toolkit) ? extentsPart : 0u);
     std::vector<const ElementRecord*> known(children.size(), nullptr);
     std::vector<ObjectRef> missing;
     for (std::size_t k = 0; k < children.size(); ++k) {

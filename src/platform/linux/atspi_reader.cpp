@@ -180,6 +180,10 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
   if ((parts & contentPart) && (r.interfaces & hyperlinkInterface) && mayCarryUri(r.role)) {
     round.add(method(ref, "org.a11y.atspi.Hyperlink", "GetURI", g_variant_new("(i)", 0)),
               [&r](const Reply& reply) { r.uri = boundedStringOf(replyChild(reply)).value_or(""); });
+  } else if ((parts & contentPart) && (r.interfaces & documentInterface) && r.role == ATSPI_ROLE_DOCUMENT_WEB) {
+    // Firefox tells a page's address only as the document's attribute.
+    round.add(method(ref, "org.a11y.atspi.Document", "GetAttributeValue", g_variant_new("(s)", "DocURL")),
+              [&r](const Reply& reply) { r.uri = boundedStringOf(replyChild(reply)).value_or(""); });
   }
   if ((parts & contentPart) && roleNeedsAttributes(r.role)) {
     round.add(method(ref, accessibleIface, "GetAttributes"), [&r](const Reply& reply) {

@@ -23,6 +23,7 @@ std::uint32_t interfaceBit(std::string_view name) {
       {"org.a11y.atspi.Application", applicationInterface},
       {"org.a11y.atspi.Collection", collectionInterface},
       {"org.a11y.atspi.Hypertext", hypertextInterface},
+      {"org.a11y.atspi.Document", documentInterface},
   };
   auto it = table.find(name);
   return it == table.end() ? 0 : it->second;
@@ -68,9 +69,11 @@ struct HiddenMarks {
   bool paneNotShowing;  // only a pane that holds a tab's document tells by SHOWING
 };
 // Firefox clears SHOWING for a page's content scrolled out of view too, so
-// only the panes that hold a tab's document say the tab is behind.
+// only the panes that hold a tab's document say the tab is behind. LibreOffice
+// speaks GTK 3 and keeps its own menu bar, which the window's GTK one
+// replaces, showing with no height.
 constexpr std::array<HiddenMarks, 4> hiddenMarks{{
-    {gtk3Toolkit, true, false, false},
+    {gtk3Toolkit, true, true, false},
     {gtk4Toolkit, false, true, false},  // 4.8 sets SHOWING on windows only
     {qtToolkit, true, false, false},
     {geckoToolkit, false, false, true},
@@ -80,6 +83,11 @@ bool isPaneRole(std::uint32_t role) { return role == ATSPI_ROLE_SCROLL_PANE || r
 
 }  // namespace
 
+bool hidesByArea(std::string_view toolkit) {
+  return std::any_of(hiddenMarks.begin(), hiddenMarks.end(),
+                     [&](const HiddenMarks& marks) { return marks.toolkit == toolkit && marks.noArea; });
+}
+
 bool isHiddenChild(std::uint32_t childRole, const States& child, const std::optional<AxRect>& extents,
                    const States& parent, std::string_view toolkit) {
   if (!child.visible()) return true;
@@ -87,7 +95,10 @@ bool isHiddenChild(std::uint32_t childRole, const States& child, const std::opti
     if (marks.toolkit != toolkit) continue;
     const bool notShowing = marks.notShowing || (marks.paneNotShowing && isPaneRole(childRole));
     if (notShowing && parent.showing() && !child.showing()) return true;
-    if (marks.noArea && extents && (extents->width <= 0 || extents->height <= 0)) return true;
+    // A page tab's frame is its tab's: a notebook that hides its tabs still
+    // shows the page.
+    if (marks.noArea && childRole != ATSPI_ROLE_PAGE_TAB && extents && (extents->width <= 0 || extents->height <= 0))
+      return true;
   }
   return false;
 }

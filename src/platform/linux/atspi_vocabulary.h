@@ -28,6 +28,7 @@ enum Interface : std::uint32_t {
   applicationInterface = 1u << 9,
   collectionInterface = 1u << 10,
   hypertextInterface = 1u << 11,
+  documentInterface = 1u << 12,
 };
 
 /// The bit of one D-Bus interface name ("org.a11y.atspi.Text"); 0 for others.
@@ -76,11 +77,14 @@ std::string toolkitName(std::string_view atspiName, std::string_view version);
 /// Whether a child that the toolkit keeps in its tree is out of a person's
 /// sight: not VISIBLE anywhere; where the toolkit keeps SHOWING true to the
 /// screen, not SHOWING while its parent is; where it keeps hidden widgets
-/// unallocated instead (GTK4), a frame without area; in Firefox, the pane of
+/// unallocated (GTK 3 and 4), a frame without area; in Firefox, the pane of
 /// a tab in the background. `extents` is absent when the child has no frame
 /// to read.
 bool isHiddenChild(std::uint32_t childRole, const States& child, const std::optional<AxRect>& extents,
                    const States& parent, std::string_view toolkit);
+
+/// Whether isHiddenChild needs a child's frame for `toolkit`.
+bool hidesByArea(std::string_view toolkit);
 
 /// What decides an element's AX role besides its own AT-SPI role.
 struct RoleContext {

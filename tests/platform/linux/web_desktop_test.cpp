@@ -83,13 +83,19 @@ class WebDesktopTest : public ::testing::TestWithParam<std::string> {
   // the page's heading reads `heading`.
   bool goTo(const std::string& page, const std::string& heading, const std::string& last = "") {
     const std::string bar = browser() == "chromium" ? "(a:TextField {name: 'Address and search bar'})" : "(a:ComboBox)";
+    const auto before = column("MATCH (w:WebArea) RETURN w.id", "w.id");
     results("MATCH " + bar + " SET a.value = '" + server_->url(page) + "'; CALL ui.key('return')");
-    // The address bar's pop-up goes when the load begins: before that, the
-    // page in the copy may still be the one this load replaces.
+    // Until the load begins, the copy may still hold the page this load
+    // replaces, the very same page when it is loaded again: the loaded one is
+    // a document the copy did not hold before.
     return eventually(
         [&] {
-          const auto pages = column("MATCH (w:WebArea) RETURN w.name", "w.name");
-          return this->heading() == heading && std::find(pages.begin(), pages.end(), "Omnibox Popup") == pages.end() &&
+          const auto pages = column("MATCH (w:WebArea) RETURN w.id", "w.id");
+          const bool loaded = std::any_of(pages.begin(), pages.end(), [&](const std::string& id) {
+            return std::find(before.begin(), before.end(), id) == before.end();
+          });
+          return loaded && this->heading() == heading &&
+                 column("MATCH (w:WebArea {name: 'Omnibox Popup'}) RETURN w.id", "w.id").empty() &&
                  (last.empty() || !column("MATCH (b:Button {name: '" + last + "'}) RETURN b.id", "b.id").empty());
         },
         std::chrono::seconds(15));
@@ -165,6 +171,7 @@ TEST_P(WebDesktopTest, ALinkPressedReportsTheNewPage) {
   EXPECT_NE(core::jsonText(followed).find("The next page"), std::string::npos) << core::jsonText(followed);
   EXPECT_EQ(heading(), "The next page");
   EXPECT_EQ(column("MATCH (w:WebArea) RETURN w.name", "w.name"), std::vector<std::string>{"Next"});
+  EXPECT_EQ(column("MATCH (w:WebArea) RETURN w.url", "w.url"), std::vector<std::string>{server_->url("next.html")});
 }
 
 // A reference taken before the page made its field anew still resolves (the
