@@ -306,7 +306,11 @@ SetValueReport setValue(platform::Platform& platform, const ResolvedElement& tar
     throw refused(settable.error, core::codes::noAction, "値を書き換えられませんでした: ");
   if (!settable.ok() || !settable.value)
     throw core::GlimmerstrandError(core::codes::noAction, "この要素の値は書き換えられません");
-  if (auto error = ax.set(element, "AXValue", text); error != AxError::success)
+  if (auto error = ax.set(element, "AXValue", text); error == AxError::illegalArgument)
+    throw core::GlimmerstrandError(core::codes::invalidArgument,
+                                   "No option here is named " + core::jsonString(text) +
+                                       ". Press the element to open its options, then read them.");
+  else if (error != AxError::success)
     throw refused(error, core::codes::noAction, "値を書き換えられませんでした: ");
   // An application may take the write and show something else: not a failure.
   bool applied = false;

@@ -848,6 +848,19 @@ class BusCalls final : public ElementCalls {
                              g_variant_new("(i)", *index)));
   }
 
+  AxError selectChoice(const std::string& name) override {
+    const auto combo = s_.record(ref_, childrenPart, timeoutMs_);
+    if (!combo.children || combo.children->empty()) return AxError::cannotComplete;
+    const auto menu = s_.record(combo.children->front(), childrenPart, timeoutMs_);
+    if (!menu.children) return AxError::cannotComplete;
+    const auto options = readRecords(s_.to(ref_.bus).get(), *menu.children, basicPart, timeoutMs_);
+    for (std::size_t k = 0; k < options.size(); ++k)
+      if (options[k].error == AxError::success && cleanedName(options[k].name, options[k].role, toolkit_) == name)
+        return outcomeOf(
+            s_.call(element_, "org.a11y.atspi.Selection", "SelectChild", g_variant_new("(i)", static_cast<gint32>(k))));
+    return AxError::illegalArgument;
+  }
+
   AxError selectText(const AxRange& range) override {
     const auto start = static_cast<gint32>(range.location);
     const auto end = static_cast<gint32>(range.location + range.length);

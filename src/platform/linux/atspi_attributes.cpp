@@ -114,6 +114,13 @@ bool textWritable(const ElementRecord& r) { return (r.interfaces & editableTextI
 // ignores: a cell is written by keys.
 bool numberWritable(const ElementRecord& r) { return (r.interfaces & valueInterface) && !isTableCellRole(r.role); }
 
+// Whether a pop-up's choice is written by selecting its option: GTK 3 keeps
+// the options in a menu that stays hidden until it opens, and the pop-up
+// selects among them without opening it.
+bool choiceWritable(const ElementRecord& r) {
+  return isComboRole(r.role) && !r.editableChild && (r.interfaces & selectionInterface);
+}
+
 std::optional<double> wholeNumber(std::string_view text) {
   double number = 0;
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -123,6 +130,7 @@ std::optional<double> wholeNumber(std::string_view text) {
 
 AxError writeValue(const ElementRecord& r, const AxValue& value, ElementCalls& calls) {
   if (auto text = value.get<std::string>(); text && textWritable(r)) return calls.setText(*text);
+  if (auto text = value.get<std::string>(); text && choiceWritable(r)) return calls.selectChoice(*text);
   // Agents write numbers as text too: "75" moves a slider.
   std::optional<double> number;
   if (auto given = value.get<double>())
@@ -171,7 +179,7 @@ const std::array rows{
                    return textOrMissing(in.toolkit == qtToolkit ? plainText(text) : text);
                  }},
     AttributeRow{"AXValue", Scope::element, recordParts, valueOf,
-                 [](Record r) { return textWritable(r) || numberWritable(r); }, writeValue},
+                 [](Record r) { return textWritable(r) || numberWritable(r) || choiceWritable(r); }, writeValue},
     AttributeRow{"AXIdentifier", Scope::element, recordParts,
                  [](In in) { return textOrMissing(in.record.accessibleId); }},
     AttributeRow{"AXPlaceholderValue", Scope::element, recordParts,

@@ -40,6 +40,8 @@ class ElementCalls {
   virtual AxError setNumber(double number) = 0;
   virtual AxError grabFocus() = 0;
   virtual AxError select(bool selected) = 0;
+  /// The option of a pop-up named `name`; illegalArgument when none is.
+  virtual AxError selectChoice(const std::string& name) = 0;
   /// A range of characters, or the caret where it is empty.
   virtual AxError selectText(const AxRange& range) = 0;
   /// Tells the application an assistive technology is there, where its

@@ -30,6 +30,7 @@ class RecordedCalls final : public ElementCalls {
   AxError setNumber(double number) override { return wrote("setNumber " + std::to_string(int(number))); }
   AxError grabFocus() override { return wrote("grabFocus"); }
   AxError select(bool selected) override { return wrote(selected ? "select" : "deselect"); }
+  AxError selectChoice(const std::string& name) override { return wrote("selectChoice " + name); }
   AxError selectText(const AxRange& range) override {
     return wrote("selectText " + std::to_string(range.location) + "+" + std::to_string(range.length));
   }
@@ -67,6 +68,8 @@ TEST(AtspiAttributes, AWriteGoesOutOnlyWhereTheElementIsSettable) {
   const auto notFocusable = element(ATSPI_ROLE_FRAME, componentInterface, {});
   const auto focused = element(ATSPI_ROLE_ENTRY, componentInterface, {ATSPI_STATE_FOCUSABLE, ATSPI_STATE_FOCUSED});
   const auto row = element(ATSPI_ROLE_LIST_ITEM, 0, {ATSPI_STATE_SELECTABLE});
+  const auto popUp = element(ATSPI_ROLE_COMBO_BOX, selectionInterface | actionInterface, {});
+  const auto popUpWithoutSelection = element(ATSPI_ROLE_COMBO_BOX, actionInterface, {});
   const auto label = element(ATSPI_ROLE_LABEL, textInterface, {});
   const auto application = element(ATSPI_ROLE_APPLICATION, applicationInterface, {});
   const auto window = element(ATSPI_ROLE_FRAME, componentInterface, {});
@@ -92,6 +95,10 @@ TEST(AtspiAttributes, AWriteGoesOutOnlyWhereTheElementIsSettable) {
       {"a slider takes a number", slider, "AXValue", 30.0, true, AxError::success, "setNumber 30"},
       {"a slider takes no word", slider, "AXValue", "loud", true, AxError::attributeUnsupported, ""},
       {"an editable field takes no number", editableField, "AXValue", 5.0, true, AxError::attributeUnsupported, ""},
+      {"a pop-up selects its option by name", popUp, "AXValue", "Window", true, AxError::success,
+       "selectChoice Window"},
+      {"a pop-up without Selection is written by keys", popUpWithoutSelection, "AXValue", "Window", false,
+       AxError::attributeUnsupported, ""},
       {"a spreadsheet cell is written by keys", sheetCell, "AXValue", "75", false, AxError::attributeUnsupported, ""},
       {"a focusable control takes the focus", focusable, "AXFocused", true, true, AxError::success, "grabFocus"},
       {"the focus is not given away", focusable, "AXFocused", false, true, AxError::attributeUnsupported, ""},

@@ -108,6 +108,22 @@ TEST_F(LinuxDesktopTest, PressingACheckBoxReportsTheChangeAndADisabledOneIsRefus
   EXPECT_NE(core::jsonText(after).find(R"("c.value":"0")"), std::string::npos);
 }
 
+// GTK 3 keeps a pop-up's options in a menu hidden until it opens; the value
+// is chosen among them by name without opening it.
+TEST_F(LinuxDesktopTest, APopUpTakesItsOptionByNameAndRefusesOneItDoesNotHave) {
+  auto client = lineClient();
+  const auto id = onlyId(*client, "gtk3-widget-factory", "MATCH (n:PopUpButton {value: 'Left'})");
+  auto set = [&](const std::string& option) {
+    return core::jsonText(
+        cypher(*client, "gtk3-widget-factory", "MATCH (p {id: '" + id + "'}) SET p.value = '" + option + "'"));
+  };
+  const auto chosen = set("Right");
+  EXPECT_NE(chosen.find("~ " + id + " PopUpButton = \\\"Right\\\" (was \\\"Left\\\")"), std::string::npos) << chosen;
+  const auto refused = set("Upwards");
+  EXPECT_NE(refused.find("No option here is named"), std::string::npos) << refused;
+  EXPECT_NE(set("Left").find("(was \\\"Right\\\")"), std::string::npos);
+}
+
 TEST_F(LinuxDesktopTest, ATextValueArrivesInABackgroundWindowWithoutMovingTheFocus) {
   const auto focusBefore = glimmerstrand::testing::inputFocus();
 
