@@ -14,6 +14,8 @@ namespace {
 
 constexpr const char* accessibleIface = "org.a11y.atspi.Accessible";
 constexpr const char* nullPath = "/org/a11y/atspi/null";
+// The options of a select whose states are read to find the chosen one.
+constexpr std::size_t maxChoiceOptions = 500;
 
 // A round of calls, each with what to do with its reply.
 class Round {
@@ -41,6 +43,15 @@ Call method(const ObjectRef& ref, const char* interface, const char* name, GVari
 
 // A failure of the first, most basic call decides whether the element is
 // there at all; later calls failing only leave their part empty.
+States statesOf(const Variant& v) {
+  States states;
+  if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("au"))) return states;
+  std::size_t n = 0;
+  auto* words = static_cast<const std::uint32_t*>(g_variant_get_fixed_array(v.get(), &n, sizeof(std::uint32_t)));
+  for (std::size_t k = 0; k < n && k < 2; ++k) states.bits |= std::uint64_t(words[k]) << (32 * k);
+  return states;
+}
+
 void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
   round.add(method(ref, accessibleIface, "GetRole"), [&r](const Reply& reply) {
     if (!reply.ok()) {
@@ -49,13 +60,8 @@ void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
     }
     r.role = uint32Of(replyChild(reply)).value_or(0);
   });
-  round.add(method(ref, accessibleIface, "GetState"), [&r](const Reply& reply) {
-    Variant v = replyChild(reply);
-    if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("au"))) return;
-    std::size_t n = 0;
-    auto* words = static_cast<const std::uint32_t*>(g_variant_get_fixed_array(v.get(), &n, sizeof(std::uint32_t)));
-    for (std::size_t k = 0; k < n && k < 2; ++k) r.states.bits |= std::uint64_t(words[k]) << (32 * k);
-  });
+  round.add(method(ref, accessibleIface, "GetState"),
+            [&r](const Reply& reply) { r.states.bits |= statesOf(replyChild(reply)).bits; });
   round.add(method(ref, accessibleIface, "GetInterfaces"), [&r](const Reply& reply) {
     Variant v = replyChild(reply);
     if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING_ARRAY)) return;
@@ -244,12 +250,13 @@ void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32
         if (auto role = uint32Of(replyChild(reply)); role && isTextEntryRole(*role)) r.editableChild = true;
       });
     }
-    // A page's select holds its options in a menu that knows the chosen one.
+    // A page's select holds its options in a menu, the chosen one marked
+    // selected. The menu is not asked for its selection: Firefox crashes when
+    // asked that of a page on its way out.
     if (!r.children->empty())
-      round.add(method(r.children->front(), "org.a11y.atspi.Selection", "GetSelectedChild", g_variant_new("(i)", 0)),
-                [&r](const Reply& reply) {
-                  if (auto chosen = objectRef(replyChild(reply)); chosen && !chosen->isNull()) r.choiceRef = *chosen;
-                });
+      round.add(method(r.children->front(), accessibleIface, "GetChildren"), [&r](const Reply& reply) {
+        if (reply.ok()) r.choiceOptions = objectRefs(replyChild(reply));
+      });
   }
   // Some toolkits answer GetText(0, -1) with nothing: ask for the count,
   // and for no more than a text may carry (one more, to tell it was cut).
@@ -316,10 +323,7 @@ CachedItems readCachedItems(GDBusConnection* connection, const std::string& bus,
     c.name = boundedStringOf(Variant(g_variant_get_child_value(raw, 6))).value_or("");
     c.role = uint32Of(Variant(g_variant_get_child_value(raw, 7))).value_or(0);
     c.description = boundedStringOf(Variant(g_variant_get_child_value(raw, 8))).value_or("");
-    Variant states(g_variant_get_child_value(raw, 9));
-    std::size_t n = 0;
-    auto* words = static_cast<const std::uint32_t*>(g_variant_get_fixed_array(states.get(), &n, sizeof(std::uint32_t)));
-    for (std::size_t k = 0; k < n && k < 2; ++k) c.states.bits |= std::uint64_t(words[k]) << (32 * k);
+    c.states = statesOf(Variant(g_variant_get_child_value(raw, 9)));
     items.emplace(self->path, std::move(c));
   }
   return items;
@@ -462,6 +466,15 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
   for (std::size_t k = 0; k < elements.size(); ++k)
     if (records[k].error == AxError::success) readThird(round, elements[k], records[k], parts);
   round.run(connection, timeoutMs);
+  bool options = false;
+  for (auto& r : records)
+    for (std::size_t k = 0; k < r.choiceOptions.size() && k < maxChoiceOptions; ++k) {
+      options = true;
+      round.add(method(r.choiceOptions[k], accessibleIface, "GetState"), [&r, k](const Reply& reply) {
+        if (!r.choiceRef && statesOf(replyChild(reply)).selected()) r.choiceRef = r.choiceOptions[k];
+      });
+    }
+  if (options) round.run(connection, timeoutMs);
   bool chosen = false;
   for (auto& r : records) {
     if (!r.choiceRef) continue;

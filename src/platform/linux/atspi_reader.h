@@ -67,10 +67,11 @@ struct ElementRecord {
   std::optional<ObjectRef> parent;
   std::optional<std::uint32_t> parentRole;
   bool editableChild = false;
-  std::optional<ObjectRef> choiceRef;  // a combo box's chosen item, as its menu tells it
-  std::string choice;                  // that item's name
-  std::string xmlRoles;                // the roles a page gave the element
-  std::optional<std::int32_t> level;   // a heading's
+  std::vector<ObjectRef> choiceOptions;  // a combo box's items, as its menu holds them
+  std::optional<ObjectRef> choiceRef;    // the item of those marked selected
+  std::string choice;                    // that item's name
+  std::string xmlRoles;                  // the roles a page gave the element
+  std::optional<std::int32_t> level;     // a heading's
   std::vector<std::string> actions;
   std::string keyBinding;  // of the first action, as the toolkit writes it
   std::int32_t characterCount = -1;
