@@ -1,5 +1,7 @@
 #include "platform/linux/test_desktop.h"
 
+#include <gtest/gtest.h>
+
 #include <X11/Xlib.h>
 #include <unistd.h>
 
@@ -7,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iostream>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -30,10 +33,12 @@ std::string script(const std::string& folder) {
   return "GLIMMERSTRAND_DESKTOP_DIR='" + folder + "' " + GLIMMERSTRAND_SOURCE_DIR "/scripts/desktop.sh";
 }
 
+void stopDesktop(const std::string& folder) { std::system((script(folder) + " stop >/dev/null 2>&1").c_str()); }
+
 /// Stops what runs on the desktop in `folder`, then removes the folder.
 void removeDesktop(const std::string& folder) {
   if (!std::filesystem::exists(folder)) return;
-  std::system((script(folder) + " stop >/dev/null 2>&1").c_str());
+  stopDesktop(folder);
   std::error_code ignored;  // a file still being written is left for the next run to take
   std::filesystem::remove_all(folder, ignored);
 }
@@ -76,7 +81,16 @@ TestDesktop::TestDesktop(const std::vector<std::string>& applications, bool wind
   }
 }
 
-TestDesktop::~TestDesktop() { removeDesktop(folder_); }
+TestDesktop::~TestDesktop() {
+  // After a failure the applications' logs stay to be read; the next desktop
+  // of this name clears them.
+  if (::testing::UnitTest::GetInstance()->failed_test_count() == 0) {
+    removeDesktop(folder_);
+    return;
+  }
+  stopDesktop(folder_);
+  std::cerr << "the desktop's logs are kept in " << folder_ << "\n";
+}
 
 std::int32_t TestDesktop::pid(const std::string& application) const {
   std::string key = "GLIMMERSTRAND_PID_" + application;
