@@ -146,7 +146,7 @@ bool textIsValue(const ElementRecord& r) {
 
 // The calls that depend on what the first round told: the interfaces and
 // the role.
-void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts, bool textToEnd) {
+void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts, bool web) {
   if ((parts & childrenPart) && !r.children) readChildrenOrWithhold(round, ref, r);
   if ((parts & extentsPart) && (r.interfaces & componentInterface)) {
     round.add(method(ref, "org.a11y.atspi.Component", "GetExtents", g_variant_new("(u)", 0u)),
@@ -164,7 +164,7 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
   }
   // A field's text may be long: only its first part is asked for, which
   // takes its count first.
-  const bool wholeText = textToEnd && !(parts & textPart) && !isTextEntryRole(r.role);
+  const bool wholeText = web && !(parts & textPart) && !isTextEntryRole(r.role);
   if ((parts & contentPart) && wholeText && textIsValue(r) && (r.interfaces & textInterface)) {
     round.add(method(ref, "org.a11y.atspi.Text", "GetText", g_variant_new("(ii)", 0, -1)), [&r](const Reply& reply) {
       if (reply.ok()) r.text = boundedStringOf(replyChild(reply)).value_or("");
@@ -236,7 +236,7 @@ void readSecond(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint3
   }
 }
 
-void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts) {
+void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32_t parts, bool web) {
   // Chromium and Firefox list their actions without their names; they tell
   // them one by one.
   for (std::size_t k = 0; k < r.actions.size(); ++k) {
@@ -251,9 +251,10 @@ void readThird(Round& round, const ObjectRef& ref, ElementRecord& r, std::uint32
       });
     }
     // A page's select holds its options in a menu, the chosen one marked
-    // selected. The menu is not asked for its selection: Firefox crashes when
-    // asked that of a page on its way out.
-    if (!r.children->empty())
+    // selected; the other toolkits name a pop-up by its choice. The menu is
+    // not asked for its selection: Firefox crashes when asked that of a page
+    // on its way out.
+    if (web && !r.children->empty())
       round.add(method(r.children->front(), accessibleIface, "GetChildren"), [&r](const Reply& reply) {
         if (reply.ok()) r.choiceOptions = objectRefs(replyChild(reply));
       });
@@ -409,7 +410,7 @@ bool withholdsChildren(const States& states, std::int32_t childCount) {
 }
 
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
-                                       std::uint32_t parts, int timeoutMs, const CachedTree* cached, bool textToEnd) {
+                                       std::uint32_t parts, int timeoutMs, const CachedTree* cached, bool web) {
   const std::uint32_t asked = parts;
   // Interfaces and role steer every later part: read them whenever more
   // than the structure is asked for.
@@ -434,7 +435,7 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
         if (auto known = cached->children.find(elements[k].path); known != cached->children.end())
           r.children = known->second;
       if (parts & parentPart) readParent(round, elements[k], r);
-      readSecond(round, elements[k], r, parts, textToEnd);
+      readSecond(round, elements[k], r, parts, web);
       early[k] = true;
       continue;
     }
@@ -459,12 +460,12 @@ std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::v
   bool second = false;
   for (std::size_t k = 0; k < elements.size(); ++k) {
     if (early[k] || records[k].error != AxError::success) continue;
-    readSecond(round, elements[k], records[k], parts, textToEnd);
+    readSecond(round, elements[k], records[k], parts, web);
     second = true;
   }
   if (second) round.run(connection, timeoutMs);
   for (std::size_t k = 0; k < elements.size(); ++k)
-    if (records[k].error == AxError::success) readThird(round, elements[k], records[k], parts);
+    if (records[k].error == AxError::success) readThird(round, elements[k], records[k], parts, web);
   round.run(connection, timeoutMs);
   bool options = false;
   for (auto& r : records)

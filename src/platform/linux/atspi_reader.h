@@ -140,12 +140,13 @@ bool withholdsChildren(const States& states, std::int32_t childCount);
 /// Elements found in `cached` (of their application) take their basic part
 /// and their children from it where it tells them, and what depends on the
 /// basic part goes out in the first round; where `parts` lacks the basic
-/// part, they ask nothing for it. With `textToEnd`, where the toolkit gives
-/// a whole text for an end of -1, the text of what is not a field is read
-/// without its count first.
+/// part, they ask nothing for it. With `web` (a browser's objects, whose
+/// toolkit gives a whole text for an end of -1), the text of what is not a
+/// field is read without its count first, and a select's chosen option is
+/// read.
 std::vector<ElementRecord> readRecords(GDBusConnection* connection, const std::vector<ObjectRef>& elements,
                                        std::uint32_t parts, int timeoutMs, const CachedTree* cached = nullptr,
-                                       bool textToEnd = false);
+                                       bool web = false);
 
 /// The parts a read of these AX attribute names needs, as the attribute
 /// table (atspi_attributes.h) tells them.
