@@ -573,9 +573,14 @@ function webTasks(browser) {
       x11: true,
       run: withPages(async ({ session, pages }) => {
         await session.do(browser.app, goTo(browser, pages.url('long.html'), 'Price list'));
-        // The mirror holds the rows in view; the table's text holds them all.
-        const table = await session.do(browser.app, 'MATCH (t:Table) RETURN t.id');
-        const id = rowsOf(table, 1)[0]?.['t.id'];
+        // Firefox builds a long page's table after its heading: the agent
+        // waits for it. The mirror holds the rows in view; the table's text
+        // holds them all.
+        const table = await session.do(
+          browser.app,
+          'CALL ui.wait_for("MATCH (t:Table) RETURN t.id", 10000); MATCH (t:Table) RETURN t.id',
+        );
+        const id = rowsOf(table, 2)[0]?.['t.id'];
         check(id, `no table on the page:\n${table}`);
         const read = await session.do(browser.app, `CALL ui.read(${quoted(id)})`);
         check(read.includes(`Item 900\\n${priceOf(900)}\\n`), `item 900's price is not in the table's text:\n${read.slice(0, 400)}`);
