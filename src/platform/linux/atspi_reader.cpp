@@ -41,8 +41,7 @@ Call method(const ObjectRef& ref, const char* interface, const char* name, GVari
   return Call{ref.bus, ref.path, interface, name, own(args)};
 }
 
-// A failure of the first, most basic call decides whether the element is
-// there at all; later calls failing only leave their part empty.
+// An element's states as GetState and the cache give them: two words.
 States statesOf(const Variant& v) {
   States states;
   if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE("au"))) return states;
@@ -52,6 +51,8 @@ States statesOf(const Variant& v) {
   return states;
 }
 
+// A failure of the first, most basic call decides whether the element is
+// there at all; later calls failing only leave their part empty.
 void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
   round.add(method(ref, accessibleIface, "GetRole"), [&r](const Reply& reply) {
     if (!reply.ok()) {
@@ -61,7 +62,7 @@ void readBasic(Round& round, const ObjectRef& ref, ElementRecord& r) {
     r.role = uint32Of(replyChild(reply)).value_or(0);
   });
   round.add(method(ref, accessibleIface, "GetState"),
-            [&r](const Reply& reply) { r.states.bits |= statesOf(replyChild(reply)).bits; });
+            [&r](const Reply& reply) { r.states = statesOf(replyChild(reply)); });
   round.add(method(ref, accessibleIface, "GetInterfaces"), [&r](const Reply& reply) {
     Variant v = replyChild(reply);
     if (!v || !g_variant_is_of_type(v.get(), G_VARIANT_TYPE_STRING_ARRAY)) return;
